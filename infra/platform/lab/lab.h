@@ -1,0 +1,109 @@
+// The lab platform: what an ordinary Linux process needs to stand in for the switch's platform.
+//
+// The functions of platform/*.h are implemented beside this header; the ones below are what the
+// program around them (the command line, a test) uses to set a switch up and to look at it. Every
+// path is taken from the root of the process, which has usually been moved into a switch's state.
+#ifndef LAB_H
+#define LAB_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/mts.h"
+#include "platform/pss2.h"
+#include "platform/sysmgr.h"
+
+namespace lab {
+
+// ---- Stores ------------------------------------------------------------------------------------
+
+// What a store gets that is created without parameters of its own. Sizes in bytes; a max_node_keys
+// of 0 is no limit.
+inline constexpr pss2_nonvol_params default_store_params = {4096, 1048576, 0, 1};
+
+// The file of a store: "nonvolatile:P" is P plus ".pss", "volatile:P" is the same below
+// /dev/shm/volatile. Empty for anything else.
+std::string store_file(const std::string &uri);
+
+// The URIs of all stores below the process's root, sorted, nonvolatile ones first.
+std::vector<std::string> store_uris();
+
+// Creates an empty store with these parameters; SYSERR_PSS_EXISTS when one stands there.
+syserr_t store_create(const std::string &uri, const pss2_nonvol_params &params);
+
+struct store_info {
+  uint64_t records = 0;
+  uint64_t bytes = 0; // of the store's file
+  pss2_nonvol_params params = {};
+};
+
+// Reads the whole store through the engine's integrity check. A status when it is missing, damaged
+// or of another program; the store is not changed.
+syserr_t store_inspect(const std::string &uri, store_info *info);
+
+// Closes every handle that is still open, which makes its writes durable. The first status that is
+// not 0; *closed (may be null) gets how many were open.
+syserr_t close_all_stores(size_t *closed);
+
+// ---- Messages ----------------------------------------------------------------------------------
+
+// A live queue with its endpoint under /var/run/mts. 0 and errno on failure.
+mts_q_handle_t mts_queue_open();
+// 0, or -1 and EBADF.
+int mts_queue_close(mts_q_handle_t queue);
+
+// Registers a service access point that this queue answers (queue 0: one that nobody answers, as a
+// description of a switch has them). `owner` is a free text. 0, or -1 and errno.
+int mts_sap_register(mts_q_handle_t queue, uint32 sap, const std::string &owner);
+
+struct access_point {
+  uint32 sap = 0;
+  std::string owner;
+};
+
+// All registered access points, by number.
+std::vector<access_point> mts_saps();
+
+// For whoever answers: what a received message is, and the response to it (0, or -1 and errno).
+struct message_info {
+  uint32 opcode = 0;
+  uint32 source_sap = 0;
+  uint32 destination_sap = 0;
+  mts_rr_token_t token = 0;
+  uint32 length = 0; // bytes of payload
+  bool response = false;
+};
+bool mts_message_info(mts_ref_t reference, message_info *info);
+int mts_reply(mts_q_handle_t queue, mts_ref_t request, const void *payload, uint32 length);
+
+// Closes all queues and ends the message threads. To be called before the process forks or ends.
+void mts_shutdown();
+
+// ---- System manager ----------------------------------------------------------------------------
+
+// The VDCs that the switch has (1 to 16); a tag table can be made for these only. Frees all tables.
+void sysmgr_set_vdcs(const std::vector<vdc_id_t> &vdcs);
+
+// ---- Journal -----------------------------------------------------------------------------------
+//
+// While a journal is on, each platform call that changes something is written to it as one line of
+// JSON: n, moment, vdc, service (the request that was running), call, and where they apply uri,
+// key (hex), old and new (bytes of the value, null when absent), added, changed, removed (records
+// of that store), sap, status, and unexpected (true for a write that failed for another reason than
+// that the thing was not there).
+
+// Writes to `fd` (owned by the caller, who closes it after journal_stop). `fd` -1: counts only.
+void journal_start(int fd);
+void journal_stop();
+
+// The request that the following calls belong to.
+void journal_request(const std::string &moment, vdc_id_t vdc, const std::string &service);
+
+// Writes that failed unexpectedly since journal_start, and the line of the first one.
+size_t journal_unexpected(std::string *first);
+
+} // namespace lab
+
+#endif

@@ -1,0 +1,172 @@
+/* libdatamorph: converts the persistent state of a switch's services when the switch changes
+ * software version. What a system manager includes; C11 and C++20.
+ *
+ * Calling order: libdatamorph_init once, then, at each conversion moment, the per-service entry
+ * point for each service (the membership query tells whether it has a routine at all), or the
+ * moment's _all entry point. Everything runs on the caller's thread; nothing is thread-safe.
+ *
+ * All strings are owned by the caller and only read, during the call only. A null string is never
+ * fatal: it is traced as "(null)" or refused with all bits set, as each routine says. */
+#ifndef LIBDATAMORPH_H
+#define LIBDATAMORPH_H
+
+#include <stdio.h>
+
+#include "platform/mts.h"
+#include "platform/types.h"
+
+PLATFORM_BEGIN_DECLS
+
+#pragma GCC visibility push(default)
+
+/* ---- Requests, results, tables ---------------------------------------------------------------- */
+
+/* One request. The four strings must outlive the call. */
+typedef struct datamorph_args {
+  const char *path;             /* directory in which the service's stores live */
+  const char *pkg_name;         /* package name */
+  const char *to_pkg_version;   /* release being installed, such as "4.2(1)" */
+  const char *from_pkg_version; /* release being left */
+} datamorph_args_t;
+
+/* Written only when a routine fails and the entry point stops. */
+typedef struct convert_ret_value {
+  uint32 uuid;     /* service of the table row whose routine failed */
+  syserr_t syserr; /* the status that it returned */
+} convert_ret_value_t;
+
+/* A conversion routine: 0 is success, any other status a failure. */
+typedef syserr_t (*convert_gsync_fn)(const char *path, const char *pkg_name, const char *to_ver,
+                                     const char *from_ver);
+typedef syserr_t (*convert_startup_fn)(const char *path, const char *pkg_name, const char *to_ver,
+                                       const char *from_ver);
+typedef syserr_t (*convert_running_fs_upg_fn)(const char *path, const char *pkg_name,
+                                              const char *to_ver, const char *from_ver);
+typedef syserr_t (*convert_psshlpr_upg_fn)(const char *path, const char *pkg_name,
+                                           const char *to_ver, const char *from_ver);
+
+/* Rows of the dispatch tables: a service (a uuid_t value) and its routine. A table ends with a row
+ * of SRVUUID_NONE and no routine; row order is call order; a service may have several rows. */
+typedef struct data_morph_gsync {
+  uint32 uuid;
+  convert_gsync_fn fn;
+} data_morph_gsync;
+typedef struct data_morph_startup {
+  uint32 uuid;
+  convert_startup_fn fn;
+} data_morph_startup;
+typedef struct data_morph_running_fs_upg {
+  uint32 uuid;
+  convert_running_fs_upg_fn fn;
+} data_morph_running_fs_upg;
+typedef struct data_morph_psshlpr_upg {
+  uint32 uuid;
+  convert_psshlpr_upg_fn fn;
+} data_morph_psshlpr_upg;
+
+extern const data_morph_gsync data_morph_gsync_table[];
+extern const data_morph_startup data_morph_startup_table[];
+extern const data_morph_running_fs_upg data_morph_running_fs_upg_table[];
+extern const data_morph_psshlpr_upg data_morph_psshlpr_upg_table[];
+
+/* ---- Entry points ----------------------------------------------------------------------------- */
+
+/* The system manager's message queue; 0 until libdatamorph_init has set it. */
+extern mts_q_handle_t datamorph_mts_q;
+
+/* Keeps the queue; may be called again, the last value counts. */
+void libdatamorph_init(mts_q_handle_t q);
+
+/* Run the routines of one service, in table order. Stops at the first failure only when `a` is
+ * given: fills it and returns the status. With `a` null a failure is dropped and the walk goes on.
+ * 0 for a service without a row. A null `args` stands for four null strings. */
+syserr_t datamorph_gsync(uuid_t uuid, convert_ret_value_t *a, datamorph_args_t *args);
+syserr_t datamorph_startup(uuid_t uuid, convert_ret_value_t *a, datamorph_args_t *args);
+syserr_t datamorph_running_fs_upg(uuid_t uuid, convert_ret_value_t *a, datamorph_args_t *args);
+
+/* Run a whole table; stop at the first failure and return it. */
+syserr_t datamorph_startup_all(datamorph_args_t *args);
+syserr_t datamorph_running_fs_upg_all(datamorph_args_t *args);
+
+/* The gsync routine of the PSS helper: runs every row of its own table. Always 0. */
+syserr_t psshlpr_data_morph_gsync(const char *path, const char *pkg_name, const char *to_ver,
+                                  const char *from_ver);
+
+/* Whether a service has a row in the table. Never true for SRVUUID_NONE. */
+bool is_uuid_in_convert_gsync_table(uuid_t uuid);
+bool is_uuid_in_convert_startup_table(uuid_t uuid);
+bool is_uuid_in_convert_running_fs_upg_table(uuid_t uuid);
+
+/* The running-configuration directory of this process's VDC (environment SYSMGR_VDC_ID and
+ * SYSMGR_RUNNING_CFG_DIR). Points into a static buffer that the next call overwrites. */
+const char *datamorph_uri_complete(void);
+
+/* Destroy the store "volatile:PATH/PSSNAME" or "nonvolatile:PATH/PSSNAME". The platform's status;
+ * all bits set for a null argument. */
+syserr_t datamorph_destroy_volatile_pss(char *path, char *pssname);
+syserr_t datamorph_destroy_nonvolatile_pss(char *path, char *pssname);
+
+/* ---- Conversion log --------------------------------------------------------------------------- */
+
+/* The conversion log, opened for the next line; null when it cannot be. The caller writes the line,
+ * flushes and syncs it, closes the stream and calls check_data_morph_log_size. */
+FILE *open_debug_log(void);
+
+/* Rotates the log when it is larger than 50000 bytes. 1 when there is no log to look at, else 0. */
+int check_data_morph_log_size(void);
+
+/* ---- Versions --------------------------------------------------------------------------------- */
+
+/* 1 when from_ver is newer than to_ver, -1 when it is older, 0 when their first three fields are
+ * equal; -2 when one is null, *errcode then all bits set, otherwise 0. A null errcode is not
+ * written. */
+int datamorph_compare_versions(const char *from_ver, const char *to_ver, syserr_t *errcode);
+
+/* Whether curr_ver is older than min_supported_ver, or one is null. errcode is not used. */
+bool datamorph_is_srv_not_supported_target_ver(const char *curr_ver, const char *min_supported_ver,
+                                               syserr_t *errcode);
+
+/* The version of the software image at srg_path into ver_str (ver_str_size bytes, always
+ * terminated). 0, or -1 for a null argument, a size below 1 or an image without version text. */
+int datamorph_get_version(char *srg_path, char *ver_str, int ver_str_size);
+
+/* ---- Converters ------------------------------------------------------------------------------- */
+
+/* Remove the runtime stores and access points of their service when the release being installed has
+ * the major number 3. All bits set for a null argument, else 0. */
+syserr_t sksd_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                        const char *from_ver);
+syserr_t plugin_data_morph_running_fs_upg(const char *path, const char *pkg_name,
+                                          const char *to_ver, const char *from_ver);
+syserr_t evms_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                        const char *from_ver);
+syserr_t evmc_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                        const char *from_ver);
+syserr_t mvsh_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                        const char *from_ver);
+syserr_t smm_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                       const char *from_ver);
+syserr_t clis_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                        const char *from_ver);
+
+/* IKE: trace that they ran; always 0. The third stands in no table. */
+syserr_t ike_data_morph_gsync(const char *path, const char *pkg_name, const char *to_ver,
+                              const char *from_ver);
+syserr_t ike_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
+                                const char *from_ver);
+syserr_t ike_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                       const char *from_ver);
+
+/* EPP: removes the service's stores and access point on a switch in NPV mode that goes down to a
+ * release older than "4.1(2)". Always 0. */
+syserr_t epp_in_npv_mode_data_morph_running_fs_upg(const char *path, const char *pkg_name,
+                                                   const char *to_pkg_version,
+                                                   const char *from_pkg_version);
+void epp_destroy_mts_sap(void);
+void epp_destroy_pss(const char *path);
+
+#pragma GCC visibility pop
+
+PLATFORM_END_DECLS
+
+#endif

@@ -165,7 +165,9 @@ std::string read_file(const std::string &path) {
   return text.str();
 }
 
-bool exists(const std::string &path) { return fs::exists(fs::symlink_status(path)); }
+bool exists(const std::string &path) {
+  return fs::exists(fs::symlink_status(path));
+}
 
 void mount_small(const std::string &path, const char *size) {
   fs::create_directories(path);

@@ -12,4 +12,6 @@ int run_tests(int argc, char **argv) {
 
 } // namespace
 
-int main(int argc, char **argv) { return switch_root::run_inside(argc, argv, run_tests); }
+int main(int argc, char **argv) {
+  return switch_root::run_inside(argc, argv, run_tests);
+}

@@ -19,7 +19,8 @@ PLATFORM_BEGIN_DECLS
 
 #pragma GCC visibility push(default)
 
-/* ---- Requests, results, tables ---------------------------------------------------------------- */
+/* ---- Requests, results, tables ----------------------------------------------------------------
+ */
 
 /* One request. The four strings must outlive the call. */
 typedef struct datamorph_args {
@@ -69,7 +70,8 @@ extern const data_morph_startup data_morph_startup_table[];
 extern const data_morph_running_fs_upg data_morph_running_fs_upg_table[];
 extern const data_morph_psshlpr_upg data_morph_psshlpr_upg_table[];
 
-/* ---- Entry points ----------------------------------------------------------------------------- */
+/* ---- Entry points -----------------------------------------------------------------------------
+ */
 
 /* The system manager's message queue; 0 until libdatamorph_init has set it. */
 extern mts_q_handle_t datamorph_mts_q;
@@ -106,7 +108,8 @@ const char *datamorph_uri_complete(void);
 syserr_t datamorph_destroy_volatile_pss(char *path, char *pssname);
 syserr_t datamorph_destroy_nonvolatile_pss(char *path, char *pssname);
 
-/* ---- Conversion log --------------------------------------------------------------------------- */
+/* ---- Conversion log ---------------------------------------------------------------------------
+ */
 
 /* The conversion log, opened for the next line; null when it cannot be. The caller writes the line,
  * flushes and syncs it, closes the stream and calls check_data_morph_log_size. */
@@ -115,7 +118,8 @@ FILE *open_debug_log(void);
 /* Rotates the log when it is larger than 50000 bytes. 1 when there is no log to look at, else 0. */
 int check_data_morph_log_size(void);
 
-/* ---- Versions --------------------------------------------------------------------------------- */
+/* ---- Versions ---------------------------------------------------------------------------------
+ */
 
 /* 1 when from_ver is newer than to_ver, -1 when it is older, 0 when their first three fields are
  * equal; -2 when one is null, *errcode then all bits set, otherwise 0. A null errcode is not
@@ -130,7 +134,8 @@ bool datamorph_is_srv_not_supported_target_ver(const char *curr_ver, const char 
  * terminated). 0, or -1 for a null argument, a size below 1 or an image without version text. */
 int datamorph_get_version(char *srg_path, char *ver_str, int ver_str_size);
 
-/* ---- Converters ------------------------------------------------------------------------------- */
+/* ---- Converters -------------------------------------------------------------------------------
+ */
 
 /* Remove the runtime stores and access points of their service when the release being installed has
  * the major number 3. All bits set for a null argument, else 0. */

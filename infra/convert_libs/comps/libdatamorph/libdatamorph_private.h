@@ -14,7 +14,9 @@
 void datamorph_trace(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // A string for a message: null reads "(null)".
-inline const char *datamorph_text(const char *text) { return text != nullptr ? text : "(null)"; }
+inline const char *datamorph_text(const char *text) {
+  return text != nullptr ? text : "(null)";
+}
 
 // ---- Versions ---------------------------------------------------------------------------------
 

@@ -4,7 +4,7 @@
 
 #ifdef __cplusplus
 #define PLATFORM_BEGIN_DECLS extern "C" {
-#define PLATFORM_END_DECLS }
+#define PLATFORM_END_DECLS   }
 #else
 #define PLATFORM_BEGIN_DECLS
 #define PLATFORM_END_DECLS

@@ -21,19 +21,19 @@ typedef struct mts_recv_options {
 } mts_recv_options_t;
 
 /* Service access points; the numbers are the system's. */
-#define MTS_SAP_SYSMGR 3u
-#define MTS_SAP_SKSD 11u
-#define MTS_SAP_EXCHANGE_PEER_PARAMS 109u
-#define MTS_SAP_PLUGIN 187u
-#define MTS_SAP_SMM 245u
-#define MTS_SAP_CLISH 295u
-#define MTS_SAP_CLIS 296u
-#define MTS_SAP_CLIS_CTRL 297u
-#define MTS_SAP_EVENT_MANAGER_SERVER 341u
-#define MTS_SAP_EVENT_MANAGER_CLIENT 342u
+#define MTS_SAP_SYSMGR                        3u
+#define MTS_SAP_SKSD                          11u
+#define MTS_SAP_EXCHANGE_PEER_PARAMS          109u
+#define MTS_SAP_PLUGIN                        187u
+#define MTS_SAP_SMM                           245u
+#define MTS_SAP_CLISH                         295u
+#define MTS_SAP_CLIS                          296u
+#define MTS_SAP_CLIS_CTRL                     297u
+#define MTS_SAP_EVENT_MANAGER_SERVER          341u
+#define MTS_SAP_EVENT_MANAGER_CLIENT          342u
 #define MTS_SAP_EVENT_MANAGER_CLIENT_HIGHPRIO 364u
-#define MTS_SAP_MVSH 422u
-#define MTS_SAP_MVSH_HIGH_PRIORITY 485u
+#define MTS_SAP_MVSH                          422u
+#define MTS_SAP_MVSH_HIGH_PRIORITY            485u
 
 /* All of these: queue 0 and unknown queues give -1 and EBADF. */
 

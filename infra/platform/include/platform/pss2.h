@@ -16,8 +16,8 @@ typedef struct pss2_nonvol_params {
   version_id_t version;
 } pss2_nonvol_params;
 
-#define PSS2_MODE_READ 0x1u
-#define PSS2_MODE_WRITE 0x2u
+#define PSS2_MODE_READ   0x1u
+#define PSS2_MODE_WRITE  0x2u
 #define PSS2_MODE_CREATE 0x10u /* create when missing */
 
 /* Status in *status, result 0 on failure. */

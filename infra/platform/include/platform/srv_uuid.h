@@ -8,8 +8,7 @@ typedef enum srv_uuid : unsigned int
 #else
 typedef enum srv_uuid
 #endif
-{
-  SRVUUID_NONE = 0,
+{ SRVUUID_NONE = 0,
   SRVUUID_VRRP_MGR = 11,
   SRVUUID_VRRP_ENG = 68,
   SRVUUID_EXCHANGE_PEER_PARAMS = 166,

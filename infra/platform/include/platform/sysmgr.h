@@ -9,7 +9,7 @@
 
 PLATFORM_BEGIN_DECLS
 
-#define SYSMGR_VDC_ROWS 17
+#define SYSMGR_VDC_ROWS      17
 #define SYSMGR_TAG_TABLE_MAX 65536 /* bytes that a table that stands has room for */
 
 typedef struct sysmgr_info {

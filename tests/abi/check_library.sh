@@ -1,0 +1,55 @@
+#!/bin/sh
+# Reads the built library: check_library.sh CHECK LIBRARY SOURCE_FOLDER
+set -eu
+check=$1
+library=$2
+here=$(dirname "$0")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+fail() {
+  echo "$library: $*" >&2
+  exit 1
+}
+
+same() {
+  diff -u "$1" "$2" || fail "$3"
+}
+
+case $check in
+  exported) # exactly the listed names, each with the library's version
+    nm -D --defined-only "$library" | awk '$2 != "A" { print $3 }' | LC_ALL=C sort >"$work/found"
+    sed 's/$/@@LIBDATAMORPH_1/' "$here/exported_symbols.txt" | LC_ALL=C sort >"$work/expected"
+    same "$work/expected" "$work/found" 'exports another set of names'
+    ;;
+  undefined) # from the platform only what its interface has; the rest from the C library
+    nm -D --undefined-only "$library" | awk '$1 == "U" { print $2 }' >"$work/all"
+    [ -s "$work/all" ] || fail 'no undefined symbol found'
+    grep -v '@GLIBC_' "$work/all" | LC_ALL=C sort >"$work/platform" || true
+    LC_ALL=C sort "$here/platform_symbols.txt" >"$work/allowed"
+    LC_ALL=C comm -23 "$work/platform" "$work/allowed" >"$work/strays"
+    [ ! -s "$work/strays" ] || fail "needs what no platform has: $(tr '\n' ' ' <"$work/strays")"
+    ;;
+  needed) # nothing but the C library; found by its own name
+    readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' >"$work/found"
+    echo libc.so.6 >"$work/expected"
+    same "$work/expected" "$work/found" 'needs other libraries'
+    readelf -d "$library" | grep -q 'SONAME.*\[libdatamorph.so.1\]' || fail 'has another soname'
+    ;;
+  hardening)
+    readelf -dW "$library" | grep -q 'BIND_NOW\|FLAGS.*NOW' || fail 'binds lazily'
+    readelf -lW "$library" | grep -q GNU_RELRO || fail 'has no RELRO'
+    readelf -lW "$library" | grep GNU_STACK | grep -q ' RW ' || fail 'has an executable stack'
+    ! readelf -dW "$library" | grep -qE 'TEXTREL|RPATH|RUNPATH' || fail 'has text relocations or a run path'
+    ;;
+  size) # under 150 KiB when stripped
+    strip -o "$work/stripped" "$library"
+    size=$(wc -c <"$work/stripped")
+    echo "$size bytes"
+    [ "$size" -lt 153600 ] || fail "has $size bytes when stripped"
+    ;;
+  paths) # nothing of the machine that built it
+    ! grep -qF "$3" "$library" || fail "holds the path $3"
+    ;;
+  *) fail "no such check: $check" ;;
+esac

@@ -1,0 +1,30 @@
+#!/bin/sh
+# Format, layering, static analysis.
+set -eu
+cd "$(dirname "$0")/.."
+scripts/packages.sh install ci
+
+sources=$(git ls-files 'infra/*.cpp' 'infra/*.h' 'tools/*.cpp' 'tools/*.h' 'tests/*.cpp' 'tests/*.h' \
+  'tests/*.c' 'bench/*.cpp' 'bench/*.h' 'bench/*.c')
+
+echo 'format'
+# shellcheck disable=SC2086 # a list of files
+clang-format --dry-run --Werror $sources
+
+echo 'layering'
+scripts/check_layers.sh
+
+echo 'cppcheck'
+cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --inline-suppr \
+  --enable=warning,performance,portability --suppress=missingIncludeSystem \
+  -I infra/platform/include -I infra/platform -I infra/convert_libs/comps/libdatamorph \
+  infra tools
+
+echo 'clang-tidy'
+cmake --preset release -DDATAMORPH_TESTS=ON -DDATAMORPH_BENCH=ON >/dev/null
+git ls-files 'infra/*.cpp' 'tools/*.cpp' |
+  xargs -P "$(nproc)" -n 1 clang-tidy --quiet --warnings-as-errors='*' -p build 2>build/clang-tidy.log ||
+  {
+    cat build/clang-tidy.log
+    exit 1
+  }

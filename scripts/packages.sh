@@ -1,0 +1,57 @@
+#!/bin/sh
+# The Debian packages that the project needs; nothing else names them.
+#
+#   scripts/packages.sh install SET    installs what is missing of a set (with sudo when not root)
+#   scripts/packages.sh list SET       prints it
+#
+# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks).
+set -eu
+
+demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev cppzmq-dev zlib1g-dev
+  libcli11-dev nlohmann-json3-dev libsmartcols-dev'
+test="$demo libgtest-dev"
+ci="$test g++-multilib googletest clang-format clang-tidy cppcheck"
+
+usage() {
+  echo "usage: scripts/packages.sh install|list demo|test|ci" >&2
+  exit 64
+}
+
+[ $# -eq 2 ] || usage
+case $2 in
+  demo) set_of_packages=$demo ;;
+  test) set_of_packages=$test ;;
+  ci) set_of_packages=$ci ;;
+  *) usage ;;
+esac
+
+installed() {
+  [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+install() {
+  missing=
+  for package in $set_of_packages; do
+    installed "$package" || missing="$missing $package"
+  done
+  [ -n "$missing" ] || return 0
+  echo "Installing:$missing" >&2
+  as_root=
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || {
+      echo "Not root and no sudo: have an administrator install$missing" >&2
+      exit 1
+    }
+    as_root=sudo
+  fi
+  $as_root env DEBIAN_FRONTEND=noninteractive apt-get -q update </dev/null >&2
+  # shellcheck disable=SC2086 # a list of packages
+  $as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get -q install -y --no-install-recommends $missing </dev/null >&2
+}
+
+case $1 in
+  install) install ;;
+  list) for package in $set_of_packages; do echo "$package"; done ;;
+  *) usage ;;
+esac

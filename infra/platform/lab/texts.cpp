@@ -48,7 +48,9 @@ const char *syserr2str(syserr_t status) {
                                                          : "unknown status";
 }
 
-uint32 hton_if_index(if_index_t if_index) { return htonl(if_index); }
+uint32 hton_if_index(if_index_t if_index) {
+  return htonl(if_index);
+}
 
 const char *__pss_key_type_enum_t_find(uint32 key_type) {
   return key_type == PSS_KEY_TAG_INFO ? "PSS_KEY_TAG_INFO" : "PSS_KEY_UNKNOWN";

@@ -21,8 +21,7 @@
 
 /* TLV arrays. */
 #define SYSERR_TLV_END     ((syserr_t)0x40490001u) /* no further TLV */
-#define SYSERR_TLV_DAMAGED ((syserr_t)0x40490002u) /* a TLV passes the size that the array states  \
-                                                    */
+#define SYSERR_TLV_DAMAGED ((syserr_t)0x40490002u) /* a TLV passes the stated size */
 
 /* System manager. */
 #define SYSERR_IMAGE_VERSION  ((syserr_t)0x401E0056u) /* an image's version could not be read */

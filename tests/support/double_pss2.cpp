@@ -27,6 +27,9 @@ syserr_t remove_key(uint32 service, double_handle &at, const pss_datum_t *key) {
   if (!at.writable) {
     return SYSERR_PSS_NO_ACCESS;
   }
+  if (key->siz > at.store->params.max_key_size) {
+    return SYSERR_PSS_NOT_FOUND;
+  }
   const std::string gone = copy(key);
   if (at.seen().count(gone) == 0) {
     return SYSERR_PSS_NOT_FOUND;

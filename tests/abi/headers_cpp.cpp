@@ -1,0 +1,13 @@
+// The platform's and the library's headers, as C++20 sees them.
+#include "headers_checks.h"
+
+int headers_cpp_signatures();
+const char *headers_cpp_text(syserr_t status);
+
+int headers_cpp_signatures() {
+  return check_signatures();
+}
+
+const char *headers_cpp_text(syserr_t status) {
+  return syserr2str(status);
+}

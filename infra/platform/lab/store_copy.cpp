@@ -1,0 +1,188 @@
+#include "lab/store_copy.h"
+
+#include "lab/flat_file.h"
+
+namespace lab {
+namespace {
+
+// Calls `act(key, value)` for each record that the connection sees, until one fails.
+template <typename action> syserr_t for_each_record(store_db &db, const action &act) {
+  run reading(db.all);
+  int stepped = 0;
+  while ((stepped = reading.step()) == SQLITE_ROW) {
+    std::string_view key;
+    std::string_view value;
+    if (!reading.column(0, &key) || !reading.column(1, &value)) {
+      return SYSERR_PSS_DAMAGED;
+    }
+    const syserr_t status = act(key, value);
+    if (status != SYSERR_SUCCESS) {
+      return status;
+    }
+  }
+  return stepped == SQLITE_DONE ? SYSERR_SUCCESS : db.last_status();
+}
+
+// What stands under a key against what is about to be put there.
+syserr_t count_put(store_db &db, std::string_view key, std::string_view value,
+                   journal_entry *entry) {
+  run reading(db.fetch);
+  const int stepped = reading.bind(1, key).step();
+  if (stepped == SQLITE_DONE) {
+    ++entry->added;
+    return SYSERR_SUCCESS;
+  }
+  std::string_view old;
+  if (stepped != SQLITE_ROW) {
+    return db.last_status();
+  }
+  entry->changed += reading.column(0, &old) && old == value ? 0 : 1;
+  return SYSERR_SUCCESS;
+}
+
+// The counts of replacing all that stands in `to` by what `from` holds.
+syserr_t count_replacement(store_db &from, store_db &to, journal_entry *entry) {
+  uint64_t stood = 0;
+  uint64_t copied = 0;
+  syserr_t status = to.count(&stood);
+  if (status == SYSERR_SUCCESS) {
+    status = for_each_record(from, [&](std::string_view key, std::string_view value) {
+      ++copied;
+      return count_put(to, key, value, entry);
+    });
+  }
+  entry->removed = stood - (copied - entry->added);
+  return status;
+}
+
+syserr_t replace_records(store_db &from, store_db &to, journal_entry *entry) {
+  syserr_t status = to.begin();
+  if (status == SYSERR_SUCCESS && journal_on()) {
+    status = count_replacement(from, to, entry);
+  }
+  status = status == SYSERR_SUCCESS ? to.execute("DELETE FROM records") : status;
+  status = status == SYSERR_SUCCESS ? to.write_params(from.params()) : status;
+  if (status == SYSERR_SUCCESS) {
+    status = for_each_record(
+        from, [&to](std::string_view key, std::string_view value) { return to.put(key, value); });
+  }
+  if (status != SYSERR_SUCCESS) {
+    to.rollback();
+    return status;
+  }
+  return to.commit();
+}
+
+syserr_t copy_to_new_store(store_db &from, const store_path &path, journal_entry *entry) {
+  store_in_making making(path);
+  syserr_t status = making.start(from.params());
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  {
+    store_db scratch;
+    status = scratch.open_scratch(making.scratch());
+    status = status == SYSERR_SUCCESS ? replace_records(from, scratch, entry) : status;
+  }
+  return status == SYSERR_SUCCESS ? making.place() : status;
+}
+
+} // namespace
+
+syserr_t copy_to_store(store_handle &from, const char *uri, journal_entry *entry) {
+  store_path path;
+  if (!parse_uri(uri, &path)) {
+    return SYSERR_PSS_BAD_ARGUMENT;
+  }
+  file_id id;
+  syserr_t status = probe_store(path.file, &id);
+  if (status == SYSERR_PSS_NO_STORE) {
+    status = copy_to_new_store(from.db(), path, entry);
+  } else if (status == SYSERR_SUCCESS && id != from.db().id()) {
+    store_db target;
+    status = target.open(path, true);
+    status = status == SYSERR_SUCCESS ? replace_records(from.db(), target, entry) : status;
+  }
+  if (status != SYSERR_SUCCESS) {
+    entry->added = entry->changed = entry->removed = 0;
+  }
+  return status;
+}
+
+syserr_t copy_to_flat_file(store_handle &from, const char *file) {
+  if (file == nullptr || *file == '\0') {
+    return SYSERR_PSS_BAD_ARGUMENT;
+  }
+  // The number of records and the records are read from one state of the store.
+  const bool own = !from.db().in_transaction();
+  syserr_t status = own ? from.db().execute("BEGIN") : SYSERR_SUCCESS;
+  uint64_t records = 0;
+  status = status == SYSERR_SUCCESS ? from.db().count(&records) : status;
+  if (status == SYSERR_SUCCESS) {
+    flat_writer writer(file);
+    status = writer.start(records);
+    if (status == SYSERR_SUCCESS) {
+      status = for_each_record(from.db(), [&writer](std::string_view key, std::string_view value) {
+        return writer.add(key, value);
+      });
+    }
+    status = status == SYSERR_SUCCESS ? writer.finish() : status;
+  }
+  if (own) {
+    from.db().rollback();
+  }
+  return status;
+}
+
+namespace {
+
+syserr_t put_all(store_handle &to, flat_reader &reader, journal_entry *entry) {
+  std::string key;
+  std::string value;
+  syserr_t status = to.db().execute("SAVEPOINT load");
+  for (uint64_t i = 0; status == SYSERR_SUCCESS && i < reader.records(); ++i) {
+    status = reader.next(&key, &value);
+    // The file may have changed since it was checked.
+    status = status == SYSERR_SUCCESS ? to.db().check_limits(key.size(), value.size()) : status;
+    if (status == SYSERR_SUCCESS && journal_on()) {
+      status = count_put(to.db(), key, value, entry);
+    }
+    status = status == SYSERR_SUCCESS ? to.db().put(key, value) : status;
+  }
+  status = status == SYSERR_SUCCESS ? reader.end() : status;
+  return status == SYSERR_SUCCESS ? to.db().execute("RELEASE load") : status;
+}
+
+} // namespace
+
+syserr_t copy_from_flat_file(store_handle &to, const char *file, journal_entry *entry) {
+  if (file == nullptr || *file == '\0') {
+    return SYSERR_PSS_BAD_ARGUMENT;
+  }
+  syserr_t status = to.usable_for_writing();
+  flat_reader reader;
+  status = status == SYSERR_SUCCESS ? reader.open(file) : status;
+  const pss2_nonvol_params &limits = to.db().params();
+  status =
+      status == SYSERR_SUCCESS ? reader.check(limits.max_key_size, limits.max_value_size) : status;
+  bool began = false;
+  status = status == SYSERR_SUCCESS ? to.begin_writing(&began) : status;
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  status = put_all(to, reader, entry);
+  if (status != SYSERR_SUCCESS) {
+    entry->added = entry->changed = 0;
+    to.failed_write(status);
+    if (began) {
+      to.db().rollback();
+    } else if (to.db().in_transaction()) {
+      to.db().execute("ROLLBACK TO load; RELEASE load");
+    }
+    return status;
+  }
+  to.wrote_many();
+  return SYSERR_SUCCESS;
+}
+
+} // namespace lab

@@ -1,0 +1,427 @@
+#include "lab/store_handle.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace lab {
+
+store_handle::store_handle(std::string uri, store_path path, bool writable)
+    : uri_(std::move(uri)), path_(std::move(path)), writable_(writable) {}
+
+syserr_t store_handle::open() {
+  const syserr_t status = db_.open(path_, writable_);
+  generation_ = db_.generation();
+  return status;
+}
+
+syserr_t store_handle::usable() const {
+  return gone_ ? SYSERR_PSS_NO_STORE : SYSERR_SUCCESS;
+}
+
+syserr_t store_handle::usable_for_writing() const {
+  if (gone_) {
+    return SYSERR_PSS_NO_STORE;
+  }
+  return writable_ ? failed_ : SYSERR_PSS_NO_ACCESS;
+}
+
+syserr_t store_handle::close(bool *wrote) {
+  *wrote = db_.in_transaction() || failed_ != SYSERR_SUCCESS;
+  const syserr_t status =
+      db_.in_transaction() && failed_ == SYSERR_SUCCESS ? db_.commit() : failed_;
+  db_.close();
+  return status;
+}
+
+void store_handle::detach() {
+  run_.clear();
+  place_ = place::nowhere;
+  db_.rollback();
+  db_.close();
+  gone_ = true;
+}
+
+// ---- Writing -----------------------------------------------------------------------------------
+
+syserr_t store_handle::begin_writing(bool *began) {
+  *began = !db_.in_transaction();
+  return *began ? db_.begin() : SYSERR_SUCCESS;
+}
+
+void store_handle::wrote_many() {
+  run_.clear();
+}
+
+syserr_t store_handle::failed_write(syserr_t status) {
+  run_.clear();
+  if (!db_.in_transaction()) {
+    failed_ = status;
+  }
+  return status;
+}
+
+syserr_t store_handle::store(std::string_view key, std::string_view value, journal_entry *entry) {
+  syserr_t status = usable_for_writing();
+  status = status == SYSERR_SUCCESS ? db_.check_limits(key.size(), value.size()) : status;
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  answer old;
+  const bool stood = journal_on() && fetch(key, &old) == SYSERR_SUCCESS;
+  bool began = false;
+  status = begin_writing(&began);
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  status = db_.put(key, value);
+  if (status != SYSERR_SUCCESS) {
+    return failed_write(status);
+  }
+  run_.stored(key, value);
+  if (stood) {
+    entry->old_size = old.bytes.size();
+  }
+  entry->added = stood ? 0 : 1;
+  entry->changed = stood && old.bytes != value ? 1 : 0;
+  return SYSERR_SUCCESS;
+}
+
+syserr_t store_handle::erase_record(std::string_view key) {
+  bool began = false;
+  const syserr_t status = begin_writing(&began);
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  run deleting(db_.erase);
+  if (deleting.bind(1, key).step() != SQLITE_DONE) {
+    return failed_write(db_.last_status());
+  }
+  return db_.changes() == 0 ? SYSERR_PSS_NOT_FOUND : SYSERR_SUCCESS;
+}
+
+syserr_t store_handle::erase(std::string_view key, bool follow, journal_entry *entry) {
+  syserr_t status = usable_for_writing();
+  if (status == SYSERR_SUCCESS && (journal_on() || !db_.in_transaction())) {
+    // A handle that deletes nothing must not become the store's writer.
+    answer old;
+    status = fetch(key, &old);
+    entry->old_size = old.bytes.size();
+  }
+  status = status == SYSERR_SUCCESS ? erase_record(key) : status;
+  if (status != SYSERR_SUCCESS) {
+    entry->old_size.reset();
+    return status;
+  }
+  entry->removed = 1;
+  const bool under_cursor = place_ == place::on && key_ == key;
+  run_.erased(key);
+  if (follow && under_cursor) {
+    next(); // the record is deleted, whatever becomes of the cursor
+  }
+  return SYSERR_SUCCESS;
+}
+
+// ---- Reading -----------------------------------------------------------------------------------
+
+syserr_t store_handle::fetch(std::string_view key, answer *value) {
+  const syserr_t status = usable();
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  run reading(db_.fetch);
+  const int stepped = reading.bind(1, key).step();
+  if (stepped != SQLITE_ROW) {
+    return stepped == SQLITE_DONE ? SYSERR_PSS_NOT_FOUND : db_.last_status();
+  }
+  std::string_view bytes;
+  if (!reading.column(0, &bytes)) {
+    return SYSERR_PSS_DAMAGED;
+  }
+  value->bytes = bytes;
+  return SYSERR_SUCCESS;
+}
+
+// Before the cursor is used: what another handle committed since makes the run out of date.
+syserr_t store_handle::settle() {
+  const syserr_t status = usable();
+  if (status == SYSERR_SUCCESS && generation_ != db_.generation()) {
+    generation_ = db_.generation();
+    run_.clear();
+  }
+  return status;
+}
+
+// Reads up to `count` records into a new run, which starts at `low`.
+syserr_t store_handle::fill(const statement &from, const std::string_view *key,
+                            std::string_view low, size_t count) {
+  run_.start(low);
+  run reading(from);
+  if (key != nullptr) {
+    reading.bind(1, *key);
+  }
+  bool room = true;
+  while (room && run_.size() < count) {
+    const int stepped = reading.step();
+    if (stepped == SQLITE_DONE) {
+      run_.reached_end();
+      return SYSERR_SUCCESS;
+    }
+    std::string_view found;
+    std::string_view value;
+    if (stepped != SQLITE_ROW || !reading.column(0, &found) || !reading.column(1, &value)) {
+      const syserr_t status = stepped == SQLITE_ROW ? SYSERR_PSS_DAMAGED : db_.last_status();
+      run_.clear();
+      return status;
+    }
+    room = run_.append(found, value);
+  }
+  return SYSERR_SUCCESS;
+}
+
+syserr_t store_handle::step_to(size_t index) {
+  run_.current = index;
+  key_ = run_.at(index).key;
+  place_ = place::on;
+  return SYSERR_SUCCESS;
+}
+
+syserr_t store_handle::at_run_end() {
+  run_.current = read_ahead::k_none;
+  place_ = place::past;
+  return SYSERR_PSS_NOT_FOUND;
+}
+
+// The first record, or the one after the last position, from a fresh run.
+syserr_t store_handle::first() {
+  if (run_.covers({})) {
+    return step_to(0);
+  }
+  window_ = 1;
+  const syserr_t status = fill(db_.all, nullptr, {}, window_);
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  return run_.size() == 0 ? at_run_end() : step_to(0);
+}
+
+syserr_t store_handle::next() {
+  if (place_ == place::past) {
+    return SYSERR_PSS_NOT_FOUND;
+  }
+  if (place_ != place::on) {
+    return first();
+  }
+  const bool known = run_.current != read_ahead::k_none;
+  if (known || run_.covers(key_)) {
+    const size_t index = known ? run_.current + 1 : run_.upper_bound(key_);
+    if (index < run_.size()) {
+      return step_to(index);
+    }
+    if (run_.at_end()) {
+      return at_run_end();
+    }
+  }
+  // A walk that goes on gets longer runs, up to the limit: one seek then serves many steps.
+  window_ = std::min(window_ * 2, read_ahead::k_capacity);
+  std::string low = key_;
+  low += '\0'; // the first key after key_
+  const std::string_view after = key_;
+  const syserr_t status = fill(db_.after, &after, low, window_);
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  return run_.size() == 0 ? at_run_end() : step_to(0);
+}
+
+// One record that a statement finds, as a run of its own; `none` is the cursor's place otherwise.
+syserr_t store_handle::fill_one(const statement &from, const std::string_view *key, place none) {
+  window_ = 1;
+  std::string found;
+  std::string value;
+  {
+    run reading(from);
+    if (key != nullptr) {
+      reading.bind(1, *key);
+    }
+    const int stepped = reading.step();
+    if (stepped == SQLITE_DONE) {
+      place_ = none;
+      run_.current = read_ahead::k_none;
+      return SYSERR_PSS_NOT_FOUND;
+    }
+    std::string_view key_bytes;
+    std::string_view value_bytes;
+    if (stepped != SQLITE_ROW) {
+      return db_.last_status();
+    }
+    if (!reading.column(0, &key_bytes) || !reading.column(1, &value_bytes)) {
+      return SYSERR_PSS_DAMAGED;
+    }
+    found = key_bytes;
+    value = value_bytes;
+  }
+  run_.start(found);
+  run_.append(found, value);
+  return step_to(0);
+}
+
+syserr_t store_handle::last() {
+  return fill_one(db_.last, nullptr, place::before);
+}
+
+syserr_t store_handle::previous() {
+  if (place_ == place::before) {
+    return SYSERR_PSS_NOT_FOUND;
+  }
+  if (place_ != place::on) {
+    return last();
+  }
+  if (run_.current != read_ahead::k_none && run_.current > 0) {
+    return step_to(run_.current - 1);
+  }
+  const std::string_view before = key_;
+  return fill_one(db_.before, &before, place::before);
+}
+
+syserr_t store_handle::move(int location) {
+  if (location < PSS_NULL_KEY || location > PSS_PREVIOUS_KEY) {
+    return SYSERR_PSS_BAD_ARGUMENT;
+  }
+  const syserr_t status = settle();
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  switch (location) {
+  case PSS_FIRST_KEY:
+    return first();
+  case PSS_LAST_KEY:
+    return last();
+  case PSS_NEXT_KEY:
+    return next();
+  case PSS_PREVIOUS_KEY:
+    return previous();
+  default:
+    place_ = place::nowhere;
+    run_.current = read_ahead::k_none;
+    return SYSERR_PSS_NOT_FOUND;
+  }
+}
+
+syserr_t store_handle::move_to_key(std::string_view key) {
+  syserr_t status = settle();
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  if (run_.covers(key)) {
+    const size_t index = run_.lower_bound(key);
+    if (index < run_.size()) {
+      return step_to(index);
+    }
+    if (run_.at_end()) {
+      return at_run_end();
+    }
+  }
+  window_ = 1;
+  status = fill(db_.from, &key, key, window_);
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  return run_.size() == 0 ? at_run_end() : step_to(0);
+}
+
+syserr_t store_handle::here(const read_ahead::record **record) {
+  const syserr_t status = settle();
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  if (place_ != place::on) {
+    return SYSERR_PSS_NOT_FOUND;
+  }
+  if (run_.current == read_ahead::k_none) {
+    // Deleted by this handle, or changed by another one: the store knows.
+    answer value;
+    const syserr_t read = fetch(key_, &value);
+    if (read != SYSERR_SUCCESS) {
+      return read;
+    }
+    run_.start(key_);
+    run_.append(key_, value.bytes);
+    run_.current = 0;
+  }
+  *record = &run_.at(run_.current);
+  return SYSERR_SUCCESS;
+}
+
+// ---- All open handles --------------------------------------------------------------------------
+
+namespace {
+
+struct handle_table {
+  std::map<uint32, std::unique_ptr<store_handle>> handles;
+  uint32 next = 1;
+  uint32 recent_number = 0; // walks call many functions on one handle
+  store_handle *recent = nullptr;
+};
+
+handle_table &table() {
+  // Never destroyed: what a process leaves open when it ends is rolled back by the next opener.
+  static handle_table &one = *new handle_table;
+  return one;
+}
+
+} // namespace
+
+uint32 handle_add(std::unique_ptr<store_handle> handle) {
+  handle_table &all = table();
+  const uint32 number = all.next;
+  all.handles.emplace(number, std::move(handle));
+  ++all.next;
+  return number;
+}
+
+store_handle *handle_find(uint32 number) {
+  handle_table &all = table();
+  if (number != 0 && number == all.recent_number) {
+    return all.recent;
+  }
+  const auto found = all.handles.find(number);
+  if (found == all.handles.end()) {
+    return nullptr;
+  }
+  all.recent_number = number;
+  all.recent = found->second.get();
+  return all.recent;
+}
+
+std::unique_ptr<store_handle> handle_take(uint32 number) {
+  handle_table &all = table();
+  const auto found = all.handles.find(number);
+  if (found == all.handles.end()) {
+    return nullptr;
+  }
+  all.recent_number = 0;
+  std::unique_ptr<store_handle> handle = std::move(found->second);
+  all.handles.erase(found);
+  return handle;
+}
+
+std::vector<uint32> handle_numbers() {
+  std::vector<uint32> numbers;
+  for (const auto &[number, handle] : table().handles) {
+    numbers.push_back(number);
+  }
+  return numbers;
+}
+
+std::vector<store_handle *> handles_on(const file_id &id) {
+  std::vector<store_handle *> found;
+  for (const auto &[number, handle] : table().handles) {
+    if (handle->db().is_open() && handle->db().id() == id) {
+      found.push_back(handle.get());
+    }
+  }
+  return found;
+}
+
+} // namespace lab

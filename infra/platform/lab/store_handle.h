@@ -1,0 +1,121 @@
+// An open store: one transaction, one cursor. Both generations of the platform's store functions
+// are thin faces over this. Every function here is called with store_mutex() held.
+#ifndef LAB_STORE_HANDLE_H
+#define LAB_STORE_HANDLE_H
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lab/journal.h"
+#include "lab/read_ahead.h"
+#include "lab/store_file.h"
+
+namespace lab {
+
+// What a function returned stays valid until its own next call on the handle, so each function that
+// returns data has a slot of its own.
+enum class slot : uint8_t {
+  pss_fetch,
+  pss_move2key,
+  pss_move2location,
+  pss_getvalue,
+  pss2_fetch,
+  pss2_getkey,
+  pss2_getvalue,
+  count
+};
+
+class store_handle {
+public:
+  // The bytes of a returned datum, and the datum.
+  struct answer {
+    std::string bytes;
+    pss_datum_t datum = {};
+  };
+
+  store_handle(std::string uri, store_path path, bool writable);
+  syserr_t open();
+
+  // Makes all writes durable. The handle is of no use afterwards, whatever the result. *wrote:
+  // there was something to make durable, or to lose.
+  syserr_t close(bool *wrote);
+
+  syserr_t fetch(std::string_view key, answer *value);
+  // Both fill in what the journal, when it is on, says of the record.
+  syserr_t store(std::string_view key, std::string_view value, journal_entry *entry);
+  // `follow`: deleting the record under the cursor moves the cursor onto the following one.
+  syserr_t erase(std::string_view key, bool follow, journal_entry *entry);
+
+  syserr_t move_to_key(std::string_view key);
+  syserr_t move(int location);
+  // The record under the cursor; SYSERR_PSS_NOT_FOUND when there is none.
+  syserr_t here(const read_ahead::record **record);
+
+  // For calls that write many records at once: the transaction is begun, and after the writes the
+  // cursor's run is thrown away. *began says whether this call began it.
+  syserr_t begin_writing(bool *began);
+  void wrote_many();
+  // After a failed write: the engine may have rolled everything back, and then the handle's earlier
+  // writes are lost and nothing more may pass for written.
+  syserr_t failed_write(syserr_t status);
+
+  // The store was removed; what was not committed is gone with it.
+  void detach();
+
+  // 0 when the handle can be read (written).
+  syserr_t usable() const;
+  syserr_t usable_for_writing() const;
+
+  answer &slot_of(slot which) { return slots_[static_cast<size_t>(which)]; }
+  store_db &db() { return db_; }
+  const std::string &uri() const { return uri_; }
+  const store_path &path() const { return path_; }
+
+private:
+  // Before the first record, on one (or where one was), past the last; or nowhere yet, which
+  // differs from "before" in that PREVIOUS is the last record.
+  enum class place : uint8_t { nowhere, before, on, past };
+
+  syserr_t settle();
+  syserr_t next();
+  syserr_t previous();
+  syserr_t first();
+  syserr_t last();
+  syserr_t step_to(size_t index);
+  syserr_t at_run_end();
+  syserr_t fill(const statement &from, const std::string_view *key, std::string_view low,
+                size_t count);
+  syserr_t fill_one(const statement &from, const std::string_view *key, place none);
+  syserr_t erase_record(std::string_view key);
+
+  std::string uri_;
+  store_path path_;
+  bool writable_;
+  bool gone_ = false;
+  syserr_t failed_ = SYSERR_SUCCESS;
+  store_db db_;
+  place place_ = place::nowhere;
+  std::string key_; // of the record that the cursor is on
+  size_t window_ = 1;
+  uint64_t generation_ = 0;
+  read_ahead run_;
+  std::array<answer, static_cast<size_t>(slot::count)> slots_;
+};
+
+// ---- All open handles --------------------------------------------------------------------------
+
+// The number of a new handle; numbers are never used twice.
+uint32 handle_add(std::unique_ptr<store_handle> handle);
+store_handle *handle_find(uint32 number); // null for none
+std::unique_ptr<store_handle> handle_take(uint32 number);
+std::vector<uint32> handle_numbers();
+// The handles on a file.
+std::vector<store_handle *> handles_on(const file_id &id);
+
+} // namespace lab
+
+#endif

@@ -1,0 +1,40 @@
+// The part of a conversion that happens inside the switch's state: playing the system manager.
+#ifndef DATAMORPH_CONVERSION_CHILD_H
+#define DATAMORPH_CONVERSION_CHILD_H
+
+#include <string>
+#include <vector>
+
+#include "jail.h"
+#include "library.h"
+#include "switch_state.h"
+
+// One call of an entry point.
+struct conversion_request {
+  moment which = moment::gsync;
+  vdc_id_t vdc = 1;
+  uint32 uuid = SRVUUID_NONE; // SRVUUID_NONE: the whole table
+  std::string service() const;
+};
+
+struct conversion_plan {
+  switch_state state; // before the conversion
+  std::string to;
+  std::string from;
+  std::vector<conversion_request> requests;
+};
+
+// Looks at the state that the child's root is, changing nothing. Sends one message: "images" (the
+// version by release, null where it cannot be read), "tables" and "order" (the library's answer to
+// comparing `from` with `to`), and "damaged" (uri and status) for the first store that cannot be
+// read.
+void examine(const jail::channel &channel, const library &library, const std::string &from,
+             const std::string &to);
+
+// Makes the requests of the plan in their order. Sends "start" (the request's index) before and
+// "result" (index, status, milliseconds) after each, and at the end "closing": what is known of
+// failed writes, open handles and the stores before and after. All is on disk then.
+void run_conversion(const jail::channel &channel, const library &library,
+                    const conversion_plan &plan, int journal);
+
+#endif

@@ -1,0 +1,394 @@
+// convert: the version change of a lab switch, seen from outside. Everything that can be refused
+// is refused first; then a copy of the state is converted and takes the state's place in one step.
+#include "verbs.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "conversion_child.h"
+#include "failure.h"
+#include "jail.h"
+#include "report.h"
+#include "run_folder.h"
+#include "services.h"
+#include "statuses.h"
+#include "switch_dir.h"
+#include "text.h"
+#include "tree.h"
+
+namespace {
+
+constexpr size_t longest_journal = size_t(1) << 30;
+
+class conversion {
+public:
+  conversion(const common_options &common, const convert_options &options)
+      : common_(common), options_(options), switch_(options.dir, switch_dir::access::write) {}
+
+  int run();
+
+private:
+  [[noreturn]] void refuse(const std::string &message) const {
+    throw failure(exit_refused, in_quotes(options_.dir) + ": " + message);
+  }
+  bool selected(moment which) const;
+  bool whole_change() const;
+  std::vector<uint32> wanted_services() const;
+  nlohmann::json look();
+  void check_release(const nlohmann::json &images, const std::string &release,
+                     const char *what) const;
+  void check_damage(const nlohmann::json &found) const;
+  void make_plan(const nlohmann::json &found);
+  void check_room() const;
+  void convert_copy(const run_folder &folder);
+  void take_message(const nlohmann::json &message);
+  void note_end(const jail::outcome &outcome);
+  std::string verdict() const;
+  void commit();
+  void fail(const std::string &trouble);
+  void finish(const run_folder &folder);
+
+  const common_options &common_;
+  const convert_options &options_;
+  switch_dir switch_;
+  conversion_plan plan_;
+  conversion_report report_;
+  nlohmann::json closing_;
+};
+
+// ---- What is refused ---------------------------------------------------------------------------
+
+bool conversion::selected(moment which) const {
+  return options_.moments.empty() || std::count(options_.moments.begin(), options_.moments.end(),
+                                                std::string(moment_name(which))) != 0;
+}
+
+// Whether nothing of a version change is left out, so that the switch runs the new release then.
+bool conversion::whole_change() const {
+  return options_.services.empty() && selected(moment::gsync) && selected(moment::running_fs) &&
+         selected(moment::startup);
+}
+
+std::vector<uint32> conversion::wanted_services() const {
+  std::vector<uint32> wanted;
+  for (const std::string &name : options_.services) {
+    wanted.push_back(*service_number(name));
+  }
+  return wanted;
+}
+
+nlohmann::json conversion::look() {
+  nlohmann::json found;
+  library loaded;
+  jail::request request;
+  request.root = switch_.current();
+  request.prepare = [&] { loaded = load_library(common_.library); };
+  request.body = [&](const jail::channel &channel) {
+    channel.send({{"library", loaded.file}});
+    examine(channel, loaded, plan_.from, plan_.to);
+  };
+  request.on_message = [&](const nlohmann::json &message) { found.update(message); };
+  request.silence = std::chrono::seconds(options_.timeout);
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    refuse("looking into the switch with the library " + outcome.text());
+  }
+  return found;
+}
+
+void conversion::check_release(const nlohmann::json &images, const std::string &release,
+                               const char *what) const {
+  std::string known;
+  for (const auto &[name, version] : images.items()) {
+    known += (known.empty() ? "" : " ") + to_text(name);
+  }
+  const auto found = images.find(release);
+  if (!is_release_name(release) || found == images.end()) {
+    refuse(std::string(what) + " " + in_quotes(release) +
+           " is unknown: the switch has no image of " +
+           "it; images: " + (known.empty() ? "none" : known));
+  }
+  if (!found->is_string()) {
+    refuse("the version of the image " + in_quotes(release) +
+           " cannot be read; put the release's " + "text into images/" + release + "/version");
+  }
+}
+
+void conversion::check_damage(const nlohmann::json &found) const {
+  if (!found.contains("damaged")) {
+    return;
+  }
+  const std::string uri = found["damaged"]["uri"].get<std::string>();
+  refuse("the store " + in_quotes(uri) +
+         " cannot be read: " + status_text(found["damaged"]["status"].get<syserr_t>()) +
+         "; remove it with 'datamorph store delete --all' and bring it back with "
+         "'datamorph store import'");
+}
+
+// Each service once: where it first stands when the release rises, where it last stands when the
+// release falls. That keeps the nesting of services that hand data to each other.
+std::vector<uint32> in_call_order(std::vector<uint32> rows, bool falls) {
+  if (falls) {
+    std::reverse(rows.begin(), rows.end());
+  }
+  std::vector<uint32> order;
+  for (const uint32 uuid : rows) {
+    if (std::find(order.begin(), order.end(), uuid) == order.end()) {
+      order.push_back(uuid);
+    }
+  }
+  if (falls) {
+    std::reverse(order.begin(), order.end());
+  }
+  return order;
+}
+
+void conversion::make_plan(const nlohmann::json &found) {
+  const bool falls = found["order"].get<int>() > 0;
+  const std::vector<uint32> wanted = wanted_services();
+  std::vector<uint32> met;
+  for (const moment which : all_moments) {
+    if (!selected(which)) {
+      continue;
+    }
+    const auto rows = found["tables"][static_cast<size_t>(which)].get<std::vector<uint32>>();
+    std::vector<uint32> services = in_call_order(rows, falls);
+    if (!wanted.empty()) {
+      std::erase_if(services, [&](uint32 uuid) {
+        return std::find(wanted.begin(), wanted.end(), uuid) == wanted.end();
+      });
+      met.insert(met.end(), services.begin(), services.end());
+    }
+    if (options_.whole_table && which != moment::gsync && !rows.empty()) {
+      services = {SRVUUID_NONE};
+    }
+    for (const vdc_id_t vdc : switch_.state().vdcs) {
+      for (const uint32 uuid : services) {
+        if (which != moment::running_fs || vdc == 1) {
+          plan_.requests.push_back({which, vdc, uuid});
+        }
+      }
+    }
+  }
+  for (const uint32 uuid : wanted) {
+    if (std::find(met.begin(), met.end(), uuid) == met.end()) {
+      refuse("the service " + service_name(uuid) +
+             " has no routine in the chosen moments; 'datamorph services' lists them");
+    }
+  }
+}
+
+void conversion::check_room() const {
+  const uint64_t used = tree::bytes_used(switch_.folder(), "current");
+  const uint64_t free = tree::bytes_free(switch_.folder());
+  const uint64_t wanted = used + used / 16 + (1 << 20);
+  if (free < wanted) {
+    refuse("no room for a copy of its state: " + std::to_string(wanted >> 10) +
+           " KiB are wanted, " + std::to_string(free >> 10) + " KiB are free; make room there");
+  }
+}
+
+// ---- The conversion itself ---------------------------------------------------------------------
+
+void conversion::take_message(const nlohmann::json &message) {
+  if (message.contains("closing")) {
+    closing_ = message["closing"];
+    return;
+  }
+  const bool start = message.contains("start");
+  const size_t at = message.value(start ? "start" : "result", size_t(0));
+  request_report &report = report_.requests.at(at);
+  report.started = true;
+  if (start) {
+    output::message(std::string(moment_name(report.request.which)) + ", VDC " +
+                    std::to_string(report.request.vdc) + ": " + report.request.service());
+    return;
+  }
+  report.status = message["status"].get<syserr_t>();
+  report.milliseconds = message["milliseconds"].get<double>();
+}
+
+// Says at each request that has no status why that is so.
+void conversion::note_end(const jail::outcome &outcome) {
+  const std::string text = outcome.how == jail::outcome::kind::silent
+                               ? "no answer within " + counted(options_.timeout, "second")
+                               : outcome.text();
+  std::string where = "the library, outside of any service";
+  for (request_report &report : report_.requests) {
+    if (report.status) {
+      continue;
+    }
+    report.trouble = report.started ? text : "not called";
+    if (report.started) {
+      where = report.request.service() + " (" + moment_name(report.request.which) + ", VDC " +
+              std::to_string(report.request.vdc) + ")";
+    }
+  }
+  if (!outcome.finished()) {
+    report_.trouble = where + ": " + text;
+  }
+}
+
+void conversion::convert_copy(const run_folder &folder) {
+  const unique_fd next = switch_.make_next();
+  const unique_fd journal = folder.create("journal.jsonl");
+  const unique_fd trace = folder.create("trace.log");
+  library loaded;
+  jail::request request;
+  request.root = next.get();
+  request.prepare = [&] { loaded = load_library(common_.library); };
+  request.body = [&](const jail::channel &channel) {
+    run_conversion(channel, loaded, plan_, journal.get());
+  };
+  request.on_message = [&](const nlohmann::json &message) { take_message(message); };
+  request.on_trace = [&](std::string_view text) {
+    run_folder::append(trace, text);
+    if (common_.verbose) {
+      std::fwrite(text.data(), 1, text.size(), stderr);
+    }
+  };
+  request.silence = std::chrono::seconds(options_.timeout);
+  const jail::outcome outcome = jail::run(request);
+  note_end(outcome);
+  folder.keep_conversion_log(next.get());
+}
+
+// Why the converted copy may not become the switch's state; empty when it may.
+std::string conversion::verdict() const {
+  if (!report_.trouble.empty()) {
+    return report_.trouble;
+  }
+  if (closing_.value("unexpected", size_t(0)) > 0) {
+    return "a write in the switch failed: " + first_failed_write(closing_);
+  }
+  const auto closed = closing_.value("close_status", SYSERR_FAILED);
+  if (closed != SYSERR_SUCCESS) {
+    return "a store could not be closed: " + status_text(closed);
+  }
+  const size_t failed = report_.failed_requests();
+  if (failed > 0 && !options_.accept_failures) {
+    return counted(failed, "service") + " failed (--accept-failures keeps the result all the same)";
+  }
+  return "";
+}
+
+void conversion::commit() {
+  switch_state state = switch_.state();
+  state.generation += 1;
+  if (whole_change()) {
+    state.release = plan_.to;
+  }
+  switch_.commit(state);
+  report_.converted = true;
+  report_.release = state.release;
+  report_.closing_line = options_.dir + ": converted from " + plan_.from + " to " + plan_.to;
+  if (!whole_change()) {
+    report_.closing_line +=
+        "; only a part of the version change, so its release stays " + state.release;
+  }
+  if (report_.failed_requests() > 0) {
+    report_.notes.push_back(counted(report_.failed_requests(), "service") +
+                            " failed; accepted as asked");
+  }
+}
+
+void conversion::fail(const std::string &trouble) {
+  report_.trouble = trouble;
+  report_.closing_line =
+      options_.dir + ": not converted, still at " + switch_.state().release + ": " + trouble;
+}
+
+void conversion::finish(const run_folder &folder) {
+  const auto uris = [&](const char *name) {
+    return closing_.is_object() ? closing_.value(name, std::set<std::string>())
+                                : std::set<std::string>();
+  };
+  report_.take_journal(folder.read("journal.jsonl", longest_journal), closing_.is_object(),
+                       uris("stores_before"), uris("stores_after"));
+  const size_t left_open = closing_.is_object() ? closing_.value("left_open", size_t(0)) : 0;
+  if (left_open > 0) {
+    report_.notes.push_back(counted(left_open, "store handle") +
+                            " left open by routines, closed at the end");
+  }
+  folder.write_report(report_.to_json());
+  for (const std::string &note : report_.notes) {
+    output::message(in_quotes(options_.dir) + ": " + note);
+  }
+  if (common_.format == output::format::json) {
+    output::json(report_.to_json());
+  } else {
+    report_.print_tables();
+  }
+  output::message("run folder: " + options_.dir + "/runs/" + folder.number());
+}
+
+int conversion::run() {
+  plan_.state = switch_.state();
+  plan_.to = options_.to;
+  plan_.from = options_.from.empty() ? switch_.state().release : options_.from;
+  nlohmann::json found;
+  try {
+    found = look();
+  } catch (const failure &error) {
+    throw failure(error.status(), in_quotes(options_.dir) + ": " + error.what());
+  }
+  check_release(found["images"], plan_.to, "the release");
+  check_release(found["images"], plan_.from, "the release to come from,");
+  make_plan(found);
+  check_damage(found);
+  switch_.check_exchange();
+  check_room();
+
+  report_.dir = options_.dir;
+  report_.library = found["library"].get<std::string>();
+  report_.from = plan_.from;
+  report_.to = plan_.to;
+  report_.release = switch_.state().release;
+  for (const conversion_request &request : plan_.requests) {
+    report_.requests.emplace_back().request = request;
+  }
+  const run_folder folder(switch_);
+  report_.run = folder.number();
+  int interrupted = 0;
+  try {
+    convert_copy(folder);
+    jail::signal_guard::check();
+    const std::string trouble =
+        output::reader_gone() ? "the reader of its output is gone" : verdict();
+    if (trouble.empty()) {
+      commit();
+    } else {
+      fail(trouble);
+    }
+  } catch (const failure &error) {
+    fail(error.what());
+    interrupted = error.status() > 128 ? error.status() : 0;
+  }
+  if (!report_.converted) {
+    switch_.drop_next();
+    output::message(in_quotes(options_.dir) + ": not converted: " + report_.trouble +
+                    "; the switch is as it was, still at " + report_.release);
+  }
+  finish(folder);
+  if (interrupted != 0) {
+    return interrupted;
+  }
+  return report_.converted ? exit_done : exit_failed;
+}
+
+} // namespace
+
+int convert(const common_options &common, const convert_options &options) {
+  for (const std::string &name : options.services) {
+    if (!service_number(name)) {
+      throw failure(exit_usage,
+                    "unknown service " + in_quotes(name) + "; services: " + service_names());
+    }
+  }
+  const jail::signal_guard guard;
+  return conversion(common, options).run();
+}

@@ -1,0 +1,404 @@
+// lab create, lab show, lab reboot.
+#include "verbs.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "description.h"
+#include "failure.h"
+#include "jail.h"
+#include "lab/lab.h"
+#include "populate.h"
+#include "statuses.h"
+#include "switch_dir.h"
+#include "text.h"
+#include "tree.h"
+
+namespace {
+
+constexpr size_t largest_description = 64 << 20;
+
+// ---- create ------------------------------------------------------------------------------------
+
+struct place {
+  unique_fd parent;
+  std::string name;
+};
+
+place place_of(const std::string &dir) {
+  std::error_code ignored;
+  std::filesystem::path path = dir;
+  if (std::filesystem::is_directory(path, ignored)) {
+    path = std::filesystem::canonical(path, ignored);
+  }
+  while (!path.empty() && path.filename().empty() && path.has_relative_path()) {
+    path = path.parent_path(); // a slash at the end
+  }
+  const std::string name = path.filename();
+  if (name.empty() || name == "." || name == "..") {
+    throw failure(exit_refused, in_quotes(dir) + ": no name for a new directory");
+  }
+  const std::string parent = path.has_parent_path() ? path.parent_path().string() : ".";
+  place found = {unique_fd(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), name};
+  if (!found.parent.is_open()) {
+    throw failure(exit_refused, in_quotes(dir) +
+                                    ": cannot open the directory that it would be in: " +
+                                    error_text(errno) + "; make that one first");
+  }
+  return found;
+}
+
+void check_free(const place &where, const std::string &dir) {
+  struct stat about = {};
+  if (fstatat(where.parent.get(), where.name.c_str(), &about, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno == ENOENT) {
+      return;
+    }
+    throw failure(exit_refused, in_quotes(dir) + ": " + error_text(errno));
+  }
+  std::error_code error;
+  if (!S_ISDIR(about.st_mode)) {
+    throw failure(exit_refused,
+                  in_quotes(dir) + ": stands already and is no directory; name another");
+  }
+  if (!std::filesystem::is_empty(dir, error)) {
+    throw failure(exit_refused, in_quotes(dir) + ": stands already and is not empty; remove it or "
+                                                 "name another directory");
+  }
+}
+
+// The folder in which a switch is built before it gets its name. It is locked while that goes on,
+// so that one which a stopped command left can be told from one in use.
+class workshop {
+public:
+  workshop(const place &where, const std::string &dir)
+      : parent_(where.parent.get()), name_("." + where.name.substr(0, 200) + ".creating") {
+    if (mkdirat(parent_, name_.c_str(), 0755) != 0) {
+      if (errno != EEXIST) {
+        throw failure(exit_refused, in_quotes(dir) + ": cannot write beside it: " +
+                                        error_text(errno) + "; run as a user who may");
+      }
+      take_over(dir);
+    }
+    open_locked(dir);
+  }
+  ~workshop() {
+    if (!name_.empty()) {
+      try {
+        tree::remove(parent_, name_);
+      } catch (const failure &error) {
+        output::message(error.what());
+      }
+    }
+  }
+  workshop(const workshop &) = delete;
+  workshop &operator=(const workshop &) = delete;
+
+  int folder() const { return folder_.get(); }
+
+  void become(const place &where, const std::string &dir) {
+    if (renameat(parent_, name_.c_str(), parent_, where.name.c_str()) != 0) {
+      throw failure(exit_failed,
+                    in_quotes(dir) + ": cannot put the switch in place: " + error_text(errno));
+    }
+    name_.clear();
+    fsync(parent_);
+  }
+
+private:
+  void open_locked(const std::string &dir) {
+    folder_.reset(openat(parent_, name_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    if (!folder_.is_open() || flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) {
+      name_.clear();
+      throw failure(exit_in_use, in_quotes(dir) + ": another command is building it");
+    }
+  }
+
+  void take_over(const std::string &dir) {
+    open_locked(dir);
+    tree::remove(parent_, name_);
+    output::message(in_quotes(dir) + ": removed what a stopped command had built so far");
+    if (mkdirat(parent_, name_.c_str(), 0755) != 0) {
+      throw failure(exit_failed, in_quotes(dir) + ": cannot write beside it: " + error_text(errno));
+    }
+  }
+
+  int parent_;
+  std::string name_;
+  unique_fd folder_;
+};
+
+void make_folder(int folder, const char *name) {
+  if (mkdirat(folder, name, 0755) != 0) {
+    throw failure(exit_failed, std::string("cannot make ") + name + ": " + error_text(errno));
+  }
+}
+
+void build(int folder, const description &wanted) {
+  make_folder(folder, "current");
+  make_folder(folder, "runs");
+  tree::replace_file(folder, ".lock", "");
+  const unique_fd current(openat(folder, "current", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  jail::request request;
+  request.root = current.get();
+  request.body = [&](const jail::channel &) { populate(wanted); };
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    throw failure(exit_failed, "building the switch " + outcome.text());
+  }
+  tree::replace_file(current.get(), switch_file, wanted.state.to_json().dump(2) + "\n");
+  if (syncfs(folder) != 0) {
+    throw failure(exit_failed, "cannot sync the switch: " + error_text(errno));
+  }
+}
+
+// ---- show --------------------------------------------------------------------------------------
+
+nlohmann::json store_row(const std::string &uri) {
+  lab::store_info info;
+  const syserr_t status = lab::store_inspect(uri, &info);
+  return {{"uri", uri},
+          {"records", info.records},
+          {"bytes", info.bytes},
+          {"status", status},
+          {"text", syserr2str(status)}};
+}
+
+// Every file but those that the other lists stand for.
+void send_files(const jail::channel &channel, const std::vector<std::string> &uris) {
+  std::set<std::string> hidden = {std::string("/") + switch_file};
+  for (const std::string &uri : uris) {
+    hidden.insert(lab::store_file(uri));
+    hidden.insert(lab::store_file(uri) + "-journal");
+  }
+  std::error_code error;
+  const auto options = std::filesystem::directory_options::skip_permission_denied;
+  std::vector<std::string> paths;
+  for (std::filesystem::recursive_directory_iterator at("/", options, error), end; at != end;
+       at.increment(error)) {
+    if (error) {
+      break;
+    }
+    const std::string path = at->path();
+    if (path == "/var/run/mts" || path == "/images") {
+      at.disable_recursion_pending();
+    } else if (!hidden.contains(path) && !at->is_directory(error)) {
+      paths.push_back(path);
+    } else if (at->is_symlink(error)) {
+      paths.push_back(path);
+    }
+  }
+  std::sort(paths.begin(), paths.end());
+  for (const std::string &path : paths) {
+    struct stat about = {};
+    if (lstat(path.c_str(), &about) == 0) {
+      char mode[8];
+      std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(about.st_mode & 07777));
+      channel.send({{"file", {{"path", path}, {"mode", mode}, {"bytes", about.st_size}}}});
+    }
+  }
+}
+
+void send_images(const jail::channel &channel) {
+  std::error_code error;
+  std::vector<std::string> paths;
+  for (std::filesystem::directory_iterator at("/images", error), end; at != end;
+       at.increment(error)) {
+    paths.push_back(at->path());
+  }
+  std::sort(paths.begin(), paths.end());
+  for (const std::string &path : paths) {
+    const char *version = srg_sw_ver_file_get(path.c_str());
+    const nlohmann::json text = version == nullptr ? nlohmann::json() : nlohmann::json(version);
+    channel.send({{"image", {{"release", path.substr(8)}, {"version", text}}}});
+  }
+}
+
+void send_contents(const jail::channel &channel) {
+  send_images(channel);
+  const std::vector<std::string> uris = lab::store_uris();
+  for (const std::string &uri : uris) {
+    channel.send({{"store", store_row(uri)}});
+  }
+  send_files(channel, uris);
+  for (const lab::access_point &point : lab::mts_saps()) {
+    channel.send({{"access_point", {{"sap", point.sap}, {"owner", point.owner}}}});
+  }
+}
+
+std::string value_text(const nlohmann::json &value) {
+  return to_text(value.is_string() ? value.get<std::string>() : value.dump());
+}
+
+void print_switch(const nlohmann::json &document) {
+  using output::align;
+  std::string vdcs;
+  for (const nlohmann::json &vdc : document["vdcs"]) {
+    vdcs += (vdcs.empty() ? "" : " ") + vdc.dump();
+  }
+  std::string images;
+  for (const nlohmann::json &image : document["images"]) {
+    const bool readable = image["version"].is_string();
+    images += (images.empty() ? "" : " ") + value_text(image["release"]) +
+              (readable ? "" : " (no version)");
+  }
+  std::vector<std::vector<output::cell>> facts = {
+      {"switch", value_text(document["name"])},
+      {"release", value_text(document["release"])},
+      {"VDCs", vdcs},
+      {"running configuration", value_text(document["running_cfg_dir"])}};
+  for (const auto &[moment, path] : document["paths"].items()) {
+    facts.push_back({"path of " + moment, value_text(path)});
+  }
+  facts.push_back({"package", value_text(document["package"])});
+  facts.push_back({"images", images});
+  output::table({{"FACT"}, {"VALUE"}}, facts);
+
+  std::vector<std::vector<output::cell>> stores;
+  for (const nlohmann::json &store : document["stores"]) {
+    const auto status = store["status"].get<syserr_t>();
+    const std::string text = status == 0 ? "ok" : status_text(status);
+    stores.push_back({value_text(store["uri"]), value_text(store["records"]),
+                      value_text(store["bytes"]),
+                      status == 0 ? output::cell(text) : output::cell::bad(text)});
+  }
+  output::text("\n");
+  output::table({{"STORE"}, {"RECORDS", align::right}, {"BYTES", align::right}, {"STATUS"}},
+                stores);
+
+  std::vector<std::vector<output::cell>> files;
+  for (const nlohmann::json &file : document["files"]) {
+    files.push_back(
+        {value_text(file["path"]), value_text(file["mode"]), value_text(file["bytes"])});
+  }
+  output::text("\n");
+  output::table({{"FILE"}, {"MODE"}, {"BYTES", align::right}}, files);
+
+  std::vector<std::vector<output::cell>> points;
+  for (const nlohmann::json &point : document["access_points"]) {
+    points.push_back({value_text(point["sap"]), value_text(point["owner"])});
+  }
+  output::text("\n");
+  output::table({{"ACCESS POINT", align::right}, {"OWNER"}}, points);
+}
+
+// ---- reboot ------------------------------------------------------------------------------------
+
+// Removes what is in a folder, not the folder. How many entries that were.
+size_t empty_folder(const char *path) {
+  const unique_fd folder(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.is_open()) {
+    return 0;
+  }
+  std::error_code error;
+  std::vector<std::string> names;
+  for (std::filesystem::directory_iterator at(path, error), end; at != end; at.increment(error)) {
+    names.push_back(at->path().filename());
+  }
+  for (const std::string &name : names) {
+    tree::remove(folder.get(), name);
+  }
+  return names.size();
+}
+
+} // namespace
+
+int lab_create(const common_options &common, const std::string &dir, const std::string &from) {
+  const std::string origin = from.empty() ? "the shipped example" : from;
+  const std::string text =
+      from.empty() ? example_description : tree::read_file(AT_FDCWD, from, largest_description);
+  const description wanted = parse_description(text, origin);
+  const jail::signal_guard guard;
+  const place where = place_of(dir);
+  check_free(where, dir);
+  workshop shop(where, dir);
+  try {
+    build(shop.folder(), wanted);
+  } catch (const failure &error) {
+    throw failure(error.status(), in_quotes(dir) + ": " + error.what());
+  }
+  jail::signal_guard::check();
+  shop.become(where, dir);
+  if (common.format == output::format::json) {
+    output::json({{"switch", dir},
+                  {"name", wanted.state.name},
+                  {"release", wanted.state.release},
+                  {"stores", wanted.stores.size()},
+                  {"files", wanted.files.size()},
+                  {"access_points", wanted.access_points.size()}});
+  } else {
+    output::text(dir + ": switch " + to_text(wanted.state.name) + " at release " +
+                 wanted.state.release + ", " + counted(wanted.stores.size(), "store") + ", " +
+                 counted(wanted.files.size(), "file") + ", " +
+                 counted(wanted.access_points.size(), "access point") + "\n");
+  }
+  return exit_done;
+}
+
+int lab_show(const common_options &common, const std::string &dir) {
+  const switch_dir target(dir, switch_dir::access::read);
+  nlohmann::json document = target.state().to_json();
+  document["switch"] = dir;
+  document["images"] = nlohmann::json::array();
+  document["stores"] = nlohmann::json::array();
+  document["files"] = nlohmann::json::array();
+  document["access_points"] = nlohmann::json::array();
+  jail::request request;
+  request.root = target.current();
+  request.body = send_contents;
+  request.on_message = [&](const nlohmann::json &message) {
+    for (const auto &[kind, row] : message.items()) {
+      document[kind + "s"].push_back(row);
+    }
+  };
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    throw failure(exit_failed, in_quotes(dir) + ": looking into the switch " + outcome.text());
+  }
+  if (common.format == output::format::json) {
+    output::json(document);
+  } else {
+    print_switch(document);
+  }
+  return exit_done;
+}
+
+int lab_reboot(const common_options &common, const std::string &dir) {
+  const switch_dir target(dir, switch_dir::access::write);
+  size_t stores = 0;
+  size_t files = 0;
+  jail::request request;
+  request.root = target.current();
+  request.body = [](const jail::channel &channel) {
+    size_t volatile_stores = 0;
+    for (const std::string &uri : lab::store_uris()) {
+      volatile_stores += uri.starts_with("volatile:") ? 1 : 0;
+    }
+    empty_folder("/dev/shm/volatile");
+    const size_t entries = empty_folder("/tmp");
+    channel.send({{"stores", volatile_stores}, {"files", entries}});
+  };
+  request.on_message = [&](const nlohmann::json &message) {
+    stores = message.value("stores", size_t(0));
+    files = message.value("files", size_t(0));
+  };
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    throw failure(exit_failed, in_quotes(dir) + ": the reboot " + outcome.text());
+  }
+  if (common.format == output::format::json) {
+    output::json({{"switch", dir}, {"volatile_stores", stores}, {"temporary_files", files}});
+  } else {
+    output::text(dir + ": rebooted; gone are " + counted(stores, "volatile store") + " and " +
+                 counted(files, "file") + " of /tmp\n");
+  }
+  return exit_done;
+}

@@ -1,0 +1,303 @@
+// datamorph: the command line. Here are the verbs, their options and their help; each verb's work
+// is in the file that verbs.h's order names.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+
+#include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "failure.h"
+#include "output.h"
+#include "text.h"
+#include "verbs.h"
+
+#ifndef DATAMORPH_VERSION
+#error "the build says which version this is"
+#endif
+
+namespace {
+
+constexpr char top_help[] =
+    "Rehearses and inspects the conversion of a switch's persistent state when it changes its "
+    "software\nversion. It plays the system manager for libdatamorph on lab switches: directories "
+    "that hold all\nof a switch's root file system that a conversion can touch.";
+
+constexpr char top_footer[] =
+    "Exit status:\n"
+    "  0   done, or nothing to change\n"
+    "  1   a conversion or the program failed; the switch is as it was\n"
+    "  2   compare: the releases differ\n"
+    "  3   refused before anything was touched (no switch, unknown release, damaged store, no "
+    "room,\n"
+    "      no rights, a service without a routine in the chosen moments)\n"
+    "  5   the switch is in use by another command\n"
+    "  64  wrong usage (unknown verb, option, service or moment)\n"
+    "  128 and the signal's number: stopped by a signal; the switch is as it was\n"
+    "Data goes to standard output, messages and trace to standard error.\n"
+    "Example:\n"
+    "  datamorph lab create /tmp/switch && datamorph convert /tmp/switch --to '4.2(1)'\n";
+
+constexpr char dir_help[] = "The lab switch's directory";
+
+class command_line {
+public:
+  command_line() : app_(top_help, "datamorph") {
+    app_.require_subcommand(1);
+    app_.set_version_flag("--version", std::string("datamorph ") + DATAMORPH_VERSION);
+    app_.footer(top_footer);
+    add_lab();
+    add_convert();
+    add_stores();
+    add_library_verbs();
+  }
+
+  int run(int argc, char **argv) {
+    try {
+      app_.parse(argc, argv);
+    } catch (const CLI::Success &asked) {
+      return app_.exit(asked); // help or version, on standard output
+    } catch (const CLI::ParseError &error) {
+      throw failure(exit_usage, usage_message(argc, argv, error));
+    }
+    return chosen_();
+  }
+
+private:
+  using action = std::function<int()>;
+
+  // A verb with the options that all of them have.
+  CLI::App *verb(CLI::App *parent, const char *name, const char *what, const char *example,
+                 action act) {
+    CLI::App *sub = parent->add_subcommand(name, what);
+    sub->footer(std::string("Example:\n  ") + example + "\n");
+    sub->add_option("--format", format_, "How data is written: table or json")
+        ->check(CLI::IsMember({"table", "json"}))
+        ->capture_default_str();
+    sub->add_flag("-v,--verbose", common_.verbose, "Show the library's trace");
+    sub->add_option("--library", common_.library,
+                    "The conversion library (default: DATAMORPH_LIBRARY, beside the program, where "
+                    "it was installed)");
+    sub->callback([this, act] {
+      common_.format = format_ == "json" ? output::format::json : output::format::table;
+      chosen_ = act;
+    });
+    return sub;
+  }
+
+  void add_lab() {
+    CLI::App *lab = app_.add_subcommand("lab", "Build, show and reboot lab switches");
+    lab->require_subcommand(1);
+    CLI::App *create = verb(lab, "create", "Build a lab switch from a description",
+                            "datamorph lab create /tmp/switch --from examples/npv-switch.json",
+                            [this] { return lab_create(common_, dir_, from_); });
+    create->add_option("DIR", dir_, "The directory to make")->required();
+    create->add_option("--from", from_, "The description (default: the shipped example)");
+    CLI::App *show =
+        verb(lab, "show", "Release, VDCs, paths, images, stores, files, access points",
+             "datamorph lab show /tmp/switch", [this] { return lab_show(common_, dir_); });
+    show->add_option("DIR", dir_, dir_help)->required();
+    CLI::App *reboot =
+        verb(lab, "reboot", "What a boot does: empty /tmp and the volatile stores",
+             "datamorph lab reboot /tmp/switch", [this] { return lab_reboot(common_, dir_); });
+    reboot->add_option("DIR", dir_, dir_help)->required();
+  }
+
+  void add_convert() {
+    CLI::App *sub = verb(
+        &app_, "convert", "Convert a lab switch to another release",
+        "datamorph convert /tmp/switch --to '3.3(1)' --moment running-fs\n\n"
+        "Works on a copy and puts it in the place of the switch's state in one step. The switch's\n"
+        "release changes when no moment and no service is left out. An unknown service or moment\n"
+        "is wrong usage (64); an unknown release, and a service without a routine in the chosen\n"
+        "moments, is refused (3). What a run leaves behind is kept in DIR/runs/NUMBER.",
+        [this] { return convert(common_, convert_); });
+    sub->add_option("DIR", convert_.dir, dir_help)->required();
+    sub->add_option("--to", convert_.to, "The release to convert to")->required();
+    sub->add_option("--from", convert_.from,
+                    "The release to come from (default: the one that the switch runs)");
+    sub->add_option("--moment", convert_.moments,
+                    "gsync, running-fs or startup; may be repeated (default: all three)")
+        ->check(CLI::IsMember({"gsync", "running-fs", "startup"}))
+        ->allow_extra_args(false);
+    CLI::Option *service = sub->add_option("--service", convert_.services,
+                                           "A service's name; may be repeated (default: all)")
+                               ->allow_extra_args(false);
+    sub->add_flag("--whole-table", convert_.whole_table,
+                  "Call the entry points that run a whole table (gsync has none: per service)")
+        ->excludes(service);
+    sub->add_flag(
+        "--accept-failures", convert_.accept_failures,
+        "Keep the result although services failed; never after a crash or a failed write");
+    sub->add_option("--timeout", convert_.timeout, "Seconds that one service may take")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+  }
+
+  CLI::App *store_verb(CLI::App *parent, const char *name, const char *what, const char *example,
+                       int (*act)(const common_options &, const store_options &)) {
+    CLI::App *sub = verb(parent, name, what, example, [this, act] { return act(common_, store_); });
+    sub->add_option("DIR", store_.dir, dir_help)->required();
+    return sub;
+  }
+
+  void add_uri(CLI::App *sub) {
+    sub->add_option("URI", store_.uri, "The store, such as volatile:/cfg/0/evms_runtime_cfg")
+        ->required();
+  }
+
+  void add_text(CLI::App *sub) {
+    sub->add_flag("--text", store_.text,
+                  "Keys and values are text (other bytes as \\xNN) instead of hex");
+  }
+
+  void add_stores() {
+    CLI::App *store = app_.add_subcommand("store", "Look into a switch's stores and edit them");
+    store->require_subcommand(1);
+    store_verb(store, "list", "All stores with their records, sizes and limits",
+               "datamorph store list /tmp/switch", store_list);
+    CLI::App *show = store_verb(store, "show", "All records of a store",
+                                "datamorph store show /tmp/switch volatile:/cfg/0/plugin_debug "
+                                "--text",
+                                store_show);
+    add_uri(show);
+    add_text(show);
+    CLI::App *get =
+        store_verb(store, "get", "The value of one record",
+                   "datamorph store get /tmp/switch nonvolatile:/cfg/0/vlan_cfg 0001", store_get);
+    add_uri(get);
+    get->add_option("KEY", store_.key, "The record's key")->required();
+    add_text(get);
+    CLI::App *put = store_verb(store, "put", "Insert or replace one record",
+                               "datamorph store put /tmp/switch nonvolatile:/cfg/0/vlan_cfg 0001 "
+                               "ff00",
+                               store_put);
+    add_uri(put);
+    put->add_option("KEY", store_.key, "The record's key")->required();
+    put->add_option("VALUE", store_.value, "Its value; may be empty")->required();
+    put->add_flag("--create", store_.create, "Make the store when it is missing");
+    add_text(put);
+    CLI::App *remove = store_verb(store, "delete", "Delete one record, or a whole store",
+                                  "datamorph store delete /tmp/switch nonvolatile:/cfg/0/vlan_cfg "
+                                  "0001",
+                                  store_delete);
+    add_uri(remove);
+    remove->add_option("KEY", store_.key, "The record's key");
+    remove->add_flag("--all", store_.all, "The whole store, also a damaged one");
+    add_text(remove);
+    add_transfer(store);
+  }
+
+  void add_transfer(CLI::App *store) {
+    CLI::App *out =
+        store_verb(store, "export", "Write stores as a JSON document",
+                   "datamorph store export /tmp/switch --file stores.json", store_export);
+    out->add_option("URI", store_.uris, "The stores (default: all)");
+    out->add_option("--file", store_.file, "Where to (default: standard output)");
+    CLI::App *in = store_verb(store, "import", "Load stores from such a document",
+                              "datamorph store import /tmp/switch --file stores.json\n\n"
+                              "Each store is replaced as a whole, in one step of its own; stores "
+                              "that are missing are made.",
+                              store_import);
+    in->add_option("URI", store_.uris, "Which of the document's stores (default: all)");
+    in->add_option("--file", store_.file, "Where from (default: standard input)");
+    in->add_flag("--merge", store_.merge, "Keep records that the document does not name");
+  }
+
+  void add_library_verbs() {
+    verb(&app_, "services", "The library's dispatch tables, in call order",
+         "datamorph services --format json", [this] { return services(common_); });
+    CLI::App *sub = verb(&app_, "compare", "How the library orders two releases",
+                         "datamorph compare '4.2(1)' '4.1(2)'   (prints \"newer\", exit status 2)",
+                         [this] { return compare(common_, a_, b_); });
+    sub->add_option("A", a_, "A release")->required();
+    sub->add_option("B", b_, "Another one")->required();
+  }
+
+  static std::string verbs_of(const CLI::App &app) {
+    std::string names;
+    for (const CLI::App *sub : app.get_subcommands([](const CLI::App *) { return true; })) {
+      names += (names.empty() ? "" : " ") + sub->get_name();
+    }
+    return names;
+  }
+
+  static const CLI::App *verb_of(const CLI::App &app, const std::string &name) {
+    for (const CLI::App *sub : app.get_subcommands([](const CLI::App *) { return true; })) {
+      if (sub->get_name() == name) {
+        return sub;
+      }
+    }
+    return nullptr;
+  }
+
+  // The first word that is no verb where one is wanted, if that is what is wrong.
+  std::string usage_message(int argc, char **argv, const CLI::ParseError &error) const {
+    const CLI::App *app = &app_;
+    std::string path = "datamorph";
+    for (int at = 1; at < argc; ++at) {
+      const std::string word = argv[at];
+      if (verbs_of(*app).empty()) {
+        break;
+      }
+      const CLI::App *sub = verb_of(*app, word);
+      if (sub == nullptr && word.starts_with("-")) {
+        break;
+      }
+      if (sub == nullptr) {
+        return "unknown verb " + in_quotes(word) + "; verbs: " + verbs_of(*app);
+      }
+      app = sub;
+      path += " " + word;
+    }
+    const std::string what = error.what();
+    return to_text(what.size() > 500 ? what.substr(0, 500) + "..." : what) + "; see '" + path +
+           " --help'";
+  }
+
+  CLI::App app_;
+  common_options common_;
+  convert_options convert_;
+  store_options store_;
+  std::string format_ = "table";
+  std::string dir_;
+  std::string from_;
+  std::string a_;
+  std::string b_;
+  action chosen_;
+};
+
+// Whoever started the program may have closed them; no other file may come to stand there.
+void open_standard_streams() {
+  int fd = 0;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd > STDERR_FILENO) {
+    close(fd);
+  }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  open_standard_streams();
+  // A reader that goes away is an output that could not be written, not an end in the midst.
+  std::signal(SIGPIPE, SIG_IGN);
+  int status = exit_failed;
+  try {
+    status = command_line().run(argc, argv);
+  } catch (const failure &error) {
+    status = error.status();
+    output::message(error.what());
+  } catch (const std::exception &error) {
+    output::message(error.what());
+  }
+  if (!output::finish() && status == exit_done) {
+    output::message("not all of the output could be written");
+    status = exit_failed;
+  }
+  return status;
+}

@@ -1,0 +1,89 @@
+#include "run_folder.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "failure.h"
+#include "jail.h"
+#include "output.h"
+#include "statuses.h"
+#include "text.h"
+#include "tree.h"
+
+namespace {
+
+constexpr char conversion_log[] = "/mnt/pss/data_morph.log";
+
+} // namespace
+
+unique_fd run_folder::create(const char *name) const {
+  unique_fd file(openat(folder_.get(), name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!file.is_open()) {
+    throw failure(exit_failed, "cannot create " + std::string(name) +
+                                   " in the run's folder: " + error_text(errno));
+  }
+  return file;
+}
+
+void run_folder::append(const unique_fd &file, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t put = write(file.get(), text.data(), text.size());
+    if (put <= 0) {
+      return;
+    }
+    text.remove_prefix(static_cast<size_t>(put));
+  }
+}
+
+std::string run_folder::read(const char *name, size_t limit) const {
+  try {
+    return tree::read_file(folder_.get(), name, limit);
+  } catch (const failure &) {
+    return "";
+  }
+}
+
+void run_folder::write_report(const nlohmann::json &report) const {
+  try {
+    tree::replace_file(folder_.get(), "report.json", output::json_text(report) + "\n");
+  } catch (const failure &error) {
+    output::message(std::string("the run's report could not be kept: ") + error.what());
+  }
+}
+
+void run_folder::keep_conversion_log(int state) const {
+  const unique_fd target = create("conversion.log");
+  jail::request request;
+  request.root = state;
+  request.body = [&](const jail::channel &) {
+    const unique_fd log(open(conversion_log, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat about = {};
+    if (!log.is_open() || fstat(log.get(), &about) != 0 || !S_ISREG(about.st_mode)) {
+      return;
+    }
+    char buffer[65536];
+    ssize_t got = 0;
+    while ((got = ::read(log.get(), buffer, sizeof buffer)) > 0) {
+      append(target, {buffer, static_cast<size_t>(got)});
+    }
+  };
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    output::message("the conversion log could not be kept: the copying " + outcome.text());
+  }
+}
+
+std::string first_failed_write(const nlohmann::json &closing) {
+  const nlohmann::json line =
+      nlohmann::json::parse(closing.value("first_unexpected", ""), nullptr, false);
+  if (!line.is_object()) {
+    return "see the run's journal";
+  }
+  const std::string uri = line.value("uri", "");
+  return line.value("call", "a call") + (uri.empty() ? "" : " on the store " + in_quotes(uri)) +
+         " by " + line.value("service", "?") + " gave " +
+         status_text(line.value("status", SYSERR_FAILED));
+}

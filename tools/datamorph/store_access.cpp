@@ -1,0 +1,158 @@
+#include "store_access.h"
+
+#include "failure.h"
+#include "lab/lab.h"
+#include "statuses.h"
+#include "text.h"
+
+namespace {
+
+int status_of_failure(syserr_t status) {
+  return status == SYSERR_PSS_IO || status == SYSERR_PSS_NO_ROOM ? exit_failed : exit_refused;
+}
+
+std::string advice(syserr_t status) {
+  switch (status) {
+  case SYSERR_PSS_NO_STORE:
+    return "; 'datamorph store list' tells what stores there are";
+  case SYSERR_PSS_DAMAGED:
+    return "; remove it with 'datamorph store delete --all' and bring it back with 'datamorph "
+           "store import'";
+  case SYSERR_PSS_BAD_ARGUMENT:
+    return "; a store is named nonvolatile:/PATH/NAME or volatile:/PATH/NAME";
+  case SYSERR_PSS_TOO_LARGE:
+    return "; 'datamorph store list' tells the store's limits";
+  case SYSERR_PSS_NO_ACCESS:
+    return "; run as the user that the switch belongs to";
+  default:
+    return "";
+  }
+}
+
+} // namespace
+
+void in_switch(const switch_dir &target, std::function<void(const jail::channel &)> body,
+               std::function<void(const nlohmann::json &)> take) {
+  jail::request request;
+  request.root = target.current();
+  request.body = std::move(body);
+  request.on_message = std::move(take);
+  jail::outcome outcome;
+  try {
+    outcome = jail::run(request);
+  } catch (const failure &error) {
+    throw failure(error.status(), in_quotes(target.path()) + ": " + error.what());
+  }
+  if (!outcome.finished()) {
+    throw failure(exit_failed,
+                  in_quotes(target.path()) + ": the work on its stores " + outcome.text());
+  }
+}
+
+void check_store(syserr_t status, const std::string &uri) {
+  if (status != SYSERR_SUCCESS) {
+    throw failure(status_of_failure(status),
+                  "store " + in_quotes(uri) + ": " + status_text(status) + advice(status));
+  }
+}
+
+store_handle::store_handle(const std::string &uri, uint32 mode) : uri_(uri) {
+  // Parents of a store are made with it: a name that leads anywhere else is a slip of the pen.
+  const size_t colon = uri.find(':');
+  std::string path = colon == std::string::npos ? "" : uri.substr(colon + 1);
+  if (path.size() > 1 && path.back() == '/') {
+    path.pop_back();
+  }
+  if (!is_contained_path(path)) {
+    check_store(SYSERR_PSS_BAD_ARGUMENT, uri);
+  }
+  syserr_t status = SYSERR_SUCCESS;
+  handle_ = pss2_open(uri.c_str(), mode, SRVUUID_NONE, 0, 0, &status);
+  check_store(status, uri);
+}
+
+void store_handle::no_record(const std::string &key) const {
+  throw failure(exit_refused, "store " + in_quotes(uri_) + ": no record with the key " +
+                                  to_hex(key.substr(0, 100)) +
+                                  "; 'datamorph store show' tells what records there are");
+}
+
+pss2_nonvol_params store_handle::params() {
+  pss2_nonvol_params params = {};
+  check_store(pss2_get_params(handle_, &params), uri_);
+  return params;
+}
+
+std::string store_handle::fetch(const std::string &key) {
+  const pss_datum_t datum = datum_of(key);
+  syserr_t status = SYSERR_SUCCESS;
+  const pss_datum_t *value = pss2_fetch(handle_, &datum, &status);
+  if (status == SYSERR_PSS_NOT_FOUND) {
+    no_record(key);
+  }
+  check_store(status, uri_);
+  return std::string(bytes_of(*value));
+}
+
+bool store_handle::has(const std::string &key) {
+  const pss_datum_t datum = datum_of(key);
+  syserr_t status = SYSERR_SUCCESS;
+  pss2_fetch(handle_, &datum, &status);
+  if (status != SYSERR_PSS_NOT_FOUND) {
+    check_store(status, uri_);
+  }
+  return status == SYSERR_SUCCESS;
+}
+
+void store_handle::put(const std::string &key, const std::string &value) {
+  const pss_datum_t key_datum = datum_of(key);
+  const pss_datum_t value_datum = datum_of(value);
+  check_store(pss2_store(handle_, &key_datum, &value_datum), uri_);
+}
+
+void store_handle::remove(const std::string &key) {
+  const pss_datum_t datum = datum_of(key);
+  const syserr_t status = pss2_delete(handle_, &datum, 0);
+  if (status == SYSERR_PSS_NOT_FOUND) {
+    no_record(key);
+  }
+  check_store(status, uri_);
+}
+
+void store_handle::close() {
+  check_store(pss2_close(handle_), uri_);
+}
+
+void store_handle::for_each(
+    const std::function<void(std::string_view key, std::string_view value)> &take) {
+  pss_location_t location = PSS_FIRST_KEY;
+  for (;;) {
+    syserr_t status = SYSERR_SUCCESS;
+    check_store(pss2_move2location(&handle_, 1, location, &status), uri_);
+    if (status == SYSERR_PSS_NOT_FOUND) {
+      return;
+    }
+    check_store(status, uri_);
+    const pss_datum_t *key = pss2_getkey(handle_, &status);
+    check_store(status, uri_);
+    const pss_datum_t *value = pss2_getvalue(handle_, &status);
+    check_store(status, uri_);
+    take(bytes_of(*key), bytes_of(*value));
+    location = PSS_NEXT_KEY;
+  }
+}
+
+void send_records(const jail::channel &channel, const std::string &uri) {
+  store_handle store(uri, PSS2_MODE_READ);
+  const pss2_nonvol_params params = store.params();
+  channel.send({{"uri", uri},
+                {"params",
+                 {{"max_key_size", params.max_key_size},
+                  {"max_value_size", params.max_value_size},
+                  {"max_node_keys", params.max_node_keys},
+                  {"version", params.version}}}});
+  store.for_each([&](std::string_view key, std::string_view value) {
+    channel.send({{"key", to_hex(key)}, {"value", to_hex(value)}});
+  });
+  store.close();
+}

@@ -1,0 +1,46 @@
+// Stores of a switch as the store verbs use them: inside the child, through the platform's calls.
+#ifndef DATAMORPH_STORE_ACCESS_H
+#define DATAMORPH_STORE_ACCESS_H
+
+#include <functional>
+#include <string>
+
+#include "jail.h"
+#include "platform/pss2.h"
+#include "switch_dir.h"
+
+// Runs `body` in the switch's state; `take` gets what it sends. Throws failure, naming the switch.
+void in_switch(
+    const switch_dir &target, std::function<void(const jail::channel &)> body,
+    std::function<void(const nlohmann::json &)> take = [](const nlohmann::json &) {});
+
+// Throws a failure that names the store: 3 for what is in the switch (no such store, damaged), 1
+// for what failed on the way (no room, an input or output error).
+void check_store(syserr_t status, const std::string &uri);
+
+// An open store. One that is not closed loses what was written through it when the child ends,
+// which is what a failure on the way wants.
+class store_handle {
+public:
+  // `mode` as pss2_open takes it. All of these throw failure.
+  store_handle(const std::string &uri, uint32 mode);
+  pss2_nonvol_params params();
+  std::string fetch(const std::string &key); // 3 when there is no such record
+  bool has(const std::string &key);
+  void put(const std::string &key, const std::string &value);
+  void remove(const std::string &key); // 3 when there is no such record
+  void close();
+  // Every record in the order of keys.
+  void for_each(const std::function<void(std::string_view key, std::string_view value)> &take);
+
+private:
+  [[noreturn]] void no_record(const std::string &key) const;
+
+  std::string uri_;
+  pss2_service_t handle_ = 0;
+};
+
+// Sends "uri" with the parameters, then "key" and "value" in hex for each record.
+void send_records(const jail::channel &channel, const std::string &uri);
+
+#endif

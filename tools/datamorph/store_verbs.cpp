@@ -1,0 +1,172 @@
+// store list, show, get, put, delete: single stores and records, by hand.
+#include "verbs.h"
+
+#include "failure.h"
+#include "jail.h"
+#include "lab/lab.h"
+#include "statuses.h"
+#include "store_access.h"
+#include "switch_dir.h"
+#include "text.h"
+
+namespace {
+
+// Bytes as the user asked to see them.
+std::string shown(const store_options &options, const std::string &hex) {
+  return options.text ? to_text(from_hex(hex).value_or("")) : hex;
+}
+
+// Bytes as the user typed them.
+std::string typed(const store_options &options, const std::string &text, const char *what) {
+  const std::optional<std::string> bytes = options.text ? from_text(text) : from_hex(text);
+  if (!bytes) {
+    throw failure(exit_usage, std::string("the ") + what + " " + in_quotes(text) +
+                                  (options.text ? ": a backslash is written \\\\, a byte \\xNN"
+                                                : ": pairs of hex digits are wanted; use --text "
+                                                  "for text"));
+  }
+  return *bytes;
+}
+
+} // namespace
+
+int store_list(const common_options &common, const store_options &options) {
+  const switch_dir target(options.dir, switch_dir::access::read);
+  nlohmann::json stores = nlohmann::json::array();
+  in_switch(
+      target,
+      [](const jail::channel &channel) {
+        for (const std::string &uri : lab::store_uris()) {
+          lab::store_info info;
+          const syserr_t status = lab::store_inspect(uri, &info);
+          channel.send({{"uri", uri},
+                        {"records", info.records},
+                        {"bytes", info.bytes},
+                        {"max_key_size", info.params.max_key_size},
+                        {"max_value_size", info.params.max_value_size},
+                        {"status", status},
+                        {"text", syserr2str(status)}});
+        }
+      },
+      [&](const nlohmann::json &message) { stores.push_back(message); });
+  if (common.format == output::format::json) {
+    output::json({{"switch", options.dir}, {"stores", stores}});
+    return exit_done;
+  }
+  using output::align;
+  std::vector<std::vector<output::cell>> rows;
+  for (const nlohmann::json &store : stores) {
+    const auto status = store["status"].get<syserr_t>();
+    rows.push_back({to_text(store["uri"].get<std::string>()), store["records"].dump(),
+                    store["bytes"].dump(), store["max_key_size"].dump(),
+                    store["max_value_size"].dump(),
+                    status == 0 ? output::cell("ok") : output::cell::bad(status_text(status))});
+  }
+  output::table({{"STORE"},
+                 {"RECORDS", align::right},
+                 {"BYTES", align::right},
+                 {"KEY MAX", align::right},
+                 {"VALUE MAX", align::right},
+                 {"STATUS"}},
+                rows);
+  return exit_done;
+}
+
+int store_show(const common_options &common, const store_options &options) {
+  const switch_dir target(options.dir, switch_dir::access::read);
+  nlohmann::json records = nlohmann::json::array();
+  in_switch(
+      target, [&](const jail::channel &channel) { send_records(channel, options.uri); },
+      [&](const nlohmann::json &message) {
+        if (message.contains("key")) {
+          records.push_back({{"key", shown(options, message["key"])},
+                             {"value", shown(options, message["value"])}});
+        }
+      });
+  if (common.format == output::format::json) {
+    output::json({{"switch", options.dir},
+                  {"uri", options.uri},
+                  {"encoding", options.text ? "text" : "hex"},
+                  {"records", records}});
+    return exit_done;
+  }
+  std::vector<std::vector<output::cell>> rows;
+  for (const nlohmann::json &record : records) {
+    const std::string value = record["value"].get<std::string>();
+    rows.push_back({record["key"].get<std::string>(), value});
+  }
+  output::table({{"KEY"}, {"VALUE"}}, rows);
+  return exit_done;
+}
+
+int store_get(const common_options &common, const store_options &options) {
+  const std::string key = typed(options, options.key, "key");
+  const switch_dir target(options.dir, switch_dir::access::read);
+  std::string value;
+  in_switch(
+      target,
+      [&](const jail::channel &channel) {
+        store_handle store(options.uri, PSS2_MODE_READ);
+        channel.send({{"value", to_hex(store.fetch(key))}});
+      },
+      [&](const nlohmann::json &message) { value = shown(options, message["value"]); });
+  if (common.format == output::format::json) {
+    output::json({{"switch", options.dir},
+                  {"uri", options.uri},
+                  {"encoding", options.text ? "text" : "hex"},
+                  {"key", options.key},
+                  {"value", value}});
+  } else {
+    output::text(value + "\n");
+  }
+  return exit_done;
+}
+
+int store_put(const common_options &common, const store_options &options) {
+  const std::string key = typed(options, options.key, "key");
+  const std::string value = typed(options, options.value, "value");
+  const switch_dir target(options.dir, switch_dir::access::write);
+  bool replaced = false;
+  in_switch(
+      target,
+      [&](const jail::channel &channel) {
+        const uint32 mode =
+            PSS2_MODE_READ | PSS2_MODE_WRITE | (options.create ? PSS2_MODE_CREATE : 0u);
+        store_handle store(options.uri, mode);
+        const bool stood = store.has(key);
+        store.put(key, value);
+        store.close();
+        channel.send({{"replaced", stood}});
+      },
+      [&](const nlohmann::json &message) { replaced = message["replaced"].get<bool>(); });
+  if (common.format == output::format::json) {
+    output::json({{"switch", options.dir}, {"uri", options.uri}, {"replaced", replaced}});
+  } else {
+    output::text(options.uri + ": record " + (replaced ? "replaced" : "added") + "\n");
+  }
+  return exit_done;
+}
+
+int store_delete(const common_options &common, const store_options &options) {
+  if (options.all != options.key.empty()) {
+    throw failure(exit_usage, "store delete wants either a key or --all, which is the whole store");
+  }
+  const std::string key = options.all ? "" : typed(options, options.key, "key");
+  const switch_dir target(options.dir, switch_dir::access::write);
+  in_switch(target, [&](const jail::channel &) {
+    if (options.all) {
+      check_store(pss_destroy(options.uri.c_str()), options.uri);
+      return;
+    }
+    store_handle store(options.uri, PSS2_MODE_READ | PSS2_MODE_WRITE);
+    store.remove(key);
+    store.close();
+  });
+  const char *what = options.all ? "store" : "record";
+  if (common.format == output::format::json) {
+    output::json({{"switch", options.dir}, {"uri", options.uri}, {"deleted", what}});
+  } else {
+    output::text(options.uri + ": " + what + " deleted\n");
+  }
+  return exit_done;
+}

@@ -1,0 +1,340 @@
+#include "switch_dir.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <thread>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "failure.h"
+#include "output.h"
+#include "text.h"
+#include "tree.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char current_name[] = "current";
+constexpr char next_name[] = "next";
+constexpr char previous_name[] = "previous";
+constexpr char discard_name[] = "discard";
+constexpr char runs_name[] = "runs";
+constexpr char lock_name[] = ".lock";
+constexpr char probe_a[] = ".probe-a";
+constexpr char probe_b[] = ".probe-b";
+constexpr size_t largest_switch_file = 1 << 20;
+
+// A command that was killed leaves its lock when the last process of it is gone, and a reading
+// command is soon done: both are waited for. A command that is alive and writing is not.
+constexpr auto patience = 3s;
+
+unique_fd open_state(int folder, const char *name) {
+  return unique_fd(openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+switch_state read_state(int state_folder) {
+  const std::string text = tree::read_file(state_folder, switch_file, largest_switch_file);
+  const nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
+  if (document.is_discarded()) {
+    throw failure(exit_refused, std::string(switch_file) + " is no JSON");
+  }
+  return switch_state::from_json(document);
+}
+
+std::optional<uint64_t> generation_of(int folder, const char *name) {
+  const unique_fd state = open_state(folder, name);
+  if (!state.is_open()) {
+    return std::nullopt;
+  }
+  try {
+    return read_state(state.get()).generation;
+  } catch (const failure &) {
+    return std::nullopt;
+  }
+}
+
+void sync_folder(int folder) {
+  if (fsync(folder) != 0) {
+    throw failure(exit_failed, "cannot sync the switch's folder: " + error_text(errno));
+  }
+}
+
+std::string lock_holder(int lock) {
+  char text[32] = "";
+  const ssize_t got = pread(lock, text, sizeof text - 1, 0);
+  return got > 0 ? std::string(text, static_cast<size_t>(got)).substr(0, strcspn(text, "\n")) : "";
+}
+
+bool is_alive(const std::string &holder) {
+  const long pid = std::strtol(holder.c_str(), nullptr, 10);
+  return pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+}
+
+} // namespace
+
+switch_dir::switch_dir(const std::string &path, access how) : path_(path) {
+  try {
+    open_folder();
+    lock(how);
+    recover(how);
+    open_current();
+  } catch (const failure &error) {
+    const std::string message = error.what();
+    if (message.starts_with(in_quotes(path_))) {
+      throw;
+    }
+    throw failure(error.status(), in_quotes(path_) + ": " + message);
+  }
+}
+
+switch_dir::~switch_dir() {
+  if (named_) {
+    // The name is for messages only; one that stays behind does no harm.
+    [[maybe_unused]] const int cleared = ftruncate(lock_.get(), 0);
+  }
+}
+
+void switch_dir::open_folder() {
+  folder_.reset(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder_.is_open()) {
+    throw failure(exit_refused, "cannot open the switch's directory: " + error_text(errno) +
+                                    "; build a switch with 'datamorph lab create DIR'");
+  }
+  struct stat about = {};
+  const std::string file = std::string(current_name) + "/" + switch_file;
+  if (fstatat(folder_.get(), file.c_str(), &about, AT_SYMLINK_NOFOLLOW) == 0) {
+    return;
+  }
+  if (errno == EACCES) {
+    throw failure(exit_refused, "no right to read the switch; run as the user that it belongs to");
+  }
+  throw failure(exit_refused,
+                "not a lab switch (no " + file + "); build one with 'datamorph lab create DIR'");
+}
+
+void switch_dir::in_use(const std::string &holder) const {
+  throw failure(exit_in_use, "in use by " +
+                                 (holder.empty() ? std::string("another command")
+                                                 : "another command (process " + holder + ")") +
+                                 "; wait until it is done");
+}
+
+void switch_dir::lock(access how) {
+  // Handed down on purpose: what works in the switch for this program dies with it, and the lock
+  // is free when the last of them is gone.
+  constexpr int flags = O_NOFOLLOW | O_NONBLOCK;
+  lock_.reset(openat(folder_.get(), lock_name, flags | O_RDWR | O_CREAT, 0644));
+  if (!lock_.is_open() && how == access::read) {
+    lock_.reset(openat(folder_.get(), lock_name, flags | O_RDONLY));
+    if (!lock_.is_open() && (errno == ENOENT || errno == EACCES)) {
+      return; // somebody who may only look cannot be in anybody's way
+    }
+  }
+  struct stat about = {};
+  if (!lock_.is_open() || fstat(lock_.get(), &about) != 0 || !S_ISREG(about.st_mode)) {
+    throw failure(exit_refused, std::string("cannot open its lock file ") + lock_name + ": " +
+                                    (lock_.is_open() ? "not a regular file" : error_text(errno)) +
+                                    "; run as the user that the switch belongs to");
+  }
+  const int wanted = (how == access::write ? LOCK_EX : LOCK_SH) | LOCK_NB;
+  const auto until = std::chrono::steady_clock::now() + patience;
+  while (flock(lock_.get(), wanted) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) {
+      throw failure(exit_failed, "cannot lock the switch: " + error_text(errno));
+    }
+    const std::string holder = lock_holder(lock_.get());
+    if (is_alive(holder)) {
+      in_use(holder);
+    }
+    if (std::chrono::steady_clock::now() > until) {
+      in_use("");
+    }
+    std::this_thread::sleep_for(20ms);
+  }
+  if (how == access::write) {
+    const std::string pid = std::to_string(getpid()) + "\n";
+    // The lock counts, not the name in it: a full disk is told later and better.
+    named_ = ftruncate(lock_.get(), 0) == 0 &&
+             pwrite(lock_.get(), pid.data(), pid.size(), 0) == static_cast<ssize_t>(pid.size());
+  }
+}
+
+// Whoever only looks leaves it to the next one who may write; current/ is whole either way.
+bool switch_dir::may_recover() const {
+  if (!lock_.is_open() || faccessat(folder_.get(), ".", W_OK, AT_EACCESS) != 0) {
+    return false;
+  }
+  if (flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) {
+    return true;
+  }
+  share_lock(); // a failed change of the lock has given it up
+  return false;
+}
+
+void switch_dir::share_lock() const {
+  if (flock(lock_.get(), LOCK_SH | LOCK_NB) != 0) {
+    in_use(lock_holder(lock_.get()));
+  }
+}
+
+void switch_dir::recover(access how) {
+  const int folder = folder_.get();
+  const char *const leftovers[] = {next_name, discard_name, probe_a, probe_b};
+  bool any = false;
+  for (const char *name : leftovers) {
+    any = any || tree::exists(folder, name);
+  }
+  if (!any || (how == access::read && !may_recover())) {
+    return;
+  }
+  bool finished = false;
+  bool removed = false;
+  recover_next(&finished, &removed);
+  tree::remove(folder, discard_name);
+  tree::remove(folder, probe_a);
+  tree::remove(folder, probe_b);
+  sync_folder(folder);
+  if (how == access::read) {
+    share_lock();
+  }
+  if (finished) {
+    output::message(in_quotes(path_) + ": completed a conversion that was stopped after its last "
+                                       "step; the state before it is in previous/");
+  } else if (removed) {
+    output::message(in_quotes(path_) + ": removed the copy of a conversion that was stopped; the "
+                                       "switch is as it was before it");
+  } else {
+    output::message(in_quotes(path_) + ": removed what a stopped command had left");
+  }
+}
+
+void switch_dir::recover_next(bool *finished, bool *removed) {
+  const int folder = folder_.get();
+  if (!tree::exists(folder, next_name)) {
+    return;
+  }
+  const std::optional<uint64_t> current = generation_of(folder, current_name);
+  const std::optional<uint64_t> next = generation_of(folder, next_name);
+  if (current && next && *next < *current) {
+    tree::remove(folder, discard_name);
+    keep_previous();
+    *finished = true;
+    return;
+  }
+  tree::remove(folder, next_name);
+  *removed = true;
+}
+
+void switch_dir::open_current() {
+  current_ = open_state(folder_.get(), current_name);
+  if (!current_.is_open()) {
+    throw failure(exit_refused, "cannot open its state: " + error_text(errno));
+  }
+  state_ = read_state(current_.get());
+}
+
+void switch_dir::check_exchange() const {
+  const int folder = folder_.get();
+  if (mkdirat(folder, probe_a, 0700) != 0 || mkdirat(folder, probe_b, 0700) != 0) {
+    const int error = errno;
+    tree::remove(folder, probe_a);
+    throw failure(exit_refused, in_quotes(path_) + ": cannot write there: " + error_text(error) +
+                                    "; make room, or run as the user that the switch belongs to");
+  }
+  const int result = renameat2(folder, probe_a, folder, probe_b, RENAME_EXCHANGE);
+  const int error = errno;
+  tree::remove(folder, probe_a);
+  tree::remove(folder, probe_b);
+  if (result != 0) {
+    throw failure(exit_refused, in_quotes(path_) +
+                                    ": its file system cannot exchange two folders (" +
+                                    error_text(error) +
+                                    "); move the switch to one that can, such as ext4 or xfs");
+  }
+}
+
+unique_fd switch_dir::make_next() const {
+  tree::copy(folder_.get(), current_name, next_name);
+  unique_fd next = open_state(folder_.get(), next_name);
+  if (!next.is_open()) {
+    throw failure(exit_failed, "cannot open the copy of the state: " + error_text(errno));
+  }
+  return next;
+}
+
+void switch_dir::drop_next() const {
+  tree::remove(folder_.get(), next_name);
+}
+
+void switch_dir::keep_previous() const {
+  const int folder = folder_.get();
+  if (renameat(folder, previous_name, folder, discard_name) != 0 && errno != ENOENT) {
+    throw failure(exit_failed, "cannot put previous/ aside: " + error_text(errno));
+  }
+  if (renameat(folder, next_name, folder, previous_name) != 0) {
+    throw failure(exit_failed, "cannot keep the state before the conversion: " + error_text(errno));
+  }
+  sync_folder(folder);
+}
+
+void switch_dir::commit(const switch_state &state) {
+  const int folder = folder_.get();
+  unique_fd next = open_state(folder, next_name);
+  if (!next.is_open()) {
+    throw failure(exit_failed, "cannot open the copy of the state: " + error_text(errno));
+  }
+  tree::replace_file(next.get(), switch_file, state.to_json().dump(2) + "\n");
+  if (syncfs(next.get()) != 0) {
+    throw failure(exit_failed, "cannot sync the copy of the state: " + error_text(errno));
+  }
+  if (renameat2(folder, current_name, folder, next_name, RENAME_EXCHANGE) != 0) {
+    throw failure(exit_failed, "cannot exchange the states: " + error_text(errno));
+  }
+  current_ = std::move(next);
+  state_ = state;
+  try {
+    sync_folder(folder);
+    keep_previous();
+    tree::remove(folder, discard_name);
+    sync_folder(folder);
+  } catch (const failure &error) {
+    output::message(in_quotes(path_) + ": the conversion is done, but tidying up failed (" +
+                    error.what() + "); the next command completes it");
+  }
+}
+
+unique_fd switch_dir::make_run(std::string *number) const {
+  if (mkdirat(folder_.get(), runs_name, 0755) != 0 && errno != EEXIST) {
+    throw failure(exit_failed, "cannot make the folder of runs: " + error_text(errno));
+  }
+  const unique_fd runs = open_state(folder_.get(), runs_name);
+  const int fd = runs.is_open() ? openat(runs.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+  DIR *stream = fd < 0 ? nullptr : fdopendir(fd);
+  if (stream == nullptr) {
+    throw failure(exit_failed, "cannot read the folder of runs: " + error_text(errno));
+  }
+  unsigned long last = 0;
+  while (const dirent *entry = readdir(stream)) {
+    last = std::max(last, std::strtoul(entry->d_name, nullptr, 10));
+  }
+  closedir(stream);
+  char name[32];
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::snprintf(name, sizeof name, "%04lu", ++last);
+    if (mkdirat(runs.get(), name, 0755) == 0) {
+      *number = name;
+      return open_state(runs.get(), name);
+    }
+  }
+  throw failure(exit_failed, "cannot make a folder for the run: " + error_text(errno));
+}

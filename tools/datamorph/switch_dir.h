@@ -1,0 +1,73 @@
+// A lab switch on the host: its folders, its lock, the step that changes its state, and what is
+// done about a step that was cut short.
+//
+//   current/    the state; the root of everything that works inside the switch
+//   next/       while a conversion runs: the copy that it works on
+//   previous/   the state before the last conversion
+//   discard/    while the step is tidied up: the state that previous/ held before
+//   runs/       one folder per run
+//   .lock       held by whoever works on the switch
+//
+// The step is one exchange of current/ and next/. A state's generation tells on which side of it
+// the program was stopped: next/ is a copy that nobody needs when it is of current's generation or
+// a later one, and the state before the conversion when it is of an earlier one.
+#ifndef DATAMORPH_SWITCH_DIR_H
+#define DATAMORPH_SWITCH_DIR_H
+
+#include <string>
+
+#include "switch_state.h"
+#include "unique_fd.h"
+
+class switch_dir {
+public:
+  enum class access { read, write };
+
+  // Opens, locks and, where a command was cut short, recovers the switch, saying so on standard
+  // error. Throws failure: 3 when there is no switch or no right to it, 5 when it is in use.
+  switch_dir(const std::string &path, access how);
+  ~switch_dir();
+  switch_dir(const switch_dir &) = delete;
+  switch_dir &operator=(const switch_dir &) = delete;
+
+  const std::string &path() const { return path_; }
+  const switch_state &state() const { return state_; }
+  int folder() const { return folder_.get(); }
+  // The current state's folder, as a root for jail::run.
+  int current() const { return current_.get(); }
+
+  // Throws failure(3) when the file system cannot exchange two folders.
+  void check_exchange() const;
+
+  // Makes next/ a copy of current/ and opens it. Throws failure.
+  unique_fd make_next() const;
+  void drop_next() const;
+
+  // Puts next/ with this state in the place of current/, and the old state into previous/. All is
+  // on disk when it returns. Throws failure(1); the switch is then as it was, unless the message
+  // says that the exchange is done.
+  void commit(const switch_state &state);
+
+  // A new folder for a run; its number in *number.
+  unique_fd make_run(std::string *number) const;
+
+private:
+  void open_folder();
+  void lock(access how);
+  bool may_recover() const;
+  void share_lock() const;
+  void recover(access how);
+  void recover_next(bool *finished, bool *removed);
+  void keep_previous() const;
+  [[noreturn]] void in_use(const std::string &holder) const;
+  void open_current();
+
+  std::string path_;
+  unique_fd folder_;
+  unique_fd lock_;
+  bool named_ = false; // this process's number stands in the lock file
+  unique_fd current_;
+  switch_state state_;
+};
+
+#endif

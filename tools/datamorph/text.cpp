@@ -1,0 +1,160 @@
+#include "text.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+namespace {
+
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  if (c >= 'a' && c <= 'f') {
+    return c - 'a' + 10;
+  }
+  if (c >= 'A' && c <= 'F') {
+    return c - 'A' + 10;
+  }
+  return -1;
+}
+
+void append_hex(std::string &out, char byte) {
+  static constexpr char digits[] = "0123456789abcdef";
+  const auto value = static_cast<unsigned char>(byte);
+  out += digits[value >> 4];
+  out += digits[value & 15];
+}
+
+// The byte of two hex digits; -1 when they are none.
+int hex_byte(std::string_view digits) {
+  if (digits.size() < 2) {
+    return -1;
+  }
+  const int high = hex_digit(digits[0]);
+  const int low = hex_digit(digits[1]);
+  return high < 0 || low < 0 ? -1 : high * 16 + low;
+}
+
+bool is_component(std::string_view part) {
+  return !part.empty() && part != "." && part != "..";
+}
+
+} // namespace
+
+std::string to_hex(std::string_view bytes) {
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (const char byte : bytes) {
+    append_hex(out, byte);
+  }
+  return out;
+}
+
+std::optional<std::string> from_hex(std::string_view digits) {
+  if (digits.size() % 2 != 0) {
+    return std::nullopt;
+  }
+  std::string out;
+  out.reserve(digits.size() / 2);
+  for (size_t at = 0; at < digits.size(); at += 2) {
+    const int value = hex_byte(digits.substr(at, 2));
+    if (value < 0) {
+      return std::nullopt;
+    }
+    out += static_cast<char>(value);
+  }
+  return out;
+}
+
+std::string to_text(std::string_view bytes) {
+  std::string out;
+  out.reserve(bytes.size());
+  for (const char byte : bytes) {
+    if (byte == '\\') {
+      out += "\\\\";
+    } else if (byte >= 0x20 && byte < 0x7f) {
+      out += byte;
+    } else {
+      out += "\\x";
+      append_hex(out, byte);
+    }
+  }
+  return out;
+}
+
+std::optional<std::string> from_text(std::string_view text) {
+  std::string out;
+  for (size_t at = 0; at < text.size(); ++at) {
+    if (text[at] != '\\') {
+      out += text[at];
+      continue;
+    }
+    const std::string_view rest = text.substr(at + 1);
+    if (!rest.empty() && rest[0] == '\\') {
+      out += '\\';
+      at += 1;
+      continue;
+    }
+    const int value = rest.size() < 3 || rest[0] != 'x' ? -1 : hex_byte(rest.substr(1));
+    if (value < 0) {
+      return std::nullopt;
+    }
+    out += static_cast<char>(value);
+    at += 3;
+  }
+  return out;
+}
+
+std::string in_quotes(std::string_view text) {
+  static constexpr size_t longest = 200;
+  std::string out = "'" + to_text(text.substr(0, longest));
+  out += text.size() > longest ? "...'" : "'";
+  return out;
+}
+
+std::string error_text(int error) {
+  char buffer[128] = "";
+  return strerror_r(error, buffer, sizeof buffer);
+}
+
+std::string upper_case(std::string_view text) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(),
+                 [](unsigned char c) { return static_cast<char>(c < 0x80 ? std::toupper(c) : c); });
+  return out;
+}
+
+std::string counted(size_t count, const char *noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+bool is_release_name(std::string_view text) {
+  if (text.empty() || text.size() > 64 || text.front() == '.') {
+    return false;
+  }
+  return std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+           (c != '\0' && std::strchr(".()-_", c) != nullptr);
+  });
+}
+
+bool is_contained_path(std::string_view path) {
+  if (path.size() < 2 || path.size() > 1024 || path.front() != '/') {
+    return false;
+  }
+  if (std::any_of(path.begin(), path.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < 0x20 || byte == 0x7f;
+      })) {
+    return false;
+  }
+  for (size_t start = 1; start <= path.size();) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    if (!is_component(path.substr(start, end - start))) {
+      return false;
+    }
+    start = end + 1;
+  }
+  return true;
+}

@@ -1,0 +1,37 @@
+// Bytes and numbers as text, and back.
+#ifndef DATAMORPH_TEXT_H
+#define DATAMORPH_TEXT_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Two lower-case hex digits a byte.
+std::string to_hex(std::string_view bytes);
+// Nothing when the digits are odd in number or no digits. Either case; empty is no bytes.
+std::optional<std::string> from_hex(std::string_view digits);
+
+// Printable ASCII as it is, a backslash doubled, every other byte as \xNN.
+std::string to_text(std::string_view bytes);
+// The way back. Nothing when a backslash is followed by anything else.
+std::optional<std::string> from_text(std::string_view text);
+
+// A name or path out of a switch for a message: as to_text, cut at 200 characters.
+std::string in_quotes(std::string_view text);
+
+// The error's own words: strerror without its static buffer's surprises.
+std::string error_text(int error);
+
+std::string upper_case(std::string_view text);
+
+// "1 store", "2 stores".
+std::string counted(size_t count, const char *noun);
+
+// A release as a folder name under images/: letters, digits, dots, brackets, '-' and '_', at most
+// 64 characters, not starting with a dot.
+bool is_release_name(std::string_view text);
+
+// An absolute path without "..", "." or empty components, at most 1024 bytes, no control bytes.
+bool is_contained_path(std::string_view path);
+
+#endif

@@ -1,0 +1,32 @@
+// Trees of files, handled from outside: links are never followed.
+#ifndef DATAMORPH_TREE_H
+#define DATAMORPH_TREE_H
+
+#include <cstdint>
+#include <string>
+
+namespace tree {
+
+// Removes `name` in the folder and all that is below it; nothing to do when it is not there. Throws
+// failure(1).
+void remove(int folder, const std::string &name);
+
+bool exists(int folder, const std::string &name);
+
+// Bytes that the tree takes on disk, and those that are free there for this user.
+uint64_t bytes_used(int folder, const std::string &name);
+uint64_t bytes_free(int folder);
+
+// Copies the tree `from` to `to` (not there yet), sharing blocks where the file system can. Throws
+// failure(1), the copy then as far as it came.
+void copy(int folder, const std::string &from, const std::string &to);
+
+// Writes a file beside its place, syncs it and puts it there.
+void replace_file(int folder, const std::string &name, const std::string &content);
+
+// A regular file's content, at most `limit` bytes. Throws failure(3) naming the file.
+std::string read_file(int folder, const std::string &name, size_t limit);
+
+} // namespace tree
+
+#endif

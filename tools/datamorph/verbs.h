@@ -1,0 +1,55 @@
+// The verbs, one function each. What they return is the exit status; they throw failure.
+#ifndef DATAMORPH_VERBS_H
+#define DATAMORPH_VERBS_H
+
+#include <string>
+#include <vector>
+
+#include "output.h"
+
+struct common_options {
+  output::format format = output::format::table;
+  bool verbose = false;
+  std::string library; // empty: where it usually is
+};
+
+int lab_create(const common_options &common, const std::string &dir, const std::string &from);
+int lab_show(const common_options &common, const std::string &dir);
+int lab_reboot(const common_options &common, const std::string &dir);
+
+struct convert_options {
+  std::string dir;
+  std::string to;
+  std::string from; // empty: the release that the switch runs
+  std::vector<std::string> moments;
+  std::vector<std::string> services;
+  bool whole_table = false;
+  bool accept_failures = false;
+  unsigned timeout = 300; // seconds
+};
+int convert(const common_options &common, const convert_options &options);
+
+struct store_options {
+  std::string dir;
+  std::string uri;
+  std::string key;
+  std::string value;
+  std::vector<std::string> uris;
+  std::string file;
+  bool text = false;   // keys and values are text, not hex
+  bool create = false; // put: make the store when it is missing
+  bool all = false;    // delete: the whole store
+  bool merge = false;  // import: keep records that the document does not name
+};
+int store_list(const common_options &common, const store_options &options);
+int store_show(const common_options &common, const store_options &options);
+int store_get(const common_options &common, const store_options &options);
+int store_put(const common_options &common, const store_options &options);
+int store_delete(const common_options &common, const store_options &options);
+int store_export(const common_options &common, const store_options &options);
+int store_import(const common_options &common, const store_options &options);
+
+int services(const common_options &common);
+int compare(const common_options &common, const std::string &a, const std::string &b);
+
+#endif

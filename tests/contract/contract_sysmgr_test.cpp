@@ -83,6 +83,41 @@ TEST_F(sysmgr_contract, each_service_has_one_entry) {
   EXPECT_EQ(stored(1).find("second"), std::string::npos);
 }
 
+TEST_F(sysmgr_contract, an_entry_is_the_services_number_and_its_tag_with_a_terminator) {
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+
+  ASSERT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag("ab"), 1), 0U);
+  ASSERT_EQ(sysmgr_srv_tag_info_add(SRVUUID_KPS, tag(""), 1), 0U);
+
+  const std::string expected = bytes(/* size */ "1c 00 00 00" /* entries, version */ "02 00 01 00"
+                                                /* type, length */ "01 00 07 00"
+                                                /* 381 */ "7d 01 00 00" /* tag */ "61 62 00"
+                                                /* type, length */ "01 00 05 00"
+                                                /* 542 */ "1e 02 00 00" /* tag */ "00");
+  EXPECT_EQ(hex(stored(1)), hex(expected));
+}
+
+TEST_F(sysmgr_contract, a_tag_has_31_characters_at_most) {
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+
+  ASSERT_EQ(sysmgr_srv_tag_info_add(SRVUUID_KPS, tag("1234567890123456789012345678901xyz"), 1), 0U);
+
+  EXPECT_NE(stored(1).find(std::string("1234567890123456789012345678901\0", 32)),
+            std::string::npos);
+  EXPECT_EQ(stored(1).find("xyz"), std::string::npos);
+}
+
+TEST_F(sysmgr_contract, a_replaced_entry_stays_in_its_place) {
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  ASSERT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag("first"), 1), 0U);
+  ASSERT_EQ(sysmgr_srv_tag_info_add(SRVUUID_KPS, tag("second"), 1), 0U);
+
+  ASSERT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag("a longer one"), 1), 0U);
+
+  EXPECT_LT(stored(1).find("a longer one"), stored(1).find("second"));
+  EXPECT_EQ(tlv_array_size_get(table(1), 1), stored(1).size());
+}
+
 TEST_F(sysmgr_contract, the_same_entries_make_the_same_table) {
   contract_platform::set_vdcs({1, 2});
   for (const vdc_id_t vdc : std::vector<vdc_id_t>{1, 2}) {

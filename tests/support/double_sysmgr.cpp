@@ -1,7 +1,9 @@
 // The double's system manager: tag tables, trace facility, image versions.
 //
-// A tag table is a TLV array with one item per service: the type is the service's number, the value
-// its tag text without a terminator.
+// A tag table is a TLV array with one item per service: type 1, then the service's number (uint32,
+// host byte order) and its tag with a terminator. The lab has the same.
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -12,7 +14,9 @@ debug_trace_fac_t debug_trace_fac_SYSMGR;
 
 namespace {
 
-constexpr uint32 k_version = 1;
+constexpr uint16 k_version = 1;
+constexpr uint16 k_tag_type = 1;
+constexpr size_t k_longest_tag = 31;
 constexpr size_t k_version_text_limit = 8192;
 
 struct array_header {
@@ -64,13 +68,18 @@ syserr_t add(uuid_t uuid, const uint8 *tag, vdc_id_t vdc) {
   if (const syserr_t status = items_of(sysmgr_info_tbl[vdc].srv_tag_info_tbl, &items)) {
     return status;
   }
-  const auto type = static_cast<uint16>(uuid);
-  std::erase_if(items, [type](const auto &item) { return item.first == type; });
-  const std::string text = reinterpret_cast<const char *>(tag);
-  if (text.size() > UINT16_MAX) {
-    return SYSERR_TAG_TABLE_FULL;
+  const auto number = static_cast<uint32>(uuid);
+  const std::string owner(reinterpret_cast<const char *>(&number), sizeof(number));
+  const std::string text(reinterpret_cast<const char *>(tag));
+  const std::string entry = owner + text.substr(0, k_longest_tag) + '\0';
+  const auto old = std::find_if(items.begin(), items.end(), [&owner](const auto &item) {
+    return item.first == k_tag_type && item.second.compare(0, owner.size(), owner) == 0;
+  });
+  if (old != items.end()) {
+    old->second = entry;
+  } else {
+    items.emplace_back(k_tag_type, entry);
   }
-  items.emplace_back(type, text);
   const std::string content = tlv_array_bytes(items);
   if (content.size() > SYSMGR_TAG_TABLE_MAX) {
     return SYSERR_TAG_TABLE_FULL;

@@ -3,6 +3,9 @@
 #include "support/platform_double.h"
 
 namespace contract_platform {
+
+const bool k_waits = false;
+
 namespace {
 
 mts_q_handle_t last_queue = 6;
@@ -38,6 +41,10 @@ std::vector<uint32> saps() {
 void respond(uint32 sap, const std::string &payload) {
   double_platform().add_sap(sap);
   double_platform().reply_always(sap, payload);
+}
+
+void interrupt_next_recv() {
+  double_platform().interrupt_recv(1);
 }
 
 syserr_t create_store(const std::string &uri, const pss2_nonvol_params &params) {

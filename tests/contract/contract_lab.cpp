@@ -1,11 +1,18 @@
 // The tested platform is the lab.
+#include <sys/time.h>
+
 #include <atomic>
+#include <csignal>
+#include <memory>
 #include <thread>
 
 #include "contract/contract_platform.h"
 #include "lab/lab.h"
 
 namespace contract_platform {
+
+const bool k_waits = true;
+
 namespace {
 
 // One service: a queue of its own, and a thread that answers what comes in.
@@ -18,10 +25,11 @@ public:
     thread_ = std::thread([this] { serve(); });
   }
 
+  // Closing the queue ends the wait.
   ~responder() {
     ended_ = true;
-    thread_.join();
     lab::mts_queue_close(queue_);
+    thread_.join();
   }
 
   responder(const responder &) = delete;
@@ -86,6 +94,14 @@ std::vector<uint32> saps() {
 
 void respond(uint32 sap, const std::string &payload) {
   responders.push_back(std::make_unique<responder>(sap, payload));
+}
+
+void interrupt_next_recv() {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval soon = {{0, 0}, {0, 50000}};
+  setitimer(ITIMER_REAL, &soon, nullptr);
 }
 
 syserr_t create_store(const std::string &uri, const pss2_nonvol_params &params) {

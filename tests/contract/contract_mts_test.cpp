@@ -2,6 +2,7 @@
 #include "contract/contract_platform.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 namespace {
@@ -181,10 +182,58 @@ TEST_F(mts_contract, nothing_came_is_a_time_out) {
   options.timeout = 1;
   mts_ref_t message = 0;
   errno = 0;
+  const auto start = std::chrono::steady_clock::now();
 
   EXPECT_EQ(mts_recv(queue_, &message, &options), -1);
 
   EXPECT_EQ(errno, ETIMEDOUT);
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(took.count(), contract_platform::k_waits ? 0.9 : 0.0);
+  EXPECT_LT(took.count(), 30.0);
+}
+
+TEST_F(mts_contract, a_receive_that_may_not_block_says_when_nothing_is_there) {
+  mts_recv_options_t options = {};
+  options.version = 1;
+  options.non_blocking = 1;
+  options.timeout = 30;
+  mts_ref_t message = 0;
+  errno = 0;
+
+  EXPECT_EQ(mts_recv(queue_, &message, &options), -1);
+
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(mts_contract, a_signal_interrupts_a_receive) {
+  mts_recv_options_t options = {};
+  options.version = 1;
+  options.timeout = 20;
+  mts_ref_t message = 0;
+  contract_platform::interrupt_next_recv();
+  errno = 0;
+
+  EXPECT_EQ(mts_recv(queue_, &message, &options), -1);
+
+  EXPECT_EQ(errno, EINTR);
+}
+
+TEST_F(mts_contract, a_request_survives_an_interrupted_receive) {
+  contract_platform::register_sap(11);
+  mts_recv_options_t options = {};
+  options.version = 1;
+  options.timeout = 20;
+  mts_ref_t message = 0;
+  contract_platform::interrupt_next_recv();
+  errno = 0;
+  EXPECT_EQ(mts_recv(queue_, &message, &options), -1);
+  EXPECT_EQ(errno, EINTR);
+
+  contract_platform::respond(3, "answer");
+  const mts_ref_t request = send(3, 7, "ping");
+  const mts_ref_t response = receive(request);
+
+  EXPECT_EQ(payload_of(response, 6), "answer");
 }
 
 TEST_F(mts_contract, a_request_that_nobody_answers_fails_or_times_out) {
@@ -220,6 +269,7 @@ TEST_F(mts_contract, queue_0_and_unknown_queues_are_bad) {
     errno = 0;
     EXPECT_EQ(mts_send(queue, k_supervisor, 3, 7, "ping", 4, &message, 0, 0), -1);
     EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(message, 0U);
     errno = 0;
     EXPECT_EQ(mts_recv(queue, &message, &options), -1);
     EXPECT_EQ(errno, EBADF);

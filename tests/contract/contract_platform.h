@@ -29,6 +29,11 @@ std::vector<uint32> saps(); // sorted
 // A service at `sap` that answers every request with these bytes.
 void respond(uint32 sap, const std::string &payload);
 
+// A signal comes while the next mts_recv waits.
+void interrupt_next_recv();
+// Whether mts_recv takes real time.
+extern const bool k_waits;
+
 syserr_t create_store(const std::string &uri, const pss2_nonvol_params &params);
 // Makes the store that stands at `uri` one that cannot be read.
 void damage_store(const std::string &uri);

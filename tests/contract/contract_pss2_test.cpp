@@ -348,6 +348,39 @@ TEST_F(pss2_contract, loading_replaces_records_of_the_same_key) {
   EXPECT_EQ(pss2_close(service), 0U);
 }
 
+TEST_F(pss2_contract, loading_leaves_other_records_and_the_cursor) {
+  const pss2_service_t source = open_with({"b"}, "volatile:/source");
+  ASSERT_EQ(pss2_kernel2file(source, k_file, 0), 0U);
+  const pss2_service_t service = open_with({"a", "c"});
+  ASSERT_EQ(move(service, PSS_FIRST_KEY), 0U);
+
+  EXPECT_EQ(pss2_file2kernel(k_file, service, 0), 0U);
+
+  EXPECT_EQ(key_of(service), "a");
+  EXPECT_EQ(move(service, PSS_NEXT_KEY), 0U);
+  EXPECT_EQ(key_of(service), "b");
+  EXPECT_EQ(keys_of(service), (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(pss2_close(service), 0U);
+  EXPECT_EQ(pss2_close(source), 0U);
+}
+
+TEST_F(pss2_contract, a_flat_file_holds_what_the_handle_sees_and_leaves_its_cursor) {
+  const pss2_service_t service = open_with({"a", "b", "c"});
+  ASSERT_EQ(pss2_close(service), 0U);
+  const pss2_service_t writer = open();
+  ASSERT_EQ(pss2_delete(writer, in("a"), 0), 0U);
+  ASSERT_EQ(move(writer, PSS_FIRST_KEY), 0U);
+
+  EXPECT_EQ(pss2_kernel2file(writer, k_file, 0), 0U);
+
+  EXPECT_EQ(key_of(writer), "b");
+  const pss2_service_t another = open("volatile:/another");
+  EXPECT_EQ(pss2_file2kernel(k_file, another, 0), 0U);
+  EXPECT_EQ(keys_of(another), (std::vector<std::string>{"b", "c"}));
+  EXPECT_EQ(pss2_close(another), 0U);
+  EXPECT_EQ(pss2_close(writer), 0U);
+}
+
 TEST_F(pss2_contract, a_missing_flat_file_is_a_status) {
   const pss2_service_t service = open_with({"kept"});
 

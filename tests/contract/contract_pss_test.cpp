@@ -134,6 +134,17 @@ TEST_F(pss_contract, move2key_refuses_what_it_cannot_use) {
   EXPECT_EQ(status, 0x40480008U);
 }
 
+TEST_F(pss_contract, move2key_takes_keys_longer_than_any_that_is_stored) {
+  const pss_service_t service = open_with({"a", "b"});
+  syserr_t status = k_unwritten;
+
+  EXPECT_EQ(out(pss_move2key(service, in(std::string(5000, 'a')), &status)), "b");
+  EXPECT_EQ(pss_move2key(service, in(std::string(5000, 'b')), &status), nullptr);
+  EXPECT_EQ(status, 0x40480003U);
+
+  EXPECT_EQ(pss_close(service), 0U);
+}
+
 TEST_F(pss_contract, move2key_takes_a_key_that_it_returned) {
   const pss_service_t service = open_with({"a", "b"});
   syserr_t status = k_unwritten;
@@ -239,6 +250,53 @@ TEST_F(pss_contract, a_snapshot_replaces_what_stands_there) {
   EXPECT_EQ(pss_snapshot(service, 0, k_copy), 0U);
 
   EXPECT_EQ(keys_of(k_copy), std::vector<std::string>{"a"});
+  EXPECT_EQ(pss_close(service), 0U);
+}
+
+TEST_F(pss_contract, a_snapshot_does_not_replace_what_is_damaged) {
+  ASSERT_EQ(pss_create(k_copy), 0U);
+  contract_platform::damage_store(k_copy);
+  const pss_service_t service = open_with({"a"});
+
+  EXPECT_EQ(pss_snapshot(service, 0, k_copy), 0x40480009U);
+
+  syserr_t status = k_unwritten;
+  EXPECT_EQ(pss_open(k_copy, &status), 0U);
+  EXPECT_EQ(status, 0x40480009U);
+  EXPECT_EQ(pss_close(service), 0U);
+}
+
+TEST_F(pss_contract, a_snapshot_onto_the_store_itself_loses_nothing) {
+  const pss_service_t service = open_with({"a"});
+  ASSERT_EQ(pss_store(service, 1, in("b"), in("1")), 0U);
+
+  EXPECT_EQ(pss_snapshot(service, 0, k_uri), 0U);
+  EXPECT_EQ(pss_close(service), 0U);
+
+  EXPECT_EQ(keys_of(k_uri), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(pss_contract, a_snapshot_leaves_the_handle_and_its_cursor) {
+  const pss_service_t service = open_with({"a", "b"});
+  syserr_t status = k_unwritten;
+  ASSERT_EQ(out(pss_move2location(service, PSS_FIRST_KEY, &status)), "a");
+
+  EXPECT_EQ(pss_snapshot(service, 0, k_copy), 0U);
+
+  EXPECT_EQ(out(pss_getvalue(service, &status)), "value of a");
+  EXPECT_EQ(out(pss_move2location(service, PSS_NEXT_KEY, &status)), "b");
+  EXPECT_EQ(pss_close(service), 0U);
+}
+
+TEST_F(pss_contract, a_snapshot_takes_the_limits_along) {
+  ASSERT_EQ(contract_platform::create_store(k_uri, {8, 100, 0, 5}), 0U);
+  const pss_service_t service = open(k_uri);
+
+  EXPECT_EQ(pss_snapshot(service, 0, k_copy), 0U);
+
+  const pss_service_t copy = open(k_copy);
+  EXPECT_EQ(pss_store(copy, 1, in("123456789"), in("v")), 0x40480006U);
+  EXPECT_EQ(pss_close(copy), 0U);
   EXPECT_EQ(pss_close(service), 0U);
 }
 

@@ -180,6 +180,23 @@ TYPED_TEST(stores_contract, a_handle_that_was_open_before_sees_what_another_has_
   EXPECT_EQ(TypeParam::close(reader), 0U);
 }
 
+TYPED_TEST(stores_contract, a_store_that_one_handle_writes_is_busy_for_another_writer) {
+  const uint32 one = this->open_with({"a"});
+  const uint32 two = this->open();
+  ASSERT_EQ(TypeParam::store(one, in("b"), in("of one")), 0U);
+
+  EXPECT_EQ(TypeParam::store(two, in("c"), in("of two")), 0x4048000DU);
+  EXPECT_EQ(TypeParam::remove(two, in("a")), 0x4048000DU);
+  EXPECT_EQ(this->fetched(two, "a"), "value of a");
+  EXPECT_EQ(TypeParam::close(one), 0U);
+  EXPECT_EQ(TypeParam::store(two, in("c"), in("of two")), 0U);
+  EXPECT_EQ(TypeParam::close(two), 0U);
+
+  const uint32 reader = this->open();
+  EXPECT_EQ(this->walked(reader), (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(TypeParam::close(reader), 0U);
+}
+
 TYPED_TEST(stores_contract, a_fetched_datum_stays_until_the_next_fetch_on_the_handle) {
   const uint32 service = this->open_with({"a", "b"});
   const uint32 another = this->open();

@@ -73,6 +73,9 @@ int mts_send(mts_q_handle_t queue, uint32 destination, uint32 destination_sap, u
       state.enter("mts_send", {number(queue), log_text::flags(destination), number(destination_sap),
                                number(opcode), length == 0 ? "-" : log_text::data(payload, length),
                                number(length), number(flags), number(reserved)});
+  if (reference != nullptr) {
+    *reference = 0;
+  }
   if (answer) {
     return scripted_result(*answer);
   }
@@ -101,7 +104,11 @@ mts_rr_token_t mts_rr_token_get(mts_ref_t reference) {
 
 int mts_recv(mts_q_handle_t queue, mts_ref_t *reference, const mts_recv_options_t *options) {
   platform_double::state &state = internals();
-  if (const auto answer = state.enter("mts_recv", recv_arguments(queue, options))) {
+  const auto answer = state.enter("mts_recv", recv_arguments(queue, options));
+  if (reference != nullptr) {
+    *reference = 0;
+  }
+  if (answer) {
     return scripted_result(*answer);
   }
   if (state.queues.count(queue) == 0) {
@@ -121,7 +128,7 @@ int mts_recv(mts_q_handle_t queue, mts_ref_t *reference, const mts_recv_options_
       return 0;
     }
   }
-  return failure(ETIMEDOUT);
+  return failure(options->non_blocking != 0 ? EAGAIN : ETIMEDOUT);
 }
 
 void *mts_payload_get(mts_ref_t reference) {

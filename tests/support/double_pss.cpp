@@ -7,10 +7,6 @@ namespace {
 
 constexpr generation k_first = generation::first;
 
-std::shared_ptr<double_store> new_store(const char *uri) {
-  return double_platform().internals().stores[uri] = std::make_shared<double_store>();
-}
-
 syserr_t remove_key(uint32 service, double_handle &at, const pss_datum_t *key) {
   std::string ignored;
   if (const syserr_t status = fetch(at, key, ignored)) {
@@ -41,16 +37,20 @@ syserr_t snapshot(uint32 service, double_handle &at, const char *uri) {
   if (!good_uri(uri)) {
     return SYSERR_PSS_BAD_ARGUMENT;
   }
-  std::shared_ptr<double_store> &target = double_platform().internals().stores[uri];
-  if (target == nullptr) {
-    target = std::make_shared<double_store>();
+  if (!double_platform().has_store(uri)) {
+    double_platform().set_store(uri);
+  }
+  const std::shared_ptr<double_store> target = double_platform().internals().stores[uri];
+  if (target->damaged) {
+    return SYSERR_PSS_DAMAGED;
   }
   if (target->writer != 0 && target->writer != service) {
     return SYSERR_PSS_BUSY;
   }
-  target->records = at.seen();
-  target->params = at.store->params;
-  target->damaged = false;
+  if (target != at.store) {
+    target->records = at.seen();
+    target->params = at.store->params;
+  }
   return SYSERR_SUCCESS;
 }
 
@@ -79,7 +79,7 @@ syserr_t pss_create(const char *uri) {
   if (double_platform().has_store(uri)) {
     return SYSERR_PSS_EXISTS;
   }
-  new_store(uri);
+  double_platform().set_store(uri);
   return SYSERR_SUCCESS;
 }
 

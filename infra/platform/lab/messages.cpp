@@ -101,7 +101,7 @@ std::vector<uint8> copy_of(const void *payload, uint32 length) {
 
 // Where an access point is answered.
 int find_endpoint(uint32 destination, uint32 sap, std::string *endpoint) {
-  if (destination != k_this_supervisor) {
+  if (destination != k_this_supervisor || !is_sap(sap)) {
     return EHOSTUNREACH;
   }
   sap_entry entry;
@@ -279,9 +279,9 @@ int mts_send(mts_q_handle_t queue, uint32 destination, uint32 destination_sap, u
     if (from == nullptr) {
       return EBADF;
     }
-    const int bad = lab::check_payload(payload, length);
-    if (bad != 0 || !lab::is_sap(destination_sap)) {
-      return bad != 0 ? bad : EINVAL;
+    const int bad = reference == nullptr ? EINVAL : lab::check_payload(payload, length);
+    if (bad != 0) {
+      return bad;
     }
     std::string endpoint;
     const int unknown = lab::find_endpoint(destination, destination_sap, &endpoint);
@@ -297,7 +297,7 @@ int mts_send(mts_q_handle_t queue, uint32 destination, uint32 destination_sap, u
     request.head.reply_queue = queue;
     request.payload = lab::copy_of(payload, length);
     const int error = from->send(endpoint, request);
-    if (error == 0 && reference != nullptr) {
+    if (error == 0) {
       *reference = lab::refer(queue, false, std::move(request));
     }
     return error;
@@ -350,7 +350,7 @@ int mts_sap_destroy(mts_q_handle_t queue, uint32 sap) {
     if (lab::queue_of(queue) == nullptr) {
       return EBADF;
     }
-    return lab::is_sap(sap) ? lab::sap_remove(sap) : EINVAL;
+    return lab::is_sap(sap) ? lab::sap_remove(sap) : ENOENT;
   });
   const int error = result == 0 ? 0 : errno;
   lab::journal_entry entry;

@@ -23,20 +23,27 @@ void read_ahead::start(std::string_view low) {
   low_ = low;
 }
 
-uint16_t read_ahead::take_slot() {
+uint16_t read_ahead::fill_slot(std::string_view key, std::string_view value) {
   if (free_.empty()) {
-    slots_.emplace_back();
     free_.reserve(k_capacity + 1);
     order_.reserve(k_capacity + 1);
-    return static_cast<uint16_t>(slots_.size() - 1);
+    free_.push_back(static_cast<uint16_t>(slots_.size()));
+    slots_.emplace_back();
   }
   const uint16_t slot = free_.back();
+  record &held = slots_[slot];
+  if (held.value.capacity() > k_kept_capacity) {
+    held = record();
+  }
+  held.key = key;
+  held.value = value;
   free_.pop_back();
+  bytes_ += key.size() + value.size();
   return slot;
 }
 
 bool read_ahead::append(std::string_view key, std::string_view value) {
-  insert(size(), key, value);
+  order_.push_back(fill_slot(key, value));
   return size() < k_capacity && bytes_ < k_byte_limit;
 }
 
@@ -53,15 +60,7 @@ size_t read_ahead::upper_bound(std::string_view key) const {
 }
 
 void read_ahead::insert(size_t index, std::string_view key, std::string_view value) {
-  const uint16_t slot = take_slot();
-  record &held = slots_[slot];
-  if (held.value.capacity() > k_kept_capacity) {
-    held = record();
-  }
-  held.key = key;
-  held.value = value;
-  bytes_ += key.size() + value.size();
-  order_.insert(order_.begin() + static_cast<ptrdiff_t>(index), slot);
+  order_.insert(order_.begin() + static_cast<ptrdiff_t>(index), fill_slot(key, value));
   if (current != k_none && index <= current) {
     ++current;
   }

@@ -53,7 +53,7 @@ public:
 private:
   void insert(size_t index, std::string_view key, std::string_view value);
   void remove(size_t index);
-  uint16_t take_slot();
+  uint16_t fill_slot(std::string_view key, std::string_view value);
 
   std::string low_;
   bool at_end_ = false;

@@ -1,0 +1,68 @@
+#!/bin/sh
+# Installs what is missing, builds the library and the command line, creates lab switches from
+# examples/, converts them with the real library, and shows what changed.
+set -eu
+cd "$(dirname "$0")/.."
+scripts/packages.sh install demo
+cmake --preset release -DDATAMORPH_TESTS=OFF -DDATAMORPH_BENCH=OFF
+cmake --build --preset release
+
+datamorph=$(pwd)/build/datamorph
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+say() {
+  printf '\n# %s\n' "$*"
+}
+
+# Shows a command as it would be typed, and runs it.
+run() {
+  printf '$ datamorph'
+  for word in "$@"; do
+    case $word in
+      *[!A-Za-z0-9_./-]*) printf " '%s'" "$word" ;;
+      *) printf ' %s' "$word" ;;
+    esac
+  done
+  printf '\n'
+  "$datamorph" "$@"
+}
+
+# What a switch holds, one line each.
+state() {
+  "$datamorph" store export "$1" | grep -o '"uri":"[^"]*"\|"key":"[^"]*"' |
+    sed 's/"uri":"\(.*\)"/store  \1/; s/"key":"\(.*\)"/record   \1/'
+  "$datamorph" lab show "$1" | sed -n '/^ACCESS POINT/,$ { /^ACCESS POINT/d; s/^ */access point /p; }'
+}
+
+# Converts and shows the difference; fails when there is none.
+convert_and_compare() {
+  switch=$1
+  shift
+  state "$switch" >"$switch.before"
+  run convert "$switch" "$@"
+  state "$switch" >"$switch.after"
+  say "What is gone (-) and what is new (+):"
+  if diff -U 0 "$switch.before" "$switch.after" >"$switch.diff"; then
+    echo "nothing changed: that is not what this conversion does" >&2
+    exit 1
+  fi
+  grep '^[-+][^-+]' "$switch.diff"
+}
+
+say 'A switch at 4.1(5) with the runtime state of its services'
+run lab create ./switch --from "$OLDPWD/examples/datacenter-switch.json"
+run lab show ./switch
+
+say 'Its running filesystem goes to 3.3(1), which does not understand the state of seven services'
+convert_and_compare switch --moment running-fs --to '3.3(1)'
+
+say 'The last lines of the conversion log that the switch keeps'
+tail -n 4 switch/current/mnt/pss/data_morph.log
+
+say 'A switch in NPV mode goes from 4.2(1) down to 4.0(4): EPP loses its stores and access point'
+run lab create ./npv --from "$OLDPWD/examples/npv-switch.json"
+convert_and_compare npv --to '4.0(4)'
+
+say "Done. Try it yourself: $datamorph --help"

@@ -258,6 +258,24 @@ TEST_F(double_test, flat_files_of_a_test_are_loaded) {
   EXPECT_EQ(platform.records("volatile:/a"), (platform_double::records_t{{"", ""}, {"k", "v"}}));
 }
 
+// A datum's time is over at the next call of the same function; only a sanitizer can tell.
+#if defined(__SANITIZE_ADDRESS__)
+TEST_F(double_test, a_pointer_that_is_kept_too_long_is_found) {
+  platform.set_store("volatile:/a", {{"k", "value"}});
+  syserr_t status = 0;
+  const pss_service_t service = pss_open("volatile:/a", &status);
+  const pss_datum_t key = datum("k");
+  const pss_datum_t *kept = pss_fetch(service, &key, &status);
+  const auto *value = static_cast<const volatile uint8 *>(kept->ptr);
+  EXPECT_EQ(value[4], 'e');
+  EXPECT_DEATH(std::printf("%d", value[5]), "heap-buffer-overflow");
+
+  pss_fetch(service, &key, &status);
+
+  EXPECT_DEATH(std::printf("%d", value[0]), "heap-use-after-free");
+}
+#endif
+
 // ---- Trace --------------------------------------------------------------------------------------
 
 const char *const k_exists = "File check succeeded\nFile exists\n";

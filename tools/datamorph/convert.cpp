@@ -104,7 +104,7 @@ void conversion::check_release(const nlohmann::json &images, const std::string &
                                const char *what) const {
   std::string known;
   for (const auto &[name, version] : images.items()) {
-    known += (known.empty() ? "" : " ") + to_text(name);
+    append_word(known, to_text(name));
   }
   const auto found = images.find(release);
   if (!is_release_name(release) || found == images.end()) {

@@ -34,7 +34,7 @@ public:
       if (std::find(members.begin(), members.end(), name) == members.end()) {
         std::string known;
         for (const char *member : members) {
-          known += (known.empty() ? "" : ", ") + std::string(member);
+          append_word(known, member, ", ");
         }
         wrong("unknown member " + in_quotes(name) + " (known: " + known + ")");
       }

@@ -75,12 +75,20 @@ void check_free(const place &where, const std::string &dir) {
   }
 }
 
+// Hidden, beside the switch to come, and short enough for any name.
+std::string building_name(const std::string &name) {
+  std::string building = ".";
+  building += name.substr(0, 200);
+  building += ".creating";
+  return building;
+}
+
 // The folder in which a switch is built before it gets its name. It is locked while that goes on,
 // so that one which a stopped command left can be told from one in use.
 class workshop {
 public:
   workshop(const place &where, const std::string &dir)
-      : parent_(where.parent.get()), name_("." + where.name.substr(0, 200) + ".creating") {
+      : parent_(where.parent.get()), name_(building_name(where.name)) {
     if (mkdirat(parent_, name_.c_str(), 0755) != 0) {
       if (errno != EEXIST) {
         throw failure(exit_refused, in_quotes(dir) + ": cannot write beside it: " +
@@ -242,13 +250,13 @@ void print_switch(const nlohmann::json &document) {
   using output::align;
   std::string vdcs;
   for (const nlohmann::json &vdc : document["vdcs"]) {
-    vdcs += (vdcs.empty() ? "" : " ") + vdc.dump();
+    append_word(vdcs, vdc.dump());
   }
   std::string images;
   for (const nlohmann::json &image : document["images"]) {
     const bool readable = image["version"].is_string();
-    images += (images.empty() ? "" : " ") + value_text(image["release"]) +
-              (readable ? "" : " (no version)");
+    append_word(images, value_text(image["release"]));
+    images += readable ? "" : " (no version)";
   }
   std::vector<std::vector<output::cell>> facts = {
       {"switch", value_text(document["name"])},

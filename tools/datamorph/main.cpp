@@ -219,7 +219,7 @@ private:
   static std::string verbs_of(const CLI::App &app) {
     std::string names;
     for (const CLI::App *sub : app.get_subcommands([](const CLI::App *) { return true; })) {
-      names += (names.empty() ? "" : " ") + sub->get_name();
+      append_word(names, sub->get_name());
     }
     return names;
   }

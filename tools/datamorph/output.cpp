@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "failure.h"
+#include "text.h"
 
 namespace {
 
@@ -65,7 +66,9 @@ void table(const std::vector<column> &columns, const std::vector<std::vector<cel
     const bool last = &column == &columns.back();
     const int flags = (column.alignment == align::right ? SCOLS_FL_RIGHT : 0) |
                       (last && column.alignment == align::left ? SCOLS_FL_WRAP : 0);
-    if (scols_table_new_column(table.get(), column.name, 0, flags) == nullptr) {
+    libscols_column *made = scols_table_new_column(table.get(), column.name, 0, flags);
+    // Cells come with their unprintable bytes written as \xNN; that is not to be done again.
+    if (made == nullptr || scols_column_set_safechars(made, "\\") != 0) {
       no_memory();
     }
   }
@@ -75,7 +78,7 @@ void table(const std::vector<column> &columns, const std::vector<std::vector<cel
   if (rows.empty()) {
     std::string head;
     for (const column &column : columns) {
-      head += (head.empty() ? "" : " ") + std::string(column.name);
+      append_word(head, column.name);
     }
     write_all(head + "\n");
     return;

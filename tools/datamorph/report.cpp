@@ -34,7 +34,7 @@ nlohmann::json counts_json(const record_counts &counts) {
 std::string joined(const std::vector<std::string> &words) {
   std::string text;
   for (const std::string &word : words) {
-    text += (text.empty() ? "" : " ") + word;
+    append_word(text, word);
   }
   return text.empty() ? "-" : text;
 }

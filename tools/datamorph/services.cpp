@@ -59,7 +59,7 @@ std::optional<uint32> service_number(const std::string &name) {
 std::string service_names() {
   std::string names;
   for (const service_row &row : rows) {
-    names += (names.empty() ? "" : " ") + std::string(row.name);
+    append_word(names, row.name);
   }
   return names;
 }

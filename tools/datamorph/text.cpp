@@ -108,7 +108,8 @@ std::optional<std::string> from_text(std::string_view text) {
 
 std::string in_quotes(std::string_view text) {
   static constexpr size_t longest = 200;
-  std::string out = "'" + to_text(text.substr(0, longest));
+  std::string out = "'";
+  out += to_text(text.substr(0, longest));
   out += text.size() > longest ? "...'" : "'";
   return out;
 }
@@ -116,6 +117,13 @@ std::string in_quotes(std::string_view text) {
 std::string error_text(int error) {
   char buffer[128] = "";
   return strerror_r(error, buffer, sizeof buffer);
+}
+
+void append_word(std::string &list, std::string_view word, std::string_view between) {
+  if (!list.empty()) {
+    list += between;
+  }
+  list += word;
 }
 
 std::string upper_case(std::string_view text) {

@@ -22,6 +22,9 @@ std::string in_quotes(std::string_view text);
 // The error's own words: strerror without its static buffer's surprises.
 std::string error_text(int error);
 
+// Adds a word to a list of words, after `between` when it is not the first.
+void append_word(std::string &list, std::string_view word, std::string_view between = " ");
+
 std::string upper_case(std::string_view text);
 
 // "1 store", "2 stores".

@@ -1,0 +1,88 @@
+// Runs the built command line on lab switches in a temporary folder and looks at what it did.
+#ifndef TESTS_SYSTEM_COMMAND_H
+#define TESTS_SYSTEM_COMMAND_H
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/types.h>
+
+struct result {
+  int status = -1; // the exit status; 1000 and the signal's number
+  std::string out;
+  std::string err;
+  nlohmann::json json() const; // of `out`; fails the test when it is none
+};
+
+// A running command; killed when its owner goes.
+class background {
+public:
+  background(pid_t pid, std::string out, std::string err);
+  ~background();
+  background(const background &) = delete;
+  background &operator=(const background &) = delete;
+  pid_t pid() const { return pid_; }
+  void signal(int number) const;
+  result wait();
+
+private:
+  pid_t pid_;
+  std::string out_;
+  std::string err_;
+};
+
+using words = std::vector<std::string>;
+using files = std::map<std::string, std::string>; // path in a tree: kind, mode and content
+
+class command_test : public testing::Test {
+protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // In the temporary folder.
+  std::string path(const std::string &name) const { return folder_ + "/" + name; }
+  void write(const std::string &name, const std::string &content) const;
+  std::string read(const std::string &name) const;
+  bool exists(const std::string &name) const;
+
+  // Of the commands to come.
+  void set(const std::string &variable, const std::string &value) {
+    environment_[variable] = value;
+  }
+  void fake(const std::string &what);     // the fake converters, doing this
+  std::function<void()> in_child = [] {}; // called just before the program starts
+
+  result run(const words &arguments, const std::string &input = "");
+  std::unique_ptr<background> start(const words &arguments);
+
+  // Makes the example switch `name`.
+  void create(const std::string &name, const words &more = {});
+  nlohmann::json show(const std::string &name);
+  static std::vector<std::string> uris(const nlohmann::json &shown);
+  static std::vector<unsigned> saps(const nlohmann::json &shown);
+
+  // Every file of the switch's state.
+  files state(const std::string &name) const;
+  // Nothing of a command that was stopped lies about.
+  void expect_tidy(const std::string &name) const;
+
+  std::string program = DATAMORPH_PROGRAM;
+
+private:
+  pid_t spawn(const words &arguments, const std::string &in, const std::string &out,
+              const std::string &err) const;
+
+  std::string folder_;
+  int outputs_ = 0;
+  std::map<std::string, std::string> environment_;
+};
+
+// Makes these system calls fail with `error` in this process and what it starts.
+void deny_system_calls(const std::vector<long> &numbers, int error);
+
+#endif

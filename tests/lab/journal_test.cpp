@@ -1,0 +1,181 @@
+// The journal: one line for each call that changes something, with exact counts.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "lab/lab_fixture.h"
+
+namespace {
+
+constexpr char k_uri[] = "volatile:/x";
+
+class journal : public lab_test {
+protected:
+  void TearDown() override {
+    stop();
+    lab_test::TearDown();
+  }
+
+  void start() {
+    fd_ = ::open("/tmp/journal", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_GE(fd_, 0);
+    lab::journal_start(fd_);
+    lab::journal_request("startup", 2, "EVMS");
+  }
+
+  // What was written since start().
+  std::string stop() {
+    lab::journal_stop();
+    if (fd_ >= 0) {
+      ::close(fd_);
+      fd_ = -1;
+    }
+    return switch_root::read_file("/tmp/journal");
+  }
+
+  int fd_ = -1;
+};
+
+TEST_F(journal, has_a_line_for_each_change_of_a_record) {
+  make(k_uri, {{"a", "1"}, {"b", "22"}});
+  start();
+  const pss_service_t service = open(k_uri);
+  put(service, "a", "111");
+  put(service, "b", "22");
+  put(service, std::string("\x00\xff", 2), "");
+  remove(service, "a");
+  remove(service, "none");
+  EXPECT_EQ(pss_close(service), 0U);
+
+  EXPECT_EQ(
+      stop(),
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_store","uri":"volatile:/x","key":"61","old":1,"new":3,"added":0,"changed":1,"removed":0,"status":0,"unexpected":false}
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_store","uri":"volatile:/x","key":"62","old":2,"new":2,"added":0,"changed":0,"removed":0,"status":0,"unexpected":false}
+{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_store","uri":"volatile:/x","key":"00ff","old":null,"new":0,"added":1,"changed":0,"removed":0,"status":0,"unexpected":false}
+{"n":4,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_delete","uri":"volatile:/x","key":"61","old":3,"new":null,"added":0,"changed":0,"removed":1,"status":0,"unexpected":false}
+{"n":5,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_delete","uri":"volatile:/x","key":"6e6f6e65","old":null,"new":null,"added":0,"changed":0,"removed":0,"status":1078460419,"unexpected":false}
+{"n":6,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_close","uri":"volatile:/x","status":0,"unexpected":false}
+)");
+  EXPECT_EQ(lab::journal_unexpected(nullptr), 0U);
+}
+
+TEST_F(journal, has_a_line_for_each_change_of_a_store) {
+  make(k_uri, {{"a", "1"}, {"b", "2"}, {"c", "3"}});
+  make("volatile:/y", {{"a", "1"}, {"b", "other"}, {"d", "4"}, {"e", "5"}});
+  start();
+  const pss_service_t service = open(k_uri);
+  EXPECT_EQ(pss_snapshot(service, 0, "volatile:/y"), 0U);
+  EXPECT_EQ(pss_snapshot(service, 0, "volatile:/new"), 0U);
+  EXPECT_EQ(pss2_kernel2file(service, "/tmp/flat", 0), 0U);
+  EXPECT_EQ(pss_close(service), 0U);
+  EXPECT_EQ(pss_destroy(k_uri), 0U);
+  EXPECT_EQ(pss2_destroy(k_uri), 0x40480002U);
+  EXPECT_EQ(pss_create(k_uri), 0U);
+
+  EXPECT_EQ(
+      stop(),
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_snapshot","uri":"volatile:/y","added":1,"changed":1,"removed":2,"status":0,"unexpected":false}
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_snapshot","uri":"volatile:/new","added":3,"changed":0,"removed":0,"status":0,"unexpected":false}
+{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_kernel2file","uri":"volatile:/x","status":0,"unexpected":false}
+{"n":4,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_destroy","uri":"volatile:/x","added":0,"changed":0,"removed":3,"status":0,"unexpected":false}
+{"n":5,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_destroy","uri":"volatile:/x","added":0,"changed":0,"removed":0,"status":1078460418,"unexpected":false}
+{"n":6,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_create","uri":"volatile:/x","status":0,"unexpected":false}
+)");
+}
+
+TEST_F(journal, counts_what_a_flat_file_brought) {
+  make(k_uri, {{"a", "1"}, {"b", "2"}, {"c", "3"}});
+  const pss2_service_t source = open(k_uri);
+  ASSERT_EQ(pss2_kernel2file(source, "/tmp/flat", 0), 0U);
+  make("volatile:/y", {{"a", "1"}, {"b", "other"}, {"z", "own"}});
+  start();
+  const pss2_service_t target = open("volatile:/y");
+  EXPECT_EQ(pss2_file2kernel("/tmp/flat", target, 0), 0U);
+  EXPECT_EQ(pss2_file2kernel("/tmp/none", target, 0), 0x40480002U);
+
+  EXPECT_EQ(
+      stop(),
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_file2kernel","uri":"volatile:/y","added":1,"changed":1,"removed":0,"status":0,"unexpected":false}
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_file2kernel","uri":"volatile:/y","added":0,"changed":0,"removed":0,"status":1078460418,"unexpected":false}
+)");
+}
+
+TEST_F(journal, says_which_access_points_went) {
+  ASSERT_EQ(lab::mts_sap_register(0, 341, "EVMS"), 0);
+  const mts_q_handle_t queue = lab::mts_queue_open();
+  start();
+  EXPECT_EQ(mts_sap_destroy(queue, 341), 0);
+  EXPECT_EQ(mts_sap_destroy(queue, 341), -1);
+  EXPECT_EQ(mts_sap_destroy(0, 342), -1);
+  EXPECT_EQ(errno, EBADF);
+
+  EXPECT_EQ(
+      stop(),
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"mts_sap_destroy","sap":341,"status":0,"unexpected":false}
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"mts_sap_destroy","sap":341,"status":2,"unexpected":false}
+{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"mts_sap_destroy","sap":342,"status":9,"unexpected":true}
+)");
+}
+
+TEST_F(journal, keeps_the_first_write_that_failed) {
+  start();
+  EXPECT_EQ(pss_create("nonvolatile:/proc/store"), 0x40480002U);
+  EXPECT_EQ(put(77, "k", "v"), 0x40480008U);
+
+  std::string first;
+  EXPECT_EQ(lab::journal_unexpected(&first), 2U);
+  EXPECT_EQ(
+      first,
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_create","uri":"nonvolatile:/proc/store","status":1078460418,"unexpected":true})");
+  EXPECT_EQ(stop(), first +
+                        R"(
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_store","key":"6b","old":null,"new":1,"added":0,"changed":0,"removed":0,"status":1078460424,"unexpected":true}
+)");
+}
+
+TEST_F(journal, without_a_file_only_counts) {
+  lab::journal_start(-1);
+  EXPECT_EQ(pss_create("nonsense"), 0x40480005U);
+  std::string first;
+  EXPECT_EQ(lab::journal_unexpected(&first), 1U);
+  EXPECT_NE(first.find(R"("uri":"nonsense")"), std::string::npos);
+  lab::journal_start(-1);
+  EXPECT_EQ(lab::journal_unexpected(&first), 0U);
+  EXPECT_EQ(first, "");
+}
+
+TEST_F(journal, writes_any_uri_as_json) {
+  start();
+  lab::journal_request("gsync", 1, "a \"b\" \\ \n");
+  pss_destroy("volatile:/gr\xc3\xbc\xc3\x9f");
+  pss_destroy("volatile:/\xff\xc3\x01");
+
+  EXPECT_EQ(
+      stop(),
+      R"({"n":1,"moment":"gsync","vdc":1,"service":"a \"b\" \\ \u000a","call":"pss_destroy","uri":"volatile:/grüß","added":0,"changed":0,"removed":0,"status":1078460418,"unexpected":false}
+{"n":2,"moment":"gsync","vdc":1,"service":"a \"b\" \\ \u000a","call":"pss_destroy","uri":"volatile:/\u00ff\u00c3\u0001","added":0,"changed":0,"removed":0,"status":1078460418,"unexpected":false}
+)");
+}
+
+TEST_F(journal, that_cannot_be_written_counts_as_failed) {
+  const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(full, 0);
+  lab::journal_start(full);
+  EXPECT_EQ(pss_create(k_uri), 0U);
+  EXPECT_EQ(lab::journal_unexpected(nullptr), 1U);
+  lab::journal_stop();
+  ::close(full);
+}
+
+TEST_F(journal, is_silent_when_off) {
+  start();
+  stop();
+  EXPECT_EQ(pss_create(k_uri), 0U);
+  EXPECT_EQ(pss_create("nonsense"), 0x40480005U);
+  EXPECT_EQ(stop(), "");
+}
+
+} // namespace

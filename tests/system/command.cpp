@@ -26,6 +26,13 @@ std::string content_of(const std::string &path) {
   return text.str();
 }
 
+// What tells contents apart and can be read where they differ.
+std::string short_form(const std::string &content) {
+  return content.size() <= 1000 ? content
+                                : std::to_string(content.size()) + " bytes, hash " +
+                                      std::to_string(std::hash<std::string>()(content));
+}
+
 int status_of(int status) {
   return WIFSIGNALED(status) ? 1000 + WTERMSIG(status) : WEXITSTATUS(status);
 }
@@ -173,7 +180,7 @@ files command_test::state(const std::string &name) const {
                                 : entry.is_regular_file() ? content_of(entry.path())
                                                           : "";
     found[entry.path().string().substr(root.size())] =
-        std::to_string(about.st_mode) + ":" + content;
+        std::to_string(about.st_mode) + ":" + short_form(content);
   }
   return found;
 }

@@ -37,7 +37,7 @@ private:
 };
 
 using words = std::vector<std::string>;
-using files = std::map<std::string, std::string>; // path in a tree: kind, mode and content
+using files = std::map<std::string, std::string>; // path in a tree: mode and content
 
 class command_test : public testing::Test {
 protected:

@@ -257,7 +257,8 @@ TEST_F(convert_verb, goes_by_last_rows_when_the_release_falls) {
       run({"convert", "sw", "--to", "4.0(4)", "--moment", "startup", "--format", "json"});
 
   std::vector<std::string> order;
-  for (const nlohmann::json &request : converted.json()["requests"]) {
+  const nlohmann::json report = converted.json();
+  for (const nlohmann::json &request : report["requests"]) {
     order.push_back(request["service"]);
   }
   EXPECT_EQ(order, (std::vector<std::string>{"VRRP_ENG", "VRRP_MGR", "VRRP_ENG", "VRRP_MGR"}));

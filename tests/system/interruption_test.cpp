@@ -40,7 +40,8 @@ protected:
     const result shown =
         run({"store", "show", "sw", "nonvolatile:/cfg/0/vlan_cfg", "--text", "--format", "json"});
     size_t count = 0;
-    for (const nlohmann::json &record : shown.json()["records"]) {
+    const nlohmann::json document = shown.json();
+    for (const nlohmann::json &record : document["records"]) {
       count += record["key"].get<std::string>().starts_with("slow-") ? 1u : 0u;
     }
     return count;

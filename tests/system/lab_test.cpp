@@ -230,7 +230,9 @@ TEST_F(lab_verbs, a_damaged_store_is_shown_as_such) {
   create("sw");
   write("sw/current/cfg/0/vlan_cfg.pss", "this is no store");
 
-  for (const nlohmann::json &store : show("sw")["stores"]) {
+  const nlohmann::json shown = show("sw");
+  ASSERT_EQ(shown["stores"].size(), 21u);
+  for (const nlohmann::json &store : shown["stores"]) {
     const bool damaged = store["uri"] == "nonvolatile:/cfg/0/vlan_cfg";
     EXPECT_EQ(store["status"] != 0, damaged) << store;
   }

@@ -131,7 +131,7 @@ private:
 };
 
 TEST_F(small_disk, no_room_for_the_copy_is_found_out_first) {
-  mount_small("disk", "1900k");
+  mount_small("disk", "1200k");
   ASSERT_EQ(run({"lab", "create", "disk/sw"}).status, 0);
   const files before = state("disk/sw");
 

@@ -1,6 +1,8 @@
 // store list, show, get, put, delete, export, import.
 #include "command.h"
 
+#include <unistd.h>
+
 namespace {
 
 class store_verbs : public command_test {
@@ -98,6 +100,19 @@ TEST_F(store_verbs, export_and_import_carry_stores_over) {
   EXPECT_EQ(a.json(), b.json());
   EXPECT_EQ(a.json()["stores"].size(), 21u);
   EXPECT_EQ(a.out, read("all.json"));
+}
+
+TEST_F(store_verbs, export_touches_no_other_file) {
+  write("all.json.new/mine", "untouched");
+  write("target", "mine");
+  ASSERT_EQ(symlink(path("target").c_str(), path("link.json").c_str()), 0);
+
+  EXPECT_EQ(run({"store", "export", "sw", "--file", "all.json"}).status, 0);
+  EXPECT_EQ(run({"store", "export", "sw", "--file", "link.json"}).status, 3);
+  EXPECT_EQ(run({"store", "export", "sw", "--file", "no/such/folder.json"}).status, 1);
+
+  EXPECT_EQ(read("all.json.new/mine"), "untouched");
+  EXPECT_EQ(read("target"), "mine");
 }
 
 TEST_F(store_verbs, import_replaces_and_merges) {

@@ -367,6 +367,8 @@ int conversion::run() {
   } catch (const failure &error) {
     fail(error.what());
     interrupted = error.status() > 128 ? error.status() : 0;
+  } catch (const std::exception &error) {
+    fail(error.what()); // a message that the library's process made up
   }
   if (!report_.converted) {
     switch_.drop_next();

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "description.h"
@@ -119,11 +120,23 @@ void import_store(const store_description &wanted, bool merge) {
   store.close();
 }
 
+// What stands there is replaced: that may be a file only, not a device or a link to one.
+void check_target(const std::string &file) {
+  struct stat about = {};
+  if (lstat(file.c_str(), &about) == 0 && !S_ISREG(about.st_mode)) {
+    throw failure(exit_refused, in_quotes(file) + ": stands there and is no regular file; without "
+                                                  "--file the document goes to standard output");
+  }
+}
+
 } // namespace
 
 int store_export(const common_options &, const store_options &options) {
-  const switch_dir target(options.dir, switch_dir::access::read);
   const bool to_file = !options.file.empty() && options.file != "-";
+  if (to_file) {
+    check_target(options.file);
+  }
+  const switch_dir target(options.dir, switch_dir::access::read);
   std::string document;
   export_writer writer([&](const std::string &text) {
     if (to_file) {

@@ -92,6 +92,17 @@ uint64_t used_below(int parent, const std::string &name, int depth) {
   return used;
 }
 
+bool write_content(int file, const std::string &content) {
+  for (size_t done = 0; done < content.size();) {
+    const ssize_t put = write(file, content.data() + done, content.size() - done);
+    if (put <= 0) {
+      return false;
+    }
+    done += static_cast<size_t>(put);
+  }
+  return true;
+}
+
 } // namespace
 
 namespace tree {
@@ -137,25 +148,17 @@ void copy(int folder, const std::string &from, const std::string &to) {
 }
 
 void replace_file(int folder, const std::string &name, const std::string &content) {
-  const std::string beside = name + ".new";
-  remove(folder, beside);
+  const std::string beside = name + "." + std::to_string(getpid()) + ".new";
   const unique_fd file(
       openat(folder, beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!file.is_open()) {
     failed("create", beside, errno);
   }
-  for (size_t done = 0; done < content.size();) {
-    const ssize_t put = write(file.get(), content.data() + done, content.size() - done);
-    if (put <= 0) {
-      failed("write", beside, errno);
-    }
-    done += static_cast<size_t>(put);
-  }
-  if (fsync(file.get()) != 0) {
-    failed("sync", beside, errno);
-  }
-  if (renameat(folder, beside.c_str(), folder, name.c_str()) != 0) {
-    failed("put in place", name, errno);
+  if (!write_content(file.get(), content) || fsync(file.get()) != 0 ||
+      renameat(folder, beside.c_str(), folder, name.c_str()) != 0) {
+    const int error = errno;
+    unlinkat(folder, beside.c_str(), 0);
+    failed("write", name, error);
   }
 }
 

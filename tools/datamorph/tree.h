@@ -21,7 +21,7 @@ uint64_t bytes_free(int folder);
 // failure(1), the copy then as far as it came.
 void copy(int folder, const std::string &from, const std::string &to);
 
-// Writes a file beside its place, syncs it and puts it there.
+// Writes a file beside its place, syncs it and puts it there, all or nothing. Throws failure(1).
 void replace_file(int folder, const std::string &name, const std::string &content);
 
 // A regular file's content, at most `limit` bytes. Throws failure(3) naming the file.

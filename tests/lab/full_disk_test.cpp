@@ -53,6 +53,23 @@ TEST_F(full_disk, a_large_value_that_does_not_fit_loses_nothing) {
   EXPECT_EQ(read(uri_), records_);
 }
 
+// More than the engine keeps in memory: the room gives out in the middle, with the first records
+// already written, and the engine takes all of them back by itself.
+TEST_F(full_disk, a_handle_whose_records_were_taken_back_says_so) {
+  const pss_service_t service = open(uri_);
+  ASSERT_EQ(put(service, "a", "changed"), 0U);
+  syserr_t status = 0;
+  for (int i = 0; i < 80 && status == 0; ++i) {
+    status = put(service, "key-" + std::to_string(i), std::string(1'000'000, 'x'));
+  }
+  ASSERT_EQ(status, 0x4048000CU);
+
+  EXPECT_EQ(put(service, "small", "x"), 0x4048000CU);
+  EXPECT_EQ(remove(service, "a"), 0x4048000CU);
+  EXPECT_EQ(pss_close(service), 0x4048000CU);
+  EXPECT_EQ(read(uri_), records_);
+}
+
 TEST_F(full_disk, a_change_without_any_room_is_no_room) {
   fill();
   const pss_service_t service = open(uri_);

@@ -221,7 +221,7 @@ record_description record_of(const node &at, const pss2_nonvol_params &params) {
 
 // "volatile:/folder/name"; the name may be empty.
 std::string uri_of(const node &at) {
-  const std::string uri = at.text();
+  std::string uri = at.text();
   const size_t colon = uri.find(':');
   std::string path = colon == std::string::npos ? "" : uri.substr(colon + 1);
   if (path.size() > 1 && path.back() == '/') {

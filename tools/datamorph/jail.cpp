@@ -459,6 +459,7 @@ int run_program(const std::vector<std::string> &words, int folder, std::string *
   const signal_guard guard;
   pipe_ends output = open_pipe();
   std::vector<char *> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string &word : words) {
     arguments.push_back(const_cast<char *>(word.c_str()));
   }

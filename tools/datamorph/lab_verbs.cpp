@@ -198,9 +198,7 @@ void send_files(const jail::channel &channel, const std::vector<std::string> &ur
     const std::string path = at->path();
     if (path == "/var/run/mts" || path == "/images") {
       at.disable_recursion_pending();
-    } else if (!hidden.contains(path) && !at->is_directory(error)) {
-      paths.push_back(path);
-    } else if (at->is_symlink(error)) {
+    } else if (at->is_symlink(error) || (!hidden.contains(path) && !at->is_directory(error))) {
       paths.push_back(path);
     }
   }

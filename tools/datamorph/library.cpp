@@ -40,7 +40,7 @@ std::string find_library(const std::string &wanted) {
   }
   const std::string folder = own_folder();
   for (const char *beside : {"/", "/../lib/", "/../" DATAMORPH_LIBDIR "/"}) {
-    const std::string file = folder + beside + soname;
+    std::string file = folder + beside + soname;
     if (!folder.empty() && access(file.c_str(), F_OK) == 0) {
       return file;
     }

@@ -15,6 +15,7 @@ struct table_view {
 
 std::vector<table_view> tables_of(const library &library) {
   std::vector<table_view> tables;
+  tables.reserve(all_moments.size() + 1);
   for (const moment which : all_moments) {
     tables.push_back({moment_name(which), &library.tables[static_cast<size_t>(which)]});
   }

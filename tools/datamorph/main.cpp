@@ -70,7 +70,7 @@ private:
 
   // A verb with the options that all of them have.
   CLI::App *verb(CLI::App *parent, const char *name, const char *what, const char *example,
-                 action act) {
+                 const action &act) {
     CLI::App *sub = parent->add_subcommand(name, what);
     sub->footer(std::string("Example:\n  ") + example + "\n");
     sub->add_option("--format", format_, "How data is written: table or json")

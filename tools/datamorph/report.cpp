@@ -41,6 +41,7 @@ std::string joined(const std::vector<std::string> &words) {
 
 std::string numbers(const std::vector<uint32> &values) {
   std::vector<std::string> words;
+  words.reserve(values.size());
   for (const uint32 value : values) {
     words.push_back(std::to_string(value));
   }

@@ -19,7 +19,7 @@ constexpr uint32 k_layout_version = 1;
 constexpr size_t k_header_size = 8 + 4 + 8;
 constexpr size_t k_crc_size = 4;
 constexpr size_t k_record_head = 4 + 4;
-constexpr size_t k_buffer_size = 64 * 1024;
+constexpr size_t k_buffer_size = 65536;
 
 template <typename number> void append_le(std::string *bytes, number value) {
   for (size_t i = 0; i < sizeof(number); ++i) {
@@ -87,6 +87,7 @@ syserr_t flat_writer::flush() {
 }
 
 syserr_t flat_writer::put(std::string_view bytes) {
+  // cppcheck-suppress invalidLifetime // the caller's string lives until this returns
   crc_ = crc_over(crc_, bytes.data(), bytes.size());
   while (!bytes.empty()) {
     const size_t part = std::min(bytes.size(), k_buffer_size - buffer_.size());

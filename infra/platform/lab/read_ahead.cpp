@@ -6,7 +6,7 @@ namespace lab {
 namespace {
 
 // A slot that once held a large value does not keep its memory for small ones.
-constexpr size_t k_kept_capacity = 64 * 1024;
+constexpr size_t k_kept_capacity = 65536;
 
 } // namespace
 

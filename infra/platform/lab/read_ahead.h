@@ -16,8 +16,8 @@ namespace lab {
 
 class read_ahead {
 public:
-  static constexpr size_t k_capacity = 256;          // records
-  static constexpr size_t k_byte_limit = 256 * 1024; // a run ends at the record that reaches it
+  static constexpr size_t k_capacity = 256;      // records
+  static constexpr size_t k_byte_limit = 262144; // a run ends at the record that reaches it
   static constexpr size_t k_none = SIZE_MAX;
 
   struct record {

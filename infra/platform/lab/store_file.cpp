@@ -237,7 +237,7 @@ bool run::column(int place, std::string_view *bytes) const {
   }
   const void *const data = sqlite3_value_blob(found);
   const int size = sqlite3_value_bytes(found);
-  *bytes = size == 0 ? std::string_view("", 0)
+  *bytes = size == 0 ? std::string_view("")
                      : std::string_view(static_cast<const char *>(data), static_cast<size_t>(size));
   return size == 0 || data != nullptr;
 }

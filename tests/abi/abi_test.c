@@ -1,5 +1,6 @@
 /* The public header from C, and the shared library as a program that brings the platform sees it.
  * Only calls that trace nothing, since this program runs in the host's own root. */
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -50,6 +51,20 @@ int main(void) {
 
   expect(sizeof(uuid_t) == 4 && sizeof(boolean) == 4 && sizeof(bool) == 1, "widths");
   expect(sizeof(data_morph_gsync) == 2 * sizeof(void *), "rows are a service and a routine");
+  expect(offsetof(data_morph_gsync, uuid) == 0 &&
+             offsetof(data_morph_gsync, fn) == sizeof(void *) &&
+             sizeof(data_morph_startup) == sizeof(data_morph_gsync) &&
+             sizeof(data_morph_running_fs_upg) == sizeof(data_morph_gsync) &&
+             sizeof(data_morph_psshlpr_upg) == sizeof(data_morph_gsync),
+         "layout of the rows");
+  expect(sizeof(datamorph_args_t) == 4 * sizeof(char *) && offsetof(datamorph_args_t, path) == 0 &&
+             offsetof(datamorph_args_t, pkg_name) == sizeof(char *) &&
+             offsetof(datamorph_args_t, to_pkg_version) == 2 * sizeof(char *) &&
+             offsetof(datamorph_args_t, from_pkg_version) == 3 * sizeof(char *),
+         "layout of the arguments");
+  expect(sizeof(convert_ret_value_t) == 8 && offsetof(convert_ret_value_t, uuid) == 0 &&
+             offsetof(convert_ret_value_t, syserr) == 4,
+         "layout of the result");
   expect(datamorph_compare_versions("4.2(10)", "4.2(9)", &error) == 1 && error == 0, "compare");
   expect(!datamorph_is_srv_not_supported_target_ver("4.1(2)", "4.1(2)", NULL), "minimum");
   expect(datamorph_get_version(path, version, sizeof version) == 0, "image version");

@@ -2,7 +2,9 @@
 
 #include "libdatamorph_private.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -114,8 +116,7 @@ TEST_F(epp_test, a_target_at_or_above_the_minimum_needs_no_conversion) {
 }
 
 TEST_F(epp_test, versions_are_compared_as_text) {
-  // 4.10(1) sorts below 4.2(1), so this counts as a downgrade; and below "4.1(2)" too, since
-  // '0' comes after '(' it does not: no conversion.
+  // 4.10(1) sorts below 4.2(1), so this counts as a downgrade; but above "4.1(2)".
   EXPECT_EQ("epp_in_npv_mode_data_morph_running_fs_upg: Target version 4.10(1) does not need "
             "conversion",
             convert("/cfg/0", "4.10(1)", "4.2(1)").back());
@@ -123,7 +124,7 @@ TEST_F(epp_test, versions_are_compared_as_text) {
   // 10.0(1) sorts below 4.2(1) and below "4.1(2)": removed.
   convert("/cfg/0", "10.0(1)", "4.2(1)");
   EXPECT_EQ(k_removals, platform.calls());
-  // 4.2(1) sorts above 10.0(1): an upgrade from 4.2(1) to 10.0(1) read the other way.
+  // 10.0(1) sorts below 4.0(1), so this counts as an upgrade.
   EXPECT_EQ("epp_in_npv_mode_data_morph_running_fs_upg: Upgrade : nothing to do",
             convert("/cfg/0", "4.0(1)", "10.0(1)").back());
 }
@@ -187,6 +188,44 @@ TEST_F(epp_test, uris_are_cut_at_255_characters) {
   traced([&] { epp_destroy_pss(path.c_str()); });
   const std::string cut = "pss_destroy(\"volatile:" + std::string(246, 'p') + "\")";
   EXPECT_EQ(lines_t({cut, cut, cut}), platform.calls());
+}
+
+TEST_F(epp_test, the_marker_is_closed_at_once_and_may_be_descriptor_0) {
+  switch_root::write_file("/tmp/fc_nport_mux", "");
+  bool taken = true;
+  traced([&] {
+    const int saved = dup(0);
+    close(0);
+    epp_in_npv_mode_data_morph_running_fs_upg("/cfg/0", "s", "4.0(4)", "4.2(1)");
+    taken = fcntl(0, F_GETFD) != -1;
+    if (saved >= 0) {
+      dup2(saved, 0);
+      close(saved);
+    }
+  });
+  EXPECT_FALSE(taken);
+  EXPECT_EQ(k_removals, platform.calls());
+}
+
+TEST_F(epp_test, a_folder_as_marker_counts) {
+  ASSERT_EQ(0, mkdir("/tmp/fc_nport_mux", 0755)); // opens for reading only
+  traced([] {
+    EXPECT_EQ(0u, epp_in_npv_mode_data_morph_running_fs_upg("/cfg/0", "s", "4.0(4)", "4.2(1)"));
+  });
+  EXPECT_EQ(k_removals, platform.calls());
+}
+
+TEST_F(epp_test, over_long_versions_in_npv_mode) {
+  const std::string nines(4000, '9');
+  const std::string ones(4000, '1');
+  EXPECT_EQ(lines_t({k_entering, args_line(ones.c_str(), nines.c_str()),
+                     "epp_in_npv_mode_data_morph_running_fs_upg: Attempting conversion\n"}),
+            [&] {
+              lines_t l = convert("/cfg/0", ones.c_str(), nines.c_str());
+              l.resize(3);
+              return l;
+            }());
+  EXPECT_EQ(k_removals, platform.calls());
 }
 
 } // namespace

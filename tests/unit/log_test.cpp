@@ -3,7 +3,10 @@
 #include "libdatamorph_private.h"
 
 #include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,6 +23,47 @@ constexpr char k_marker[] = "/tmp/datamorphcheck";
 constexpr size_t k_prefix = 27; // "<Fri Nov 20 18:32:00 2026> "
 
 class log_test : public library_fixture {};
+
+size_t open_descriptors() {
+  size_t count = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    count += fcntl(fd, F_GETFD) != -1;
+  }
+  return count;
+}
+
+// Runs `call` while descriptor 0 is free; whether it is taken afterwards.
+bool takes_descriptor_0(const std::function<void()> &call) {
+  const int saved = dup(0);
+  close(0);
+  call();
+  const bool taken = fcntl(0, F_GETFD) != -1;
+  if (saved >= 0) {
+    dup2(saved, 0);
+    close(saved);
+  } else {
+    close(0);
+  }
+  return taken;
+}
+
+// Runs `call` while the process can open no further descriptor.
+void without_descriptors(const std::function<void()> &call) {
+  const int next = dup(2);
+  close(next);
+  struct rlimit usual = {};
+  getrlimit(RLIMIT_NOFILE, &usual);
+  struct rlimit none = usual;
+  none.rlim_cur = static_cast<rlim_t>(next);
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  call();
+  setrlimit(RLIMIT_NOFILE, &usual);
+}
+
+std::vector<off_t> g_synced;      // size of each file that fsync was called for
+std::vector<std::string> g_syncs; // what stood when sync was called
+size_t g_open_at_sync = 0;
+bool g_stat_fails = false;
 
 mode_t mode_of(const char *path) {
   struct stat status = {};
@@ -145,15 +189,12 @@ TEST_F(log_test, rotation_keeps_descriptor_0_open) {
 }
 
 TEST_F(log_test, rotation_closes_any_other_descriptor) {
-  const int before = dup(2);
-  close(before);
+  const size_t before = open_descriptors();
   for (int i = 0; i < 3; ++i) {
     switch_root::write_file(k_log, std::string(50001, 'x'));
     EXPECT_EQ(0, check_data_morph_log_size());
   }
-  const int after = dup(2);
-  close(after);
-  EXPECT_EQ(before, after);
+  EXPECT_EQ(before, open_descriptors());
 }
 
 TEST_F(log_test, a_failed_rename_still_empties_the_log) {
@@ -168,9 +209,32 @@ TEST_F(log_test, no_log_gives_1) {
   EXPECT_EQ(1, check_data_morph_log_size());
 }
 
-TEST_F(log_test, a_log_that_cannot_be_examined_gives_1) {
+TEST_F(log_test, a_log_that_cannot_be_reached_gives_1) {
   ASSERT_EQ(0, symlink("data_morph.log", k_log)); // a loop
   EXPECT_EQ(1, check_data_morph_log_size());
+}
+
+TEST_F(log_test, a_log_that_cannot_be_examined_gives_1) {
+  switch_root::write_file(k_log, std::string(50001, 'x'));
+  g_stat_fails = true;
+  const int result = check_data_morph_log_size();
+  g_stat_fails = false;
+  EXPECT_EQ(1, result);
+  EXPECT_EQ(50001u, switch_root::read_file(k_log).size());
+}
+
+TEST_F(log_test, a_log_folder_without_the_right_to_write) {
+  switch_root::mount_small("/mnt/pss", "64k");
+  ASSERT_EQ(0, mount(nullptr, "/mnt/pss", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+  const std::string text = captured_stderr([] {
+    DATAMORPH_TRACE("a\n");
+    DATAMORPH_TRACE("b\n");
+  });
+  EXPECT_EQ("a\nFile check failed\nFile doesn't exist\n"
+            "b\nFile check succeeded\nFile exists\n",
+            text);
+  EXPECT_TRUE(switch_root::exists(k_marker));
+  EXPECT_FALSE(switch_root::exists(k_log));
 }
 
 TEST_F(log_test, without_the_log_folder_standard_error_and_marker_remain) {
@@ -216,31 +280,21 @@ TEST_F(log_test, a_full_log_device_is_harmless) {
 }
 
 TEST_F(log_test, no_descriptor_is_left_open) {
-  const int before = dup(2);
-  close(before);
+  const size_t before = open_descriptors();
   captured_stderr([] {
     for (int i = 0; i < 50; ++i) {
       DATAMORPH_TRACE("line %d\n", i);
     }
   });
-  const int after = dup(2);
-  close(after);
-  EXPECT_EQ(before, after);
+  EXPECT_EQ(before, open_descriptors());
 }
 
 TEST_F(log_test, without_descriptors_the_line_reaches_standard_error) {
-  const std::string text = captured_stderr([] {
-    int taken[1024];
-    int count = 0;
-    while (count < 1024 && (taken[count] = dup(2)) >= 0) {
-      ++count;
-    }
-    DATAMORPH_TRACE("a\n");
-    while (count > 0) {
-      close(taken[--count]);
-    }
-  });
+  const std::string text =
+      captured_stderr([] { without_descriptors([] { DATAMORPH_TRACE("a\n"); }); });
   EXPECT_EQ("a\nFile check failed\nFile doesn't exist\n", text);
+  EXPECT_FALSE(switch_root::exists(k_log));
+  EXPECT_FALSE(switch_root::exists(k_marker));
 }
 
 TEST_F(log_test, open_debug_log_gives_a_stream_at_the_end_of_the_log) {
@@ -258,4 +312,104 @@ TEST_F(log_test, open_debug_log_gives_a_stream_at_the_end_of_the_log) {
   EXPECT_EQ("first\nsecond\n", switch_root::read_file(k_log));
 }
 
+TEST_F(log_test, each_line_is_flushed_and_synced_before_the_size_is_looked_at) {
+  g_synced.clear();
+  captured_stderr([] {
+    DATAMORPH_TRACE("a\n");
+    DATAMORPH_TRACE("bc\n");
+  });
+  EXPECT_EQ(std::vector<off_t>({29, 59}), g_synced); // prefix and message, whole, each time
+}
+
+TEST_F(log_test, a_rotation_is_committed_with_sync_once_the_new_log_stands) {
+  switch_root::write_file(k_log, std::string(50000, 'x'));
+  g_syncs.clear();
+  EXPECT_EQ(0, check_data_morph_log_size());
+  EXPECT_EQ(lines_t(), g_syncs);
+  switch_root::write_file(k_marker, "");
+  const size_t before = open_descriptors();
+  captured_stderr([] { DATAMORPH_TRACE("a\n"); });
+  EXPECT_EQ(lines_t({"log of 0 bytes, last of 50029 bytes"}), g_syncs);
+  EXPECT_EQ(before + 2, g_open_at_sync); // the capture's two
+}
+
+TEST_F(log_test, descriptor_0_serves_the_marker_like_any_other) {
+  std::string text;
+  EXPECT_FALSE(takes_descriptor_0([] {}));
+  text = captured_stderr([] {
+    EXPECT_FALSE(takes_descriptor_0([] { DATAMORPH_TRACE("a\n"); }));
+    EXPECT_FALSE(takes_descriptor_0([] { DATAMORPH_TRACE("b\n"); }));
+  });
+  EXPECT_EQ("a\nFile check failed\nFile doesn't exist\n"
+            "b\nFile check succeeded\nFile exists\n",
+            text);
+}
+
+TEST_F(log_test, a_marker_of_any_kind_that_opens_for_reading_counts) {
+  mkdir(k_marker, 0755);
+  EXPECT_EQ("a\nFile check succeeded\nFile exists\n",
+            captured_stderr([] { DATAMORPH_TRACE("a\n"); }));
+  rmdir(k_marker);
+  ASSERT_EQ(0, mkfifo(k_marker, 0600)); // does not block
+  EXPECT_EQ("b\nFile check succeeded\nFile exists\n",
+            captured_stderr([] { DATAMORPH_TRACE("b\n"); }));
+}
+
+TEST_F(log_test, marker_and_log_have_the_modes_that_the_process_gives) {
+  captured_stderr([] { DATAMORPH_TRACE("a\n"); });
+  EXPECT_EQ(0644u, mode_of(k_marker));
+  EXPECT_EQ(0644u, mode_of(k_log));
+}
+
+TEST_F(log_test, a_log_that_cannot_be_opened_is_not_rotated) {
+  switch_root::write_file(k_log, std::string(50001, 'x'));
+  captured_stderr([] { without_descriptors([] { DATAMORPH_TRACE("a\n"); }); });
+  EXPECT_EQ(50001u, switch_root::read_file(k_log).size());
+  EXPECT_FALSE(switch_root::exists(k_last));
+}
+
+TEST_F(log_test, a_log_behind_a_link_is_measured) {
+  switch_root::write_file("/bootflash/real.log", std::string(50001, 'x'));
+  ASSERT_EQ(0, symlink("/bootflash/real.log", k_log));
+  EXPECT_EQ(0, check_data_morph_log_size());
+  EXPECT_EQ(50001u, switch_root::read_file(k_last).size());
+  EXPECT_EQ("", switch_root::read_file(k_log));
+}
+
+TEST_F(log_test, the_stream_of_open_debug_log_can_be_read_too) {
+  for (int mode = 0; mode < 2; ++mode) { // "w+", then "a+"
+    FILE *log = nullptr;
+    captured_stderr([&] { log = open_debug_log(); });
+    ASSERT_NE(nullptr, log);
+    fputs("first\n", log);
+    rewind(log);
+    char line[16] = {};
+    EXPECT_NE(nullptr, fgets(line, sizeof line, log));
+    EXPECT_STREQ("first\n", line);
+    fclose(log);
+  }
+}
+
 } // namespace
+
+// The C library's, with a record: the library's objects in this program call these.
+extern "C" int fsync(int fd) {
+  struct stat status = {};
+  g_synced.push_back(fstat(fd, &status) == 0 ? status.st_size : -1);
+  return static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+extern "C" int stat(const char *path, struct stat *status) noexcept {
+  if (g_stat_fails) {
+    errno = EIO;
+    return -1;
+  }
+  return fstatat(AT_FDCWD, path, status, 0);
+}
+
+extern "C" void sync() noexcept {
+  g_open_at_sync = open_descriptors();
+  g_syncs.push_back("log of " + std::to_string(switch_root::read_file(k_log).size()) +
+                    " bytes, last of " + std::to_string(switch_root::read_file(k_last).size()) +
+                    " bytes");
+}

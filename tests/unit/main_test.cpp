@@ -8,7 +8,16 @@
 
 #include "support/library_fixture.h"
 
+// Linked with --wrap: what the tables' IKE rows call, so that an entry point's own row can fail.
+extern "C" syserr_t __real_ike_data_morph_gsync(const char *, const char *, const char *,
+                                                const char *);
+extern "C" syserr_t __real_ike_data_morph_startup(const char *, const char *, const char *,
+                                                  const char *);
+
 namespace {
+
+std::vector<std::string> g_ike_calls;
+syserr_t g_ike_status = 0;
 
 // What the rows of a test's own table were called with, and what they answer.
 std::vector<std::string> g_row_calls;
@@ -52,11 +61,33 @@ syserr_t nested_running_fs_upg(uuid_t uuid, convert_ret_value_t *a, datamorph_ar
                                 uuid, a, args, datamorph_failure::traced);
 }
 
+} // namespace
+
+extern "C" syserr_t __wrap_ike_data_morph_gsync(const char *path, const char *pkg_name,
+                                                const char *to_ver, const char *from_ver) {
+  g_ike_calls.push_back("gsync " + text(path) + " " + text(pkg_name) + " " + text(to_ver) + " " +
+                        text(from_ver));
+  const syserr_t status = __real_ike_data_morph_gsync(path, pkg_name, to_ver, from_ver);
+  return g_ike_status != 0 ? g_ike_status : status;
+}
+
+extern "C" syserr_t __wrap_ike_data_morph_startup(const char *path, const char *pkg_name,
+                                                  const char *to_ver, const char *from_ver) {
+  g_ike_calls.push_back("startup " + text(path) + " " + text(pkg_name) + " " + text(to_ver) + " " +
+                        text(from_ver));
+  const syserr_t status = __real_ike_data_morph_startup(path, pkg_name, to_ver, from_ver);
+  return g_ike_status != 0 ? g_ike_status : status;
+}
+
+namespace {
+
 class main_test : public library_fixture {
 protected:
   void SetUp() override {
     library_fixture::SetUp();
     g_row_calls.clear();
+    g_ike_calls.clear();
+    g_ike_status = 0;
     g_first_status = 0;
     g_second_status = 0;
     platform.set_image("/images/to", "4.2(1)");
@@ -122,7 +153,7 @@ TEST_F(main_test, init_keeps_the_queue_and_the_last_value_wins) {
   EXPECT_EQ(lines_t({"libdatamorph_init: datamorph_mts_q = -2\n"}),
             traced([] { libdatamorph_init(0xfffffffe); }));
   EXPECT_EQ(0xfffffffeu, datamorph_mts_q);
-  libdatamorph_init(0);
+  traced([] { libdatamorph_init(0); });
   EXPECT_EQ(0u, datamorph_mts_q);
   EXPECT_TRUE(platform.calls().empty());
 }
@@ -533,6 +564,66 @@ TEST_F(main_test, over_long_and_non_version_strings_never_hurt) {
       EXPECT_EQ(0u, datamorph_gsync(SRVUUID_PSS_HELPER, &result, &odd_args));
     });
   }
+}
+
+// ---- The entry points on their own tables
+
+TEST_F(main_test, gsync_and_startup_report_a_failing_row_without_a_trace) {
+  g_ike_status = 0x401E0076;
+  EXPECT_EQ(lines_t({"datamorph_gsync: calling convert function for uuid = 0xdb\n",
+                     "Returning Success\n"}),
+            traced([this] { status = datamorph_gsync(SRVUUID_IKE, &result, &args); }));
+  EXPECT_EQ(0x401E0076u, status);
+  EXPECT_EQ(219u, result.uuid);
+  EXPECT_EQ(0x401E0076u, result.syserr);
+  result = {1, 2};
+  EXPECT_EQ(lines_t({"datamorph_startup: calling convert function for uuid = 0xdb\n",
+                     "Returning Success\n"}),
+            traced([this] { status = datamorph_startup(SRVUUID_IKE, &result, &args); }));
+  EXPECT_EQ(0x401E0076u, status);
+  EXPECT_EQ(219u, result.uuid);
+  EXPECT_EQ(0x401E0076u, result.syserr);
+  traced([this] {
+    EXPECT_EQ(0u, datamorph_gsync(SRVUUID_IKE, nullptr, &args));
+    EXPECT_EQ(0u, datamorph_startup(SRVUUID_IKE, nullptr, &args));
+  });
+  EXPECT_EQ(lines_t({"gsync /cfg/0 system 4.2(1) 4.1(5)", "startup /cfg/0 system 4.2(1) 4.1(5)",
+                     "gsync /cfg/0 system 4.2(1) 4.1(5)", "startup /cfg/0 system 4.2(1) 4.1(5)"}),
+            g_ike_calls);
+}
+
+TEST_F(main_test, startup_all_failing_at_the_ike_row_reports_function_number_0) {
+  g_ike_status = 7;
+  EXPECT_EQ(lines_t({"datamorph_startup_all: calling convert function for uuid = 0xdb\n",
+                     "Returning Success\n",
+                     "datamorph_startup_all: convert function # 0 for uuid = 0xdb returned error "
+                     "0x7\n"}),
+            traced([this] { status = datamorph_startup_all(&args); }));
+  EXPECT_EQ(7u, status);
+  EXPECT_EQ(lines_t({"startup /cfg/0 system 4.2(1) 4.1(5)"}), g_ike_calls);
+}
+
+constexpr data_morph_running_fs_upg k_failing_smm[] = {
+    {297, other_row}, {327, other_row}, {411, other_row},  {413, other_row},
+    {564, other_row}, {260, first_row}, {261, second_row}, {0, nullptr}};
+
+syserr_t failing_smm_running_fs_upg(uuid_t uuid, convert_ret_value_t *a, datamorph_args_t *args) {
+  return datamorph_walk_service("datamorph_running_fs_upg", k_failing_smm, uuid, a, args,
+                                datamorph_failure::traced);
+}
+
+TEST_F(main_test, running_fs_upg_all_names_the_failing_smm) {
+  g_first_status = 0x40480009;
+  const lines_t lines = traced([this] {
+    status = datamorph_walk_running_fs_upg_all("datamorph_running_fs_upg_all", k_failing_smm,
+                                               failing_smm_running_fs_upg, &args);
+  });
+  EXPECT_EQ(6u, g_row_calls.size()); // SKSD, PLUGIN, EVMS, EVMC, MVSH, SMM
+  EXPECT_EQ("first /cfg/0 system 4.2(1) 4.1(5)", g_row_calls.back());
+  EXPECT_EQ("datamorph_running_fs_upg_all: convert function for uuid = 0x104 returned error "
+            "0x40480009\n",
+            lines.back());
+  EXPECT_EQ(0x40480009u, status);
 }
 
 } // namespace

@@ -242,6 +242,7 @@ TEST_F(removal_test, every_failing_removal_is_ignored) {
     traced([&] { EXPECT_EQ(0u, convert(service, "3.2(1)")); });
     EXPECT_EQ(service.removals, platform.calls());
     platform.reset();
+    platform.add_queue(7);
     platform.set_image("/images/to", "3.2(1)");
   }
 }

@@ -5,8 +5,8 @@
  * point for each service (the membership query tells whether it has a routine at all), or the
  * moment's _all entry point. Everything runs on the caller's thread; nothing is thread-safe.
  *
- * All strings are owned by the caller and only read, during the call only. A null string is never
- * fatal: it is traced as "(null)" or refused with all bits set, as each routine says. */
+ * All strings are owned by the caller and only read, during the call only. A null one is never
+ * fatal: each routine says what it gives for it, and traces it as "(null)". */
 #ifndef LIBDATAMORPH_H
 #define LIBDATAMORPH_H
 
@@ -15,7 +15,9 @@
 #include "platform/mts.h"
 #include "platform/types.h"
 
-PLATFORM_BEGIN_DECLS
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 #pragma GCC visibility push(default)
 
@@ -172,6 +174,8 @@ void epp_destroy_pss(const char *path);
 
 #pragma GCC visibility pop
 
-PLATFORM_END_DECLS
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -65,6 +65,19 @@ std::vector<std::string> g_syncs; // what stood when sync was called
 size_t g_open_at_sync = 0;
 bool g_stat_fails = false;
 
+// Two messages where no log can be made: standard error and the marker remain.
+void expect_two_lines_without_a_log() {
+  const std::string text = captured_stderr([] {
+    DATAMORPH_TRACE("a\n");
+    DATAMORPH_TRACE("b\n");
+  });
+  EXPECT_EQ("a\nFile check failed\nFile doesn't exist\n"
+            "b\nFile check succeeded\nFile exists\n",
+            text);
+  EXPECT_TRUE(switch_root::exists(k_marker));
+  EXPECT_FALSE(switch_root::exists(k_log));
+}
+
 mode_t mode_of(const char *path) {
   struct stat status = {};
   return stat(path, &status) == 0 ? status.st_mode & 07777u : 0;
@@ -226,28 +239,12 @@ TEST_F(log_test, a_log_that_cannot_be_examined_gives_1) {
 TEST_F(log_test, a_log_folder_without_the_right_to_write) {
   switch_root::mount_small("/mnt/pss", "64k");
   ASSERT_EQ(0, mount(nullptr, "/mnt/pss", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
-  const std::string text = captured_stderr([] {
-    DATAMORPH_TRACE("a\n");
-    DATAMORPH_TRACE("b\n");
-  });
-  EXPECT_EQ("a\nFile check failed\nFile doesn't exist\n"
-            "b\nFile check succeeded\nFile exists\n",
-            text);
-  EXPECT_TRUE(switch_root::exists(k_marker));
-  EXPECT_FALSE(switch_root::exists(k_log));
+  expect_two_lines_without_a_log();
 }
 
 TEST_F(log_test, without_the_log_folder_standard_error_and_marker_remain) {
   rmdir("/mnt/pss");
-  const std::string text = captured_stderr([] {
-    DATAMORPH_TRACE("a\n");
-    DATAMORPH_TRACE("b\n");
-  });
-  EXPECT_EQ("a\nFile check failed\nFile doesn't exist\n"
-            "b\nFile check succeeded\nFile exists\n",
-            text);
-  EXPECT_TRUE(switch_root::exists(k_marker));
-  EXPECT_FALSE(switch_root::exists(k_log));
+  expect_two_lines_without_a_log();
   mkdir("/mnt/pss", 0755);
 }
 

@@ -10,7 +10,7 @@ set -eu
 demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev zlib1g-dev
   libcli11-dev nlohmann-json3-dev libsmartcols-dev'
 test="$demo libgtest-dev"
-ci="$test g++-multilib googletest clang-format clang-tidy cppcheck"
+ci="$test git g++-multilib googletest clang-format clang-tidy cppcheck"
 
 usage() {
   echo "usage: scripts/packages.sh install|list demo|test|ci" >&2

@@ -2,8 +2,10 @@
 #include "command.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 namespace {
 
@@ -144,8 +146,9 @@ TEST_F(lab_verbs, create_refuses_what_it_does_not_understand) {
        "/stores/0/records/0/key: pairs of hex digits are wanted here"},
       {R"(, "stores": [{"uri": "volatile:/a", "records": [{"key": "00"}]}]})",
        "/stores/0/records/0: the member 'value' is missing"},
-      {R"(, "stores": [{"uri": "volatile:/a", "records": [{"key": "", "value": ""}]}]})",
-       "/stores/0/records/0: the key has 0 bytes"},
+      {R"(, "stores": [{"uri": "volatile:/a", "params": {"max_key_size": 1},
+           "records": [{"key": "0000", "value": ""}]}]})",
+       "/stores/0/records/0: the key has 2 bytes; at most 1 are allowed"},
       {R"(, "stores": [{"uri": "volatile:/a", "records": [{"key": {"u8": 256}, "value": ""}]}]})",
        "/stores/0/records/0/key/u8: a number from 0 to 255 is wanted here"},
       {R"(, "stores": [{"uri": "volatile:/a", "params": {"max_value_size": 1},
@@ -156,7 +159,7 @@ TEST_F(lab_verbs, create_refuses_what_it_does_not_understand) {
       {R"(, "files": [{"path": "/switch.json"}]})", "/files/0/path: this file is the lab's own"},
       {R"(, "files": [{"path": "/a", "mode": "9"}]})", "/files/0/mode: a mode such as"},
       {R"(, "files": [{"path": "/a", "text": "", "hex": ""}]})", "/files/0: either text or hex"},
-      {R"(, "access_points": [{"sap": 0}]})", "/access_points/0/sap: a number from 1 to"},
+      {R"(, "access_points": [{"sap": 0}]})", "/access_points/0/sap: a number from 1 to 65535"},
       {R"(, "access_points": [{"sap": 5}, {"sap": 5}]})",
        "/access_points/1: this access point is described already"},
       {R"json(, "release": "4.2(1)"})json", "the member 'release' stands twice in one object"},
@@ -189,13 +192,14 @@ TEST_F(lab_verbs, create_refuses_hostile_documents) {
 }
 
 TEST_F(lab_verbs, a_store_that_cannot_be_made_leaves_nothing) {
-  write("d.json", std::string(smallest) + R"(, "files": [{"path": "/cfg/a"}],
-    "stores": [{"uri": "nonvolatile:/cfg/a/b"}]})");
+  write("d.json", std::string(smallest) + R"(, "stores": [{"uri": "nonvolatile:/cfg/a/b"}]})");
+  in_child = [] { deny_system_calls({SYS_renameat2}, ENOSPC); };
 
   const result made = run({"lab", "create", "sw", "--from", "d.json"});
 
   EXPECT_EQ(made.status, 1);
   EXPECT_NE(made.err.find("the store 'nonvolatile:/cfg/a/b'"), std::string::npos) << made.err;
+  EXPECT_NE(made.err.find("; make room there"), std::string::npos) << made.err;
   EXPECT_FALSE(exists("sw"));
   EXPECT_FALSE(exists(".sw.creating"));
 }

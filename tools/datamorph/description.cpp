@@ -6,10 +6,13 @@
 
 #include "failure.h"
 #include "lab/lab.h"
+#include "layout.h"
+#include "strict_json.h"
 #include "text.h"
 
 namespace {
 
+constexpr uint64_t last_access_point = 65535;
 constexpr uint64_t largest_zeros = 1 << 20; // bytes that one field may ask for
 
 // A value of the document with the place it stands at.
@@ -208,8 +211,8 @@ pss2_nonvol_params params_of(const node &at) {
 record_description record_of(const node &at, const pss2_nonvol_params &params) {
   at.expect_object({"key", "value"});
   record_description record = {bytes_of(at.member("key")), bytes_of(at.member("value"))};
-  if (record.key.empty() || record.key.size() > params.max_key_size) {
-    at.wrong("the key has " + counted(record.key.size(), "byte") + "; 1 to " +
+  if (record.key.size() > params.max_key_size) {
+    at.wrong("the key has " + counted(record.key.size(), "byte") + "; at most " +
              std::to_string(params.max_key_size) + " are allowed");
   }
   if (record.value.size() > params.max_value_size) {
@@ -219,15 +222,9 @@ record_description record_of(const node &at, const pss2_nonvol_params &params) {
   return record;
 }
 
-// "volatile:/folder/name"; the name may be empty.
 std::string uri_of(const node &at) {
   std::string uri = at.text();
-  const size_t colon = uri.find(':');
-  std::string path = colon == std::string::npos ? "" : uri.substr(colon + 1);
-  if (path.size() > 1 && path.back() == '/') {
-    path.pop_back();
-  }
-  if (lab::store_file(uri).empty() || !is_contained_path(path)) {
+  if (!is_described_uri(uri)) {
     at.wrong("a store such as nonvolatile:/cfg/0/name or volatile:/cfg/0/name is wanted here");
   }
   return uri;
@@ -237,7 +234,8 @@ store_description store_of(const node &at) {
   at.expect_object({"uri", "params", "records"});
   store_description store;
   store.uri = uri_of(at.member("uri"));
-  store.params = at.has("params") ? params_of(at.member("params")) : lab::default_store_params;
+  store.has_params = at.has("params");
+  store.params = store.has_params ? params_of(at.member("params")) : lab::default_store_params;
   std::set<std::string> keys;
   for (const node &record : at.items_of("records")) {
     store.records.push_back(record_of(record, store.params));
@@ -291,7 +289,7 @@ file_description file_of(const node &at) {
 access_point_description access_point_of(const node &at) {
   at.expect_object({"sap", "owner"});
   access_point_description point;
-  point.sap = static_cast<uint32>(at.member("sap").number(1, std::numeric_limits<uint32>::max()));
+  point.sap = static_cast<uint32>(at.member("sap").number(1, last_access_point));
   point.owner = at.has("owner") ? at.member("owner").text() : "";
   if (point.owner.size() > 100 || point.owner.find('\n') != std::string::npos) {
     at.member("owner").wrong("an owner is one line of at most 100 bytes");
@@ -339,6 +337,45 @@ void read_state(const node &top, switch_state *state) {
   }
 }
 
+// ---- What stands where -------------------------------------------------------------------------
+
+void expect_free(const node &at, const std::string &trouble) {
+  if (!trouble.empty()) {
+    at.wrong(trouble);
+  }
+}
+
+void claim_state(const node &top, const description &found, layout *all) {
+  all->claim_file(std::string("/") + switch_file);
+  for (const std::string &release : found.releases) {
+    all->claim_file("/images/" + release + "/version");
+  }
+  expect_free(top.member("running_cfg_dir"), all->claim_folder(found.state.running_cfg_dir));
+  for (const moment which : all_moments) {
+    expect_free(top.member("paths").member(moment_name(which)),
+                all->claim_folder(found.state.paths[static_cast<size_t>(which)]));
+  }
+}
+
+// Every part of the switch has its own place, and nothing is below a file. The first one that has
+// not is named.
+void check_layout(const node &top, const description &found) {
+  layout all;
+  claim_state(top, found, &all);
+  size_t at = 0;
+  for (const node &item : top.items_of("stores")) {
+    const std::string file = lab::store_file(found.stores[at++].uri);
+    // With the names that the engine uses beside it.
+    for (const char *ending : {"", "-journal", "-new"}) {
+      expect_free(item.member("uri"), all.claim_file(file + ending));
+    }
+  }
+  at = 0;
+  for (const node &item : top.items_of("files")) {
+    expect_free(item.member("path"), all.claim_file(found.files[at++].path));
+  }
+}
+
 // Each name once: `take` makes a part of an item and gives what names it.
 template <typename take_t>
 void read_list(const node &top, const char *name, const char *twice, take_t take) {
@@ -352,30 +389,13 @@ void read_list(const node &top, const char *name, const char *twice, take_t take
 
 } // namespace
 
-nlohmann::json parse_json(const std::string &text, const std::string &origin) {
-  std::vector<std::set<std::string>> members;
-  const auto watch = [&](int, nlohmann::json::parse_event_t event, nlohmann::json &parsed) {
-    if (event == nlohmann::json::parse_event_t::object_start) {
-      members.emplace_back();
-    } else if (event == nlohmann::json::parse_event_t::object_end) {
-      members.pop_back();
-    } else if (event == nlohmann::json::parse_event_t::key &&
-               !members.back().insert(parsed.get<std::string>()).second) {
-      throw failure(exit_refused, in_quotes(origin) + ": the member " +
-                                      in_quotes(parsed.get<std::string>()) +
-                                      " stands twice in one object");
-    }
-    return true;
-  };
-  try {
-    return nlohmann::json::parse(text, watch);
-  } catch (const nlohmann::json::exception &error) {
-    const std::string what = error.what();
-    const size_t after = what.find("] ");
-    throw failure(exit_refused,
-                  in_quotes(origin) + ": no JSON: " +
-                      (after == std::string::npos ? what : to_text(what.substr(after + 2))));
+bool is_described_uri(const std::string &uri) {
+  const size_t colon = uri.find(':');
+  std::string path = colon == std::string::npos ? "" : uri.substr(colon + 1);
+  if (path.size() > 1 && path.back() == '/') {
+    path.pop_back(); // the store's name may be empty
   }
+  return !lab::store_file(uri).empty() && is_contained_path(path) && is_utf8(uri);
 }
 
 std::vector<store_description> parse_stores(const std::string &text, const std::string &origin) {
@@ -411,5 +431,6 @@ description parse_description(const std::string &text, const std::string &origin
     result.access_points.push_back(access_point_of(item));
     return std::to_string(result.access_points.back().sap);
   });
+  check_layout(top, result);
   return result;
 }

@@ -17,7 +17,8 @@ struct record_description {
 
 struct store_description {
   std::string uri;
-  pss2_nonvol_params params = {};
+  pss2_nonvol_params params = {}; // the lab's own when the description names none
+  bool has_params = false;
   std::vector<record_description> records;
 };
 
@@ -46,8 +47,8 @@ description parse_description(const std::string &text, const std::string &origin
 // The same of a document that holds stores only, as `store export` writes it.
 std::vector<store_description> parse_stores(const std::string &text, const std::string &origin);
 
-// JSON text without repeated members. Throws failure(3) naming `origin`.
-nlohmann::json parse_json(const std::string &text, const std::string &origin);
+// Whether a description can name a store so: "volatile:/folder/name", in UTF-8.
+bool is_described_uri(const std::string &uri);
 
 // The description that `lab create` uses when none is named.
 extern const char example_description[];

@@ -184,7 +184,8 @@ private:
                                   "0001",
                                   store_delete);
     add_uri(remove);
-    remove->add_option("KEY", store_.key, "The record's key");
+    remove->add_option("KEY", store_.key, "The record's key; may be empty")
+        ->each([this](const std::string &) { store_.has_key = true; });
     remove->add_flag("--all", store_.all, "The whole store, also a damaged one");
     add_text(remove);
     add_transfer(store);
@@ -199,7 +200,11 @@ private:
     CLI::App *in = store_verb(store, "import", "Load stores from such a document",
                               "datamorph store import /tmp/switch --file stores.json\n\n"
                               "Each store is replaced as a whole, in one step of its own; stores "
-                              "that are missing are made.",
+                              "that are missing are made.\n"
+                              "A store that stands keeps its parameters: a document that names "
+                              "others is refused\n"
+                              "unless it is merged. When an import is stopped or fails, some of "
+                              "its stores may have\nbeen replaced: import again.",
                               store_import);
     in->add_option("URI", store_.uris, "Which of the document's stores (default: all)");
     in->add_option("--file", store_.file, "Where from (default: standard input)");
@@ -269,11 +274,12 @@ private:
   action chosen_;
 };
 
-// Whoever started the program may have closed them; no other file may come to stand there.
+// Whoever started the program may have closed them; no other file may come to stand there. What is
+// written to one that was closed is lost and counts as that.
 void open_standard_streams() {
   int fd = 0;
   do {
-    fd = open("/dev/null", O_RDWR);
+    fd = open("/dev/null", O_RDONLY);
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd > STDERR_FILENO) {
     close(fd);
@@ -286,6 +292,7 @@ int main(int argc, char **argv) {
   open_standard_streams();
   // A reader that goes away is an output that could not be written, not an end in the midst.
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGCHLD, SIG_DFL); // the ends of its processes are waited for
   int status = exit_failed;
   try {
     status = command_line().run(argc, argv);

@@ -8,17 +8,20 @@
 
 #include "failure.h"
 #include "lab/lab.h"
+#include "layout.h"
 #include "statuses.h"
 #include "text.h"
 #include "unique_fd.h"
 
 namespace {
 
-constexpr const char *usual_folders[] = {"/mnt/pss", "/bootflash", "/tmp",
-                                         "/dev/shm", "/images",    "/var/run/mts"};
+const char *advice(bool no_room) {
+  return no_room ? "; make room there" : "";
+}
 
 [[noreturn]] void failed(const std::string &what, int error) {
-  throw failure(exit_failed, "cannot make " + what + ": " + error_text(error));
+  throw failure(exit_failed, "cannot make " + what + ": " + error_text(error) +
+                                 advice(error == ENOSPC || error == EDQUOT));
 }
 
 void make_folders(const std::string &path) {
@@ -52,8 +55,8 @@ void write_file(const std::string &path, const std::string &content, mode_t mode
 
 void check(syserr_t status, const std::string &uri) {
   if (status != SYSERR_SUCCESS) {
-    throw failure(exit_failed,
-                  "cannot make the store " + in_quotes(uri) + ": " + status_text(status));
+    throw failure(exit_failed, "cannot make the store " + in_quotes(uri) + ": " +
+                                   status_text(status) + advice(status == SYSERR_PSS_NO_ROOM));
   }
 }
 

@@ -66,6 +66,11 @@ store_handle::store_handle(const std::string &uri, uint32 mode) : uri_(uri) {
   if (!is_contained_path(path)) {
     check_store(SYSERR_PSS_BAD_ARGUMENT, uri);
   }
+  if ((mode & PSS2_MODE_CREATE) != 0 && !is_utf8(uri)) {
+    throw failure(exit_refused, "store " + in_quotes(uri) +
+                                    ": no store is made with a name that is no UTF-8: no document "
+                                    "could carry it");
+  }
   syserr_t status = SYSERR_SUCCESS;
   handle_ = pss2_open(uri.c_str(), mode, SRVUUID_NONE, 0, 0, &status);
   check_store(status, uri);
@@ -142,10 +147,14 @@ void store_handle::for_each(
   }
 }
 
+std::string shown_uri(const std::string &uri) {
+  return is_utf8(uri) ? uri : to_text(uri);
+}
+
 void send_records(const jail::channel &channel, const std::string &uri) {
   store_handle store(uri, PSS2_MODE_READ);
   const pss2_nonvol_params params = store.params();
-  channel.send({{"uri", uri},
+  channel.send({{"uri", shown_uri(uri)},
                 {"params",
                  {{"max_key_size", params.max_key_size},
                   {"max_value_size", params.max_value_size},

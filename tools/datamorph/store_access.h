@@ -22,7 +22,8 @@ void check_store(syserr_t status, const std::string &uri);
 // which is what a failure on the way wants.
 class store_handle {
 public:
-  // `mode` as pss2_open takes it. All of these throw failure.
+  // `mode` as pss2_open takes it; a store that is made has a name in UTF-8. All of these throw
+  // failure.
   store_handle(const std::string &uri, uint32 mode);
   pss2_nonvol_params params();
   std::string fetch(const std::string &key); // 3 when there is no such record
@@ -39,6 +40,9 @@ private:
   std::string uri_;
   pss2_service_t handle_ = 0;
 };
+
+// A store's name for a document: as to_text writes it when JSON cannot carry its bytes.
+std::string shown_uri(const std::string &uri);
 
 // Sends "uri" with the parameters, then "key" and "value" in hex for each record.
 void send_records(const jail::channel &channel, const std::string &uri);

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <optional>
+#include <set>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -32,13 +32,11 @@ bool is_wanted(const store_options &options, const std::string &uri) {
 // Writes the document record by record, so that a large store does not have to fit in memory twice.
 class export_writer {
 public:
-  explicit export_writer(std::function<void(const std::string &)> put) : put_(std::move(put)) {
-    put_("{\n \"stores\": [");
-  }
+  explicit export_writer(std::function<void(const std::string &)> put) : put_(std::move(put)) {}
   void take(const nlohmann::json &message) {
     if (message.contains("uri")) {
       end_store();
-      put_(stores_++ == 0 ? "\n" : ",\n");
+      put_(stores_++ == 0 ? "{\n \"stores\": [\n" : ",\n");
       std::string head = output::json_text(message, -1);
       head.pop_back();
       put_("  " + head + ",\"records\": [");
@@ -50,7 +48,7 @@ public:
   }
   void end() {
     end_store();
-    put_(stores_ == 0 ? "]\n}\n" : "\n ]\n}\n");
+    put_(stores_ == 0 ? "{\n \"stores\": []\n}\n" : "\n ]\n}\n");
   }
 
 private:
@@ -81,14 +79,41 @@ std::string read_stdin() {
   return text;
 }
 
+std::string params_text(const pss2_nonvol_params &params) {
+  return "max_key_size " + std::to_string(params.max_key_size) + ", max_value_size " +
+         std::to_string(params.max_value_size) + ", max_node_keys " +
+         std::to_string(params.max_node_keys) + ", version " + std::to_string(params.version);
+}
+
+// The platform gives a store its parameters when it makes it and never again. Making it anew would
+// leave a moment without the store, so a store keeps them, and a document may not say otherwise.
+void check_params(const store_description &wanted, const pss2_nonvol_params &stand) {
+  const std::string here = params_text(stand);
+  const std::string there = params_text(wanted.params);
+  if (wanted.has_params && here != there) {
+    throw failure(exit_refused, "store " + in_quotes(wanted.uri) + ": it has " + here +
+                                    ", the document wants " + there +
+                                    "; keep its own with --merge, or remove the store with "
+                                    "'datamorph store delete --all' and import again");
+  }
+  if (stand.max_node_keys != 0 && wanted.records.size() > stand.max_node_keys) {
+    throw failure(exit_refused, "store " + in_quotes(wanted.uri) + ": the document has " +
+                                    counted(wanted.records.size(), "record") +
+                                    ", the store allows " + std::to_string(stand.max_node_keys));
+  }
+}
+
 // Everything is checked before the first store is touched.
-void check_fit(const store_description &wanted) {
+void check_fit(const store_description &wanted, bool merge) {
   lab::store_info info;
   const syserr_t status = lab::store_inspect(wanted.uri, &info);
   if (status == SYSERR_PSS_NO_STORE) {
     return;
   }
   check_store(status, wanted.uri);
+  if (!merge) {
+    check_params(wanted, info.params);
+  }
   for (const record_description &record : wanted.records) {
     if (record.key.size() > info.params.max_key_size ||
         record.value.size() > info.params.max_value_size) {
@@ -100,12 +125,8 @@ void check_fit(const store_description &wanted) {
   }
 }
 
-// One store: one handle, one transaction.
-void import_store(const store_description &wanted, bool merge) {
-  const syserr_t created = lab::store_create(wanted.uri, wanted.params);
-  if (created != SYSERR_PSS_EXISTS) {
-    check_store(created, wanted.uri);
-  }
+// One handle, one transaction.
+void fill_store(const store_description &wanted, bool merge) {
   store_handle store(wanted.uri, PSS2_MODE_READ | PSS2_MODE_WRITE);
   if (!merge) {
     std::vector<std::string> keys;
@@ -118,6 +139,67 @@ void import_store(const store_description &wanted, bool merge) {
     store.put(record.key, record.value);
   }
   store.close();
+}
+
+// A store that was made for records that could not be written is not left behind.
+void import_store(const store_description &wanted, bool merge) {
+  const syserr_t created = lab::store_create(wanted.uri, wanted.params);
+  if (created != SYSERR_PSS_EXISTS) {
+    check_store(created, wanted.uri);
+  }
+  try {
+    fill_store(wanted, merge);
+  } catch (const failure &) {
+    if (created == SYSERR_SUCCESS) {
+      pss_destroy(wanted.uri.c_str());
+    }
+    throw;
+  }
+}
+
+// Each store is replaced by itself, so what ends an import midway leaves some of them replaced.
+void import_stores(const switch_dir &target, const std::vector<store_description> &stores,
+                   bool merge) {
+  bool begun = false;
+  try {
+    in_switch(
+        target,
+        [&](const jail::channel &channel) {
+          for (const store_description &store : stores) {
+            check_fit(store, merge);
+          }
+          channel.send({{"begun", true}});
+          for (const store_description &store : stores) {
+            import_store(store, merge);
+          }
+        },
+        [&](const nlohmann::json &) { begun = true; });
+  } catch (const failure &error) {
+    throw failure(error.status(),
+                  std::string(error.what()) +
+                      (begun ? "; some of its stores may have been replaced: import again"
+                             : "; none of its stores was replaced"));
+  }
+}
+
+// The stores that were asked for, each once, all of them readable: once the document is begun
+// nothing can be refused.
+std::vector<std::string> exported_uris(const store_options &options) {
+  std::vector<std::string> uris;
+  std::set<std::string> files;
+  for (const std::string &uri : options.uris.empty() ? lab::store_uris() : options.uris) {
+    lab::store_info info;
+    check_store(lab::store_inspect(uri, &info), uri);
+    if (!is_described_uri(uri)) {
+      throw failure(exit_refused, "store " + in_quotes(uri) +
+                                      ": its name cannot stand in a document; name the stores to "
+                                      "export");
+    }
+    if (files.insert(lab::store_file(uri)).second) {
+      uris.push_back(uri);
+    }
+  }
+  return uris;
 }
 
 // What stands there is replaced: that may be a file only, not a device or a link to one.
@@ -148,9 +230,7 @@ int store_export(const common_options &, const store_options &options) {
   in_switch(
       target,
       [&](const jail::channel &channel) {
-        const std::vector<std::string> uris =
-            options.uris.empty() ? lab::store_uris() : options.uris;
-        for (const std::string &uri : uris) {
+        for (const std::string &uri : exported_uris(options)) {
           send_records(channel, uri);
         }
       },
@@ -177,15 +257,8 @@ int store_import(const common_options &common, const store_options &options) {
   std::erase_if(stores,
                 [&](const store_description &store) { return !is_wanted(options, store.uri); });
   const switch_dir target(options.dir, switch_dir::access::write);
+  import_stores(target, stores, options.merge);
   size_t records = 0;
-  in_switch(target, [&](const jail::channel &) {
-    for (const store_description &store : stores) {
-      check_fit(store);
-    }
-    for (const store_description &store : stores) {
-      import_store(store, options.merge);
-    }
-  });
   for (const store_description &store : stores) {
     records += store.records.size();
   }

@@ -33,13 +33,15 @@ std::string typed(const store_options &options, const std::string &text, const c
 int store_list(const common_options &common, const store_options &options) {
   const switch_dir target(options.dir, switch_dir::access::read);
   nlohmann::json stores = nlohmann::json::array();
+  std::vector<std::string> names; // of the same stores, for people
   in_switch(
       target,
       [](const jail::channel &channel) {
         for (const std::string &uri : lab::store_uris()) {
           lab::store_info info;
           const syserr_t status = lab::store_inspect(uri, &info);
-          channel.send({{"uri", uri},
+          channel.send({{"uri", shown_uri(uri)},
+                        {"name", is_utf8(uri) ? to_text(uri) : shown_uri(uri)},
                         {"records", info.records},
                         {"bytes", info.bytes},
                         {"max_key_size", info.params.max_key_size},
@@ -48,7 +50,11 @@ int store_list(const common_options &common, const store_options &options) {
                         {"text", syserr2str(status)}});
         }
       },
-      [&](const nlohmann::json &message) { stores.push_back(message); });
+      [&](const nlohmann::json &message) {
+        names.push_back(message["name"].get<std::string>());
+        stores.push_back(message);
+        stores.back().erase("name");
+      });
   if (common.format == output::format::json) {
     output::json({{"switch", options.dir}, {"stores", stores}});
     return exit_done;
@@ -57,9 +63,8 @@ int store_list(const common_options &common, const store_options &options) {
   std::vector<std::vector<output::cell>> rows;
   for (const nlohmann::json &store : stores) {
     const auto status = store["status"].get<syserr_t>();
-    rows.push_back({to_text(store["uri"].get<std::string>()), store["records"].dump(),
-                    store["bytes"].dump(), store["max_key_size"].dump(),
-                    store["max_value_size"].dump(),
+    rows.push_back({names[rows.size()], store["records"].dump(), store["bytes"].dump(),
+                    store["max_key_size"].dump(), store["max_value_size"].dump(),
                     status == 0 ? output::cell("ok") : output::cell::bad(status_text(status))});
   }
   output::table({{"STORE"},
@@ -85,7 +90,7 @@ int store_show(const common_options &common, const store_options &options) {
       });
   if (common.format == output::format::json) {
     output::json({{"switch", options.dir},
-                  {"uri", options.uri},
+                  {"uri", shown_uri(options.uri)},
                   {"encoding", options.text ? "text" : "hex"},
                   {"records", records}});
     return exit_done;
@@ -112,7 +117,7 @@ int store_get(const common_options &common, const store_options &options) {
       [&](const nlohmann::json &message) { value = shown(options, message["value"]); });
   if (common.format == output::format::json) {
     output::json({{"switch", options.dir},
-                  {"uri", options.uri},
+                  {"uri", shown_uri(options.uri)},
                   {"encoding", options.text ? "text" : "hex"},
                   {"key", options.key},
                   {"value", value}});
@@ -140,7 +145,8 @@ int store_put(const common_options &common, const store_options &options) {
       },
       [&](const nlohmann::json &message) { replaced = message["replaced"].get<bool>(); });
   if (common.format == output::format::json) {
-    output::json({{"switch", options.dir}, {"uri", options.uri}, {"replaced", replaced}});
+    output::json(
+        {{"switch", options.dir}, {"uri", shown_uri(options.uri)}, {"replaced", replaced}});
   } else {
     output::text(options.uri + ": record " + (replaced ? "replaced" : "added") + "\n");
   }
@@ -148,7 +154,7 @@ int store_put(const common_options &common, const store_options &options) {
 }
 
 int store_delete(const common_options &common, const store_options &options) {
-  if (options.all != options.key.empty()) {
+  if (options.all == options.has_key) {
     throw failure(exit_usage, "store delete wants either a key or --all, which is the whole store");
   }
   const std::string key = options.all ? "" : typed(options, options.key, "key");
@@ -164,7 +170,7 @@ int store_delete(const common_options &common, const store_options &options) {
   });
   const char *what = options.all ? "store" : "record";
   if (common.format == output::format::json) {
-    output::json({{"switch", options.dir}, {"uri", options.uri}, {"deleted", what}});
+    output::json({{"switch", options.dir}, {"uri", shown_uri(options.uri)}, {"deleted", what}});
   } else {
     output::text(options.uri + ": " + what + " deleted\n");
   }

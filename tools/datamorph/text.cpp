@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -34,6 +35,42 @@ int hex_byte(std::string_view digits) {
   const int high = hex_digit(digits[0]);
   const int low = hex_digit(digits[1]);
   return high < 0 || low < 0 ? -1 : high * 16 + low;
+}
+
+struct utf8_form {
+  unsigned char mask;
+  unsigned char lead;
+  size_t following;
+  uint32_t least; // a character of fewer bytes is not to be written in this form
+};
+constexpr utf8_form utf8_forms[] = {
+    {0x80, 0x00, 0, 0x00},
+    {0xe0, 0xc0, 1, 0x80},
+    {0xf0, 0xe0, 2, 0x800},
+    {0xf8, 0xf0, 3, 0x10000},
+};
+
+// The bytes of the character that the text starts with; 0 when it starts with none.
+size_t utf8_length(std::string_view text) {
+  const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
+  for (const utf8_form &form : utf8_forms) {
+    if ((byte(0) & form.mask) != form.lead) {
+      continue;
+    }
+    if (text.size() <= form.following) {
+      return 0;
+    }
+    uint32_t character = byte(0) & static_cast<unsigned char>(~form.mask);
+    for (size_t at = 1; at <= form.following; ++at) {
+      if ((byte(at) & 0xc0) != 0x80) {
+        return 0;
+      }
+      character = character << 6 | (byte(at) & 0x3fu);
+    }
+    const bool surrogate = character >= 0xd800 && character <= 0xdfff;
+    return character < form.least || character > 0x10ffff || surrogate ? 0 : form.following + 1;
+  }
+  return 0;
 }
 
 bool is_component(std::string_view part) {
@@ -104,6 +141,17 @@ std::optional<std::string> from_text(std::string_view text) {
     at += 3;
   }
   return out;
+}
+
+bool is_utf8(std::string_view text) {
+  while (!text.empty()) {
+    const size_t length = utf8_length(text);
+    if (length == 0) {
+      return false;
+    }
+    text.remove_prefix(length);
+  }
+  return true;
 }
 
 std::string in_quotes(std::string_view text) {

@@ -16,6 +16,9 @@ std::string to_text(std::string_view bytes);
 // The way back. Nothing when a backslash is followed by anything else.
 std::optional<std::string> from_text(std::string_view text);
 
+// Whether the bytes are whole characters of UTF-8, so that JSON carries them as they are.
+bool is_utf8(std::string_view text);
+
 // A name or path out of a switch for a message: as to_text, cut at 200 characters.
 std::string in_quotes(std::string_view text);
 

@@ -33,6 +33,7 @@ struct store_options {
   std::string dir;
   std::string uri;
   std::string key;
+  bool has_key = false; // a key may be empty
   std::string value;
   std::vector<std::string> uris;
   std::string file;

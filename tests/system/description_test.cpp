@@ -1,0 +1,103 @@
+// Descriptions whose parts cannot stand beside each other: refused with the file and the place.
+#include "command.h"
+
+#include <algorithm>
+
+namespace {
+
+class layout_of_a_description : public command_test {
+protected:
+  static constexpr char head[] =
+      R"json({"release": "4.1(5)", "releases": ["4.1(5)", "4.2(1)"], )json";
+  static constexpr char folders[] = R"json("running_cfg_dir": "/cfg/0", "paths":
+    {"gsync": "/cfg/0", "running-fs": "/cfg/0", "startup": "/cfg/startup"})json";
+
+  void expect_refused(const std::string &description, const std::string &message) {
+    write("d.json", description);
+    const result made = run({"lab", "create", "sw", "--from", "d.json"});
+    EXPECT_EQ(made.status, 3) << description;
+    EXPECT_EQ(made.err.find("datamorph: 'd.json': " + message), 0u) << made.err << description;
+    EXPECT_EQ(std::count(made.err.begin(), made.err.end(), '\n'), 1) << made.err;
+    EXPECT_FALSE(exists("sw"));
+  }
+  void expect_files_refused(const std::string &files, const std::string &message) {
+    expect_refused(std::string(head) + folders + R"(, "files": [)" + files + "]}", message);
+  }
+};
+
+TEST_F(layout_of_a_description, files_where_folders_are) {
+  expect_files_refused(R"({"path": "/a"}, {"path": "/cfg/0"})",
+                       "/files/1/path: '/cfg/0' is a folder already");
+  expect_files_refused(R"({"path": "/cfg"})", "/files/0/path: '/cfg' is a folder already");
+  expect_files_refused(R"json({"path": "/images/4.2(1)"})json",
+                       "/files/0/path: '/images/4.2(1)' is a folder already");
+  expect_files_refused(R"({"path": "/var/run/mts"})",
+                       "/files/0/path: '/var/run/mts' is a folder already");
+  expect_files_refused(R"({"path": "/a/b/c"}, {"path": "/a/b"})",
+                       "/files/1/path: '/a/b' is a folder already");
+}
+
+TEST_F(layout_of_a_description, files_below_files) {
+  expect_files_refused(R"({"path": "/a/b"}, {"path": "/a/b/c/d"})",
+                       "/files/1/path: '/a/b' is a file, so nothing can be below it");
+  expect_files_refused(R"({"path": "/switch.json/x"})",
+                       "/files/0/path: '/switch.json' is a file, so nothing can be below it");
+}
+
+TEST_F(layout_of_a_description, names_that_are_too_long) {
+  const std::string name(256, 'n');
+  expect_files_refused(R"({"path": "/a/)" + name + "\"}", "/files/0/path: the name 'nnn");
+  expect_files_refused(R"({"path": "/)" + name + "/a\"}", "/files/0/path: the name 'nnn");
+  expect_refused(std::string(head) + folders + R"(, "stores": [{"uri": "volatile:/)" + name +
+                     "/a\"}]}",
+                 "/stores/0/uri: the name 'nnn");
+}
+
+TEST_F(layout_of_a_description, folders_that_are_files) {
+  const std::string paths = R"("paths": {"gsync": "/g", "running-fs": "/r", "startup": "/s"})";
+  expect_refused(std::string(head) + R"("running_cfg_dir": "/switch.json", )" + paths + "}",
+                 "/running_cfg_dir: '/switch.json' is a file already");
+  expect_refused(std::string(head) + R"("running_cfg_dir": "/var/run/mts/sap-5", )" + paths + "}",
+                 "/running_cfg_dir: what is below /var/run/mts is the lab's own");
+  expect_refused(std::string(head) + R"json("running_cfg_dir": "/cfg/0", "paths": {"gsync": "/g",
+                   "running-fs": "/images/4.1(5)/version/x", "startup": "/s"}})json",
+                 "/paths/running-fs: '/images/4.1(5)/version' is a file, so nothing");
+}
+
+TEST_F(layout_of_a_description, files_beside_stores) {
+  const std::string store = std::string(head) + folders +
+                            R"(, "stores": [{"uri": "nonvolatile:/cfg/x"}], "files": [{"path": ")";
+  expect_refused(store + R"(/cfg/x.pss"}]})", "/files/0/path: '/cfg/x.pss' is a file already");
+  expect_refused(store + R"(/cfg/x.pss-new"}]})",
+                 "/files/0/path: '/cfg/x.pss-new' is a file already");
+  expect_refused(store + R"(/cfg/x.pss/y"}]})", "/files/0/path: '/cfg/x.pss' is a file, so");
+  expect_refused(std::string(head) + folders + R"(, "stores": [{"uri": "nonvolatile:/a/b"},
+                   {"uri": "nonvolatile:/a/b.pss/c"}]})",
+                 "/stores/1/uri: '/a/b.pss' is a file, so nothing can be below it");
+}
+
+TEST_F(layout_of_a_description, access_points_that_no_switch_has) {
+  expect_refused(std::string(head) + folders + R"(, "access_points": [{"sap": 65536}]})",
+                 "/access_points/0/sap: a number from 1 to 65535 is wanted here");
+  write("d.json", std::string(head) + folders + R"(, "access_points": [{"sap": 65535}]})");
+
+  create("sw", {"--from", "d.json"});
+
+  EXPECT_EQ(saps(show("sw")), (std::vector<unsigned>{65535}));
+}
+
+TEST_F(layout_of_a_description, what_can_stand_side_by_side_is_made) {
+  const std::string name(255, 'n');
+  write("d.json", std::string(head) + folders + R"(, "stores": [{"uri": "nonvolatile:/cfg/"},
+    {"uri": "nonvolatile:/cfg/0/x"}, {"uri": "volatile:/cfg/0/x"}], "files": [{"path": "/cfg/0/x"},
+    {"path": "/cfg/0/x.psx"}, {"path": "/)" +
+                      name + R"("}]})");
+
+  create("sw", {"--from", "d.json"});
+
+  EXPECT_EQ(uris(show("sw")).size(), 3u);
+  EXPECT_TRUE(exists("sw/current/cfg/0/x"));
+  EXPECT_TRUE(exists("sw/current/" + name));
+}
+
+} // namespace

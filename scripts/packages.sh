@@ -7,7 +7,7 @@
 # Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks).
 set -eu
 
-demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev zlib1g-dev
+demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash-dev
   libcli11-dev nlohmann-json3-dev libsmartcols-dev'
 test="$demo libgtest-dev"
 ci="$test git g++-multilib googletest clang-format clang-tidy cppcheck"

@@ -70,7 +70,7 @@ TEST_F(lab_test, a_store_that_is_cut_short_is_damaged) {
 
 TEST_F(lab_test, a_store_of_another_layout_is_damaged) {
   std::string bytes = fresh_store();
-  bytes[63] = 2; // user_version
+  bytes[63] = 1; // user_version
   expect_damaged_and_untouched(bytes);
 }
 
@@ -83,7 +83,7 @@ std::string database(const char *sql) {
   return switch_root::read_file("/tmp/other.db");
 }
 
-constexpr char k_our_numbers[] = "PRAGMA application_id=1145925747; PRAGMA user_version=1;";
+constexpr char k_our_numbers[] = "PRAGMA application_id=1145925747; PRAGMA user_version=2;";
 
 TEST_F(lab_test, a_database_of_another_program_is_damaged) {
   expect_damaged_and_untouched(database("CREATE TABLE t (a); INSERT INTO t VALUES (1)"));

@@ -18,6 +18,7 @@ namespace lab {
 namespace {
 
 constexpr uint32 k_last_sap = 65535;
+constexpr size_t k_longest_owner = 255; // the endpoint behind it is read as well
 constexpr std::string_view k_prefix = "sap-";
 
 std::string file_of(uint32 sap) {
@@ -74,7 +75,8 @@ int sap_write(uint32 sap, const sap_entry &entry) {
   if (make_parents(file, false) != SYSERR_SUCCESS) {
     return ENOENT;
   }
-  const std::string text = one_line(entry.owner) + "\n" + entry.endpoint + "\n";
+  const std::string text =
+      one_line(entry.owner.substr(0, k_longest_owner)) + "\n" + entry.endpoint + "\n";
   unique_fd fd(open(scratch.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!fd.good() || !write_all(fd.get(), text.data(), text.size()) || !fd.close_now() ||
       rename(scratch.c_str(), file.c_str()) != 0) {

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,13 +10,15 @@
 #include <cstring>
 #include <utility>
 
+#include "lab/store_file.h"
+
 namespace lab {
 namespace {
 
 constexpr std::string_view k_magic = "LABFLAT\n";
-constexpr uint32 k_layout_version = 1;
+constexpr uint32 k_layout_version = 2;
 constexpr size_t k_header_size = 8 + 4 + 8;
-constexpr size_t k_crc_size = 4;
+constexpr size_t k_sum_size = 8;
 constexpr size_t k_record_head = 4 + 4;
 constexpr size_t k_buffer_size = 65536;
 
@@ -33,10 +34,6 @@ template <typename number> number from_le(const char *bytes) {
     value |= static_cast<number>(static_cast<unsigned char>(bytes[i])) << (8 * i);
   }
   return value;
-}
-
-uint32 crc_over(uint32 crc, const char *bytes, size_t size) {
-  return static_cast<uint32>(crc32_z(crc, reinterpret_cast<const unsigned char *>(bytes), size));
 }
 
 } // namespace
@@ -57,8 +54,11 @@ syserr_t flat_writer::start(uint64_t records) {
     return status;
   }
   struct stat found = {};
-  if (stat(file_.c_str(), &found) == 0 && S_ISDIR(found.st_mode)) {
+  if (lstat(file_.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
     return SYSERR_PSS_DAMAGED;
+  }
+  if (is_open_here({found.st_dev, found.st_ino})) {
+    return SYSERR_PSS_BUSY;
   }
   lock_ = std::make_unique<folder_lock>(parent_of(file_));
   if (lock_->status() != SYSERR_SUCCESS) {
@@ -88,7 +88,7 @@ syserr_t flat_writer::flush() {
 
 syserr_t flat_writer::put(std::string_view bytes) {
   // cppcheck-suppress invalidLifetime // the caller's string lives until this returns
-  crc_ = crc_over(crc_, bytes.data(), bytes.size());
+  sum_.add(bytes.data(), bytes.size());
   while (!bytes.empty()) {
     const size_t part = std::min(bytes.size(), k_buffer_size - buffer_.size());
     buffer_.insert(buffer_.end(), bytes.begin(), bytes.begin() + part);
@@ -111,9 +111,9 @@ syserr_t flat_writer::add(std::string_view key, std::string_view value) {
 }
 
 syserr_t flat_writer::finish() {
-  std::string crc;
-  append_le(&crc, crc_);
-  syserr_t status = put(crc);
+  std::string sum;
+  append_le(&sum, sum_.digest());
+  syserr_t status = put(sum);
   status = status == SYSERR_SUCCESS ? flush() : status;
   if (status != SYSERR_SUCCESS) {
     return status;
@@ -128,6 +128,11 @@ syserr_t flat_writer::finish() {
 // ---- Reading -----------------------------------------------------------------------------------
 
 syserr_t flat_reader::open(const std::string &file) {
+  // Closing a descriptor of a store that is open here would drop its locks.
+  struct stat which = {};
+  if (stat(file.c_str(), &which) == 0 && is_open_here({which.st_dev, which.st_ino})) {
+    return SYSERR_PSS_DAMAGED;
+  }
   const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     return status_of_errno(errno);
@@ -138,7 +143,7 @@ syserr_t flat_reader::open(const std::string &file) {
     return status_of_errno(errno);
   }
   const bool possible =
-      S_ISREG(found.st_mode) && static_cast<uint64_t>(found.st_size) >= k_header_size + k_crc_size;
+      S_ISREG(found.st_mode) && static_cast<uint64_t>(found.st_size) >= k_header_size + k_sum_size;
   if (!possible) {
     return SYSERR_PSS_DAMAGED;
   }
@@ -172,7 +177,7 @@ syserr_t flat_reader::get(char *bytes, uint64_t size) {
       return status;
     }
     const size_t part = static_cast<size_t>(std::min<uint64_t>(size, filled_ - used_));
-    crc_ = crc_over(crc_, buffer_.data() + used_, part);
+    sum_.add(buffer_.data() + used_, part);
     if (bytes != nullptr) {
       std::memcpy(bytes, buffer_.data() + used_, part);
       bytes += part;
@@ -200,8 +205,8 @@ syserr_t flat_reader::rewind() {
     return status_of_errno(errno);
   }
   used_ = filled_ = 0;
-  crc_ = 0;
-  left_ = size_ - k_crc_size;
+  sum_.restart();
+  left_ = size_ - k_sum_size;
   char header[k_header_size];
   const syserr_t status = get(header, sizeof(header));
   if (status != SYSERR_SUCCESS) {
@@ -218,14 +223,14 @@ syserr_t flat_reader::end() {
   if (left_ != 0) {
     return SYSERR_PSS_DAMAGED;
   }
-  const uint32 crc = crc_;
-  char stored[k_crc_size];
+  const uint64_t sum = sum_.digest();
+  char stored[k_sum_size];
   left_ = sizeof(stored);
   const syserr_t status = get(stored, sizeof(stored));
   if (status != SYSERR_SUCCESS) {
     return status;
   }
-  return from_le<uint32>(stored) == crc ? SYSERR_SUCCESS : SYSERR_PSS_DAMAGED;
+  return from_le<uint64_t>(stored) == sum ? SYSERR_SUCCESS : SYSERR_PSS_DAMAGED;
 }
 
 syserr_t flat_reader::check(uint32 max_key_size, uint32 max_value_size) {

@@ -1,10 +1,10 @@
 // A store's records in a flat file. The layout, little-endian:
 //
 //   "LABFLAT\n"          8 bytes
-//   version              uint32, 1
+//   version              uint32, 2
 //   number of records    uint64
 //   each record          uint32 key size, uint32 value size, key, value
-//   CRC-32               uint32, over everything before it
+//   XXH3                 uint64, over everything before it
 //
 // The layout is on disks: it changes with a new version number only.
 #ifndef LAB_FLAT_FILE_H
@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "lab/checksum.h"
 #include "lab/files.h"
 #include "platform/types.h"
 
@@ -42,7 +43,7 @@ private:
   std::unique_ptr<folder_lock> lock_;
   std::unique_ptr<unique_fd> fd_;
   std::vector<char> buffer_;
-  uint32 crc_ = 0;
+  running_sum sum_;
 };
 
 // Reads a flat file twice: check() believes nothing and says whether it is whole, next() then gives
@@ -73,7 +74,7 @@ private:
   uint64_t left_ = 0; // bytes before the checksum that were not taken yet
   uint64_t size_ = 0;
   uint64_t records_ = 0;
-  uint32 crc_ = 0;
+  running_sum sum_;
 };
 
 } // namespace lab

@@ -21,9 +21,22 @@ constexpr uint32 k_magic = 0x444d7473;
 constexpr size_t k_most_pending = 10000; // messages that nobody fetched
 constexpr long k_connect_ms = 2000;      // a peer that listens but never gets ready
 constexpr int64_t k_longest_frame = 1 << 27;
+constexpr size_t k_spare_descriptors = 12;
 
 std::string zmq_address(const std::string &endpoint) {
   return "ipc://" + endpoint;
+}
+
+// Whether the message library can open what a new socket, and with the first one its threads, take.
+// It ends the process when it runs out of descriptors on the way.
+bool has_free_descriptors() {
+  std::deque<unique_fd> spare;
+  while (spare.size() < k_spare_descriptors) {
+    if (!spare.emplace_back(eventfd(0, EFD_CLOEXEC)).good()) {
+      return false;
+    }
+  }
+  return true;
 }
 
 // Whether somebody listens at an endpoint. ZeroMQ itself would wait for a peer to come.
@@ -31,6 +44,9 @@ int probe(const std::string &endpoint) {
   sockaddr_un address = {};
   if (endpoint.empty() || endpoint.size() >= sizeof(address.sun_path)) {
     return ECONNREFUSED;
+  }
+  if (!has_free_descriptors()) {
+    return EMFILE; // the listener may be of this process, and takes one for each who comes
   }
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, endpoint.c_str(), endpoint.size());
@@ -103,7 +119,7 @@ message_queue::~message_queue() {
 }
 
 int message_queue::open() {
-  if (!wake_.good()) {
+  if (!wake_.good() || !has_free_descriptors()) {
     return EMFILE;
   }
   const syserr_t made = make_parents(endpoint_, false);
@@ -149,6 +165,9 @@ int message_queue::connect(const std::string &endpoint, void **found) {
   if (absent != 0) {
     return absent;
   }
+  if (senders_.size() >= most_senders_) {
+    drop_dead_peers();
+  }
   socket made(zmq_socket(context_, ZMQ_PUSH));
   if (made == nullptr) {
     return errno;
@@ -162,6 +181,12 @@ int message_queue::connect(const std::string &endpoint, void **found) {
   *found = made.get();
   senders_.emplace(endpoint, std::move(made));
   return 0;
+}
+
+// A peer that went leaves a socket with a descriptor behind.
+void message_queue::drop_dead_peers() {
+  std::erase_if(senders_, [](const auto &one) { return probe(one.first) == ECONNREFUSED; });
+  most_senders_ = std::max(most_senders_, 2 * senders_.size());
 }
 
 int message_queue::send(const std::string &endpoint, const message &what) {
@@ -186,7 +211,9 @@ int message_queue::send(const std::string &endpoint, const message &what) {
     const bool waiting = errno == EAGAIN || errno == EINTR;
     const int error = !waiting ? errno : clock::now() >= deadline ? EAGAIN : probe(endpoint);
     if (error != 0) {
-      senders_.erase(endpoint);
+      if (error == ECONNREFUSED) { // a peer that is only slow keeps what it was sent
+        senders_.erase(endpoint);
+      }
       return error;
     }
     zmq_pollitem_t item = {peer, 0, ZMQ_POLLOUT, 0};

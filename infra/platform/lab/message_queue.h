@@ -68,6 +68,7 @@ private:
   using socket = std::unique_ptr<void, socket_closer>;
 
   int connect(const std::string &endpoint, void **found);
+  void drop_dead_peers();
   int take(const mts_recv_options_t &options, message *found);
   int wait(const mts_recv_options_t &options, clock::time_point deadline);
 
@@ -81,7 +82,8 @@ private:
   socket receiver_;
   std::deque<message> pending_;
 
-  std::mutex sending_; // guards the next one
+  std::mutex sending_;       // guards the next two
+  size_t most_senders_ = 64; // from then on, those whose peer went are dropped
   std::map<std::string, socket> senders_;
 };
 

@@ -27,8 +27,8 @@ uint16_t read_ahead::fill_slot(std::string_view key, std::string_view value) {
   if (free_.empty()) {
     free_.reserve(k_capacity + 1);
     order_.reserve(k_capacity + 1);
-    free_.push_back(static_cast<uint16_t>(slots_.size()));
     slots_.emplace_back();
+    free_.push_back(static_cast<uint16_t>(slots_.size() - 1));
   }
   const uint16_t slot = free_.back();
   record &held = slots_[slot];

@@ -99,6 +99,12 @@ syserr_t change(journal_entry entry, uint32 number, const body &act) noexcept {
   std::string uri; // the handle may be closed by the time the line is written
   const syserr_t status = guarded([&] {
     store_handle *const handle = handle_find(number);
+    // A size that lies is refused below; the journal must not read by it.
+    const pss2_nonvol_params &limits =
+        handle == nullptr ? default_store_params : handle->db().params();
+    if (entry.key && entry.key->size() > limits.max_key_size) {
+      entry.key.reset();
+    }
     if (handle == nullptr) {
       return SYSERR_PSS_BAD_HANDLE;
     }
@@ -208,8 +214,15 @@ syserr_t make_store(const char *call, const char *uri, const pss2_nonvol_params 
   return entry.status;
 }
 
+// What stands at a store's place and is none of ours, or not to be read, needs no lock to go. After
+// any other failure nobody knows whether the store is in use.
+bool can_go(syserr_t status) {
+  return status == SYSERR_SUCCESS || status == SYSERR_PSS_DAMAGED ||
+         status == SYSERR_PSS_NO_ACCESS || status == SYSERR_PSS_NO_STORE;
+}
+
 // Keeps other processes off a store while its files are removed. A handle of this process that is
-// writing it keeps them off already. What is no store of ours needs no lock.
+// writing it keeps them off already.
 syserr_t lock_out_others(const store_path &path, store_db *guard, journal_entry *entry) {
   syserr_t status = guard->open(path, false);
   if (status == SYSERR_SUCCESS && journal_on()) {
@@ -218,12 +231,15 @@ syserr_t lock_out_others(const store_path &path, store_db *guard, journal_entry 
   if (status == SYSERR_SUCCESS) {
     status = guard->begin_exclusive();
   }
-  return status == SYSERR_PSS_BUSY ? status : SYSERR_SUCCESS;
+  return can_go(status) ? SYSERR_SUCCESS : status;
 }
 
 syserr_t remove_store(const store_path &path, journal_entry *entry) {
-  file_id id;
-  const syserr_t found = probe_store(path.file, &id);
+  // First of all: what stands here may be made or removed until the lock is ours.
+  const folder_lock lock(parent_of(path.file));
+  if (lock.status() != SYSERR_SUCCESS) {
+    return lock.status();
+  }
   struct stat what = {};
   const bool stands = lstat(path.file.c_str(), &what) == 0;
   if (!stands && errno != ENOENT && errno != ENOTDIR) {
@@ -232,13 +248,16 @@ syserr_t remove_store(const store_path &path, journal_entry *entry) {
   if (stands && S_ISDIR(what.st_mode)) {
     return SYSERR_PSS_DAMAGED;
   }
-  const folder_lock lock(parent_of(path.file));
-  if (lock.status() != SYSERR_SUCCESS) {
-    return lock.status();
-  }
+  // Of a link only the link goes; the store that it leads to stays, with its handles.
+  file_id id;
+  const syserr_t found =
+      stands && !S_ISLNK(what.st_mode) ? probe_store(path.file, &id) : SYSERR_PSS_NO_STORE;
   if (!stands) {
     remove_leftovers(path.file);
     return SYSERR_PSS_NO_STORE;
+  }
+  if (!can_go(found)) {
+    return found;
   }
   const std::vector<store_handle *> ours =
       found == SYSERR_SUCCESS ? handles_on(id) : std::vector<store_handle *>();
@@ -305,8 +324,7 @@ syserr_t store_inspect(const std::string &uri, store_info *info) {
     }
     store_db db;
     syserr_t status = db.open(path, false);
-    status = status == SYSERR_SUCCESS ? db.check_integrity() : status;
-    status = status == SYSERR_SUCCESS ? db.count(&info->records) : status;
+    status = status == SYSERR_SUCCESS ? db.check_all(&info->records) : status;
     struct stat found = {};
     if (status == SYSERR_SUCCESS && stat(path.file.c_str(), &found) != 0) {
       status = status_of_errno(errno);
@@ -399,7 +417,7 @@ syserr_t pss_snapshot(pss_service_t service, uint32 /*flags*/, const char *uri) 
   entry.call = __func__;
   entry.has_counts = true;
   return lab::change(entry, service, [uri](store_handle &handle, lab::journal_entry *line) {
-    const syserr_t status = handle.usable();
+    const syserr_t status = handle.usable_for_copying();
     line->uri = uri == nullptr ? "" : uri;
     return status == SYSERR_SUCCESS ? lab::copy_to_store(handle, uri, line) : status;
   });
@@ -434,7 +452,7 @@ syserr_t pss2_get_params(pss2_service_t service, pss2_nonvol_params *params) {
     if (params == nullptr) {
       return SYSERR_PSS_BAD_ARGUMENT;
     }
-    const syserr_t status = handle->usable();
+    const syserr_t status = handle->settle();
     if (status == SYSERR_SUCCESS) {
       *params = handle->db().params();
     }
@@ -481,7 +499,7 @@ syserr_t pss2_kernel2file(pss2_service_t service, const char *file, uint32 /*fla
   lab::journal_entry entry;
   entry.call = __func__;
   return lab::change(entry, service, [file](store_handle &handle, lab::journal_entry * /*line*/) {
-    const syserr_t status = handle.usable();
+    const syserr_t status = handle.usable_for_copying();
     return status == SYSERR_SUCCESS ? lab::copy_to_flat_file(handle, file) : status;
   });
 }
@@ -490,8 +508,10 @@ syserr_t pss2_file2kernel(const char *file, pss2_service_t service, uint32 /*fla
   lab::journal_entry entry;
   entry.call = __func__;
   entry.has_counts = true;
-  entry.expected = SYSERR_PSS_NO_STORE;
   return lab::change(entry, service, [file](store_handle &handle, lab::journal_entry *line) {
-    return lab::copy_from_flat_file(handle, file, line);
+    const syserr_t status = lab::copy_from_flat_file(handle, file, line);
+    // Only the file may be missing; a handle whose store is gone is a failed write.
+    line->expected = handle.usable() == SYSERR_SUCCESS ? SYSERR_PSS_NO_STORE : SYSERR_SUCCESS;
+    return status;
   });
 }

@@ -1,5 +1,7 @@
 #include "lab/store_copy.h"
 
+#include <new>
+
 #include "lab/flat_file.h"
 
 namespace lab {
@@ -12,7 +14,7 @@ template <typename action> syserr_t for_each_record(store_db &db, const action &
   while ((stepped = reading.step()) == SQLITE_ROW) {
     std::string_view key;
     std::string_view value;
-    if (!reading.column(0, &key) || !reading.column(1, &value)) {
+    if (!reading.record(&key, &value)) {
       return SYSERR_PSS_DAMAGED;
     }
     const syserr_t status = act(key, value);
@@ -36,7 +38,7 @@ syserr_t count_put(store_db &db, std::string_view key, std::string_view value,
   if (stepped != SQLITE_ROW) {
     return db.last_status();
   }
-  entry->changed += reading.column(0, &old) && old == value ? 0 : 1;
+  entry->changed += reading.value_of(key, &old) && old == value ? 0 : 1;
   return SYSERR_SUCCESS;
 }
 
@@ -106,7 +108,7 @@ syserr_t copy_to_store(store_handle &from, const char *uri, journal_entry *entry
   if (status != SYSERR_SUCCESS) {
     entry->added = entry->changed = entry->removed = 0;
   }
-  return status;
+  return from.after_read(status);
 }
 
 syserr_t copy_to_flat_file(store_handle &from, const char *file) {
@@ -131,7 +133,7 @@ syserr_t copy_to_flat_file(store_handle &from, const char *file) {
   if (own) {
     from.db().rollback();
   }
-  return status;
+  return from.after_read(status);
 }
 
 namespace {
@@ -160,6 +162,7 @@ syserr_t copy_from_flat_file(store_handle &to, const char *file, journal_entry *
     return SYSERR_PSS_BAD_ARGUMENT;
   }
   syserr_t status = to.usable_for_writing();
+  status = status == SYSERR_SUCCESS ? to.settle() : status; // the limits are those of today
   flat_reader reader;
   status = status == SYSERR_SUCCESS ? reader.open(file) : status;
   const pss2_nonvol_params &limits = to.db().params();
@@ -170,14 +173,20 @@ syserr_t copy_from_flat_file(store_handle &to, const char *file, journal_entry *
   if (status != SYSERR_SUCCESS) {
     return status;
   }
-  status = put_all(to, reader, entry);
+  try {
+    status = put_all(to, reader, entry);
+  } catch (const std::bad_alloc &) {
+    status = SYSERR_PSS_NO_ROOM;
+  }
   if (status != SYSERR_SUCCESS) {
     entry->added = entry->changed = 0;
     to.failed_write(status);
     if (began) {
-      to.db().rollback();
-    } else if (to.db().in_transaction()) {
-      to.db().execute("ROLLBACK TO load; RELEASE load");
+      to.take_back();
+    } else if (to.db().in_transaction() &&
+               to.db().execute("ROLLBACK TO load; RELEASE load") != SYSERR_SUCCESS) {
+      to.db().rollback(); // better nothing than half of it
+      to.failed_write(status);
     }
     return status;
   }

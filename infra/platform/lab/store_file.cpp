@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "lab/checksum.h"
 #include "lab/files.h"
 
 namespace lab {
@@ -26,13 +27,18 @@ constexpr size_t k_longest_path = 500;
 constexpr size_t k_longest_name = 255 - (sizeof(k_journal_ending) - 1);
 
 constexpr int k_busy_ms = 200;
+constexpr int k_commit_busy_ms = 10000;
+
+// The engine's own limit for a record. What says that it is larger is not read.
+constexpr size_t k_largest_record = 1'000'000'000;
 
 // In the header of every store file, and never to be changed: 'DMps' and the layout's version.
 constexpr uint32 k_application_id = 0x444d7073;
-constexpr uint32 k_layout_version = 1;
+constexpr uint32 k_layout_version = 2;
 
 constexpr char k_records_sql[] =
-    "CREATE TABLE records (key BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID";
+    "CREATE TABLE records (key BLOB PRIMARY KEY, value BLOB NOT NULL, sum INTEGER NOT NULL) "
+    "WITHOUT ROWID";
 constexpr char k_params_sql[] =
     "CREATE TABLE params (name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID";
 
@@ -159,7 +165,15 @@ syserr_t probe_store(const std::string &file, file_id *id) {
   if (!S_ISREG(found.st_mode) || found.st_size == 0) {
     return SYSERR_PSS_DAMAGED;
   }
-  return is_open_here(*id) ? SYSERR_SUCCESS : read_header(file);
+  if (is_open_here(*id)) {
+    return SYSERR_SUCCESS;
+  }
+  // The engine would wait at a FIFO for its writer.
+  struct stat journal = {};
+  if (lstat((file + k_journal_ending).c_str(), &journal) == 0 && !S_ISREG(journal.st_mode)) {
+    return SYSERR_PSS_DAMAGED;
+  }
+  return read_header(file);
 }
 
 bool is_open_here(const file_id &id) {
@@ -242,6 +256,20 @@ bool run::column(int place, std::string_view *bytes) const {
   return size == 0 || data != nullptr;
 }
 
+bool run::has_sum(int place, std::string_view key, std::string_view value) const {
+  sqlite3_value *const sum = sqlite3_column_value(raw_, place);
+  return sqlite3_value_type(sum) == SQLITE_INTEGER &&
+         sqlite3_value_int64(sum) == record_sum(key, value);
+}
+
+bool run::record(std::string_view *key, std::string_view *value) const {
+  return column(0, key) && column(1, value) && has_sum(2, *key, *value);
+}
+
+bool run::value_of(std::string_view key, std::string_view *value) const {
+  return column(0, value) && has_sum(1, key, *value);
+}
+
 // ---- An open store file ------------------------------------------------------------------------
 
 syserr_t store_db::connect(const std::string &file, int flags, const char *pragmas) {
@@ -314,7 +342,7 @@ syserr_t store_db::open_memory() {
 }
 
 void store_db::close() {
-  for (statement *kept : {&fetch, &after, &from, &before, &all, &last, &insert, &erase}) {
+  for (statement *kept : {&fetch, &from, &before, &all, &last, &insert, &erase}) {
     kept->finalize();
   }
   if (db_ != nullptr) {
@@ -349,13 +377,12 @@ syserr_t store_db::prepare_all() {
     statement *place;
     const char *sql;
   } rows[] = {
-      {&fetch, "SELECT value FROM records WHERE key = ?1"},
-      {&after, "SELECT key, value FROM records WHERE key > ?1 ORDER BY key"},
-      {&from, "SELECT key, value FROM records WHERE key >= ?1 ORDER BY key"},
-      {&before, "SELECT key, value FROM records WHERE key < ?1 ORDER BY key DESC LIMIT 1"},
-      {&all, "SELECT key, value FROM records ORDER BY key"},
-      {&last, "SELECT key, value FROM records ORDER BY key DESC LIMIT 1"},
-      {&insert, "INSERT OR REPLACE INTO records (key, value) VALUES (?1, ?2)"},
+      {&fetch, "SELECT value, sum FROM records WHERE key = ?1"},
+      {&from, "SELECT key, value, sum FROM records WHERE key >= ?1 ORDER BY key"},
+      {&before, "SELECT key, value, sum FROM records WHERE key <= ?1 ORDER BY key DESC LIMIT 2"},
+      {&all, "SELECT key, value, sum FROM records ORDER BY key"},
+      {&last, "SELECT key, value, sum FROM records ORDER BY key DESC LIMIT 1"},
+      {&insert, "INSERT OR REPLACE INTO records (key, value, sum) VALUES (?1, ?2, ?3)"},
       {&erase, "DELETE FROM records WHERE key = ?1"},
   };
   for (const auto &row : rows) {
@@ -371,6 +398,12 @@ syserr_t store_db::execute(const char *sql) {
                                                                         : status_of(db_);
 }
 
+bool store_db::in_place() const {
+  int moved = 0;
+  return sqlite3_file_control(db_, "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK ||
+         moved == 0;
+}
+
 syserr_t store_db::begin() {
   return execute("BEGIN IMMEDIATE");
 }
@@ -380,15 +413,20 @@ syserr_t store_db::begin_exclusive() {
 }
 
 syserr_t store_db::commit() {
+  if (shared_ != nullptr && !in_place()) {
+    rollback(); // the file was removed or replaced: nobody would ever see what was written
+    return SYSERR_PSS_NO_STORE;
+  }
+  // All of the handle's records hang on this: a reader of another process is waited for longer.
+  sqlite3_busy_timeout(db_, k_commit_busy_ms);
   const syserr_t status = execute("COMMIT");
   if (status != SYSERR_SUCCESS) {
     rollback();
-    return status;
   }
   if (shared_ != nullptr) {
-    ++shared_->generation;
+    ++shared_->generation; // a commit whose last sync failed is there all the same
   }
-  return SYSERR_SUCCESS;
+  return status;
 }
 
 void store_db::rollback() {
@@ -398,9 +436,12 @@ void store_db::rollback() {
 }
 
 syserr_t store_db::put(std::string_view key, std::string_view value) {
+  if (key.size() + value.size() > k_largest_record) {
+    return SYSERR_PSS_TOO_LARGE;
+  }
   run writing(insert);
-  return writing.bind(1, key).bind(2, value).step() == SQLITE_DONE ? SYSERR_SUCCESS
-                                                                   : status_of(db_);
+  writing.bind(1, key).bind(2, value).bind(3, record_sum(key, value));
+  return writing.step() == SQLITE_DONE ? SYSERR_SUCCESS : status_of(db_);
 }
 
 syserr_t store_db::count(uint64_t *records) {
@@ -474,6 +515,28 @@ syserr_t store_db::check_integrity() {
   const unsigned char *const text = sqlite3_column_text(checking.raw(), 0);
   const bool good = text != nullptr && std::strcmp(reinterpret_cast<const char *>(text), "ok") == 0;
   return good ? SYSERR_SUCCESS : SYSERR_PSS_DAMAGED;
+}
+
+syserr_t store_db::check_all(uint64_t *records) {
+  const syserr_t status = check_integrity();
+  return status == SYSERR_SUCCESS ? check_records(records) : status;
+}
+
+syserr_t store_db::check_records(uint64_t *records) {
+  *records = 0;
+  std::string last_key;
+  run reading(all);
+  int stepped = 0;
+  while ((stepped = reading.step()) == SQLITE_ROW) {
+    std::string_view key;
+    std::string_view value;
+    if (!reading.record(&key, &value) || (*records > 0 && key <= last_key)) {
+      return SYSERR_PSS_DAMAGED;
+    }
+    last_key = key;
+    ++*records;
+  }
+  return stepped == SQLITE_DONE ? SYSERR_SUCCESS : status_of(db_);
 }
 
 // ---- Creating and removing ---------------------------------------------------------------------

@@ -78,9 +78,15 @@ public:
   int step() { return bound_ == SQLITE_OK ? sqlite3_step(raw_) : bound_; }
   // False for a column that holds no bytes: no record of ours is like that.
   bool column(int place, std::string_view *bytes) const;
+  // The record of a statement that gives key, value and sum; false for one that is damaged.
+  bool record(std::string_view *key, std::string_view *value) const;
+  // The same for one that gives value and sum of a key that is known.
+  bool value_of(std::string_view key, std::string_view *value) const;
   int64_t number(int place) const { return sqlite3_column_int64(raw_, place); }
 
 private:
+  bool has_sum(int place, std::string_view key, std::string_view value) const;
+
   sqlite3_stmt *raw_;
   int bound_ = SQLITE_OK;
 };
@@ -115,6 +121,9 @@ public:
   syserr_t begin_exclusive();
   syserr_t commit(); // on failure all is rolled back
   void rollback();
+  // False when another process removed the file: the journal beside its place is another store's,
+  // and the engine would take it for its own, play it back and delete it.
+  bool in_place() const;
   bool in_transaction() const { return db_ != nullptr && sqlite3_get_autocommit(db_) == 0; }
   syserr_t execute(const char *sql);
   syserr_t last_status() const { return status_of(db_); }
@@ -124,28 +133,32 @@ public:
   syserr_t count(uint64_t *records);
   syserr_t read_params(pss2_nonvol_params *params);
   syserr_t write_params(const pss2_nonvol_params &params);
+  syserr_t reload_params() { return read_params(&params_); }
   const pss2_nonvol_params &params() const { return params_; }
   // SYSERR_PSS_TOO_LARGE for a record over the store's limits.
   syserr_t check_limits(size_t key_size, size_t value_size) const;
-  // The engine's whole check of the file.
-  syserr_t check_integrity();
+  // The engine's whole check of the file, and that of each record.
+  syserr_t check_all(uint64_t *records);
+  // That of each record, and their order.
+  syserr_t check_records(uint64_t *records);
 
   const file_id &id() const { return id_; }
   // Grows with each commit to this file in this process; what was read before may be out of date.
   uint64_t generation() const { return shared_ == nullptr ? 0 : shared_->generation; }
 
+  // Each gives the records' sums as well.
   statement fetch;  // value of key ?1
-  statement after;  // records with key > ?1
   statement from;   // records with key >= ?1
-  statement before; // the record with the last key < ?1
+  statement before; // the two records with the last keys <= ?1
   statement all;    // all records
   statement last;   // the last record
-  statement insert; // key ?1, value ?2
+  statement insert; // key ?1, value ?2, sum ?3
   statement erase;  // key ?1
 
 private:
   syserr_t connect(const std::string &file, int flags, const char *pragmas);
   syserr_t check_schema();
+  syserr_t check_integrity();
   syserr_t prepare_all();
 
   sqlite3 *db_ = nullptr;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <new>
 #include <utility>
 
 namespace lab {
@@ -15,21 +16,36 @@ syserr_t store_handle::open() {
   return status;
 }
 
+// Another process may have removed the store, and made another one in its place, as long as this
+// handle holds no lock on it.
+syserr_t store_handle::still_there() {
+  if (!gone_ && !wrote_ && !db_.in_place()) {
+    detach();
+  }
+  return usable();
+}
+
 syserr_t store_handle::usable() const {
   return gone_ ? SYSERR_PSS_NO_STORE : SYSERR_SUCCESS;
 }
 
-syserr_t store_handle::usable_for_writing() const {
+syserr_t store_handle::usable_for_writing() {
   if (gone_) {
     return SYSERR_PSS_NO_STORE;
   }
-  return writable_ ? failed_ : SYSERR_PSS_NO_ACCESS;
+  return writable_ ? taken_back() : SYSERR_PSS_NO_ACCESS;
+}
+
+// A copy of what is left after a loss must not pass for a copy of what was written.
+syserr_t store_handle::usable_for_copying() {
+  const syserr_t status = still_there();
+  return status == SYSERR_SUCCESS ? taken_back() : status;
 }
 
 syserr_t store_handle::close(bool *wrote) {
-  *wrote = db_.in_transaction() || failed_ != SYSERR_SUCCESS;
-  const syserr_t status =
-      db_.in_transaction() && failed_ == SYSERR_SUCCESS ? db_.commit() : failed_;
+  *wrote = wrote_ || failed_ != SYSERR_SUCCESS;
+  const syserr_t lost = taken_back();
+  const syserr_t status = lost == SYSERR_SUCCESS && wrote_ ? db_.commit() : lost;
   db_.close();
   return status;
 }
@@ -37,7 +53,7 @@ syserr_t store_handle::close(bool *wrote) {
 void store_handle::detach() {
   run_.clear();
   place_ = place::nowhere;
-  db_.rollback();
+  take_back();
   db_.close();
   gone_ = true;
 }
@@ -45,8 +61,38 @@ void store_handle::detach() {
 // ---- Writing -----------------------------------------------------------------------------------
 
 syserr_t store_handle::begin_writing(bool *began) {
-  *began = !db_.in_transaction();
-  return *began ? db_.begin() : SYSERR_SUCCESS;
+  const syserr_t lost = taken_back();
+  if (lost != SYSERR_SUCCESS) {
+    return lost;
+  }
+  const syserr_t there = still_there();
+  if (there != SYSERR_SUCCESS) {
+    return there;
+  }
+  *began = !wrote_;
+  const syserr_t status = *began ? db_.begin() : SYSERR_SUCCESS;
+  wrote_ = status == SYSERR_SUCCESS;
+  return status;
+}
+
+// The engine takes a transaction back by itself when room, memory or the disk fails it, in a read
+// as well: what was written is gone then, and nothing more may pass for written.
+syserr_t store_handle::taken_back() {
+  if (wrote_ && !db_.in_transaction() && failed_ == SYSERR_SUCCESS) {
+    failed_ = SYSERR_PSS_IO;
+  }
+  return failed_;
+}
+
+syserr_t store_handle::after_read(syserr_t status) {
+  const bool lost = status != SYSERR_SUCCESS && wrote_ && !db_.in_transaction();
+  failed_ = lost && failed_ == SYSERR_SUCCESS ? status : failed_;
+  return status;
+}
+
+void store_handle::take_back() {
+  db_.rollback();
+  wrote_ = false;
 }
 
 void store_handle::wrote_many() {
@@ -63,12 +109,14 @@ syserr_t store_handle::failed_write(syserr_t status) {
 
 syserr_t store_handle::store(std::string_view key, std::string_view value, journal_entry *entry) {
   syserr_t status = usable_for_writing();
+  status = status == SYSERR_SUCCESS ? settle() : status; // a snapshot may have brought other limits
   status = status == SYSERR_SUCCESS ? db_.check_limits(key.size(), value.size()) : status;
   if (status != SYSERR_SUCCESS) {
     return status;
   }
   answer old;
-  const bool stood = journal_on() && fetch(key, &old) == SYSERR_SUCCESS;
+  const syserr_t before = journal_on() ? fetch(key, &old) : SYSERR_PSS_NOT_FOUND;
+  const bool stood = before == SYSERR_SUCCESS;
   bool began = false;
   status = begin_writing(&began);
   if (status != SYSERR_SUCCESS) {
@@ -78,12 +126,16 @@ syserr_t store_handle::store(std::string_view key, std::string_view value, journ
   if (status != SYSERR_SUCCESS) {
     return failed_write(status);
   }
-  run_.stored(key, value);
+  try {
+    run_.stored(key, value);
+  } catch (const std::bad_alloc &) {
+    run_.clear(); // the record is written; only what was read ahead is not known any more
+  }
   if (stood) {
     entry->old_size = old.bytes.size();
   }
-  entry->added = stood ? 0 : 1;
-  entry->changed = stood && old.bytes != value ? 1 : 0;
+  entry->added = before == SYSERR_PSS_NOT_FOUND ? 1 : 0;
+  entry->changed = entry->added == 0 && (!stood || old.bytes != value) ? 1 : 0;
   return SYSERR_SUCCESS;
 }
 
@@ -102,11 +154,15 @@ syserr_t store_handle::erase_record(std::string_view key) {
 
 syserr_t store_handle::erase(std::string_view key, bool follow, journal_entry *entry) {
   syserr_t status = usable_for_writing();
-  if (status == SYSERR_SUCCESS && (journal_on() || !db_.in_transaction())) {
+  status = status == SYSERR_SUCCESS ? settle() : status; // the cursor may move along the run
+  if (status == SYSERR_SUCCESS && (journal_on() || !wrote_)) {
     // A handle that deletes nothing must not become the store's writer.
     answer old;
     status = fetch(key, &old);
-    entry->old_size = old.bytes.size();
+    if (status == SYSERR_SUCCESS) {
+      entry->old_size = old.bytes.size();
+    }
+    status = status == SYSERR_PSS_DAMAGED ? SYSERR_SUCCESS : status; // it can be deleted
   }
   status = status == SYSERR_SUCCESS ? erase_record(key) : status;
   if (status != SYSERR_SUCCESS) {
@@ -115,9 +171,14 @@ syserr_t store_handle::erase(std::string_view key, bool follow, journal_entry *e
   }
   entry->removed = 1;
   const bool under_cursor = place_ == place::on && key_ == key;
+  was_there_ = was_there_ && !under_cursor;
   run_.erased(key);
   if (follow && under_cursor) {
-    next(); // the record is deleted, whatever becomes of the cursor
+    try {
+      next(); // the record is deleted, whatever becomes of the cursor
+    } catch (const std::bad_alloc &) {
+      run_.clear();
+    }
   }
   return SYSERR_SUCCESS;
 }
@@ -125,37 +186,55 @@ syserr_t store_handle::erase(std::string_view key, bool follow, journal_entry *e
 // ---- Reading -----------------------------------------------------------------------------------
 
 syserr_t store_handle::fetch(std::string_view key, answer *value) {
-  const syserr_t status = usable();
+  syserr_t status = usable();
+  status = status == SYSERR_SUCCESS ? still_there() : status;
   if (status != SYSERR_SUCCESS) {
     return status;
   }
   run reading(db_.fetch);
   const int stepped = reading.bind(1, key).step();
   if (stepped != SQLITE_ROW) {
-    return stepped == SQLITE_DONE ? SYSERR_PSS_NOT_FOUND : db_.last_status();
+    return stepped == SQLITE_DONE ? SYSERR_PSS_NOT_FOUND : failed_read();
   }
   std::string_view bytes;
-  if (!reading.column(0, &bytes)) {
+  if (!reading.value_of(key, &bytes)) {
     return SYSERR_PSS_DAMAGED;
   }
   value->bytes = bytes;
   return SYSERR_SUCCESS;
 }
 
-// Before the cursor is used: what another handle committed since makes the run out of date.
 syserr_t store_handle::settle() {
-  const syserr_t status = usable();
-  if (status == SYSERR_SUCCESS && generation_ != db_.generation()) {
+  syserr_t status = usable();
+  if (status != SYSERR_SUCCESS || generation_ == db_.generation()) {
+    return status;
+  }
+  run_.clear();
+  was_there_ = false;
+  status = still_there();
+  status = status == SYSERR_SUCCESS ? after_read(db_.reload_params()) : status;
+  if (status == SYSERR_SUCCESS) {
     generation_ = db_.generation();
-    run_.clear();
   }
   return status;
 }
 
-// Reads up to `count` records into a new run, which starts at `low`.
+// A record that was there is not met again: another process deleted it, or a damaged key led the
+// engine's search astray, past records that nobody would miss.
+syserr_t store_handle::confirm_absence() {
+  uint64_t records = 0;
+  return after_read(db_.check_records(&records));
+}
+
+// Reads up to `count` records into a new run, which starts at `low`. With `met`, the record of
+// `key` itself is left out, and *met says whether it was there.
 syserr_t store_handle::fill(const statement &from, const std::string_view *key,
-                            std::string_view low, size_t count) {
+                            std::string_view low, size_t count, bool *met) {
   run_.start(low);
+  const syserr_t there = still_there();
+  if (there != SYSERR_SUCCESS) {
+    return there;
+  }
   run reading(from);
   if (key != nullptr) {
     reading.bind(1, *key);
@@ -169,10 +248,18 @@ syserr_t store_handle::fill(const statement &from, const std::string_view *key,
     }
     std::string_view found;
     std::string_view value;
-    if (stepped != SQLITE_ROW || !reading.column(0, &found) || !reading.column(1, &value)) {
-      const syserr_t status = stepped == SQLITE_ROW ? SYSERR_PSS_DAMAGED : db_.last_status();
+    if (stepped != SQLITE_ROW || !reading.record(&found, &value)) {
+      const syserr_t status = stepped == SQLITE_ROW ? SYSERR_PSS_DAMAGED : failed_read();
       run_.clear();
       return status;
+    }
+    if (met != nullptr && !*met && run_.size() == 0 && found == *key) {
+      *met = true;
+      continue;
+    }
+    if (run_.size() == 0 ? found < low : found <= run_.at(run_.size() - 1).key) {
+      run_.clear();
+      return SYSERR_PSS_DAMAGED;
     }
     room = run_.append(found, value);
   }
@@ -180,9 +267,10 @@ syserr_t store_handle::fill(const statement &from, const std::string_view *key,
 }
 
 syserr_t store_handle::step_to(size_t index) {
+  key_ = run_.at(index).key; // first: it may find no memory
   run_.current = index;
-  key_ = run_.at(index).key;
   place_ = place::on;
+  was_there_ = true;
   return SYSERR_SUCCESS;
 }
 
@@ -198,7 +286,7 @@ syserr_t store_handle::first() {
     return step_to(0);
   }
   window_ = 1;
-  const syserr_t status = fill(db_.all, nullptr, {}, window_);
+  const syserr_t status = fill(db_.all, nullptr, {}, window_, nullptr);
   if (status != SYSERR_SUCCESS) {
     return status;
   }
@@ -226,9 +314,12 @@ syserr_t store_handle::next() {
   window_ = std::min(window_ * 2, read_ahead::k_capacity);
   std::string low = key_;
   low += '\0'; // the first key after key_
-  const std::string_view after = key_;
-  const syserr_t status = fill(db_.after, &after, low, window_);
+  const std::string_view own = key_;
+  bool met = false;
+  syserr_t status = fill(db_.from, &own, low, window_, &met);
+  status = status == SYSERR_SUCCESS && was_there_ && !met ? confirm_absence() : status;
   if (status != SYSERR_SUCCESS) {
+    run_.clear();
     return status;
   }
   return run_.size() == 0 ? at_run_end() : step_to(0);
@@ -236,7 +327,13 @@ syserr_t store_handle::next() {
 
 // One record that a statement finds, as a run of its own; `none` is the cursor's place otherwise.
 syserr_t store_handle::fill_one(const statement &from, const std::string_view *key, place none) {
+  const syserr_t there = still_there();
+  if (there != SYSERR_SUCCESS) {
+    return there;
+  }
   window_ = 1;
+  const bool expected = key != nullptr && was_there_;
+  bool met = false;
   std::string found;
   std::string value;
   {
@@ -244,18 +341,27 @@ syserr_t store_handle::fill_one(const statement &from, const std::string_view *k
     if (key != nullptr) {
       reading.bind(1, *key);
     }
-    const int stepped = reading.step();
+    std::string_view key_bytes;
+    std::string_view value_bytes;
+    int stepped = reading.step();
+    if (key != nullptr && stepped == SQLITE_ROW && reading.record(&key_bytes, &value_bytes) &&
+        key_bytes == *key) {
+      met = true;
+      stepped = reading.step();
+    }
+    const syserr_t absent = expected && !met ? confirm_absence() : SYSERR_SUCCESS;
+    if (absent != SYSERR_SUCCESS) {
+      return absent;
+    }
     if (stepped == SQLITE_DONE) {
       place_ = none;
       run_.current = read_ahead::k_none;
       return SYSERR_PSS_NOT_FOUND;
     }
-    std::string_view key_bytes;
-    std::string_view value_bytes;
     if (stepped != SQLITE_ROW) {
-      return db_.last_status();
+      return failed_read();
     }
-    if (!reading.column(0, &key_bytes) || !reading.column(1, &value_bytes)) {
+    if (!reading.record(&key_bytes, &value_bytes) || (key != nullptr && key_bytes >= *key)) {
       return SYSERR_PSS_DAMAGED;
     }
     found = key_bytes;
@@ -313,6 +419,8 @@ syserr_t store_handle::move_to_key(std::string_view key) {
   if (status != SYSERR_SUCCESS) {
     return status;
   }
+  // No stored key is longer, so one byte more decides as well as the rest would.
+  key = key.substr(0, size_t{db_.params().max_key_size} + 1);
   if (run_.covers(key)) {
     const size_t index = run_.lower_bound(key);
     if (index < run_.size()) {
@@ -323,7 +431,7 @@ syserr_t store_handle::move_to_key(std::string_view key) {
     }
   }
   window_ = 1;
-  status = fill(db_.from, &key, key, window_);
+  status = fill(db_.from, &key, key, window_, nullptr);
   if (status != SYSERR_SUCCESS) {
     return status;
   }

@@ -63,12 +63,22 @@ public:
   // writes are lost and nothing more may pass for written.
   syserr_t failed_write(syserr_t status);
 
+  // Ends the transaction that this call began.
+  void take_back();
+
   // The store was removed; what was not committed is gone with it.
   void detach();
 
-  // 0 when the handle can be read (written).
+  // After a read that gave `status`: the same, when that read made the engine take the handle's
+  // writes back.
+  syserr_t after_read(syserr_t status);
+
+  // 0 when the handle can be read (written, copied as a whole).
   syserr_t usable() const;
-  syserr_t usable_for_writing() const;
+  syserr_t usable_for_writing();
+  syserr_t usable_for_copying();
+  // Before the cursor or the limits are used: follows what another handle committed since.
+  syserr_t settle();
 
   answer &slot_of(slot which) { return slots_[static_cast<size_t>(which)]; }
   store_db &db() { return db_; }
@@ -80,7 +90,9 @@ private:
   // differs from "before" in that PREVIOUS is the last record.
   enum class place : uint8_t { nowhere, before, on, past };
 
-  syserr_t settle();
+  syserr_t still_there();
+  syserr_t taken_back();
+  syserr_t failed_read() { return after_read(db_.last_status()); }
   syserr_t next();
   syserr_t previous();
   syserr_t first();
@@ -88,7 +100,8 @@ private:
   syserr_t step_to(size_t index);
   syserr_t at_run_end();
   syserr_t fill(const statement &from, const std::string_view *key, std::string_view low,
-                size_t count);
+                size_t count, bool *met);
+  syserr_t confirm_absence();
   syserr_t fill_one(const statement &from, const std::string_view *key, place none);
   syserr_t erase_record(std::string_view key);
 
@@ -96,10 +109,12 @@ private:
   store_path path_;
   bool writable_;
   bool gone_ = false;
+  bool wrote_ = false; // in the transaction that is open, or was until the engine took it back
   syserr_t failed_ = SYSERR_SUCCESS;
   store_db db_;
   place place_ = place::nowhere;
-  std::string key_; // of the record that the cursor is on
+  std::string key_;        // of the record that the cursor is on
+  bool was_there_ = false; // and nobody in this process deleted it since it was read
   size_t window_ = 1;
   uint64_t generation_ = 0;
   read_ahead run_;

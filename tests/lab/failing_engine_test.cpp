@@ -1,0 +1,239 @@
+// A disk or a memory that fails while the engine works: what was written and then lost is told, and
+// nothing more passes for written.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cstring>
+#include <string>
+
+#include "lab/lab_fixture.h"
+#include "lab/scarce_memory.h"
+
+namespace {
+
+constexpr char k_uri[] = "nonvolatile:/mnt/pss/store";
+
+// ---- The engine's files, whose reads can be made to fail ---------------------------------------
+
+sqlite3_vfs *real_files = nullptr;
+sqlite3_io_methods methods;
+bool reads_fail = false;
+
+struct wrapped_file {
+  sqlite3_file base;
+  sqlite3_file *real;
+  bool of_store; // the one that the tests look at
+};
+
+sqlite3_file *real_of(sqlite3_file *file) {
+  return reinterpret_cast<wrapped_file *>(file)->real;
+}
+
+int open_wrapped(sqlite3_vfs *, const char *name, sqlite3_file *file, int flags, int *out_flags) {
+  auto *const wrapped = reinterpret_cast<wrapped_file *>(file);
+  wrapped->real = reinterpret_cast<sqlite3_file *>(wrapped + 1);
+  std::memset(wrapped->real, 0, static_cast<size_t>(real_files->szOsFile));
+  wrapped->of_store = name != nullptr && std::strncmp(name, "/mnt/pss/store", 14) == 0;
+  const int result = real_files->xOpen(real_files, name, wrapped->real, flags, out_flags);
+  wrapped->base.pMethods = wrapped->real->pMethods == nullptr ? nullptr : &methods;
+  return result;
+}
+
+#define FORWARD(name, parameters, ...)                                                             \
+  methods.name = [] parameters { return real_of(file)->pMethods->name(__VA_ARGS__); }
+
+void wrap_files() {
+  static sqlite3_vfs wrapping;
+  sqlite3_initialize();
+  real_files = sqlite3_vfs_find(nullptr);
+  wrapping = *real_files;
+  wrapping.zName = "failing";
+  wrapping.pNext = nullptr;
+  wrapping.szOsFile = static_cast<int>(sizeof(wrapped_file)) + real_files->szOsFile;
+  wrapping.xOpen = open_wrapped;
+  methods.iVersion = 1;
+  methods.xRead = [](sqlite3_file *file, void *bytes, int size, sqlite3_int64 at) {
+    return reads_fail && reinterpret_cast<wrapped_file *>(file)->of_store
+               ? SQLITE_IOERR_READ
+               : real_of(file)->pMethods->xRead(real_of(file), bytes, size, at);
+  };
+  FORWARD(xWrite, (sqlite3_file * file, const void *bytes, int size, sqlite3_int64 at),
+          real_of(file), bytes, size, at);
+  FORWARD(xClose, (sqlite3_file * file), real_of(file));
+  FORWARD(xTruncate, (sqlite3_file * file, sqlite3_int64 size), real_of(file), size);
+  FORWARD(xSync, (sqlite3_file * file, int flags), real_of(file), flags);
+  FORWARD(xFileSize, (sqlite3_file * file, sqlite3_int64 * size), real_of(file), size);
+  FORWARD(xLock, (sqlite3_file * file, int lock), real_of(file), lock);
+  FORWARD(xUnlock, (sqlite3_file * file, int lock), real_of(file), lock);
+  FORWARD(xCheckReservedLock, (sqlite3_file * file, int *out), real_of(file), out);
+  FORWARD(xFileControl, (sqlite3_file * file, int what, void *out), real_of(file), what, out);
+  FORWARD(xSectorSize, (sqlite3_file * file), real_of(file));
+  FORWARD(xDeviceCharacteristics, (sqlite3_file * file), real_of(file));
+  ASSERT_EQ(sqlite3_vfs_register(&wrapping, 1), SQLITE_OK);
+}
+
+std::string key_of(int n) {
+  char key[16];
+  std::snprintf(key, sizeof(key), "key-%05d", n);
+  return key;
+}
+
+contents numbered(int count, size_t value_size) {
+  contents records;
+  for (int n = 0; n < count; ++n) {
+    records[key_of(n)] = std::string(value_size, 'v');
+  }
+  return records;
+}
+
+// ---- Reads that fail ---------------------------------------------------------------------------
+
+class failing_read : public lab_test {
+protected:
+  void SetUp() override {
+    lab_test::SetUp();
+    wrap_files();
+    make(k_uri, records_);
+    service_ = open(k_uri);
+    ASSERT_EQ(put(service_, "new", "record"), 0U);
+  }
+
+  // A read of what the engine has not in memory yet.
+  template <typename call> void fail_during(const call &act) {
+    reads_fail = true;
+    act();
+    reads_fail = false;
+  }
+
+  void expect_lost() {
+    EXPECT_EQ(put(service_, "later", "record"), 0x4048000BU);
+    EXPECT_EQ(remove(service_, key_of(1)), 0x4048000BU);
+    EXPECT_EQ(pss_snapshot(service_, 0, "volatile:/copy"), 0x4048000BU);
+    EXPECT_EQ(pss2_kernel2file(service_, "/bootflash/flat", 0), 0x4048000BU);
+    EXPECT_EQ(pss_close(service_), 0x4048000BU);
+    EXPECT_EQ(read(k_uri), records_);
+  }
+
+  const contents records_ = numbered(3000, 500);
+  pss_service_t service_ = 0;
+};
+
+TEST_F(failing_read, of_a_key_loses_no_write_unnoticed) {
+  const std::string key = key_of(1500);
+  const pss_datum_t datum_of_key = datum(key);
+  fail_during([&] {
+    syserr_t status = 0;
+    EXPECT_EQ(pss_fetch(service_, &datum_of_key, &status), nullptr);
+    EXPECT_EQ(status, 0x4048000BU);
+  });
+  expect_lost();
+}
+
+TEST_F(failing_read, of_the_cursor_loses_no_write_unnoticed) {
+  fail_during([&] {
+    syserr_t status = 0;
+    EXPECT_EQ(pss_move2location(service_, PSS_FIRST_KEY, &status), nullptr);
+    EXPECT_EQ(status, 0x4048000BU);
+  });
+  expect_lost();
+}
+
+TEST_F(failing_read, of_the_one_before_loses_no_write_unnoticed) {
+  syserr_t status = 0;
+  const std::string key = key_of(2000);
+  const pss_datum_t datum_of_key = datum(key);
+  ASSERT_NE(pss_move2key(service_, &datum_of_key, &status), nullptr);
+  ASSERT_EQ(put(service_, "new", "record"), 0U);
+  int steps = 0;
+  fail_during([&] {
+    while (pss_move2location(service_, PSS_PREVIOUS_KEY, &status) != nullptr) {
+      ++steps;
+    }
+    EXPECT_EQ(status, 0x4048000BU);
+  });
+  EXPECT_LT(steps, 2000);
+  expect_lost();
+}
+
+TEST_F(failing_read, of_a_snapshot_loses_no_write_unnoticed) {
+  fail_during([&] { EXPECT_EQ(pss_snapshot(service_, 0, "volatile:/copy"), 0x4048000BU); });
+  expect_lost();
+}
+
+TEST_F(failing_read, before_a_write_with_the_journal_on_loses_nothing_unnoticed) {
+  lab::journal_start(-1);
+  fail_during([&] { EXPECT_EQ(put(service_, key_of(1500), "changed"), 0x4048000BU); });
+  EXPECT_EQ(lab::journal_unexpected(nullptr), 1U);
+  expect_lost();
+}
+
+// ---- Memory that gives out ---------------------------------------------------------------------
+
+TEST_F(lab_test, a_load_without_memory_takes_back_what_it_brought) {
+  contents large = numbered(50, 10);
+  large["z"] = std::string(900'000, 'z');
+  make("nonvolatile:/mnt/pss/large", large);
+  const pss2_service_t source = open("nonvolatile:/mnt/pss/large");
+  ASSERT_EQ(pss2_kernel2file(source, "/bootflash/flat", 0), 0U);
+  make(k_uri, {{"own", "record"}});
+  for (const bool wrote : {false, true}) {
+    const pss2_service_t target = open(k_uri);
+    if (wrote) {
+      ASSERT_EQ(put(target, "before", "the load"), 0U);
+    }
+    scarce_memory::refuse_from(800'000);
+    const syserr_t loaded = pss2_file2kernel("/bootflash/flat", target, 0);
+    scarce_memory::relieve();
+    EXPECT_EQ(loaded, 0x4048000CU);
+    EXPECT_EQ(pss2_close(target), 0U);
+  }
+  EXPECT_EQ(read(k_uri), (contents{{"own", "record"}, {"before", "the load"}}));
+}
+
+// Writes along a walk while one allocation fails; how often the cursor and the store disagree.
+int disagreements_after(long refused) {
+  make("volatile:/store", numbered(40, 300));
+  const pss_service_t service = open("volatile:/store");
+  const std::string value(2000, 'q');
+  const pss_datum_t value_datum = datum(value);
+  syserr_t status = 0;
+  std::string added[20];
+  std::string changed[20];
+  for (int n = 0; n < 20; ++n) {
+    added[n] = key_of(n) + std::string(40, '-');
+    changed[n] = key_of(n + 1);
+  }
+  scarce_memory::refuse_nth(refused);
+  pss_move2location(service, PSS_FIRST_KEY, &status);
+  for (int n = 0; n < 20; ++n) {
+    const pss_datum_t one = datum(added[n]);
+    const pss_datum_t other = datum(changed[n]);
+    pss_move2location(service, PSS_NEXT_KEY, &status);
+    pss_store(service, 0, &one, &value_datum);
+    pss_store(service, 0, &other, &value_datum);
+    pss2_getvalue(service, &status);
+    if (n % 5 == 4) {
+      pss2_delete(service, &other, 0);
+    }
+  }
+  scarce_memory::relieve();
+  int wrong = 0;
+  for (pss_datum_t *at = pss_move2location(service, PSS_FIRST_KEY, &status); at != nullptr;
+       at = pss_move2location(service, PSS_NEXT_KEY, &status)) {
+    const std::string key = text(at);
+    const pss_datum_t key_datum = datum(key);
+    syserr_t fetched = 0;
+    const std::string seen = text(pss_getvalue(service, &status));
+    wrong += seen == text(pss_fetch(service, &key_datum, &fetched)) && fetched == 0 ? 0 : 1;
+  }
+  return wrong;
+}
+
+TEST_F(lab_test, the_cursor_agrees_with_the_store_whatever_allocation_fails) {
+  for (long refused = 0; refused < 300; ++refused) {
+    ASSERT_EQ(in_child([refused] { return disagreements_after(refused) == 0 ? 0 : 1; }), 0)
+        << refused;
+  }
+}
+
+} // namespace

@@ -17,7 +17,7 @@ constexpr char k_uri[] = "nonvolatile:/mnt/pss/store";
 
 sqlite3_vfs *real_files = nullptr;
 sqlite3_io_methods methods;
-bool reads_fail = false;
+bool next_read_fails = false; // once
 
 struct wrapped_file {
   sqlite3_file base;
@@ -53,9 +53,11 @@ void wrap_files() {
   wrapping.xOpen = open_wrapped;
   methods.iVersion = 1;
   methods.xRead = [](sqlite3_file *file, void *bytes, int size, sqlite3_int64 at) {
-    return reads_fail && reinterpret_cast<wrapped_file *>(file)->of_store
-               ? SQLITE_IOERR_READ
-               : real_of(file)->pMethods->xRead(real_of(file), bytes, size, at);
+    if (next_read_fails && reinterpret_cast<wrapped_file *>(file)->of_store) {
+      next_read_fails = false;
+      return SQLITE_IOERR_READ;
+    }
+    return real_of(file)->pMethods->xRead(real_of(file), bytes, size, at);
   };
   FORWARD(xWrite, (sqlite3_file * file, const void *bytes, int size, sqlite3_int64 at),
           real_of(file), bytes, size, at);
@@ -100,9 +102,10 @@ protected:
 
   // A read of what the engine has not in memory yet.
   template <typename call> void fail_during(const call &act) {
-    reads_fail = true;
+    next_read_fails = true;
     act();
-    reads_fail = false;
+    EXPECT_FALSE(next_read_fails);
+    next_read_fails = false;
   }
 
   void expect_lost() {

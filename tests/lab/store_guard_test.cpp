@@ -156,6 +156,27 @@ TEST_F(lab_test, what_is_written_to_a_file_that_went_is_not_committed) {
   EXPECT_EQ(pss_close(service), 0x40480002U);
 }
 
+TEST_F(lab_test, a_walk_goes_on_where_another_process_deleted_its_record) {
+  const contents records = numbered(300, 40);
+  for (const bool forward : {true, false}) {
+    make(k_uri, records);
+    const pss_service_t service = open(k_uri);
+    const std::string key = key_of(100);
+    const pss_datum_t key_datum = datum(key);
+    syserr_t status = 0;
+    ASSERT_EQ(text(pss_move2key(service, &key_datum, &status)), key);
+    companion other([&key](const std::function<void()> &) {
+      const pss_service_t own = open(k_uri);
+      EXPECT_EQ(remove(own, key), 0U);
+      EXPECT_EQ(pss_close(own), 0U);
+    });
+    ASSERT_EQ(other.end(), 0);
+
+    EXPECT_EQ(move(service, forward ? PSS_NEXT_KEY : PSS_PREVIOUS_KEY), key_of(forward ? 101 : 99));
+    EXPECT_EQ(pss_close(service), 0U);
+  }
+}
+
 // A destroyer that waits for the folder finds a store there that was not when it came.
 TEST_F(lab_test, destroying_looks_when_it_is_its_turn) {
   make("nonvolatile:/mnt/pss/folder/other", {{"a", "old"}});

@@ -349,6 +349,9 @@ syserr_t store_handle::fill_one(const statement &from, const std::string_view *k
       met = true;
       stepped = reading.step();
     }
+    if (stepped != SQLITE_ROW && stepped != SQLITE_DONE) {
+      return failed_read();
+    }
     const syserr_t absent = expected && !met ? confirm_absence() : SYSERR_SUCCESS;
     if (absent != SYSERR_SUCCESS) {
       return absent;
@@ -357,9 +360,6 @@ syserr_t store_handle::fill_one(const statement &from, const std::string_view *k
       place_ = none;
       run_.current = read_ahead::k_none;
       return SYSERR_PSS_NOT_FOUND;
-    }
-    if (stepped != SQLITE_ROW) {
-      return failed_read();
     }
     if (!reading.record(&key_bytes, &value_bytes) || (key != nullptr && key_bytes >= *key)) {
       return SYSERR_PSS_DAMAGED;

@@ -86,6 +86,39 @@ TEST_F(layout_of_a_description, access_points_that_no_switch_has) {
   EXPECT_EQ(saps(show("sw")), (std::vector<unsigned>{65535}));
 }
 
+// ---- Releases ----------------------------------------------------------------------------------
+
+TEST_F(layout_of_a_description, releases_that_nobody_can_order) {
+  for (const char *release :
+       {"banana", "4", "4.2", "4.2()", "4.2(1", "4.2(1))", ".2(1)", "4.(1)", "4.2(a)", "4.2(1a2)",
+        "4.2(1).", "4.2(1)S3", "v4.2(1)", "4.2(1)/x", "..", "", "4.2(1).S3(2)", "4.2(1) "}) {
+    expect_refused(std::string(R"({"release": ")") + release + R"(", "releases": [")" + release +
+                       R"("], )" + folders + "}",
+                   "/release: a release such as 4.2(1) is wanted here");
+  }
+}
+
+TEST_F(layout_of_a_description, releases_with_letters_and_tails) {
+  write("d.json", std::string(R"json({"release": "4.2(1)", "releases": ["4.2(1)", "10.20(30abc)",
+    "4.2(1).S3", "4.2(1a).S3.x-1_y"], )json") +
+                      folders + "}");
+
+  create("sw", {"--from", "d.json"});
+
+  EXPECT_EQ(show("sw")["images"].size(), 4u);
+}
+
+TEST_F(layout_of_a_description, no_conversion_to_a_release_that_nobody_can_order) {
+  create("sw");
+  write("sw/current/images/kiwi/version", "kiwi\n");
+
+  EXPECT_EQ(run({"convert", "sw", "--to", "kiwi"}).status, 3);
+  EXPECT_EQ(run({"convert", "sw", "--from", "kiwi", "--to", "4.2(1)"}).status, 3);
+  EXPECT_EQ(show("sw")["release"], "4.1(5)");
+}
+
+// ---- What can be built -------------------------------------------------------------------------
+
 TEST_F(layout_of_a_description, what_can_stand_side_by_side_is_made) {
   const std::string name(255, 'n');
   write("d.json", std::string(head) + folders + R"(, "stores": [{"uri": "nonvolatile:/cfg/"},

@@ -33,7 +33,10 @@ TEST_F(usage, options_that_are_none_or_missing) {
   expect_one_line({"convert", "sw", "--to", "4.2(1)", "--bogus"}, 64, "");
   expect_one_line({"lab", "show", "sw", "extra"}, 64, "");
   expect_one_line({"services", "--format", "xml"}, 64, "--format: xml not in {table,json}");
-  expect_one_line({"--bogus"}, 64, "");
+  expect_one_line({"--bogus"}, 64, "'--bogus' stands before the verb");
+  expect_one_line({"--format", "json", "services"}, 64,
+                  "'--format' stands before the verb, where only --help and --version may; options "
+                  "stand after the verb");
 }
 
 TEST_F(usage, directories_that_are_no_switches) {
@@ -114,7 +117,10 @@ TEST_F(usage, compare_tells_the_order_by_text_and_status) {
   const result equal = run({"compare", "4.2(1a)", "4.2(1)", "--format", "json"});
   EXPECT_EQ(equal.status, 0);
   EXPECT_EQ(equal.json()["order"], "equal");
-  EXPECT_EQ(run({"compare", "", std::string(4000, '9')}).status, 2);
+  EXPECT_EQ(run({"compare", "1", std::string(4000, '9')}).status, 2);
+  EXPECT_EQ(run({"compare", "banana", "kiwi"}).status, 0);
+  expect_one_line({"compare", "", "4.2(1)"}, 64, "compare wants two releases");
+  expect_one_line({"compare", "4.2(1)", ""}, 64, "compare wants two releases");
 }
 
 TEST_F(usage, the_library_is_found_beside_the_program_and_in_lib) {

@@ -39,7 +39,7 @@ std::string layout::claim_parents(const std::string &path) {
 }
 
 std::string layout::claim_folder(const std::string &path) {
-  const std::string trouble = claim_parents(path);
+  std::string trouble = claim_parents(path);
   if (!trouble.empty()) {
     return trouble;
   }
@@ -49,7 +49,7 @@ std::string layout::claim_folder(const std::string &path) {
 }
 
 std::string layout::claim_file(const std::string &path) {
-  const std::string trouble = claim_parents(path);
+  std::string trouble = claim_parents(path);
   if (!trouble.empty()) {
     return trouble;
   }

@@ -28,26 +28,6 @@ std::string own_folder() {
   return path.substr(0, path.rfind('/'));
 }
 
-// Where the library is looked for; the first file that stands counts. What is asked for by name is
-// not replaced by anything else.
-std::string find_library(const std::string &wanted) {
-  if (!wanted.empty()) {
-    return wanted.find('/') == std::string::npos ? "./" + wanted : wanted;
-  }
-  const char *environment = std::getenv("DATAMORPH_LIBRARY");
-  if (environment != nullptr && *environment != '\0') {
-    return environment;
-  }
-  const std::string folder = own_folder();
-  for (const char *beside : {"/", "/../lib/", "/../" DATAMORPH_LIBDIR "/"}) {
-    std::string file = folder + beside + soname;
-    if (!folder.empty() && access(file.c_str(), F_OK) == 0) {
-      return file;
-    }
-  }
-  return soname; // wherever the system keeps its libraries
-}
-
 class symbols {
 public:
   symbols(void *handle, std::string file) : handle_(handle), file_(std::move(file)) {}
@@ -93,6 +73,25 @@ private:
 };
 
 } // namespace
+
+// The first file that stands counts. What is asked for by name is not replaced by anything else.
+std::string find_library(const std::string &wanted) {
+  if (!wanted.empty()) {
+    return wanted.find('/') == std::string::npos ? "./" + wanted : wanted;
+  }
+  const char *environment = std::getenv("DATAMORPH_LIBRARY");
+  if (environment != nullptr && *environment != '\0') {
+    return environment;
+  }
+  const std::string folder = own_folder();
+  for (const char *beside : {"/", "/../lib/", "/../" DATAMORPH_LIBDIR "/"}) {
+    std::string file = folder + beside + soname;
+    if (!folder.empty() && access(file.c_str(), F_OK) == 0) {
+      return file;
+    }
+  }
+  return soname; // wherever the system keeps its libraries
+}
 
 library load_library(const std::string &wanted) {
   library result;

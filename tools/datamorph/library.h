@@ -33,6 +33,9 @@ struct library {
   syserr_t call_all(moment which, datamorph_args_t *args) const;
 };
 
+// Where the library is, or is looked for by the system; `wanted` as below.
+std::string find_library(const std::string &wanted);
+
 // Finds, loads and reads the library; `wanted` is the command line's choice or empty. Throws
 // failure(3) naming the file and what is wrong with it. Never unloaded.
 library load_library(const std::string &wanted);

@@ -28,14 +28,17 @@ constexpr char top_help[] =
 constexpr char top_footer[] =
     "Exit status:\n"
     "  0   done, or nothing to change\n"
-    "  1   a conversion or the program failed; the switch is as it was\n"
+    "  1   a conversion or the program failed; the switch is as it was, unless the message says\n"
+    "      that a conversion's output could not be written or that an import ended midway\n"
     "  2   compare: the releases differ\n"
     "  3   refused before anything was touched (no switch, unknown release, damaged store, no "
     "room,\n"
     "      no rights, a service without a routine in the chosen moments)\n"
     "  5   the switch is in use by another command\n"
     "  64  wrong usage (unknown verb, option, service or moment)\n"
-    "  128 and the signal's number: stopped by a signal; the switch is as it was\n"
+    "  128 and the signal's number: stopped by a signal; the switch is as it was, or an import "
+    "ended\n"
+    "      midway\n"
     "Data goes to standard output, messages and trace to standard error.\n"
     "Example:\n"
     "  datamorph lab create /tmp/switch && datamorph convert /tmp/switch --to '4.2(1)'\n";
@@ -91,7 +94,7 @@ private:
     CLI::App *lab = app_.add_subcommand("lab", "Build, show and reboot lab switches");
     lab->require_subcommand(1);
     CLI::App *create = verb(lab, "create", "Build a lab switch from a description",
-                            "datamorph lab create /tmp/switch --from examples/npv-switch.json",
+                            "datamorph lab create /tmp/npv-switch --from examples/npv-switch.json",
                             [this] { return lab_create(common_, dir_, from_); });
     create->add_option("DIR", dir_, "The directory to make")->required();
     create->add_option("--from", from_, "The description (default: the shipped example)");
@@ -217,7 +220,7 @@ private:
     CLI::App *sub = verb(&app_, "compare", "How the library orders two releases",
                          "datamorph compare '4.2(1)' '4.1(2)'   (prints \"newer\", exit status 2)",
                          [this] { return compare(common_, a_, b_); });
-    sub->add_option("A", a_, "A release")->required();
+    sub->add_option("A", a_, "A release; any text that is not empty is ordered as one")->required();
     sub->add_option("B", b_, "Another one")->required();
   }
 
@@ -256,6 +259,10 @@ private:
       }
       app = sub;
       path += " " + word;
+    }
+    if (app == &app_ && argc > 1 && std::string_view(argv[1]).starts_with("-")) {
+      return in_quotes(argv[1]) + " stands before the verb, where only --help and --version may; "
+                                  "options stand after the verb";
     }
     const std::string what = error.what();
     return to_text(what.size() > 500 ? what.substr(0, 500) + "..." : what) + "; see '" + path +

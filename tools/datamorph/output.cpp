@@ -1,11 +1,13 @@
 #include "output.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
 #include <libsmartcols/libsmartcols.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "failure.h"
@@ -29,6 +31,99 @@ bool wants_colour() {
 
 [[noreturn]] void no_memory() {
   throw failure(exit_failed, "no memory for the table");
+}
+
+// ---- Fitting a table to the terminal -----------------------------------------------------------
+
+using table_rows = std::vector<std::vector<output::cell>>;
+
+// Columns of the terminal on standard output; 0 when that is none.
+size_t terminal_width() {
+  winsize size = {};
+  return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+std::vector<std::string_view> words_of(std::string_view text) {
+  std::vector<std::string_view> words;
+  while (!text.empty()) {
+    const size_t length = std::min(text.find(' '), text.size());
+    words.push_back(text.substr(0, length));
+    text.remove_prefix(std::min(length + 1, text.size()));
+  }
+  return words;
+}
+
+// Broken at blanks; a word that is longer than the width stays whole.
+std::string broken(std::string_view text, size_t width) {
+  std::string lines;
+  size_t used = 0;
+  for (const std::string_view word : words_of(text)) {
+    const bool fits = used + 1 + word.size() <= width;
+    if (!lines.empty()) {
+      lines += fits ? ' ' : '\n';
+    }
+    used = fits && !lines.empty() ? used + 1 + word.size() : word.size();
+    lines += word;
+  }
+  return lines;
+}
+
+struct extent {
+  bool text = false;
+  size_t width = 0; // of the longest cell
+  size_t least = 0; // of the longest word
+};
+
+std::vector<extent> extents_of(const std::vector<output::column> &columns, const table_rows &rows) {
+  std::vector<extent> extents;
+  for (size_t at = 0; at < columns.size(); ++at) {
+    const output::column &column = columns[at];
+    const size_t head = std::string_view(column.name).size();
+    extent found = {column.text, head, head};
+    found.text |= at + 1 == columns.size() && column.alignment == output::align::left;
+    for (const std::vector<output::cell> &row : rows) {
+      found.width = std::max(found.width, row[at].text.size());
+      for (const std::string_view word : words_of(row[at].text)) {
+        found.least = std::max(found.least, word.size());
+      }
+    }
+    extents.push_back(found);
+  }
+  return extents;
+}
+
+// Breaks texts, those of the last columns first, until the table is as wide as the terminal.
+table_rows fitted(const std::vector<output::column> &columns, table_rows rows) {
+  const size_t room = terminal_width();
+  std::vector<extent> extents = extents_of(columns, rows);
+  size_t wide = columns.size() - 1;
+  for (const extent &column : extents) {
+    wide += column.width;
+  }
+  for (size_t at = columns.size(); room > 0 && at-- > 0 && wide > room;) {
+    if (!extents[at].text) {
+      continue;
+    }
+    const size_t less = std::min(wide - room, extents[at].width - extents[at].least);
+    wide -= less;
+    for (std::vector<output::cell> &row : rows) {
+      row[at].text = broken(row[at].text, extents[at].width - less);
+    }
+  }
+  return rows;
+}
+
+// ---- The table itself --------------------------------------------------------------------------
+
+void add_column(libscols_table *table, const output::column &column) {
+  const int flags = SCOLS_FL_WRAP | (column.alignment == output::align::right ? SCOLS_FL_RIGHT : 0);
+  libscols_column *made = scols_table_new_column(table, column.name, 0, flags);
+  // Cells come with their unprintable bytes written as \xNN; that is not to be done again.
+  if (made == nullptr || scols_column_set_safechars(made, "\\\n") != 0 ||
+      scols_column_set_wrapfunc(made, scols_wrapnl_chunksize, scols_wrapnl_nextchunk, nullptr) !=
+          0) {
+    no_memory();
+  }
 }
 
 void add_row(libscols_table *table, const std::vector<output::cell> &cells) {
@@ -57,24 +152,6 @@ void write_all(const std::string &text) {
 namespace output {
 
 void table(const std::vector<column> &columns, const std::vector<std::vector<cell>> &rows) {
-  const table_ptr table(scols_new_table());
-  if (table == nullptr) {
-    no_memory();
-  }
-  scols_table_enable_colors(table.get(), wants_colour() ? 1 : 0);
-  for (const column &column : columns) {
-    const bool last = &column == &columns.back();
-    const int flags = (column.alignment == align::right ? SCOLS_FL_RIGHT : 0) |
-                      (last && column.alignment == align::left ? SCOLS_FL_WRAP : 0);
-    libscols_column *made = scols_table_new_column(table.get(), column.name, 0, flags);
-    // Cells come with their unprintable bytes written as \xNN; that is not to be done again.
-    if (made == nullptr || scols_column_set_safechars(made, "\\") != 0) {
-      no_memory();
-    }
-  }
-  for (const std::vector<cell> &row : rows) {
-    add_row(table.get(), row);
-  }
   if (rows.empty()) {
     std::string head;
     for (const column &column : columns) {
@@ -82,6 +159,18 @@ void table(const std::vector<column> &columns, const std::vector<std::vector<cel
     }
     write_all(head + "\n");
     return;
+  }
+  const table_ptr table(scols_new_table());
+  // The table comes fitted; the library's own way to make it narrower cuts words.
+  if (table == nullptr || scols_table_set_termforce(table.get(), SCOLS_TERMFORCE_NEVER) != 0) {
+    no_memory();
+  }
+  scols_table_enable_colors(table.get(), wants_colour() ? 1 : 0);
+  for (const column &column : columns) {
+    add_column(table.get(), column);
+  }
+  for (const std::vector<cell> &row : fitted(columns, rows)) {
+    add_row(table.get(), row);
   }
   char *printed = nullptr;
   if (scols_print_table_to_string(table.get(), &printed) != 0) {

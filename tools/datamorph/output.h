@@ -16,6 +16,9 @@ enum class align { left, right };
 struct column {
   const char *name;
   align alignment = align::left;
+  // Its cells are texts, which are broken at blanks where the terminal is too narrow. So are those
+  // of a last column that is aligned to the left.
+  bool text = false;
 };
 
 struct cell {
@@ -34,7 +37,8 @@ struct cell {
   bool alarming = false; // in red where there is colour
 };
 
-// Writes a table to standard output. Nothing but the head when there are no rows.
+// Writes a table to standard output. Nothing but the head when there are no rows. No cell is ever
+// cut: a table that stays too wide for the terminal runs over.
 void table(const std::vector<column> &columns, const std::vector<std::vector<cell>> &rows);
 
 // Writes a document, or text as it is, to standard output. Bytes that are no UTF-8 are replaced.

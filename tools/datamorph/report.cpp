@@ -200,7 +200,7 @@ void conversion_report::print_tables() const {
                  {"VDC", align::right},
                  {"SERVICE"},
                  {"STATUS"},
-                 {"MEANING"},
+                 {"MEANING", align::left, true},
                  {"MS", align::right},
                  {"STORES", align::right},
                  {"ADDED", align::right},
@@ -217,7 +217,8 @@ void conversion_report::print_tables() const {
                       static_cast<unsigned long>(store.records.removed), joined(store.services)});
     }
     output::text("\n");
-    output::table({{"STORE"},
+    // Of a run that failed nothing is left of all this.
+    output::table({{converted ? "STORE" : "STORE (in the copy that was dropped)"},
                    {"WHAT"},
                    {"ADDED", align::right},
                    {"CHANGED", align::right},

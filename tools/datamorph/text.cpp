@@ -38,16 +38,16 @@ int hex_byte(std::string_view digits) {
 }
 
 struct utf8_form {
-  unsigned char mask;
-  unsigned char lead;
   size_t following;
   uint32_t least; // a character of fewer bytes is not to be written in this form
+  unsigned char mask;
+  unsigned char lead;
 };
 constexpr utf8_form utf8_forms[] = {
-    {0x80, 0x00, 0, 0x00},
-    {0xe0, 0xc0, 1, 0x80},
-    {0xf0, 0xe0, 2, 0x800},
-    {0xf8, 0xf0, 3, 0x10000},
+    {0, 0x00, 0x80, 0x00},
+    {1, 0x80, 0xe0, 0xc0},
+    {2, 0x800, 0xf0, 0xe0},
+    {3, 0x10000, 0xf8, 0xf0},
 };
 
 // The bytes of the character that the text starts with; 0 when it starts with none.
@@ -71,6 +71,26 @@ size_t utf8_length(std::string_view text) {
     return character < form.least || character > 0x10ffff || surrogate ? 0 : form.following + 1;
   }
   return 0;
+}
+
+#define DIGITS  "0123456789"
+#define LETTERS "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+constexpr char digits[] = DIGITS;
+constexpr char letters[] = LETTERS;
+constexpr char alphanumerics[] = DIGITS LETTERS;
+
+// Takes one of these characters, or as many of them as come, off the text. Whether there was one.
+bool skip_one(std::string_view *text, const char *any_of) {
+  const bool found =
+      !text->empty() && std::string_view(any_of).find(text->front()) != std::string_view::npos;
+  text->remove_prefix(found ? 1 : 0);
+  return found;
+}
+
+bool skip_some(std::string_view *text, const char *any_of) {
+  const size_t length = std::min(text->find_first_not_of(any_of), text->size());
+  text->remove_prefix(length);
+  return length > 0;
 }
 
 bool is_component(std::string_view part) {
@@ -186,13 +206,24 @@ std::string counted(size_t count, const char *noun) {
 }
 
 bool is_release_name(std::string_view text) {
-  if (text.empty() || text.size() > 64 || text.front() == '.') {
+  if (text.size() > 64) {
     return false;
   }
-  return std::all_of(text.begin(), text.end(), [](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-           (c != '\0' && std::strchr(".()-_", c) != nullptr);
-  });
+  std::string_view rest = text;
+  if (!skip_some(&rest, digits) || !skip_one(&rest, ".") || !skip_some(&rest, digits) ||
+      !skip_one(&rest, "(") || !skip_some(&rest, digits)) {
+    return false;
+  }
+  skip_some(&rest, letters);
+  if (!skip_one(&rest, ")")) {
+    return false;
+  }
+  while (skip_one(&rest, ".-_")) {
+    if (!skip_some(&rest, alphanumerics)) {
+      return false;
+    }
+  }
+  return rest.empty();
 }
 
 bool is_contained_path(std::string_view path) {

@@ -33,8 +33,10 @@ std::string upper_case(std::string_view text);
 // "1 store", "2 stores".
 std::string counted(size_t count, const char *noun);
 
-// A release as a folder name under images/: letters, digits, dots, brackets, '-' and '_', at most
-// 64 characters, not starting with a dot.
+// A release of a switch, which is a folder name under images/ too: "4.2(1)", with letters after the
+// maintenance number ("4.2(1a)") or a tail of letters and digits after '.', '-' or '_'
+// ("4.2(1).S3") where wanted; at most 64 characters. Anything else has no place in the order of
+// releases.
 bool is_release_name(std::string_view text);
 
 // An absolute path without "..", "." or empty components, at most 1024 bytes, no control bytes.

@@ -36,6 +36,14 @@ void *operator new(size_t size) {
   return memory;
 }
 
+void *operator new(size_t size, const std::nothrow_t &) noexcept {
+  return is_refused(size) ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
+
+void operator delete(void *memory, const std::nothrow_t &) noexcept {
+  std::free(memory);
+}
+
 void operator delete(void *memory) noexcept {
   std::free(memory);
 }

@@ -31,26 +31,22 @@ std::string uri_of(std::string_view file) {
 }
 
 // The files below a folder, links not followed; what cannot be read is left out.
-void collect(const std::string &folder, std::vector<std::string> *uris) {
-  std::vector<std::string> below;
+void collect(const fs::path &folder, std::vector<std::string> *uris) {
   std::error_code failed;
-  fs::directory_iterator entry(folder, fs::directory_options::skip_permission_denied, failed);
-  while (!failed && entry != fs::directory_iterator()) {
+  fs::recursive_directory_iterator entry(folder, fs::directory_options::skip_permission_denied,
+                                         failed);
+  while (!failed && entry != fs::recursive_directory_iterator()) {
     const std::string path = entry->path().string();
     std::error_code gone;
-    const fs::file_status what = entry->symlink_status(gone);
-    if (fs::is_directory(what) && !is_kernel_folder(path)) {
-      below.push_back(path);
-    } else if (path.ends_with(k_ending) && fs::is_regular_file(what)) {
+    if (is_kernel_folder(path)) {
+      entry.disable_recursion_pending();
+    } else if (path.ends_with(k_ending) && fs::is_regular_file(entry->symlink_status(gone))) {
       const std::string uri = uri_of(path);
       if (store_file(uri) == path) {
         uris->push_back(uri);
       }
     }
     entry.increment(failed);
-  }
-  for (const std::string &one : below) {
-    collect(one, uris);
   }
 }
 

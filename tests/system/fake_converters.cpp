@@ -4,12 +4,15 @@
 #include "libdatamorph.h"
 
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -72,6 +75,122 @@ void put_slowly() {
   }
 }
 
+// ---- What only a library that is out of its mind does ------------------------------------------
+
+void write_text(const char *path, const char *text) {
+  FILE *file = std::fopen(path, "w");
+  if (file != nullptr) {
+    std::fputs(text, file);
+    std::fclose(file);
+  }
+}
+
+// More folders within folders than a process may have files open.
+void nest_folders() {
+  for (int at = 0; at < 600; ++at) {
+    mkdir("d", 0755);
+    if (chdir("d") != 0) {
+      break;
+    }
+  }
+  write_text("deepest", "x");
+  if (chdir("/") != 0) {
+    _exit(1);
+  }
+}
+
+// A process in a session of its own, which writes later on.
+void leave_daemon() {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setsid();
+    const timespec while_it_is_committed = {1, 0};
+    nanosleep(&while_it_is_committed, nullptr);
+    write_text("/bootflash/daemon-was-here", "x");
+    hang();
+  }
+  write_text("/bootflash/daemon", std::to_string(pid).c_str());
+}
+
+void leave_the_root() {
+  for (int fd = 3; fd < 1024; ++fd) {
+    const int file = openat(fd, "../escaped", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (file >= 0) {
+      close(file);
+    }
+  }
+}
+
+void flood(size_t portions) {
+  const std::string portion(1 << 16, 'x');
+  for (size_t at = 0; at < portions; ++at) {
+    if (write(STDERR_FILENO, portion.data(), portion.size()) < 0) {
+      return;
+    }
+  }
+}
+
+// In the place of the program's own messages.
+void send_message() {
+  const char *message = std::getenv("FAKE_CONVERTERS_MESSAGE");
+  const std::string line = std::string(message == nullptr ? "" : message) + "\n";
+  for (int fd = 3; fd < 64; ++fd) {
+    struct stat about = {};
+    if (fstat(fd, &about) == 0 && S_ISFIFO(about.st_mode)) {
+      // Fails where the pipe is open for reading.
+      [[maybe_unused]] const ssize_t put = write(fd, line.data(), line.size());
+    }
+  }
+}
+
+void make_old_generation() {
+  FILE *file = std::fopen("/switch.json", "r");
+  std::string text(1 << 16, '\0');
+  text.resize(file == nullptr ? 0 : std::fread(text.data(), 1, text.size(), file));
+  if (file != nullptr) {
+    std::fclose(file);
+  }
+  const std::string now = "\"generation\": 1";
+  const size_t at = text.find(now);
+  if (at != std::string::npos) {
+    text.replace(at, now.size(), "\"generation\": 0");
+  }
+  write_text("/switch.json", text.c_str());
+}
+
+void grow_log() {
+  write_text("/mnt/pss/data_morph.log", "first line\n");
+  if (truncate("/mnt/pss/data_morph.log", off_t(80) << 20) != 0) {
+    _exit(1);
+  }
+}
+
+void misbehave(std::string_view what) {
+  if (what == "nest") {
+    nest_folders();
+  } else if (what == "daemon") {
+    leave_daemon();
+  } else if (what == "daemon-and-hang") {
+    leave_daemon();
+    hang();
+  } else if (what == "escape") {
+    leave_the_root();
+  } else if (what == "flood") {
+    flood(80 << 4);
+  } else if (what == "endless-flood") {
+    flood(SIZE_MAX);
+  } else if (what == "message") {
+    send_message();
+  } else if (what == "old-generation") {
+    make_old_generation();
+    hang();
+  } else if (what == "rubbish-in-switch-json") {
+    write_text("/switch.json", "rubbish");
+  } else if (what == "large-log") {
+    grow_log();
+  }
+}
+
 syserr_t act(std::string_view what) {
   if (what == "crash") {
     std::signal(SIGSEGV, SIG_DFL);
@@ -99,6 +218,11 @@ syserr_t act(std::string_view what) {
   } else if (what == "print") {
     std::printf("NOISE ON STANDARD OUTPUT\n");
     std::fflush(stdout);
+  } else if (what == "nest-and-fail") {
+    nest_folders();
+    return SYSERR_PSS_DAMAGED;
+  } else {
+    misbehave(what);
   }
   return SYSERR_SUCCESS;
 }
@@ -189,6 +313,10 @@ syserr_t datamorph_running_fs_upg_all(datamorph_args_t *args) {
 }
 
 int datamorph_compare_versions(const char *from_ver, const char *to_ver, syserr_t *errcode) {
+  const char *what = std::getenv("FAKE_CONVERTERS_DO");
+  if (what != nullptr && std::strcmp(what, "hang-in-compare") == 0) {
+    hang();
+  }
   *errcode = SYSERR_SUCCESS;
   const int order = strverscmp(from_ver, to_ver);
   return (order > 0) - (order < 0);

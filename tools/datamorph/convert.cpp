@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <chrono>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,6 +16,7 @@
 #include "run_folder.h"
 #include "services.h"
 #include "statuses.h"
+#include "stop_signal.h"
 #include "switch_dir.h"
 #include "text.h"
 #include "tree.h"
@@ -44,17 +45,23 @@ private:
   void check_damage(const nlohmann::json &found) const;
   void make_plan(const nlohmann::json &found);
   void check_room() const;
+  void prepare();
   void convert_copy(const run_folder &folder);
+  int attempt(const run_folder &folder);
   void take_message(const nlohmann::json &message);
   void note_end(const jail::outcome &outcome);
   std::string verdict() const;
   void commit();
   void fail(const std::string &trouble);
   void finish(const run_folder &folder);
+  void take_journal(const run_folder &folder);
+  void say(const std::string &message) const;
+  void print_report() const;
 
   const common_options &common_;
   const convert_options &options_;
   switch_dir switch_;
+  unique_fd next_; // the copy that is converted
   conversion_plan plan_;
   conversion_report report_;
   nlohmann::json closing_;
@@ -94,8 +101,12 @@ nlohmann::json conversion::look() {
   request.on_message = [&](const nlohmann::json &message) { found.update(message); };
   request.silence = std::chrono::seconds(options_.timeout);
   const jail::outcome outcome = jail::run(request);
+  if (outcome.how == jail::outcome::kind::silent) {
+    refuse("the library gave no answer within " + counted(options_.timeout, "second") +
+           " while the switch was examined; raise --timeout");
+  }
   if (!outcome.finished()) {
-    refuse("looking into the switch with the library " + outcome.text());
+    refuse("the library, while the switch was examined with it: " + outcome.text());
   }
   return found;
 }
@@ -122,9 +133,9 @@ void conversion::check_damage(const nlohmann::json &found) const {
   if (!found.contains("damaged")) {
     return;
   }
-  const std::string uri = found["damaged"]["uri"].get<std::string>();
+  const std::string uri = found["damaged"].at("uri").get<std::string>();
   refuse("the store " + in_quotes(uri) +
-         " cannot be read: " + status_text(found["damaged"]["status"].get<syserr_t>()) +
+         " cannot be read: " + status_text(found["damaged"].at("status").get<syserr_t>()) +
          "; remove it with 'datamorph store delete --all' and bring it back with "
          "'datamorph store import'");
 }
@@ -148,14 +159,14 @@ std::vector<uint32> in_call_order(std::vector<uint32> rows, bool falls) {
 }
 
 void conversion::make_plan(const nlohmann::json &found) {
-  const bool falls = found["order"].get<int>() > 0;
+  const bool falls = found.at("order").get<int>() > 0;
   const std::vector<uint32> wanted = wanted_services();
   std::vector<uint32> met;
   for (const moment which : all_moments) {
     if (!selected(which)) {
       continue;
     }
-    const auto rows = found["tables"][static_cast<size_t>(which)].get<std::vector<uint32>>();
+    const auto rows = found.at("tables").at(static_cast<size_t>(which)).get<std::vector<uint32>>();
     std::vector<uint32> services = in_call_order(rows, falls);
     if (!wanted.empty()) {
       std::erase_if(services, [&](uint32 uuid) {
@@ -204,12 +215,15 @@ void conversion::take_message(const nlohmann::json &message) {
   request_report &report = report_.requests.at(at);
   report.started = true;
   if (start) {
-    output::message(std::string(moment_name(report.request.which)) + ", VDC " +
-                    std::to_string(report.request.vdc) + ": " + report.request.service());
+    const std::string where = std::string(moment_name(report.request.which)) + ", VDC " +
+                              std::to_string(report.request.vdc) + ": " + report.request.service();
+    if (jail::stderr_takes(std::chrono::seconds(1))) {
+      output::message(where);
+    }
     return;
   }
-  report.status = message["status"].get<syserr_t>();
-  report.milliseconds = message["milliseconds"].get<double>();
+  report.status = message.at("status").get<syserr_t>();
+  report.milliseconds = message.at("milliseconds").get<double>();
 }
 
 // Says at each request that has no status why that is so.
@@ -234,27 +248,27 @@ void conversion::note_end(const jail::outcome &outcome) {
 }
 
 void conversion::convert_copy(const run_folder &folder) {
-  const unique_fd next = switch_.make_next();
+  next_ = switch_.make_next();
   const unique_fd journal = folder.create("journal.jsonl");
-  const unique_fd trace = folder.create("trace.log");
+  limited_file trace(folder.create("trace.log"));
   library loaded;
   jail::request request;
-  request.root = next.get();
+  request.root = next_.get();
   request.prepare = [&] { loaded = load_library(common_.library); };
   request.body = [&](const jail::channel &channel) {
     run_conversion(channel, loaded, plan_, journal.get());
   };
   request.on_message = [&](const nlohmann::json &message) { take_message(message); };
   request.on_trace = [&](std::string_view text) {
-    run_folder::append(trace, text);
+    trace.append(text);
     if (common_.verbose) {
-      std::fwrite(text.data(), 1, text.size(), stderr);
+      jail::show_trace(text);
     }
   };
   request.silence = std::chrono::seconds(options_.timeout);
   const jail::outcome outcome = jail::run(request);
   note_end(outcome);
-  folder.keep_conversion_log(next.get());
+  folder.keep_conversion_log(next_.get());
 }
 
 // Why the converted copy may not become the switch's state; empty when it may.
@@ -282,7 +296,7 @@ void conversion::commit() {
   if (whole_change()) {
     state.release = plan_.to;
   }
-  switch_.commit(state);
+  switch_.commit(std::move(next_), state);
   report_.converted = true;
   report_.release = state.release;
   report_.closing_line = options_.dir + ": converted from " + plan_.from + " to " + plan_.to;
@@ -302,61 +316,88 @@ void conversion::fail(const std::string &trouble) {
       options_.dir + ": not converted, still at " + switch_.state().release + ": " + trouble;
 }
 
-void conversion::finish(const run_folder &folder) {
+void conversion::take_journal(const run_folder &folder) {
   const auto uris = [&](const char *name) {
     return closing_.is_object() ? closing_.value(name, std::set<std::string>())
                                 : std::set<std::string>();
   };
-  report_.take_journal(folder.read("journal.jsonl", longest_journal), closing_.is_object(),
-                       uris("stores_before"), uris("stores_after"));
+  std::string journal;
+  try {
+    journal = folder.read("journal.jsonl", longest_journal);
+  } catch (const failure &error) {
+    report_.notes.push_back(std::string("the counts of records are missing: ") + error.what());
+  }
+  report_.take_journal(journal, closing_.is_object(), uris("stores_before"), uris("stores_after"));
+}
+
+// A reader of the messages that stands still is waited for, but not when the program is to stop.
+void conversion::say(const std::string &message) const {
+  if (jail::stderr_takes(std::chrono::milliseconds(-1))) {
+    output::message(in_quotes(options_.dir) + ": " + message);
+  }
+}
+
+void conversion::print_report() const {
+  if (common_.format == output::format::json) {
+    output::json(report_.to_json());
+  } else {
+    report_.print_tables();
+  }
+}
+
+void conversion::finish(const run_folder &folder) {
+  take_journal(folder);
   const size_t left_open = closing_.is_object() ? closing_.value("left_open", size_t(0)) : 0;
   if (left_open > 0) {
     report_.notes.push_back(counted(left_open, "store handle") +
                             " left open by routines, closed at the end");
   }
   folder.write_report(report_.to_json());
+  if (!report_.converted) {
+    say("not converted: " + report_.trouble + "; the switch is as it was, still at " +
+        report_.release);
+  }
   for (const std::string &note : report_.notes) {
-    output::message(in_quotes(options_.dir) + ": " + note);
+    say(note);
   }
-  if (common_.format == output::format::json) {
-    output::json(report_.to_json());
-  } else {
-    report_.print_tables();
+  print_report();
+  if (jail::stderr_takes(std::chrono::milliseconds(-1))) {
+    output::message("run folder: " + options_.dir + "/runs/" + folder.number());
   }
-  output::message("run folder: " + options_.dir + "/runs/" + folder.number());
 }
 
-int conversion::run() {
+// All that is refused, and the plan of what is done.
+void conversion::prepare() {
   plan_.state = switch_.state();
   plan_.to = options_.to;
   plan_.from = options_.from.empty() ? switch_.state().release : options_.from;
-  nlohmann::json found;
+  const nlohmann::json found = look();
   try {
-    found = look();
-  } catch (const failure &error) {
-    throw failure(error.status(), in_quotes(options_.dir) + ": " + error.what());
+    check_release(found.at("images"), plan_.to, "the release");
+    check_release(found.at("images"), plan_.from, "the release to come from");
+    make_plan(found);
+    check_damage(found);
+    report_.library = found.at("library").get<std::string>();
+  } catch (const nlohmann::json::exception &) {
+    refuse("the library's process sent a message that makes no sense");
   }
-  check_release(found["images"], plan_.to, "the release");
-  check_release(found["images"], plan_.from, "the release to come from,");
-  make_plan(found);
-  check_damage(found);
   switch_.check_exchange();
   check_room();
-
   report_.dir = options_.dir;
-  report_.library = found["library"].get<std::string>();
   report_.from = plan_.from;
   report_.to = plan_.to;
   report_.release = switch_.state().release;
   for (const conversion_request &request : plan_.requests) {
     report_.requests.emplace_back().request = request;
   }
-  const run_folder folder(switch_);
-  report_.run = folder.number();
-  int interrupted = 0;
+}
+
+// Converts the copy and puts it in place, or notes why not. The signal's exit status when one
+// stopped it, else 0.
+int conversion::attempt(const run_folder &folder) {
   try {
     convert_copy(folder);
-    jail::signal_guard::check();
+    stop_signal::check();
     const std::string trouble =
         output::reader_gone() ? "the reader of its output is gone" : verdict();
     if (trouble.empty()) {
@@ -366,18 +407,33 @@ int conversion::run() {
     }
   } catch (const failure &error) {
     fail(error.what());
-    interrupted = error.status() > 128 ? error.status() : 0;
-  } catch (const std::exception &error) {
-    fail(error.what()); // a message that the library's process made up
+    return error.status() > 128 ? error.status() : 0;
+  } catch (const nlohmann::json::exception &) {
+    fail("the library's process sent a message that makes no sense");
   }
+  return 0;
+}
+
+int conversion::run() {
+  prepare();
+  const run_folder folder(switch_);
+  report_.run = folder.number();
+  const int interrupted = attempt(folder);
   if (!report_.converted) {
-    switch_.drop_next();
-    output::message(in_quotes(options_.dir) + ": not converted: " + report_.trouble +
-                    "; the switch is as it was, still at " + report_.release);
+    next_.reset();
+    const std::string left = switch_.drop_next();
+    if (!left.empty()) {
+      report_.notes.push_back(left);
+    }
   }
   finish(folder);
   if (interrupted != 0) {
     return interrupted;
+  }
+  if (report_.converted && !output::finish()) {
+    say("not all of the output could be written; the switch IS converted, see " + options_.dir +
+        "/runs/" + folder.number() + "/report.json");
+    return exit_failed;
   }
   return report_.converted ? exit_done : exit_failed;
 }
@@ -391,6 +447,12 @@ int convert(const common_options &common, const convert_options &options) {
                     "unknown service " + in_quotes(name) + "; services: " + service_names());
     }
   }
-  const jail::signal_guard guard;
-  return conversion(common, options).run();
+  const stop_signal::guard guard;
+  try {
+    return conversion(common, options).run();
+  } catch (const failure &error) {
+    const std::string message = error.what();
+    const bool placed = message.starts_with(in_quotes(options.dir));
+    throw failure(error.status(), placed ? message : in_quotes(options.dir) + ": " + message);
+  }
 }

@@ -1,201 +1,40 @@
 #include "jail.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "child_process.h"
 #include "failure.h"
+#include "keeper.h"
+#include "stop_signal.h"
 #include "text.h"
 #include "unique_fd.h"
 
 namespace {
 
-using clock_type = std::chrono::steady_clock;
 using milliseconds = std::chrono::milliseconds;
 
-// ---- Signals -----------------------------------------------------------------------------------
+// No message of a child that is sane is longer.
+constexpr size_t longest_message = size_t(256) << 20;
 
-constexpr int stop_signals[] = {SIGINT, SIGTERM, SIGHUP};
-volatile std::sig_atomic_t stop_signal = 0;
-int guards = 0;
-sigset_t mask_outside;
-struct sigaction actions_outside[std::size(stop_signals)];
-
-void note_signal(int number) {
-  stop_signal = number;
+[[noreturn]] void nonsense() {
+  throw failure(exit_failed, "the library's process sent a message that makes no sense");
 }
-
-[[noreturn]] void throw_interrupted() {
-  throw failure(128 + stop_signal, std::string("stopped by a signal (") + strsignal(stop_signal) +
-                                       "); the switch is as it was");
-}
-
-// What a child starts with: signals as they were outside of the guard, and death with the parent.
-void start_child(pid_t parent) {
-  for (size_t at = 0; guards > 0 && at < std::size(stop_signals); ++at) {
-    sigaction(stop_signals[at], &actions_outside[at], nullptr);
-  }
-  std::signal(SIGPIPE, SIG_DFL);
-  if (guards > 0) {
-    sigprocmask(SIG_SETMASK, &mask_outside, nullptr);
-  }
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) {
-    _exit(exit_failed);
-  }
-}
-
-// ---- Pipes -------------------------------------------------------------------------------------
-
-struct pipe_ends {
-  unique_fd read;
-  unique_fd write;
-};
-
-pipe_ends open_pipe() {
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) {
-    throw failure(exit_failed, "cannot open a pipe: " + error_text(errno));
-  }
-  pipe_ends ends = {unique_fd(fds[0]), unique_fd(fds[1])};
-  fcntl(ends.read.get(), F_SETFL, O_NONBLOCK);
-  return ends;
-}
-
-// Hands over what is there now; at most some, so that a child that writes without end cannot hold
-// the parent. False at the pipe's end.
-bool drain(int fd, const std::function<void(std::string_view)> &take) {
-  char buffer[65536];
-  for (int round = 0; round < 16; ++round) {
-    const ssize_t got = read(fd, buffer, sizeof buffer);
-    if (got > 0) {
-      take({buffer, static_cast<size_t>(got)});
-    } else if (got == 0) {
-      return false;
-    } else if (errno != EINTR) {
-      return errno == EAGAIN;
-    }
-  }
-  return true;
-}
-
-// ---- A running child ---------------------------------------------------------------------------
-
-// The parent's side: waits for the child's end and its pipes together.
-class watched_child {
-public:
-  explicit watched_child(pid_t pid)
-      : pid_(pid), pidfd_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {}
-  ~watched_child() {
-    if (pid_ > 0) {
-      end();
-    }
-  }
-  watched_child(const watched_child &) = delete;
-  watched_child &operator=(const watched_child &) = delete;
-
-  void watch(int fd, std::function<void(std::string_view)> take) {
-    sources_.push_back({fd, std::move(take), true});
-  }
-
-  // Until the child ends. False when nothing came on the first source for `silence`.
-  bool wait(milliseconds silence) {
-    clock_type::time_point heard = clock_type::now();
-    for (;;) {
-      if (stop_signal != 0) {
-        end();
-        throw_interrupted();
-      }
-      std::vector<pollfd> polled = {{pidfd_.get(), POLLIN, 0}};
-      for (const source &source : sources_) {
-        polled.push_back({source.open ? source.fd : -1, POLLIN, 0});
-      }
-      timespec left = {};
-      const bool limited = time_left(heard, silence, &left);
-      const int ready = ppoll(polled.data(), polled.size(), limited ? &left : nullptr,
-                              guards > 0 ? &mask_outside : nullptr);
-      if (ready < 0 && errno != EINTR) {
-        throw failure(exit_failed, "cannot wait for the work in the switch: " + error_text(errno));
-      }
-      if (ready > 0 && take_ready(polled)) {
-        heard = clock_type::now();
-      }
-      if (ready > 0 && polled[0].revents != 0) {
-        kill(-pid_, SIGKILL); // whoever the child left behind in its group
-        drain_all();
-        return true;
-      }
-      if (limited && clock_type::now() - heard >= silence) {
-        return false;
-      }
-    }
-  }
-
-  // The child's status as waitpid gives it; the child and all that it started are gone.
-  int end() {
-    kill(-pid_, SIGKILL);
-    kill(pid_, SIGKILL);
-    return reap();
-  }
-
-  int reap() {
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    pid_ = 0;
-    return status;
-  }
-
-private:
-  struct source {
-    int fd;
-    std::function<void(std::string_view)> take;
-    bool open;
-  };
-
-  static bool time_left(clock_type::time_point heard, milliseconds silence, timespec *left) {
-    if (silence.count() == 0) {
-      return false;
-    }
-    const auto passed = std::chrono::duration_cast<milliseconds>(clock_type::now() - heard);
-    const long long rest = std::max(silence - passed, milliseconds(0)).count();
-    *left = {static_cast<time_t>(rest / 1000), static_cast<long>(rest % 1000) * 1000000};
-    return true;
-  }
-
-  // Whether something came on the first source.
-  bool take_ready(const std::vector<pollfd> &polled) {
-    for (size_t at = 0; at < sources_.size(); ++at) {
-      if (polled[at + 1].revents != 0) {
-        sources_[at].open = drain(sources_[at].fd, sources_[at].take);
-      }
-    }
-    return polled[1].revents != 0;
-  }
-
-  void drain_all() {
-    for (source &source : sources_) {
-      if (source.open) {
-        source.open = drain(source.fd, source.take);
-      }
-    }
-  }
-
-  pid_t pid_;
-  unique_fd pidfd_;
-  std::vector<source> sources_;
-};
 
 // Whole lines out of what comes in pieces.
 class line_splitter {
@@ -204,6 +43,9 @@ public:
   void operator()(std::string_view piece) {
     for (const char c : piece) {
       if (c != '\n') {
+        if (line_.size() >= longest_message) {
+          nonsense();
+        }
         line_ += c;
         continue;
       }
@@ -266,14 +108,15 @@ void enter_root(int root) {
   }
 }
 
-void redirect(int trace) {
-  const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (nothing >= 0) {
-    dup2(nothing, STDIN_FILENO);
-    close(nothing);
+// A folder of the host that is open is a way out of the root.
+void close_folders() {
+  constexpr int highest = 4096;
+  for (int fd = STDERR_FILENO + 1; fd < highest; ++fd) {
+    struct stat about = {};
+    if (fstat(fd, &about) == 0 && S_ISDIR(about.st_mode)) {
+      close(fd);
+    }
   }
-  dup2(trace, STDOUT_FILENO);
-  dup2(trace, STDERR_FILENO);
 }
 
 void send_failure(const jail::channel &channel, int status, const std::string &message) {
@@ -282,14 +125,13 @@ void send_failure(const jail::channel &channel, int status, const std::string &m
 
 [[noreturn]] void live_in_child(const jail::request &request, pid_t parent, int trace,
                                 int results) {
-  start_child(parent);
-  setpgid(0, 0); // the terminal's signals are the parent's to handle
-  redirect(trace);
+  redirect_streams(trace);
   const jail::channel channel(results);
   int status = exit_done;
   try {
     request.prepare();
     enter_root(request.root);
+    close_folders();
     // A change of credentials takes the tie to the parent away.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) {
@@ -310,21 +152,6 @@ void send_failure(const jail::channel &channel, int status, const std::string &m
   _exit(status);
 }
 
-void write_to_stderr(std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t put = write(STDERR_FILENO, text.data(), text.size());
-    if (put <= 0) {
-      return;
-    }
-    text.remove_prefix(static_cast<size_t>(put));
-  }
-}
-
-struct failure_report {
-  int status = 0;
-  std::string message;
-};
-
 jail::outcome outcome_of(int status, bool finished) {
   if (WIFSIGNALED(status)) {
     return {jail::outcome::kind::killed, WTERMSIG(status)};
@@ -334,6 +161,53 @@ jail::outcome outcome_of(int status, bool finished) {
   }
   return {jail::outcome::kind::exited, WEXITSTATUS(status)};
 }
+
+// What the child says of itself. It may have been written by the library's code just as well.
+class message_reader {
+public:
+  explicit message_reader(const jail::request &request) : request_(request) {}
+
+  void take(const std::string &line) {
+    const nlohmann::json message = nlohmann::json::parse(line, nullptr, false);
+    if (!message.is_object()) {
+      return;
+    }
+    try {
+      take(message);
+    } catch (const nlohmann::json::exception &) {
+      nonsense();
+    } catch (const std::logic_error &) {
+      nonsense(); // an index out of range
+    }
+  }
+
+  bool finished() const { return finished_; }
+
+  void throw_failure() const {
+    if (status_ != 0) {
+      throw failure(status_, text_);
+    }
+  }
+
+private:
+  void take(const nlohmann::json &message) {
+    if (message.contains("finished")) {
+      finished_ = true;
+    } else if (message.contains("failure")) {
+      const int status = message["failure"].at("status").get<int>();
+      const bool known = status == exit_refused || status == exit_in_use || status == exit_usage;
+      text_ = message["failure"].at("message").get<std::string>();
+      status_ = known ? status : exit_failed;
+    } else {
+      request_.on_message(message);
+    }
+  }
+
+  const jail::request &request_;
+  bool finished_ = false;
+  int status_ = 0;
+  std::string text_;
+};
 
 } // namespace
 
@@ -369,94 +243,31 @@ std::string outcome::text() const {
 }
 
 outcome run(const request &request) {
-  const signal_guard guard;
+  const stop_signal::guard guard;
   pipe_ends trace = open_pipe();
   pipe_ends results = open_pipe();
-  std::fflush(nullptr);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid < 0) {
-    throw failure(exit_failed, "cannot start a process: " + error_text(errno));
-  }
-  if (pid == 0) {
+  const keeper::started kept = keeper::start([&](pid_t parent) {
     live_in_child(request, parent, trace.write.get(), results.write.get());
-  }
-  setpgid(pid, pid);
+  });
   trace.write.reset();
   results.write.reset();
 
-  bool finished = false;
-  failure_report failed;
-  line_splitter lines([&](const std::string &line) {
-    const nlohmann::json message = nlohmann::json::parse(line, nullptr, false);
-    if (!message.is_object()) {
-      return;
-    }
-    if (message.contains("finished")) {
-      finished = true;
-    } else if (message.contains("failure")) {
-      failed = {message["failure"].value("status", +exit_failed),
-                message["failure"].value("message", "")};
-    } else {
-      request.on_message(message);
-    }
-  });
-  watched_child child(pid);
+  message_reader messages(request);
+  line_splitter lines([&](const std::string &line) { messages.take(line); });
+  watched_child child(kept.pid, SIGTERM);
   child.watch(results.read.get(), [&](std::string_view piece) { lines(piece); });
-  child.watch(trace.read.get(), request.on_trace ? request.on_trace : write_to_stderr);
-  if (!child.wait(request.silence)) {
-    child.end();
+  child.watch(trace.read.get(), request.on_trace ? request.on_trace : show_trace);
+  const bool in_time = child.wait(request.silence);
+  const int status = keeper::verdict_of(kept, in_time ? child.reap() : child.end());
+  if (!in_time) {
     return {outcome::kind::silent, 0};
   }
-  const int status = child.reap();
-  if (failed.status != 0) {
-    throw failure(failed.status, failed.message);
-  }
-  return outcome_of(status, finished);
-}
-
-signal_guard::signal_guard() {
-  if (guards++ > 0) {
-    return;
-  }
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  for (const int number : stop_signals) {
-    sigaddset(&blocked, number);
-  }
-  sigprocmask(SIG_BLOCK, &blocked, &mask_outside);
-  struct sigaction action = {};
-  action.sa_handler = note_signal;
-  sigemptyset(&action.sa_mask);
-  for (size_t at = 0; at < std::size(stop_signals); ++at) {
-    sigaction(stop_signals[at], nullptr, &actions_outside[at]);
-    if (actions_outside[at].sa_handler != SIG_IGN) {
-      sigaction(stop_signals[at], &action, nullptr);
-    }
-  }
-}
-
-signal_guard::~signal_guard() {
-  if (--guards > 0) {
-    return;
-  }
-  sigprocmask(SIG_SETMASK, &mask_outside, nullptr);
-  for (size_t at = 0; at < std::size(stop_signals); ++at) {
-    sigaction(stop_signals[at], &actions_outside[at], nullptr);
-  }
-}
-
-void signal_guard::check() {
-  // Lets a waiting signal in.
-  const timespec at_once = {};
-  ppoll(nullptr, 0, &at_once, &mask_outside);
-  if (stop_signal != 0) {
-    throw_interrupted();
-  }
+  messages.throw_failure();
+  return outcome_of(status, messages.finished());
 }
 
 int run_program(const std::vector<std::string> &words, int folder, std::string *errors) {
-  const signal_guard guard;
+  const stop_signal::guard guard;
   pipe_ends output = open_pipe();
   std::vector<char *> arguments;
   arguments.reserve(words.size() + 1);
@@ -471,9 +282,9 @@ int run_program(const std::vector<std::string> &words, int folder, std::string *
     throw failure(exit_failed, "cannot start a process: " + error_text(errno));
   }
   if (pid == 0) {
-    start_child(parent);
+    start_child(parent, SIGKILL);
     setpgid(0, 0);
-    redirect(output.write.get());
+    redirect_streams(output.write.get());
     setenv("LC_ALL", "C", 1);
     if (fchdir(folder) == 0) {
       execvp(arguments[0], arguments.data());
@@ -483,7 +294,7 @@ int run_program(const std::vector<std::string> &words, int folder, std::string *
   }
   setpgid(pid, pid);
   output.write.reset();
-  watched_child child(pid);
+  watched_child child(pid, SIGKILL);
   child.watch(output.read.get(), [&](std::string_view piece) {
     if (errors->size() < 4096) {
       errors->append(piece);
@@ -492,6 +303,34 @@ int run_program(const std::vector<std::string> &words, int folder, std::string *
   child.wait(milliseconds(0));
   const int status = child.reap();
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+bool stderr_takes(milliseconds patience) {
+  if (stop_signal::has_come() && patience != milliseconds(0)) {
+    return stderr_takes(milliseconds(0));
+  }
+  pollfd out = {STDERR_FILENO, POLLOUT, 0};
+  const timespec limit = {static_cast<time_t>(patience.count() / 1000),
+                          static_cast<long>(patience.count() % 1000) * 1000000};
+  return ppoll(&out, 1, patience < milliseconds(0) ? nullptr : &limit,
+               stop_signal::mask_while_waiting()) == 1;
+}
+
+void show_trace(std::string_view text) {
+  // So much goes into a pipe that can be written at all.
+  constexpr size_t portion = PIPE_BUF;
+  static bool stopped = false;
+  while (!text.empty()) {
+    stopped = !stderr_takes(milliseconds(stopped ? 0 : 1000));
+    if (stopped) {
+      return;
+    }
+    const ssize_t put = write(STDERR_FILENO, text.data(), std::min(text.size(), portion));
+    if (put <= 0) {
+      return;
+    }
+    text.remove_prefix(static_cast<size_t>(put));
+  }
 }
 
 } // namespace jail

@@ -32,7 +32,7 @@ struct request {
   // In the parent: each message that the child sent.
   std::function<void(const nlohmann::json &)> on_message = [](const nlohmann::json &) {};
   // In the parent: what the child wrote to its standard output and error, as it comes. Without it
-  // that goes to the parent's standard error.
+  // that is shown (show_trace).
   std::function<void(std::string_view)> on_trace;
   // The child is killed when it sends nothing for so long; 0 is no limit.
   std::chrono::milliseconds silence{0};
@@ -46,25 +46,21 @@ struct outcome {
   std::string text() const; // "crashed: Segmentation fault (signal 11)"
 };
 
-// Runs the child to its end. Throws what the child threw; a failure of 3 when the root cannot be
-// changed; `interrupted` when a signal asked this program to stop (the child is gone then).
+// Runs the child to its end; nothing that it started is left then. Throws what the child threw; a
+// failure of 3 when the root cannot be changed, of 1 when the child's messages make no sense, of
+// 128 and the number when a signal asked this program to stop.
 outcome run(const request &request);
-
-// While one of these stands, SIGINT, SIGTERM and SIGHUP do not end the program where it happens
-// to be: they are seen at the places that ask.
-class signal_guard {
-public:
-  signal_guard();
-  ~signal_guard();
-  signal_guard(const signal_guard &) = delete;
-  signal_guard &operator=(const signal_guard &) = delete;
-
-  static void check(); // throws when a signal has come
-};
 
 // Runs a program of the host (found by PATH) to its end, in `folder`; dies with this process.
 // Its exit status, 128 and the signal; what it wrote to standard error in *errors.
 int run_program(const std::vector<std::string> &words, int folder, std::string *errors);
+
+// Whether standard error takes a few lines without blocking, waiting at most so long for its reader
+// (negative: without limit). False when a signal asks the program to stop.
+bool stderr_takes(std::chrono::milliseconds patience);
+
+// Writes to standard error what its reader takes; the rest is dropped when that one stands still.
+void show_trace(std::string_view text);
 
 } // namespace jail
 

@@ -18,6 +18,7 @@
 #include "lab/lab.h"
 #include "populate.h"
 #include "statuses.h"
+#include "stop_signal.h"
 #include "switch_dir.h"
 #include "text.h"
 #include "tree.h"
@@ -322,7 +323,7 @@ int lab_create(const common_options &common, const std::string &dir, const std::
   const std::string text =
       from.empty() ? example_description : tree::read_file(AT_FDCWD, from, largest_description);
   const description wanted = parse_description(text, origin);
-  const jail::signal_guard guard;
+  const stop_signal::guard guard;
   const place where = place_of(dir);
   check_free(where, dir);
   workshop shop(where, dir);
@@ -331,7 +332,7 @@ int lab_create(const common_options &common, const std::string &dir, const std::
   } catch (const failure &error) {
     throw failure(error.status(), in_quotes(dir) + ": " + error.what());
   }
-  jail::signal_guard::check();
+  stop_signal::check();
   shop.become(where, dir);
   if (common.format == output::format::json) {
     output::json({{"switch", dir},

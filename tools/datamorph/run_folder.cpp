@@ -1,6 +1,8 @@
 #include "run_folder.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,6 +18,7 @@
 namespace {
 
 constexpr char conversion_log[] = "/mnt/pss/data_morph.log";
+constexpr auto log_patience = std::chrono::seconds(60);
 
 } // namespace
 
@@ -28,22 +31,32 @@ unique_fd run_folder::create(const char *name) const {
   return file;
 }
 
-void run_folder::append(const unique_fd &file, std::string_view text) {
+bool limited_file::put(std::string_view text) {
   while (!text.empty()) {
-    const ssize_t put = write(file.get(), text.data(), text.size());
+    const ssize_t put = write(file_.get(), text.data(), text.size());
     if (put <= 0) {
-      return;
+      return false;
     }
     text.remove_prefix(static_cast<size_t>(put));
+  }
+  return true;
+}
+
+void limited_file::append(std::string_view text) {
+  if (full_) {
+    return;
+  }
+  const size_t size = std::min(text.size(), left_);
+  left_ -= size;
+  full_ = !put(text.substr(0, size));
+  if (!full_ && size < text.size()) {
+    full_ = true;
+    put("\n[the rest is left out: this file has reached its limit of 64 MiB]\n");
   }
 }
 
 std::string run_folder::read(const char *name, size_t limit) const {
-  try {
-    return tree::read_file(folder_.get(), name, limit);
-  } catch (const failure &) {
-    return "";
-  }
+  return tree::exists(folder_.get(), name) ? tree::read_file(folder_.get(), name, limit) : "";
 }
 
 void run_folder::write_report(const nlohmann::json &report) const {
@@ -55,9 +68,10 @@ void run_folder::write_report(const nlohmann::json &report) const {
 }
 
 void run_folder::keep_conversion_log(int state) const {
-  const unique_fd target = create("conversion.log");
+  limited_file target(create("conversion.log"));
   jail::request request;
   request.root = state;
+  request.silence = log_patience;
   request.body = [&](const jail::channel &) {
     const unique_fd log(open(conversion_log, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat about = {};
@@ -67,7 +81,7 @@ void run_folder::keep_conversion_log(int state) const {
     char buffer[65536];
     ssize_t got = 0;
     while ((got = ::read(log.get(), buffer, sizeof buffer)) > 0) {
-      append(target, {buffer, static_cast<size_t>(got)});
+      target.append({buffer, static_cast<size_t>(got)});
     }
   };
   const jail::outcome outcome = jail::run(request);

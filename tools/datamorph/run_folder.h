@@ -5,10 +5,26 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
 #include "switch_dir.h"
+
+// A file that grows to a limit; the line that says so is its last.
+class limited_file {
+public:
+  explicit limited_file(unique_fd file) : file_(std::move(file)) {}
+  // What of the text fits: a full disk does not end a conversion because of its trace.
+  void append(std::string_view text);
+
+private:
+  bool put(std::string_view text);
+
+  unique_fd file_;
+  size_t left_ = size_t(64) << 20;
+  bool full_ = false;
+};
 
 class run_folder {
 public:
@@ -19,9 +35,8 @@ public:
 
   // A new file in it, for writing. Throws failure(1).
   unique_fd create(const char *name) const;
-  // What of the text fits: a full disk does not end a conversion because of its trace.
-  static void append(const unique_fd &file, std::string_view text);
-  // The content of a file in it; "" when it is not there.
+  // The content of a file in it; "" when it is not there. Throws failure(3) when it cannot be read
+  // or is larger than `limit` bytes.
   std::string read(const char *name, size_t limit) const;
 
   void write_report(const nlohmann::json &report) const;

@@ -1,12 +1,13 @@
 #include "switch_dir.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
 #include <optional>
+#include <sstream>
 #include <thread>
 
 #include <dirent.h>
@@ -30,8 +31,10 @@ constexpr char previous_name[] = "previous";
 constexpr char discard_name[] = "discard";
 constexpr char runs_name[] = "runs";
 constexpr char lock_name[] = ".lock";
+constexpr char copy_name[] = ".copy";
 constexpr char probe_a[] = ".probe-a";
 constexpr char probe_b[] = ".probe-b";
+constexpr char runs_advice[] = "; make room, or move what stands there out of the way";
 constexpr size_t largest_switch_file = 1 << 20;
 
 // A command that was killed leaves its lock when the last process of it is gone, and a reading
@@ -69,15 +72,25 @@ void sync_folder(int folder) {
   }
 }
 
-std::string lock_holder(int lock) {
-  char text[32] = "";
-  const ssize_t got = pread(lock, text, sizeof text - 1, 0);
-  return got > 0 ? std::string(text, static_cast<size_t>(got)).substr(0, strcspn(text, "\n")) : "";
+// What tells a process from a later one of the same number; "" when it is gone.
+std::string start_of(const std::string &pid) {
+  std::ifstream file("/proc/" + pid + "/stat");
+  std::string text;
+  std::getline(file, text);
+  // The name may hold anything; 19 members stand between it and the start.
+  const size_t name_end = text.rfind(')');
+  std::istringstream members(name_end == std::string::npos ? "" : text.substr(name_end + 1));
+  std::string member;
+  for (int at = 0; at < 20 && members >> member; ++at) {
+  }
+  return members ? member : "";
 }
 
-bool is_alive(const std::string &holder) {
-  const long pid = std::strtol(holder.c_str(), nullptr, 10);
-  return pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+bool same_folder(int a, int b) {
+  struct stat about_a = {};
+  struct stat about_b = {};
+  return fstat(a, &about_a) == 0 && fstat(b, &about_b) == 0 && about_a.st_dev == about_b.st_dev &&
+         about_a.st_ino == about_b.st_ino;
 }
 
 } // namespace
@@ -105,7 +118,9 @@ switch_dir::~switch_dir() {
 }
 
 void switch_dir::open_folder() {
-  folder_.reset(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  // Handed down on purpose: what works in the switch for this program dies with it, and the lock
+  // is free when the last of them is gone.
+  folder_.reset(open(path_.c_str(), O_RDONLY | O_DIRECTORY));
   if (!folder_.is_open()) {
     throw failure(exit_refused, "cannot open the switch's directory: " + error_text(errno) +
                                     "; build a switch with 'datamorph lab create DIR'");
@@ -122,59 +137,82 @@ void switch_dir::open_folder() {
                 "not a lab switch (no " + file + "); build one with 'datamorph lab create DIR'");
 }
 
-void switch_dir::in_use(const std::string &holder) const {
-  throw failure(exit_in_use, "in use by " +
-                                 (holder.empty() ? std::string("another command")
-                                                 : "another command (process " + holder + ")") +
+// The process whose number stands in the lock file, when it is alive; a command that was killed
+// leaves its number there, and the system gives it to others.
+std::string switch_dir::holder() const {
+  char text[64] = "";
+  const ssize_t got = lock_.is_open() ? pread(lock_.get(), text, sizeof text - 1, 0) : 0;
+  std::istringstream words(std::string(text, got > 0 ? static_cast<size_t>(got) : 0));
+  std::string pid;
+  std::string start;
+  words >> pid >> start;
+  const bool number = !pid.empty() && pid.find_first_not_of("0123456789") == std::string::npos;
+  return number && !start.empty() && start == start_of(pid) ? pid : "";
+}
+
+void switch_dir::in_use() const {
+  const std::string pid = holder();
+  throw failure(exit_in_use, "in use by another command" +
+                                 (pid.empty() ? "" : " (process " + pid + ")") +
                                  "; wait until it is done");
 }
 
-void switch_dir::lock(access how) {
-  // Handed down on purpose: what works in the switch for this program dies with it, and the lock
-  // is free when the last of them is gone.
-  constexpr int flags = O_NOFOLLOW | O_NONBLOCK;
+void switch_dir::open_lock_file(access how) {
+  constexpr int flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   lock_.reset(openat(folder_.get(), lock_name, flags | O_RDWR | O_CREAT, 0644));
   if (!lock_.is_open() && how == access::read) {
     lock_.reset(openat(folder_.get(), lock_name, flags | O_RDONLY));
-    if (!lock_.is_open() && (errno == ENOENT || errno == EACCES)) {
-      return; // somebody who may only look cannot be in anybody's way
+    if (!lock_.is_open() && (errno == ENOENT || errno == EACCES || errno == EROFS)) {
+      return; // it only tells who works there
     }
   }
   struct stat about = {};
-  if (!lock_.is_open() || fstat(lock_.get(), &about) != 0 || !S_ISREG(about.st_mode)) {
-    throw failure(exit_refused, std::string("cannot open its lock file ") + lock_name + ": " +
-                                    (lock_.is_open() ? "not a regular file" : error_text(errno)) +
-                                    "; run as the user that the switch belongs to");
+  if (lock_.is_open() && fstat(lock_.get(), &about) == 0 && S_ISREG(about.st_mode)) {
+    return;
   }
-  const int wanted = (how == access::write ? LOCK_EX : LOCK_SH) | LOCK_NB;
+  if (!lock_.is_open() && errno == EROFS) {
+    throw failure(exit_refused, "its file system is read-only; copy the switch elsewhere");
+  }
+  throw failure(exit_refused, std::string("cannot open its lock file ") + lock_name + ": " +
+                                  (lock_.is_open() ? "not a regular file" : error_text(errno)) +
+                                  "; run as the user that the switch belongs to");
+}
+
+void switch_dir::wait_for_lock(int operation) const {
   const auto until = std::chrono::steady_clock::now() + patience;
-  while (flock(lock_.get(), wanted) != 0) {
+  while (flock(folder_.get(), operation | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) {
       throw failure(exit_failed, "cannot lock the switch: " + error_text(errno));
     }
-    const std::string holder = lock_holder(lock_.get());
-    if (is_alive(holder)) {
-      in_use(holder);
-    }
-    if (std::chrono::steady_clock::now() > until) {
-      in_use("");
+    if (!holder().empty() || std::chrono::steady_clock::now() > until) {
+      in_use();
     }
     std::this_thread::sleep_for(20ms);
   }
+}
+
+void switch_dir::note_holder() {
+  const std::string pid = std::to_string(getpid());
+  const std::string text = pid + " " + start_of(pid) + "\n";
+  // The lock counts, not the name: a full disk is told later and better.
+  named_ = ftruncate(lock_.get(), 0) == 0 &&
+           pwrite(lock_.get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+}
+
+void switch_dir::lock(access how) {
+  open_lock_file(how);
+  wait_for_lock(how == access::write ? LOCK_EX : LOCK_SH);
   if (how == access::write) {
-    const std::string pid = std::to_string(getpid()) + "\n";
-    // The lock counts, not the name in it: a full disk is told later and better.
-    named_ = ftruncate(lock_.get(), 0) == 0 &&
-             pwrite(lock_.get(), pid.data(), pid.size(), 0) == static_cast<ssize_t>(pid.size());
+    note_holder();
   }
 }
 
 // Whoever only looks leaves it to the next one who may write; current/ is whole either way.
 bool switch_dir::may_recover() const {
-  if (!lock_.is_open() || faccessat(folder_.get(), ".", W_OK, AT_EACCESS) != 0) {
+  if (faccessat(folder_.get(), ".", W_OK, AT_EACCESS) != 0) {
     return false;
   }
-  if (flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) {
+  if (flock(folder_.get(), LOCK_EX | LOCK_NB) == 0) {
     return true;
   }
   share_lock(); // a failed change of the lock has given it up
@@ -182,14 +220,14 @@ bool switch_dir::may_recover() const {
 }
 
 void switch_dir::share_lock() const {
-  if (flock(lock_.get(), LOCK_SH | LOCK_NB) != 0) {
-    in_use(lock_holder(lock_.get()));
+  if (flock(folder_.get(), LOCK_SH | LOCK_NB) != 0) {
+    in_use();
   }
 }
 
 void switch_dir::recover(access how) {
   const int folder = folder_.get();
-  const char *const leftovers[] = {next_name, discard_name, probe_a, probe_b};
+  const char *const leftovers[] = {next_name, discard_name, probe_a, probe_b, copy_name};
   bool any = false;
   for (const char *name : leftovers) {
     any = any || tree::exists(folder, name);
@@ -200,9 +238,12 @@ void switch_dir::recover(access how) {
   bool finished = false;
   bool removed = false;
   recover_next(&finished, &removed);
-  tree::remove(folder, discard_name);
-  tree::remove(folder, probe_a);
-  tree::remove(folder, probe_b);
+  for (const char *name : {discard_name, probe_a, probe_b}) {
+    put_away_or_say(name);
+  }
+  if (!tree::exists(folder, next_name)) {
+    put_away_or_say(copy_name);
+  }
   sync_folder(folder);
   if (how == access::read) {
     share_lock();
@@ -224,15 +265,54 @@ void switch_dir::recover_next(bool *finished, bool *removed) {
     return;
   }
   const std::optional<uint64_t> current = generation_of(folder, current_name);
+  if (!current) {
+    throw failure(exit_refused,
+                  "current/switch.json cannot be read, and next/ of a conversion that "
+                  "was stopped is there too: one of the two is the whole state; "
+                  "nothing was changed; keep a copy of both, then put the whole one "
+                  "at current/");
+  }
+  const bool is_copy = tree::exists(folder, copy_name);
   const std::optional<uint64_t> next = generation_of(folder, next_name);
-  if (current && next && *next < *current) {
-    tree::remove(folder, discard_name);
+  if (!is_copy && next && *next < *current) {
+    put_away_or_say(discard_name);
     keep_previous();
     *finished = true;
     return;
   }
-  tree::remove(folder, next_name);
+  put_away_or_say(next_name);
   *removed = true;
+}
+
+// Tidying up never keeps a command from its work: what cannot be removed, as another user's files
+// cannot, is put out of the way.
+std::string switch_dir::put_away(const char *name) const {
+  if (!tree::exists(folder_.get(), name)) {
+    return "";
+  }
+  try {
+    tree::remove(folder_.get(), name);
+    return "";
+  } catch (const failure &error) {
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+      const std::string aside = std::string(discard_name) + "." + std::to_string(attempt);
+      if (renameat2(folder_.get(), name, folder_.get(), aside.c_str(), RENAME_NOREPLACE) == 0) {
+        return std::string(error.what()) + "; it is now " + aside +
+               "/: remove that as the user that it belongs to";
+      }
+      if (errno != EEXIST) {
+        break;
+      }
+    }
+    return std::string(error.what()) + "; remove it as the user that it belongs to";
+  }
+}
+
+void switch_dir::put_away_or_say(const char *name) const {
+  const std::string trouble = put_away(name);
+  if (!trouble.empty()) {
+    output::message(in_quotes(path_) + ": " + trouble);
+  }
 }
 
 void switch_dir::open_current() {
@@ -264,16 +344,31 @@ void switch_dir::check_exchange() const {
 }
 
 unique_fd switch_dir::make_next() const {
-  tree::copy(folder_.get(), current_name, next_name);
-  unique_fd next = open_state(folder_.get(), next_name);
+  const int folder = folder_.get();
+  if (tree::exists(folder, next_name)) {
+    throw failure(exit_failed, "next/ stands in the way; move it elsewhere");
+  }
+  const unique_fd mark(
+      openat(folder, copy_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!mark.is_open() || fsync(mark.get()) != 0) {
+    throw failure(exit_failed, "cannot mark the copy of the state: " + error_text(errno));
+  }
+  sync_folder(folder);
+  tree::copy(folder, current_name, next_name);
+  unique_fd next = open_state(folder, next_name);
   if (!next.is_open()) {
     throw failure(exit_failed, "cannot open the copy of the state: " + error_text(errno));
   }
   return next;
 }
 
-void switch_dir::drop_next() const {
-  tree::remove(folder_.get(), next_name);
+std::string switch_dir::drop_next() const {
+  std::string trouble = put_away(next_name);
+  // Last: as long as there is a next/, it is known for a copy.
+  if (!tree::exists(folder_.get(), next_name)) {
+    unlinkat(folder_.get(), copy_name, 0);
+  }
+  return trouble;
 }
 
 void switch_dir::keep_previous() const {
@@ -287,16 +382,21 @@ void switch_dir::keep_previous() const {
   sync_folder(folder);
 }
 
-void switch_dir::commit(const switch_state &state) {
+void switch_dir::commit(unique_fd next, const switch_state &state) {
   const int folder = folder_.get();
-  unique_fd next = open_state(folder, next_name);
-  if (!next.is_open()) {
-    throw failure(exit_failed, "cannot open the copy of the state: " + error_text(errno));
-  }
+  // All that the converters' processes could do is done: what stands in the file now is this
+  // program's.
   tree::replace_file(next.get(), switch_file, state.to_json().dump(2) + "\n");
   if (syncfs(next.get()) != 0) {
     throw failure(exit_failed, "cannot sync the copy of the state: " + error_text(errno));
   }
+  if (!same_folder(next.get(), open_state(folder, next_name).get())) {
+    throw failure(exit_failed, "another one has come to the place of the copy of the state");
+  }
+  if (unlinkat(folder, copy_name, 0) != 0) {
+    throw failure(exit_failed, "cannot unmark the copy of the state: " + error_text(errno));
+  }
+  sync_folder(folder);
   if (renameat2(folder, current_name, folder, next_name, RENAME_EXCHANGE) != 0) {
     throw failure(exit_failed, "cannot exchange the states: " + error_text(errno));
   }
@@ -304,8 +404,9 @@ void switch_dir::commit(const switch_state &state) {
   state_ = state;
   try {
     sync_folder(folder);
+    put_away_or_say(discard_name);
     keep_previous();
-    tree::remove(folder, discard_name);
+    put_away_or_say(discard_name);
     sync_folder(folder);
   } catch (const failure &error) {
     output::message(in_quotes(path_) + ": the conversion is done, but tidying up failed (" +
@@ -315,13 +416,13 @@ void switch_dir::commit(const switch_state &state) {
 
 unique_fd switch_dir::make_run(std::string *number) const {
   if (mkdirat(folder_.get(), runs_name, 0755) != 0 && errno != EEXIST) {
-    throw failure(exit_failed, "cannot make the folder of runs: " + error_text(errno));
+    throw failure(exit_failed, "cannot make the folder runs/: " + error_text(errno) + runs_advice);
   }
   const unique_fd runs = open_state(folder_.get(), runs_name);
   const int fd = runs.is_open() ? openat(runs.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
   DIR *stream = fd < 0 ? nullptr : fdopendir(fd);
   if (stream == nullptr) {
-    throw failure(exit_failed, "cannot read the folder of runs: " + error_text(errno));
+    throw failure(exit_failed, "cannot read the folder runs/: " + error_text(errno) + runs_advice);
   }
   unsigned long last = 0;
   while (const dirent *entry = readdir(stream)) {
@@ -336,5 +437,5 @@ unique_fd switch_dir::make_run(std::string *number) const {
       return open_state(runs.get(), name);
     }
   }
-  throw failure(exit_failed, "cannot make a folder for the run: " + error_text(errno));
+  throw failure(exit_failed, "cannot make a folder in runs/: " + error_text(errno) + runs_advice);
 }

@@ -6,11 +6,15 @@
 //   previous/   the state before the last conversion
 //   discard/    while the step is tidied up: the state that previous/ held before
 //   runs/       one folder per run
-//   .lock       held by whoever works on the switch
+//   .lock       who works on the switch; the lock itself is on the switch's folder
+//   .copy       next/ is a copy that a conversion works on
+//   discard.N   what of the above could not be removed, put out of the way
 //
-// The step is one exchange of current/ and next/. A state's generation tells on which side of it
-// the program was stopped: next/ is a copy that nobody needs when it is of current's generation or
-// a later one, and the state before the conversion when it is of an earlier one.
+// The step is one exchange of current/ and next/. While .copy stands, next/ is a copy that nobody
+// needs, whatever the converters wrote into it. It goes just before the step, and from then on a
+// state's generation, which this program alone wrote, tells on which side of the step it was
+// stopped: next/ is a copy when it is of current's generation or a later one, and the state before
+// the conversion when it is of an earlier one.
 #ifndef DATAMORPH_SWITCH_DIR_H
 #define DATAMORPH_SWITCH_DIR_H
 
@@ -41,12 +45,12 @@ public:
 
   // Makes next/ a copy of current/ and opens it. Throws failure.
   unique_fd make_next() const;
-  void drop_next() const;
+  // Removes it. What of it could not be removed and where that is now, for a message; else "".
+  std::string drop_next() const;
 
-  // Puts next/ with this state in the place of current/, and the old state into previous/. All is
-  // on disk when it returns. Throws failure(1); the switch is then as it was, unless the message
-  // says that the exchange is done.
-  void commit(const switch_state &state);
+  // Puts next/, which make_next gave, with this state in the place of current/, and the old state
+  // into previous/. All is on disk when it returns. Throws failure(1): the switch is as it was.
+  void commit(unique_fd next, const switch_state &state);
 
   // A new folder for a run; its number in *number.
   unique_fd make_run(std::string *number) const;
@@ -54,18 +58,24 @@ public:
 private:
   void open_folder();
   void lock(access how);
+  void open_lock_file(access how);
+  void wait_for_lock(int operation) const;
+  void note_holder();
   bool may_recover() const;
   void share_lock() const;
   void recover(access how);
   void recover_next(bool *finished, bool *removed);
+  std::string put_away(const char *name) const;
+  void put_away_or_say(const char *name) const;
   void keep_previous() const;
-  [[noreturn]] void in_use(const std::string &holder) const;
+  std::string holder() const;
+  [[noreturn]] void in_use() const;
   void open_current();
 
   std::string path_;
-  unique_fd folder_;
-  unique_fd lock_;
-  bool named_ = false; // this process's number stands in the lock file
+  unique_fd folder_;   // carries the lock
+  unique_fd lock_;     // the lock file, where this user may open it
+  bool named_ = false; // this process's number stands in it
   unique_fd current_;
   switch_state state_;
 };

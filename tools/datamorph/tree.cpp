@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <vector>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,8 +16,6 @@
 #include "unique_fd.h"
 
 namespace {
-
-constexpr int deepest = 512; // folders within folders, so that no tree exhausts the stack
 
 struct closer {
   void operator()(DIR *folder) const { closedir(folder); }
@@ -46,51 +45,147 @@ template <typename visit_t> void for_each_entry(int folder, visit_t visit) {
   }
 }
 
-void remove_below(int parent, const std::string &name, int depth) {
-  unique_fd folder = open_folder(parent, name);
-  if (!folder.is_open() && errno == EACCES) {
-    fchmodat(parent, name.c_str(), 0700, 0);
-    folder = open_folder(parent, name);
+// Goes through a tree with one folder open at a time and no recursion, so that neither its depth
+// nor the length of its paths matters. The way back up is the folder's own "..", believed only when
+// it is the folder that the way down came through.
+class walk {
+public:
+  virtual ~walk() = default;
+  // Throws failure(1) naming the entry by its path.
+  void run(int parent, const std::string &name);
+
+protected:
+  walk() = default;
+  walk(const walk &) = default;
+  walk &operator=(const walk &) = default;
+
+  virtual unique_fd enter(int parent, const std::string &name) = 0;
+  virtual bool is_folder(int folder, const std::string &name) = 0; // one that is to be entered
+  virtual void leave(int parent, const std::string &name) = 0;     // all below it has been seen
+  [[noreturn]] void failed_at(const char *what, const std::string &name, int error) const;
+
+private:
+  struct level {
+    std::string name;
+    struct stat about;
+    std::vector<std::string> below; // folders that are still to be entered
+  };
+  void down(int parent, const std::string &name);
+  void up();
+
+  unique_fd folder_; // the innermost of the levels
+  std::vector<level> levels_;
+};
+
+void walk::failed_at(const char *what, const std::string &name, int error) const {
+  std::string path;
+  for (const level &level : levels_) {
+    path += level.name + "/";
   }
-  if (!folder.is_open()) {
-    failed("open", name, errno);
+  constexpr size_t longest = 300;
+  if (path.size() > longest) {
+    path.replace(longest / 2, path.size() - longest, "...");
   }
-  if (depth > deepest) {
-    failed("remove", name, ELOOP);
-  }
-  fchmod(folder.get(), 0700);
-  for_each_entry(folder.get(), [&](const std::string &entry) {
-    if (unlinkat(folder.get(), entry.c_str(), 0) == 0) {
-      return;
-    }
-    if (errno != EISDIR && errno != EPERM) {
-      failed("remove", entry, errno);
-    }
-    remove_below(folder.get(), entry, depth + 1);
-  });
-  if (unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0) {
-    failed("remove", name, errno);
-  }
+  failed(what, path + name, error);
 }
 
-uint64_t used_below(int parent, const std::string &name, int depth) {
-  struct stat about = {};
-  if (fstatat(parent, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) != 0) {
-    failed("examine", name, errno);
+void walk::down(int parent, const std::string &name) {
+  unique_fd folder = enter(parent, name);
+  level next = {name, {}, {}};
+  if (!folder.is_open() || fstat(folder.get(), &next.about) != 0) {
+    failed_at("open", name, errno);
   }
-  auto used = static_cast<uint64_t>(about.st_blocks) * 512;
-  if (!S_ISDIR(about.st_mode)) {
-    return used;
-  }
-  const unique_fd folder = open_folder(parent, name);
-  if (!folder.is_open() || depth > deepest) {
-    failed("read the folder", name, folder.is_open() ? ELOOP : errno);
-  }
-  for_each_entry(folder.get(), [&](const std::string &entry) {
-    used += used_below(folder.get(), entry, depth + 1);
+  folder_ = std::move(folder);
+  levels_.push_back(std::move(next));
+  level &here = levels_.back();
+  for_each_entry(folder_.get(), [&](const std::string &entry) {
+    if (is_folder(folder_.get(), entry)) {
+      here.below.push_back(entry);
+    }
   });
-  return used;
 }
+
+void walk::up() {
+  const std::string left = levels_.back().name;
+  unique_fd above(openat(folder_.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const struct stat &expected = levels_[levels_.size() - 2].about;
+  struct stat about = {};
+  if (!above.is_open() || fstat(above.get(), &about) != 0) {
+    failed_at("leave", ".", errno);
+  }
+  if (about.st_dev != expected.st_dev || about.st_ino != expected.st_ino) {
+    failed_at("leave", ".", ESTALE); // moved elsewhere meanwhile
+  }
+  levels_.pop_back();
+  folder_ = std::move(above);
+  leave(folder_.get(), left);
+}
+
+void walk::run(int parent, const std::string &name) {
+  down(parent, name);
+  for (;;) {
+    level &here = levels_.back();
+    if (!here.below.empty()) {
+      const std::string next = std::move(here.below.back());
+      here.below.pop_back();
+      down(folder_.get(), next);
+    } else if (levels_.size() > 1) {
+      up();
+    } else {
+      break;
+    }
+  }
+  levels_.clear();
+  folder_.reset();
+  leave(parent, name);
+}
+
+class removal : public walk {
+  unique_fd enter(int parent, const std::string &name) override {
+    unique_fd folder = open_folder(parent, name);
+    if (!folder.is_open() && errno == EACCES) {
+      fchmodat(parent, name.c_str(), 0700, 0);
+      folder = open_folder(parent, name);
+    }
+    if (folder.is_open()) {
+      fchmod(folder.get(), 0700);
+    }
+    return folder;
+  }
+  bool is_folder(int folder, const std::string &name) override {
+    if (unlinkat(folder, name.c_str(), 0) == 0) {
+      return false;
+    }
+    if (errno != EISDIR && errno != EPERM) {
+      failed_at("remove", name, errno);
+    }
+    return true;
+  }
+  void leave(int parent, const std::string &name) override {
+    if (unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0) {
+      failed_at("remove", name, errno);
+    }
+  }
+};
+
+class measuring : public walk {
+public:
+  uint64_t used = 0;
+
+private:
+  unique_fd enter(int parent, const std::string &name) override {
+    return open_folder(parent, name);
+  }
+  bool is_folder(int folder, const std::string &name) override {
+    struct stat about = {};
+    if (fstatat(folder, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) != 0) {
+      failed_at("examine", name, errno);
+    }
+    used += static_cast<uint64_t>(about.st_blocks) * 512;
+    return S_ISDIR(about.st_mode);
+  }
+  void leave(int, const std::string &) override {}
+};
 
 bool write_content(int file, const std::string &content) {
   for (size_t done = 0; done < content.size();) {
@@ -119,11 +214,13 @@ void remove(int folder, const std::string &name) {
   if (errno != EISDIR && errno != EPERM) {
     failed("remove", name, errno);
   }
-  remove_below(folder, name, 0);
+  removal().run(folder, name);
 }
 
 uint64_t bytes_used(int folder, const std::string &name) {
-  return used_below(folder, name, 0);
+  measuring measured;
+  measured.run(folder, name);
+  return measured.used;
 }
 
 uint64_t bytes_free(int folder) {

@@ -150,9 +150,35 @@ TEST_F(small_disk, a_switch_that_does_not_fit_is_not_built) {
   const result made = run({"lab", "create", "disk/sw"});
 
   EXPECT_EQ(made.status, 1);
+  EXPECT_NE(made.err.find("; its file system is full: make room there"), std::string::npos)
+      << made.err;
   EXPECT_EQ(std::count(made.err.begin(), made.err.end(), '\n'), 1) << made.err;
   EXPECT_FALSE(exists("disk/sw"));
   EXPECT_FALSE(exists("disk/.sw.creating"));
+  umount2(path("disk").c_str(), MNT_DETACH);
+}
+
+TEST_F(small_disk, a_mount_point_can_become_a_switch) {
+  mount_small("disk", "4m");
+
+  const result made = run({"lab", "create", "disk"});
+
+  EXPECT_EQ(made.status, 0) << made.err;
+  EXPECT_EQ(run({"lab", "show", "disk"}).status, 0);
+  umount2(path("disk").c_str(), MNT_DETACH);
+}
+
+TEST_F(small_disk, a_read_only_switch_can_be_looked_at_and_is_not_converted) {
+  mount_small("disk", "4m");
+  ASSERT_EQ(run({"lab", "create", "disk/sw"}).status, 0);
+  ASSERT_EQ(mount("none", path("disk").c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+
+  const result converted = run({"convert", "disk/sw", "--to", "4.2(1)"});
+
+  EXPECT_EQ(converted.status, 3);
+  EXPECT_EQ(converted.err, "datamorph: 'disk/sw': its file system is read-only; copy the switch "
+                           "elsewhere\n");
+  EXPECT_EQ(run({"lab", "show", "disk/sw"}).status, 0);
   umount2(path("disk").c_str(), MNT_DETACH);
 }
 

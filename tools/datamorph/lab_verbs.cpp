@@ -8,7 +8,6 @@
 #include <set>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@
 #include "switch_dir.h"
 #include "text.h"
 #include "tree.h"
+#include "workshop.h"
 
 namespace {
 
@@ -29,133 +29,18 @@ constexpr size_t largest_description = 64 << 20;
 
 // ---- create ------------------------------------------------------------------------------------
 
-struct place {
-  unique_fd parent;
-  std::string name;
-};
-
-place place_of(const std::string &dir) {
-  std::error_code ignored;
-  std::filesystem::path path = dir;
-  if (std::filesystem::is_directory(path, ignored)) {
-    path = std::filesystem::canonical(path, ignored);
-  }
-  while (!path.empty() && path.filename().empty() && path.has_relative_path()) {
-    path = path.parent_path(); // a slash at the end
-  }
-  const std::string name = path.filename();
-  if (name.empty() || name == "." || name == "..") {
-    throw failure(exit_refused, in_quotes(dir) + ": no name for a new directory");
-  }
-  const std::string parent = path.has_parent_path() ? path.parent_path().string() : ".";
-  place found = {unique_fd(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), name};
-  if (!found.parent.is_open()) {
-    throw failure(exit_refused, in_quotes(dir) +
-                                    ": cannot open the directory that it would be in: " +
-                                    error_text(errno) + "; make that one first");
-  }
-  return found;
-}
-
-void check_free(const place &where, const std::string &dir) {
-  struct stat about = {};
-  if (fstatat(where.parent.get(), where.name.c_str(), &about, AT_SYMLINK_NOFOLLOW) != 0) {
-    if (errno == ENOENT) {
-      return;
-    }
-    throw failure(exit_refused, in_quotes(dir) + ": " + error_text(errno));
-  }
-  std::error_code error;
-  if (!S_ISDIR(about.st_mode)) {
-    throw failure(exit_refused,
-                  in_quotes(dir) + ": stands already and is no directory; name another");
-  }
-  if (!std::filesystem::is_empty(dir, error)) {
-    throw failure(exit_refused, in_quotes(dir) + ": stands already and is not empty; remove it or "
-                                                 "name another directory");
-  }
-}
-
-// Hidden, beside the switch to come, and short enough for any name.
-std::string building_name(const std::string &name) {
-  std::string building = ".";
-  building += name.substr(0, 200);
-  building += ".creating";
-  return building;
-}
-
-// The folder in which a switch is built before it gets its name. It is locked while that goes on,
-// so that one which a stopped command left can be told from one in use.
-class workshop {
-public:
-  workshop(const place &where, const std::string &dir)
-      : parent_(where.parent.get()), name_(building_name(where.name)) {
-    if (mkdirat(parent_, name_.c_str(), 0755) != 0) {
-      if (errno != EEXIST) {
-        throw failure(exit_refused, in_quotes(dir) + ": cannot write beside it: " +
-                                        error_text(errno) + "; run as a user who may");
-      }
-      take_over(dir);
-    }
-    open_locked(dir);
-  }
-  ~workshop() {
-    if (!name_.empty()) {
-      try {
-        tree::remove(parent_, name_);
-      } catch (const failure &error) {
-        output::message(error.what());
-      }
-    }
-  }
-  workshop(const workshop &) = delete;
-  workshop &operator=(const workshop &) = delete;
-
-  int folder() const { return folder_.get(); }
-
-  void become(const place &where, const std::string &dir) {
-    if (renameat(parent_, name_.c_str(), parent_, where.name.c_str()) != 0) {
-      throw failure(exit_failed,
-                    in_quotes(dir) + ": cannot put the switch in place: " + error_text(errno));
-    }
-    name_.clear();
-    fsync(parent_);
-  }
-
-private:
-  void open_locked(const std::string &dir) {
-    folder_.reset(openat(parent_, name_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-    if (!folder_.is_open() || flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) {
-      name_.clear();
-      throw failure(exit_in_use, in_quotes(dir) + ": another command is building it");
-    }
-  }
-
-  void take_over(const std::string &dir) {
-    open_locked(dir);
-    tree::remove(parent_, name_);
-    output::message(in_quotes(dir) + ": removed what a stopped command had built so far");
-    if (mkdirat(parent_, name_.c_str(), 0755) != 0) {
-      throw failure(exit_failed, in_quotes(dir) + ": cannot write beside it: " + error_text(errno));
-    }
-  }
-
-  int parent_;
-  std::string name_;
-  unique_fd folder_;
-};
-
 void make_folder(int folder, const char *name) {
   if (mkdirat(folder, name, 0755) != 0) {
     throw failure(exit_failed, std::string("cannot make ") + name + ": " + error_text(errno));
   }
 }
 
-void build(int folder, const description &wanted) {
-  make_folder(folder, "current");
-  make_folder(folder, "runs");
+void build(const workshop &shop, const description &wanted) {
+  const int folder = shop.folder();
   tree::replace_file(folder, ".lock", "");
-  const unique_fd current(openat(folder, "current", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  make_folder(folder, shop.state_name());
+  make_folder(folder, "runs");
+  const unique_fd current(openat(folder, shop.state_name(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   jail::request request;
   request.root = current.get();
   request.body = [&](const jail::channel &) { populate(wanted); };
@@ -167,6 +52,12 @@ void build(int folder, const description &wanted) {
   if (syncfs(folder) != 0) {
     throw failure(exit_failed, "cannot sync the switch: " + error_text(errno));
   }
+}
+
+// Whether a failed write there is explained by a full disk.
+bool is_full(int folder) {
+  constexpr uint64_t next_to_nothing = 64 << 10;
+  return tree::bytes_free(folder) < next_to_nothing;
 }
 
 // ---- show --------------------------------------------------------------------------------------
@@ -324,16 +215,16 @@ int lab_create(const common_options &common, const std::string &dir, const std::
       from.empty() ? example_description : tree::read_file(AT_FDCWD, from, largest_description);
   const description wanted = parse_description(text, origin);
   const stop_signal::guard guard;
-  const place where = place_of(dir);
-  check_free(where, dir);
-  workshop shop(where, dir);
+  workshop shop(dir);
   try {
-    build(shop.folder(), wanted);
+    build(shop, wanted);
   } catch (const failure &error) {
-    throw failure(error.status(), in_quotes(dir) + ": " + error.what());
+    const bool full = error.status() == exit_failed && is_full(shop.folder());
+    throw failure(error.status(), in_quotes(dir) + ": " + error.what() +
+                                      (full ? "; its file system is full: make room there" : ""));
   }
   stop_signal::check();
-  shop.become(where, dir);
+  shop.become_switch();
   if (common.format == output::format::json) {
     output::json({{"switch", dir},
                   {"name", wanted.state.name},

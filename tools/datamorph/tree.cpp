@@ -56,8 +56,8 @@ public:
 
 protected:
   walk() = default;
-  walk(const walk &) = default;
-  walk &operator=(const walk &) = default;
+  walk(const walk &) = delete;
+  walk &operator=(const walk &) = delete;
 
   virtual unique_fd enter(int parent, const std::string &name) = 0;
   virtual bool is_folder(int folder, const std::string &name) = 0; // one that is to be entered

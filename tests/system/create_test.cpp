@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -57,8 +58,9 @@ TEST_F(create_verb, an_empty_directory_stays_what_it_is) {
 
 TEST_F(create_verb, the_working_directory_can_become_a_switch) {
   fs::create_directory(path("sw"));
-  in_child = [this] {
-    if (chdir(path("sw").c_str()) != 0) {
+  const int here = open(path("sw").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  in_child = [here] {
+    if (fchdir(here) != 0) {
       _exit(125);
     }
   };
@@ -67,6 +69,7 @@ TEST_F(create_verb, the_working_directory_can_become_a_switch) {
   const result shown = run({"lab", "show", "."});
 
   EXPECT_EQ(shown.status, 0) << shown.err;
+  close(here);
 }
 
 TEST_F(create_verb, an_own_directory_in_one_of_somebody_else_will_do) {

@@ -2,10 +2,12 @@
 #ifndef TESTS_SYSTEM_COMMAND_H
 #define TESTS_SYSTEM_COMMAND_H
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -41,6 +43,17 @@ using files = std::map<std::string, std::string>; // path in a tree: mode and co
 
 class command_test : public testing::Test {
 protected:
+  // Waits until a condition holds; false after 20 seconds.
+  template <typename condition_t> static bool eventually(condition_t holds) {
+    for (int at = 0; at < 2000; ++at) {
+      if (holds()) {
+        return true;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
   void SetUp() override;
   void TearDown() override;
 

@@ -16,17 +16,6 @@ using namespace std::chrono_literals;
 
 class interruption : public command_test {
 protected:
-  // Waits until a condition holds; false after 20 seconds.
-  template <typename condition_t> static bool eventually(condition_t holds) {
-    for (int at = 0; at < 2000; ++at) {
-      if (holds()) {
-        return true;
-      }
-      std::this_thread::sleep_for(10ms);
-    }
-    return false;
-  }
-
   // A conversion that stands still in the middle of its work.
   std::unique_ptr<background> start_hanging() {
     fake("hang");

@@ -20,17 +20,6 @@ using namespace std::chrono_literals;
 
 class safety : public command_test {
 protected:
-  // Waits until a condition holds; false after 20 seconds.
-  template <typename condition_t> static bool eventually(condition_t holds) {
-    for (int at = 0; at < 2000; ++at) {
-      if (holds()) {
-        return true;
-      }
-      std::this_thread::sleep_for(10ms);
-    }
-    return false;
-  }
-
   // A conversion that does `what` and stands still then.
   std::unique_ptr<background> start_hanging(const std::string &what = "hang") {
     fake(what);

@@ -116,6 +116,15 @@ std::string line_of(const journal_state &journal, const journal_entry &entry, bo
   if (entry.uri) {
     append_text(&line, "uri", *entry.uri);
   }
+  if (entry.table_vdc) {
+    append_number(&line, "table_vdc", *entry.table_vdc);
+  }
+  if (entry.uuid) {
+    append_number(&line, "uuid", *entry.uuid);
+  }
+  if (entry.tag) {
+    append_text(&line, "tag", *entry.tag);
+  }
   if (entry.key) {
     append_hex(&line, "key", *entry.key);
   }
@@ -155,6 +164,10 @@ void journal_write(const journal_entry &entry) noexcept {
   }
   journal_state &journal = state();
   const std::lock_guard<std::mutex> lock(journal.mutex);
+  if (!journal_on()) { // stopped meanwhile: the file is not ours any more, the counts have been
+                       // read
+    return;
+  }
   const bool unexpected = entry.status != 0 && entry.status != entry.expected;
   ++journal.lines;
   journal.unexpected += unexpected ? 1 : 0;

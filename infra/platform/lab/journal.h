@@ -24,6 +24,9 @@ struct journal_entry {
   uint64_t changed = 0;
   uint64_t removed = 0;
   std::optional<uint32> sap;
+  std::optional<uint32> table_vdc; // whose tag table it was; "vdc" is the running request's
+  std::optional<uint32> uuid;
+  std::optional<std::string_view> tag;
   uint32 status = 0;
   uint32 expected = 0; // a status beside 0 that only says that the thing was not there
 };

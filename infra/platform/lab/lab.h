@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/mts.h"
@@ -78,7 +79,8 @@ struct message_info {
 bool mts_message_info(mts_ref_t reference, message_info *info);
 int mts_reply(mts_q_handle_t queue, mts_ref_t request, const void *payload, uint32 length);
 
-// Closes all queues and ends the message threads. To be called before the process forks or ends.
+// Ends the system manager's service, closes all queues and ends the message threads. To be called
+// before the process forks or ends.
 void mts_shutdown();
 
 // ---- System manager ----------------------------------------------------------------------------
@@ -86,13 +88,52 @@ void mts_shutdown();
 // The VDCs that the switch has (1 to 16); a tag table can be made for these only. Frees all tables.
 void sysmgr_set_vdcs(const std::vector<vdc_id_t> &vdcs);
 
+// The system manager's service: a queue and a thread that answer access point MTS_SAP_SYSMGR, until
+// sysmgr_stop() or mts_shutdown(). It edits sysmgr_info_tbl while it answers a request, and no
+// signal is delivered to its thread. It must not run over a fork. 0, or -1 and errno: EALREADY when
+// it runs already.
+int sysmgr_start();
+// The access point is again whoever's it was before, or gone, unless somebody removed it or
+// registered it anew meanwhile. 0, also when the service does not run; -1 and errno when the access
+// point could not be given back (it is gone then, or cannot be written): the service has ended
+// nevertheless.
+int sysmgr_stop();
+
+// One service's entry in a tag table.
+struct tag_entry {
+  uint32 uuid = 0;
+  std::string tag;
+};
+
+// The entries of a table in its order; bytes behind its stated size are left alone. TLVs of other
+// types, and those without room for a service's number, are skipped, as they are by
+// sysmgr_srv_tag_info_add. False, and *entries as it was, for bytes that are no tag table.
+bool tag_table_decode(std::string_view bytes, std::vector<tag_entry> *entries);
+// The table that holds these entries in this order, of each tag the first 31 characters. The caller
+// sees to it that a service stands there once, and that a table to be run has SYSMGR_TAG_TABLE_MAX
+// bytes at most.
+std::string tag_table_encode(const std::vector<tag_entry> &entries);
+
+// Where the running tag tables are between two processes that play the system manager. A record
+// per VDC that has one: key = the VDC as 2 bytes, big-endian, value = the table.
+inline constexpr char running_tag_tables[] = "volatile:/sysmgr/tag_tables";
+
+// Makes the tables of that store the running ones; a store that is not there holds none.
+// SYSERR_PSS_DAMAGED for a table that is none or of a VDC that the switch does not have, else the
+// status of the store; the running tables are as they were then.
+syserr_t sysmgr_load_tables();
+// Makes the store hold the running tables and no others; writes what differs, and does not touch or
+// make the store when nothing does. SYSERR_PSS_DAMAGED for a running table that could not be loaded
+// again. After a failure the store's records are what they were.
+syserr_t sysmgr_save_tables();
+
 // ---- Journal -----------------------------------------------------------------------------------
 //
 // While a journal is on, each platform call that changes something is written to it as one line of
 // JSON: n, moment, vdc, service (the request that was running), call, and where they apply uri,
 // key (hex), old and new (bytes of the value, null when absent), added, changed, removed (records
-// of that store), sap, status, and unexpected (true for a write that failed for another reason than
-// that the thing was not there).
+// of that store), sap, table_vdc, uuid, tag (an entry of a tag table), status, and unexpected (true
+// for a write that failed for another reason than that the thing was not there).
 
 // Writes to `fd` (owned by the caller, who closes it after journal_stop). `fd` -1: counts only.
 void journal_start(int fd);

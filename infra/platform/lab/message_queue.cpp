@@ -209,15 +209,18 @@ int message_queue::send(const std::string &endpoint, const message &what) {
   const clock::time_point deadline = clock::now() + std::chrono::milliseconds(k_connect_ms);
   while (zmq_send(peer, bytes.data(), bytes.size(), ZMQ_DONTWAIT) < 0) {
     const bool waiting = errno == EAGAIN || errno == EINTR;
-    const int error = !waiting ? errno : clock::now() >= deadline ? EAGAIN : probe(endpoint);
+    const int error = !waiting                   ? errno
+                      : closed_                  ? EBADF
+                      : clock::now() >= deadline ? EAGAIN
+                                                 : probe(endpoint);
     if (error != 0) {
       if (error == ECONNREFUSED) { // a peer that is only slow keeps what it was sent
         senders_.erase(endpoint);
       }
       return error;
     }
-    zmq_pollitem_t item = {peer, 0, ZMQ_POLLOUT, 0};
-    zmq_poll(&item, 1, 100);
+    zmq_pollitem_t items[] = {{peer, 0, ZMQ_POLLOUT, 0}, {nullptr, wake_.get(), ZMQ_POLLIN, 0}};
+    zmq_poll(items, 2, 100);
   }
   return 0;
 }

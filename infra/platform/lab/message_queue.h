@@ -54,7 +54,7 @@ public:
   // Waits for a message that fits; others are kept for later calls. EBADF when the queue is closed
   // meanwhile.
   int receive(const mts_recv_options_t &options, message *found);
-  // Wakes whoever waits in receive(), and lets nobody in again.
+  // Wakes whoever waits in receive() or for room in send(), and lets nobody in again.
   void close();
 
   uint32 number() const { return number_; }

@@ -243,6 +243,7 @@ int mts_reply(mts_q_handle_t queue, mts_ref_t request, const void *payload, uint
 }
 
 void mts_shutdown() {
+  sysmgr_stop();
   mts_state &all = state();
   while (true) {
     mts_q_handle_t number = 0;

@@ -29,6 +29,12 @@ inline double median(std::vector<double> samples) {
   return samples.size() % 2 == 1 ? samples[middle] : (samples[middle - 1] + samples[middle]) / 2;
 }
 
+// The sample that `percent` of them are not above.
+inline double percentile(std::vector<double> samples, size_t percent) {
+  std::sort(samples.begin(), samples.end());
+  return samples[(samples.size() * percent + 99) / 100 - 1];
+}
+
 inline void print_header() {
   std::printf("%-58s %14s %14s %7s %7s\n", "figure", "measured", "floor", "ratio", "limit");
 }

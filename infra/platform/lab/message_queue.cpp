@@ -132,14 +132,29 @@ int message_queue::open() {
   }
   set_option(receiver_.get(), ZMQ_LINGER, 0);
   zmq_setsockopt(receiver_.get(), ZMQ_MAXMSGSIZE, &k_longest_frame, sizeof(k_longest_frame));
+  const std::string own_name = "inproc://" + endpoint_;
+  waker_.reset(zmq_socket(context_, ZMQ_PUSH));
+  if (waker_ == nullptr || zmq_bind(receiver_.get(), own_name.c_str()) != 0 ||
+      zmq_connect(waker_.get(), own_name.c_str()) != 0) {
+    return errno;
+  }
   return zmq_bind(receiver_.get(), zmq_address(endpoint_).c_str()) == 0 ? 0 : errno;
 }
 
-void message_queue::close() {
-  closed_ = true;
+void message_queue::wake_all() {
   const uint64_t one = 1;
   if (wake_.good() && write(wake_.get(), &one, sizeof(one)) < 0) {
-    // The counter is full: it has woken the receiver already.
+    // The counter is full: nobody is left who sleeps.
+  }
+  if (waker_ != nullptr) {
+    zmq_send(waker_.get(), "", 0, ZMQ_DONTWAIT);
+    waker_.reset();
+  }
+}
+
+void message_queue::close() {
+  if (!closed_.exchange(true)) {
+    wake_all();
   }
   {
     const std::lock_guard<std::timed_mutex> lock(receiving_);
@@ -227,50 +242,42 @@ int message_queue::send(const std::string &endpoint, const message &what) {
 
 // ---- Receiving ---------------------------------------------------------------------------------
 
-// A message that is there already. EAGAIN for none.
-int message_queue::take(const mts_recv_options_t &options, message *found) {
+bool message_queue::take_kept(const mts_recv_options_t &options, message *found) {
   const auto kept = std::find_if(pending_.begin(), pending_.end(), [&options](const message &one) {
     return fits(options, one.head);
   });
-  if (kept != pending_.end()) {
-    *found = std::move(*kept);
-    pending_.erase(kept);
-    return 0;
+  if (kept == pending_.end()) {
+    return false;
   }
-  while (true) {
-    frame next;
-    if (zmq_msg_recv(next.raw(), receiver_.get(), ZMQ_DONTWAIT) < 0) {
-      if (errno == EINTR) {
-        continue; // nothing was waited for
-      }
-      return errno;
-    }
-    message arrived;
-    if (!parse(next.raw(), &arrived)) {
-      continue;
-    }
-    if (fits(options, arrived.head)) {
-      *found = std::move(arrived);
-      return 0;
-    }
-    if (pending_.size() < k_most_pending) {
-      pending_.push_back(std::move(arrived));
-    }
-  }
+  *found = std::move(*kept);
+  pending_.erase(kept);
+  return true;
 }
 
-int message_queue::wait(const mts_recv_options_t &options, clock::time_point deadline) {
-  long timeout = -1;
-  if (options.timeout != 0) {
+// The next message from the socket; a head without `magic` for a frame that is none, as the one
+// that wakes. The socket itself waits: a poll beside it costs as much again as all the rest.
+int message_queue::next(const mts_recv_options_t &options, clock::time_point deadline,
+                        message *arrived) {
+  int wait_ms = -1;
+  if (options.non_blocking != 0) {
+    wait_ms = 0;
+  } else if (options.timeout != 0) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now()).count();
-    if (left <= 0) {
-      return ETIMEDOUT;
-    }
-    timeout = static_cast<long>(std::min<int64_t>(left, INT_MAX));
+    wait_ms = static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
   }
-  zmq_pollitem_t items[] = {{receiver_.get(), 0, ZMQ_POLLIN, 0},
-                            {nullptr, wake_.get(), ZMQ_POLLIN, 0}};
-  return zmq_poll(items, 2, timeout) < 0 ? errno : 0;
+  if (wait_ms != receive_ms_) {
+    set_option(receiver_.get(), ZMQ_RCVTIMEO, wait_ms);
+    receive_ms_ = wait_ms;
+  }
+  frame arriving;
+  if (zmq_msg_recv(arriving.raw(), receiver_.get(), 0) < 0) {
+    const bool timed_out = errno == EAGAIN && options.non_blocking == 0;
+    return timed_out ? ETIMEDOUT : errno;
+  }
+  if (!parse(arriving.raw(), arrived)) {
+    arrived->head.magic = 0;
+  }
+  return 0;
 }
 
 int message_queue::receive(const mts_recv_options_t &options, message *found) {
@@ -285,17 +292,24 @@ int message_queue::receive(const mts_recv_options_t &options, message *found) {
   } else if (!lock.try_lock_until(deadline)) {
     return ETIMEDOUT;
   }
-  while (!closed_ && receiver_ != nullptr) {
-    const int taken = take(options, found);
-    if (taken != EAGAIN) {
-      return taken;
+  if (!closed_ && take_kept(options, found)) {
+    return 0;
+  }
+  while (!closed_) {
+    message arrived;
+    const int error = next(options, deadline, &arrived);
+    if (error == EINTR && options.non_blocking != 0) {
+      continue; // nothing was waited for
     }
-    if (options.non_blocking != 0) {
-      return EAGAIN;
+    if (error != 0) {
+      return error;
     }
-    const int waited = wait(options, deadline);
-    if (waited != 0) {
-      return waited;
+    if (arrived.head.magic == k_magic && fits(options, arrived.head)) {
+      *found = std::move(arrived);
+      return 0;
+    }
+    if (arrived.head.magic == k_magic && pending_.size() < k_most_pending) {
+      pending_.push_back(std::move(arrived));
     }
   }
   return EBADF;

@@ -69,18 +69,22 @@ private:
 
   int connect(const std::string &endpoint, void **found);
   void drop_dead_peers();
-  int take(const mts_recv_options_t &options, message *found);
-  int wait(const mts_recv_options_t &options, clock::time_point deadline);
+  void wake_all();
+  bool take_kept(const mts_recv_options_t &options, message *found);
+  int next(const mts_recv_options_t &options, clock::time_point deadline, message *arrived);
 
   void *context_;
   uint32 number_;
   std::string endpoint_;
-  unique_fd wake_;
+  unique_fd wake_; // whoever waits for room in send()
   std::atomic<bool> closed_{false};
 
-  std::timed_mutex receiving_; // guards the next two
+  std::timed_mutex receiving_; // guards the next three
   socket receiver_;
+  int receive_ms_ = -1; // how long the socket waits
   std::deque<message> pending_;
+
+  socket waker_; // whoever waits in receive(): a message of no bytes; for the one close only
 
   std::mutex sending_;       // guards the next two
   size_t most_senders_ = 64; // from then on, those whose peer went are dropped

@@ -115,12 +115,17 @@ TEST_F(main_test, gsync_table) {
   const decltype(rows(data_morph_gsync_table)) expected = {
       {390, psshlpr_data_morph_gsync},
       {219, ike_data_morph_gsync},
+      {501, cond_srv1_data_morph_gsync},
   };
   EXPECT_EQ(expected, rows(data_morph_gsync_table));
 }
 
 TEST_F(main_test, startup_table) {
-  const decltype(rows(data_morph_startup_table)) expected = {{219, ike_data_morph_startup}};
+  const decltype(rows(data_morph_startup_table)) expected = {
+      {219, ike_data_morph_startup},
+      {542, kps_data_morph_startup},
+      {381, dot1x_data_morph_startup},
+  };
   EXPECT_EQ(expected, rows(data_morph_startup_table));
 }
 
@@ -130,6 +135,7 @@ TEST_F(main_test, running_fs_upg_table) {
       {411, evms_data_morph_running_fs_upg}, {413, evmc_data_morph_running_fs_upg},
       {564, mvsh_data_morph_running_fs_upg}, {260, smm_data_morph_running_fs_upg},
       {261, clis_data_morph_running_fs_upg}, {166, epp_in_npv_mode_data_morph_running_fs_upg},
+      {542, kps_data_morph_running_fs_upg},  {381, dot1x_data_morph_running_fs_upg},
   };
   EXPECT_EQ(expected, rows(data_morph_running_fs_upg_table));
 }
@@ -141,6 +147,11 @@ TEST_F(main_test, psshlpr_upg_table) {
 TEST_F(main_test, unregistered_routines_stand_in_no_table) {
   for (const auto &row : rows(data_morph_running_fs_upg_table)) {
     EXPECT_NE(ike_data_morph_running_fs_upg, row.second);
+    EXPECT_NE(cond_srv1_data_morph_running_fs_upg, row.second);
+    EXPECT_NE(psec_data_morph_running_fs_upg, row.second);
+  }
+  for (const auto &row : rows(data_morph_startup_table)) {
+    EXPECT_NE(psec_data_morph_startup, row.second);
   }
 }
 
@@ -302,13 +313,33 @@ TEST_F(main_test, an_empty_table_yields_0) {
 // ---- Whole tables
 
 TEST_F(main_test, startup_all_walks_the_table) {
+  args.from_pkg_version = args.to_pkg_version;
   const lines_t lines = traced([this] { status = datamorph_startup_all(&args); });
   EXPECT_EQ(lines_t({"datamorph_startup_all: calling convert function for uuid = 0xdb\n",
-                     "Returning Success\n"}),
+                     "Returning Success\n",
+                     "datamorph_startup_all: calling convert function for uuid = 0x21e\n",
+                     "kps_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
+                     "from_ver = 4.2(1)\n",
+                     "datamorph_startup_all: calling convert function for uuid = 0x17d\n",
+                     "dot1x_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
+                     "from_ver = 4.2(1)\n"}),
             lines);
   EXPECT_EQ(0u, status);
-  traced([this] { status = datamorph_startup_all(nullptr); });
-  EXPECT_EQ(0u, status);
+  EXPECT_TRUE(platform.calls().empty());
+}
+
+TEST_F(main_test, startup_all_without_arguments_passes_ike_and_stops_at_kps) {
+  const lines_t lines = traced([this] { status = datamorph_startup_all(nullptr); });
+  EXPECT_EQ(lines_t({"datamorph_startup_all: calling convert function for uuid = 0xdb\n",
+                     "Returning Success\n",
+                     "datamorph_startup_all: calling convert function for uuid = 0x21e\n",
+                     "kps_data_morph_startup: path = (null), pkg_name = (null), to_ver = (null), "
+                     "from_ver = (null)\n",
+                     "kps service: NULL arguments in (kps_data_morph_startup)\n",
+                     "datamorph_startup_all: convert function # 1 for uuid = 0x21e returned error "
+                     "0x401e00a3\n"}),
+            lines);
+  EXPECT_EQ(0x401E00A3u, status);
 }
 
 TEST_F(main_test, startup_all_stops_at_the_first_failure_and_counts_rows_from_0) {
@@ -341,9 +372,9 @@ TEST_F(main_test, startup_all_stops_at_the_first_failure_and_counts_rows_from_0)
 
 TEST_F(main_test, running_fs_upg_all_traces_each_routine_under_both_names) {
   const lines_t lines = traced([this] { status = datamorph_running_fs_upg_all(&args); });
-  const uint32 order[] = {297, 327, 411, 413, 564, 260, 261, 166};
-  const char *const numbers[] = {"0x129", "0x147", "0x19b", "0x19d",
-                                 "0x234", "0x104", "0x105", "0xa6"};
+  const uint32 order[] = {297, 327, 411, 413, 564, 260, 261, 166, 542, 381};
+  const char *const numbers[] = {"0x129", "0x147", "0x19b", "0x19d", "0x234",
+                                 "0x104", "0x105", "0xa6",  "0x21e", "0x17d"};
   lines_t calls;
   for (const std::string &line : lines) {
     if (line.find("calling convert function") != std::string::npos) {

@@ -136,6 +136,35 @@ bool datamorph_is_srv_not_supported_target_ver(const char *curr_ver, const char 
  * terminated). 0, or -1 for a null argument, a size below 1 or an image without version text. */
 int datamorph_get_version(char *srg_path, char *ver_str, int ver_str_size);
 
+/* ---- Optional services and the tag table ------------------------------------------------------
+ */
+
+/* Tells the running system manager, over datamorph_mts_q, that a service has this tag in a VDC, and
+ * waits for its answer. At most 31 characters of the tag count. 0 also when that VDC does not
+ * exist; otherwise the system manager's status, or 0x801E0000 with the low 12 bits of errno when no
+ * answer came; all bits set for a null tag. */
+syserr_t sysmgr_add_tag_info_req(uuid_t srv_uuid, uint8 *srv_tag, vdc_id_t vdc);
+
+/* Enters the service in the VDC's tag table in "nonvolatile:PATH/bin/sysmgr_config", with the
+ * system manager's table in memory (sysmgr_info_tbl) as the work area, which keeps what was done to
+ * it also on failure. 0, also when there is no such store; 0x401E0076 for a VDC that has no table
+ * and gets none; 0x40480009 for a saved table that is none; all bits set for a null path or tag;
+ * otherwise the status of the fetch, addition or store that failed. */
+syserr_t sysmgr_add_tag_startup(const char *path, uuid_t srv_uuid, uint8 *srv_tag, vdc_id_t vdc);
+
+/* 1 when the service is optional-conditional in release to_ver, else 0. */
+int is_optional_conditional(uuid_t srv_uuid, const char *to_ver);
+
+/* Whether the feature is enabled in the saved configuration in directory `path`. Every failure is
+ * FALSE. */
+boolean was_dot1x_running(const char *path);
+boolean was_psec_running(const char *path);
+boolean was_kps_running(const char *path);
+
+/* 1 when from_ver is older than "4.2(1)" and the service is one of the three features and enabled,
+ * so that it moves from compulsory to optional; else 0. */
+int was_running_compulsory_conditional(const char *path, uuid_t srv_uuid, const char *from_ver);
+
 /* ---- Converters -------------------------------------------------------------------------------
  */
 
@@ -163,6 +192,34 @@ syserr_t ike_data_morph_startup(const char *path, const char *pkg_name, const ch
                                 const char *from_ver);
 syserr_t ike_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
                                        const char *from_ver);
+
+/* The first conditional service. gsync plants the small store "volatile:PATH/cond_srv_config" anew;
+ * 0x401E0056 when the version of one of the two images cannot be read, all bits set for a null
+ * path, else 0, whatever became of the store. The second only traces, stands in no table, and is
+ * always 0. */
+syserr_t cond_srv1_data_morph_gsync(const char *path, const char *pkg_name, const char *to_ver,
+                                    const char *from_ver);
+syserr_t cond_srv1_data_morph_running_fs_upg(const char *path, const char *pkg_name,
+                                             const char *to_ver, const char *from_ver);
+
+/* 802.1X, KPS and port security, which are optional services from "4.2(1)" on: one that was enabled
+ * before is entered in the tag table, so that it still starts. running_fs_upg tells the running
+ * system manager (VDC 1); startup also edits the saved table below `path` and takes the VDC from
+ * "/vdc_N" in it. 0 also when there is nothing to do; 0x401E00A3 for a null argument; 0x401E0076
+ * for a "/vdc_" without a number; otherwise the status of the step that failed. The two of port
+ * security stand in no table. */
+syserr_t dot1x_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                         const char *from_ver);
+syserr_t kps_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                       const char *from_ver);
+syserr_t psec_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                        const char *from_ver);
+syserr_t dot1x_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
+                                  const char *from_ver);
+syserr_t kps_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
+                                const char *from_ver);
+syserr_t psec_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
+                                 const char *from_ver);
 
 /* EPP: removes the service's stores and access point on a switch in NPV mode that goes down to a
  * release older than "4.1(2)". Always 0. */

@@ -1,10 +1,14 @@
 // The conversion framework and the converters that live with it: dispatch tables and entry points,
-// the conversion log, versions, and the store-removing converters of the running-filesystem moment.
+// the conversion log, versions, the system manager's tag tables and the services that became
+// optional, and the store-removing converters of the running-filesystem moment.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -18,6 +22,7 @@
 #include "platform/pss.h"
 #include "platform/pss2.h"
 #include "platform/sysmgr.h"
+#include "platform/tlv_array.h"
 
 // ---- Dispatch tables ---------------------------------------------------------------------------
 
@@ -25,12 +30,15 @@
 const data_morph_gsync data_morph_gsync_table[] = {
     {SRVUUID_PSS_HELPER, psshlpr_data_morph_gsync},
     {SRVUUID_IKE, ike_data_morph_gsync},
+    {SRVUUID_AIC_DBG, cond_srv1_data_morph_gsync},
     {SRVUUID_NONE, nullptr},
 };
 
 // Conversion of the startup configuration.
 const data_morph_startup data_morph_startup_table[] = {
     {SRVUUID_IKE, ike_data_morph_startup},
+    {SRVUUID_KPS, kps_data_morph_startup},
+    {SRVUUID_DOT1X, dot1x_data_morph_startup},
     {SRVUUID_NONE, nullptr},
 };
 
@@ -44,6 +52,8 @@ const data_morph_running_fs_upg data_morph_running_fs_upg_table[] = {
     {SRVUUID_SMM, smm_data_morph_running_fs_upg},
     {SRVUUID_CLIS, clis_data_morph_running_fs_upg},
     {SRVUUID_EXCHANGE_PEER_PARAMS, epp_in_npv_mode_data_morph_running_fs_upg},
+    {SRVUUID_KPS, kps_data_morph_running_fs_upg},
+    {SRVUUID_DOT1X, dot1x_data_morph_running_fs_upg},
     {SRVUUID_NONE, nullptr},
 };
 
@@ -103,6 +113,100 @@ static_assert(MTS_SAP_CLIS == MTS_SAP_CLISH + 1 && MTS_SAP_CLIS_CTRL == MTS_SAP_
 constexpr int k_removal_major = 3; // of the release being installed
 constexpr size_t k_uri_size = 256;
 constexpr int k_image_version_size = 255;
+
+// ---- Records of the services that became optional ----------------------------------------------
+
+// From this release on the features below are optional services.
+constexpr char k_optional_release[] = "4.2(1)";
+
+// A feature with a flag in its saved configuration.
+struct feature_t {
+  enum test_t { first_word, any_value }; // what of the flag's value says that it is enabled
+
+  uuid_t uuid;
+  const char *check_name; // routines, as the log's reader knows them
+  const char *running_fs_name;
+  const char *startup_name;
+  const char *label;         // service, as its message for null arguments names it
+  const char *store;         // in the configuration directory, with "_saved_config" behind
+  std::array<uint8, 12> key; // of the flag; stored by the service itself, so it never changes
+  uint32 key_size;
+  test_t test;
+  const char *enabled; // messages
+  const char *not_enabled;
+};
+
+// The flag's key of KPS is a bare number in host byte order.
+constexpr auto k_kps_key = std::bit_cast<std::array<uint8, 4>>(uint32{240});
+
+constexpr feature_t k_dot1x = {
+    SRVUUID_DOT1X,
+    "was_dot1x_running",
+    "dot1x_data_morph_running_fs_upg",
+    "dot1x_data_morph_startup",
+    "dot1x",
+    "dot1x",
+    {/* type */ 0x64, 0x0A, 0, 0, 0, 0, 0, 0, /* enable_type */ 0, 0, 0, 0},
+    12,
+    feature_t::first_word,
+    "Dot1x is enabled and running",
+    "Dot1x is not enabled"};
+constexpr feature_t k_psec = {SRVUUID_ETH_PORT_SEC,
+                              "was_psec_running",
+                              "psec_data_morph_running_fs_upg",
+                              "psec_data_morph_startup",
+                              "port security",
+                              "eth_port_sec",
+                              {/* type */ 0, 0, 0, 0, /* enable_type */ 0, 0, 0, 0},
+                              8,
+                              feature_t::first_word,
+                              "Port Security is enabled and running",
+                              "Port Security is not enabled"};
+// QUIRK: any value counts as enabled, also one that is all zero; the other two look at the value.
+// Pinned by feature_test, any_value_enables_kps.
+constexpr feature_t k_kps = {SRVUUID_KPS,
+                             "was_kps_running",
+                             "kps_data_morph_running_fs_upg",
+                             "kps_data_morph_startup",
+                             "kps",
+                             "kps",
+                             {k_kps_key[0], k_kps_key[1], k_kps_key[2], k_kps_key[3]},
+                             4,
+                             feature_t::any_value,
+                             "KPS is enabled and running",
+                             "KPS is not enabled"};
+
+// The request that adds a service's tag; sent in network byte order.
+struct mts_opc_sysmgr_add_tag_info_req_t {
+  uint32 uuid;
+  uint32 vdc;
+  uint8 tag[32]; // a terminator always stands: at most 31 characters are copied
+};
+static_assert(sizeof(mts_opc_sysmgr_add_tag_info_req_t) == 40, "sent as it lies");
+static_assert(offsetof(mts_opc_sysmgr_add_tag_info_req_t, vdc) == 4, "sent as it lies");
+static_assert(offsetof(mts_opc_sysmgr_add_tag_info_req_t, tag) == 8, "sent as it lies");
+
+struct mts_opc_sysmgr_add_tag_info_rsp_t {
+  syserr_t status; // network byte order
+};
+static_assert(sizeof(mts_opc_sysmgr_add_tag_info_rsp_t) == 4, "sent as it lies");
+
+constexpr uint32 k_this_supervisor = 0xFE000000;
+constexpr uint32 k_opcode_add_tag_info = 2690;
+constexpr uint32 k_answer_timeout = 30;
+
+// The key of a record in the system manager's own configuration.
+struct sysmgr_pss_key_t {
+  uint32 key_type;
+  uint8 u[8]; // depends on the type; zero for the tag table
+};
+static_assert(sizeof(sysmgr_pss_key_t) == 12, "stored as it lies");
+
+constexpr uint32 k_tlv_version = 1;
+
+// Classes of lines on the system manager's trace facility: bits of its mask.
+constexpr uint32 k_facility_debug = 1;
+constexpr uint32 k_facility_error = 2048;
 
 // ---- State -------------------------------------------------------------------------------------
 
@@ -242,12 +346,8 @@ void write_time_prefix(FILE *log) {
   fprintf(log, "<%.24s> ", text != nullptr ? text : "");
 }
 
-} // namespace
-
-void datamorph_trace(const char *format, ...) {
+__attribute__((format(printf, 1, 0))) void datamorph_vtrace(const char *format, va_list args) {
   const int saved_errno = errno;
-  va_list args;
-  va_start(args, format);
   va_list log_args;
   va_copy(log_args, args);
   vfprintf(stderr, format, args);
@@ -260,8 +360,16 @@ void datamorph_trace(const char *format, ...) {
     check_data_morph_log_size();
   }
   va_end(log_args);
-  va_end(args);
   errno = saved_errno;
+}
+
+} // namespace
+
+void datamorph_trace(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  datamorph_vtrace(format, args);
+  va_end(args);
 }
 
 FILE *open_debug_log(void) {
@@ -393,12 +501,632 @@ int datamorph_get_version(char *srg_path, char *ver_str, int ver_str_size) {
 
 namespace {
 
-// The release being installed.
+// The release being installed, and the one being left.
 int datamorph_get_to_version(char *ver_str, int ver_str_size) {
   return datamorph_get_version(getenv("SYSMGR_TO_SRG_PATH"), ver_str, ver_str_size);
 }
 
+int datamorph_get_from_version(char *ver_str, int ver_str_size) {
+  return datamorph_get_version(getenv("SYSMGR_FROM_SRG_PATH"), ver_str, ver_str_size);
+}
+
 } // namespace
+
+// ---- The system manager's trace facility -------------------------------------------------------
+
+namespace {
+
+// Lines of one class, when the facility has a stream and wants that class.
+__attribute__((format(printf, 2, 0))) void facility_vtrace(uint32 level, const char *format,
+                                                           va_list args) {
+  FILE *stream = debug_trace_fac_SYSMGR.stream;
+  if (stream == nullptr || (debug_trace_fac_SYSMGR.level_mask & level) == 0) {
+    return;
+  }
+  const int saved_errno = errno;
+  write_time_prefix(stream);
+  fprintf(stream, "<%d> ", static_cast<int>(level));
+  vfprintf(stream, format, args);
+  fflush(stream);
+  errno = saved_errno;
+}
+
+__attribute__((format(printf, 2, 3))) void facility_trace(uint32 level, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  facility_vtrace(level, format, args);
+  va_end(args);
+}
+
+// The same line on the facility and in the conversion log.
+__attribute__((format(printf, 2, 3))) void trace_on_both(uint32 level, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list log_args;
+  va_copy(log_args, args);
+  facility_vtrace(level, format, args);
+  datamorph_vtrace(format, log_args);
+  va_end(log_args);
+  va_end(args);
+}
+
+} // namespace
+
+// ---- Tag-info request --------------------------------------------------------------------------
+
+namespace {
+
+syserr_t mts_failure(int error) {
+  return SYSERR_MTS_BASE | (static_cast<syserr_t>(error) & 0xFFFu);
+}
+
+const char *tag_text(const uint8 *tag) {
+  return datamorph_text(reinterpret_cast<const char *>(tag));
+}
+
+mts_opc_sysmgr_add_tag_info_req_t tag_info_request(uuid_t uuid, const uint8 *tag, vdc_id_t vdc) {
+  mts_opc_sysmgr_add_tag_info_req_t request = {};
+  request.uuid = htonl(static_cast<uint32>(uuid));
+  request.vdc = htonl(vdc);
+  memcpy(request.tag, tag, strnlen(reinterpret_cast<const char *>(tag), sizeof request.tag - 1));
+  return request;
+}
+
+int receive_answer(mts_ref_t request, mts_ref_t *response) {
+  mts_recv_options_t options = {};
+  options.version = 1;
+  options.timeout = k_answer_timeout;
+  options.rr_token = mts_rr_token_get(request);
+  int result = 0;
+  do {
+    result = mts_recv(datamorph_mts_q, response, &options);
+  } while (result == -1 && errno == EINTR);
+  return result;
+}
+
+syserr_t answered_status(mts_ref_t response) {
+  const void *payload = mts_payload_get(response);
+  if (payload == nullptr) {
+    return mts_failure(EPROTO);
+  }
+  mts_opc_sysmgr_add_tag_info_rsp_t answer = {};
+  memcpy(&answer, payload, sizeof answer);
+  return ntohl(answer.status);
+}
+
+} // namespace
+
+syserr_t sysmgr_add_tag_info_req(uuid_t srv_uuid, uint8 *srv_tag, vdc_id_t vdc) {
+  if (srv_tag == nullptr) {
+    return SYSERR_FAILED;
+  }
+  const mts_opc_sysmgr_add_tag_info_req_t message = tag_info_request(srv_uuid, srv_tag, vdc);
+  mts_ref_t request = 0;
+  if (mts_send(datamorph_mts_q, k_this_supervisor, MTS_SAP_SYSMGR, k_opcode_add_tag_info, &message,
+               sizeof message, &request, 0, 0) < 0) {
+    const int error = errno;
+    DATAMORPH_TRACE("%s: mts_send failed with error %d\n", __func__, error);
+    return mts_failure(error);
+  }
+  mts_ref_t response = 0;
+  if (receive_answer(request, &response) < 0) {
+    const int error = errno;
+    mts_drop(datamorph_mts_q, request);
+    DATAMORPH_TRACE("%s: mts_recv failed with error %d\n", __func__, error);
+    return mts_failure(error);
+  }
+  const syserr_t status = answered_status(response);
+  mts_drop(datamorph_mts_q, request);
+  mts_drop(datamorph_mts_q, response);
+  DATAMORPH_TRACE("%s: Return status 0x%X\n", __func__, status);
+  if (status == SYSERR_NO_SUCH_VDC) {
+    // A VDC that does not run now reads its saved table when it starts.
+    DATAMORPH_TRACE("%s: VDC %d non-existent at this time. Returning SUCCESS\n", __func__, vdc);
+    return SYSERR_SUCCESS;
+  }
+  return status;
+}
+
+// ---- Startup tag table -------------------------------------------------------------------------
+
+namespace {
+
+constexpr char k_add_tag_startup[] = "sysmgr_add_tag_startup";
+
+// A service's entry for a VDC's tag table.
+struct tag_t {
+  uuid_t uuid;
+  uint8 *text;
+  vdc_id_t vdc;
+};
+
+pss_datum_t datum_of(void *bytes, size_t size) {
+  return {bytes, static_cast<uint32>(size)};
+}
+
+tlv_array_t *running_table(vdc_id_t vdc) {
+  return sysmgr_info_tbl[vdc].srv_tag_info_tbl;
+}
+
+// The saved table, whose size in bytes it gives; 0 when it is none, or too large to be worked on.
+uint32 saved_table_size(const pss_datum_t *saved) {
+  if (saved == nullptr || saved->ptr == nullptr || saved->siz < TLV_ARRAY_HEADER_SIZE) {
+    return 0;
+  }
+  const uint32 size =
+      tlv_array_size_get(static_cast<const tlv_array_t *>(saved->ptr), k_tlv_version);
+  const bool fits =
+      size >= TLV_ARRAY_HEADER_SIZE && size <= saved->siz && size <= SYSMGR_TAG_TABLE_MAX;
+  return fits ? size : 0;
+}
+
+// Makes the table that the entry goes to: the saved one copied over the VDC's running one, or an
+// empty one when none was saved.
+syserr_t prepare_table(const pss_datum_t *saved, uint32 saved_size, vdc_id_t vdc) {
+  if (saved == nullptr) {
+    const syserr_t status = sysmgr_srv_tag_info_table_prepare(0, vdc);
+    if (status != SYSERR_SUCCESS) {
+      return status;
+    }
+    trace_on_both(k_facility_error,
+                  "%s: PSS_KEY_TAG_INFO not found in sysmgr's config. Created successfully\n",
+                  k_add_tag_startup);
+  }
+  if (running_table(vdc) == nullptr) {
+    const syserr_t status = sysmgr_srv_tag_info_table_prepare(0, vdc);
+    if (status != SYSERR_SUCCESS || running_table(vdc) == nullptr) {
+      return status != SYSERR_SUCCESS ? status : SYSERR_NO_SUCH_VDC;
+    }
+    trace_on_both(k_facility_error, "%s: tag table for vdc %d does not exist. Created the table\n",
+                  k_add_tag_startup, vdc);
+  }
+  if (saved != nullptr) {
+    facility_trace(k_facility_debug, "%s: vdc %d: size of tag table in startup cfg: %d\n",
+                   k_add_tag_startup, vdc, static_cast<int>(saved_size));
+    memcpy(running_table(vdc), saved->ptr, saved_size);
+  }
+  return SYSERR_SUCCESS;
+}
+
+syserr_t store_table(pss_service_t store, const pss_datum_t &key, const tag_t &tag) {
+  tlv_array_t *table = running_table(tag.vdc); // the addition may have moved it
+  const pss_datum_t value = datum_of(table, tlv_array_size_get(table, k_tlv_version));
+  const syserr_t status = pss_store(store, 1, &key, &value);
+  if (status != SYSERR_SUCCESS) {
+    const char *key_name = datamorph_text(__pss_key_type_enum_t_find(PSS_KEY_TAG_INFO));
+    // QUIRK: the facility's text ends in a full stop, the log's does not. Both are contracts.
+    // Pinned by tag_table_test, a_failed_store_is_returned_and_has_two_texts.
+    facility_trace(k_facility_error,
+                   "%s: Error in storing %s to startup config (0x%X) for vdc %d.\n",
+                   k_add_tag_startup, key_name, status, tag.vdc);
+    DATAMORPH_TRACE("%s: Error in storing %s to startup config (0x%X) for vdc %d\n",
+                    k_add_tag_startup, key_name, status, tag.vdc);
+    return status;
+  }
+  trace_on_both(k_facility_debug,
+                "%s: vdc %d: saved tag info %s for service 0x%x to sysmgr startup config\n",
+                k_add_tag_startup, tag.vdc, tag_text(tag.text), tag.uuid);
+  return SYSERR_SUCCESS;
+}
+
+// Everything between the opening of the store and its closing.
+syserr_t update_saved_table(pss_service_t store, const tag_t &tag) {
+  sysmgr_pss_key_t key_record = {};
+  key_record.key_type = PSS_KEY_TAG_INFO;
+  const pss_datum_t key = datum_of(&key_record, sizeof key_record);
+  syserr_t status = SYSERR_SUCCESS;
+  const pss_datum_t *saved = pss_fetch(store, &key, &status);
+  if (status != SYSERR_SUCCESS && status != SYSERR_PSS_NOT_FOUND) {
+    trace_on_both(k_facility_error,
+                  "%s: Error in fetching %s from sysmgr startup config (0x%X) for vdc %d\n",
+                  k_add_tag_startup, datamorph_text(__pss_key_type_enum_t_find(PSS_KEY_TAG_INFO)),
+                  status, tag.vdc);
+    return status;
+  }
+  const bool found = status == SYSERR_SUCCESS;
+  const uint32 saved_size = found ? saved_table_size(saved) : 0;
+  if (found && saved_size == 0) {
+    return SYSERR_PSS_DAMAGED;
+  }
+  status = prepare_table(found ? saved : nullptr, saved_size, tag.vdc);
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  status = sysmgr_srv_tag_info_add(tag.uuid, tag.text, tag.vdc);
+  if (status != SYSERR_SUCCESS) {
+    trace_on_both(k_facility_error, "%s: Error 0x%X while adding to sysmgr startup config\n",
+                  k_add_tag_startup, status);
+    return status;
+  }
+  facility_trace(k_facility_debug, "%s: vdc %d: modified tag info %s for service 0x%x, \n",
+                 k_add_tag_startup, tag.vdc, tag_text(tag.text), tag.uuid);
+  return store_table(store, key, tag);
+}
+
+} // namespace
+
+syserr_t sysmgr_add_tag_startup(const char *path, uuid_t srv_uuid, uint8 *srv_tag, vdc_id_t vdc) {
+  trace_on_both(k_facility_error,
+                "%s: Adding uuid 0x%x tag %s in vdc %d to sysmgr startup config\n", __func__,
+                srv_uuid, tag_text(srv_tag), vdc);
+  if (path == nullptr || srv_tag == nullptr) {
+    return SYSERR_FAILED;
+  }
+  if (vdc >= SYSMGR_VDC_ROWS) {
+    return SYSERR_NO_SUCH_VDC;
+  }
+  char uri[k_uri_size] = {};
+  // QUIRK: one byte of the buffer is never used; a URI is cut where it always was.
+  // Pinned by tag_table_test, the_uri_is_cut_at_254_characters.
+  snprintf(uri, sizeof uri - 1, "nonvolatile:%s/bin/%s", path, "sysmgr_config");
+  syserr_t status = SYSERR_SUCCESS;
+  const pss_service_t store = pss_open(uri, &status);
+  if (status != SYSERR_SUCCESS) {
+    // QUIRK: a store that cannot be opened is no failure, so that a switch without one converts.
+    // Pinned by tag_table_test, a_store_that_cannot_be_opened_is_success.
+    trace_on_both(k_facility_error, "%s: pss_open %s failed with error 0x%x\n", __func__, uri,
+                  status);
+    return SYSERR_SUCCESS;
+  }
+  status = update_saved_table(store, {srv_uuid, srv_tag, vdc});
+  pss_close(store);
+  return status;
+}
+
+// ---- Conditional services ----------------------------------------------------------------------
+
+namespace {
+
+constexpr char k_conditional_store[] = "cond_srv_config";
+constexpr uint32 k_conditional_key = 15;
+constexpr uint32 k_conditional_enabled = 1;
+
+void plant_conditional_store(const char *self, const char *path) {
+  char uri[sizeof "volatile:/" + PATH_MAX + sizeof k_conditional_store] = {};
+  snprintf(uri, sizeof uri, "%s:%s/%s", "volatile", path, k_conditional_store);
+  DATAMORPH_TRACE("%s: Start creating dummy pss %s\n", self, uri);
+  pss_destroy(uri);
+  syserr_t status = pss_create(uri);
+  if (status != SYSERR_SUCCESS) {
+    DATAMORPH_TRACE("%s: Error in pss_create, ret_val = 0x%x\n", self, status);
+    return;
+  }
+  const pss_service_t store = pss_open(uri, &status);
+  if (status != SYSERR_SUCCESS) {
+    DATAMORPH_TRACE("%s: Error in pss_open, ret_val = 0x%x\n", self, status);
+    return;
+  }
+  uint32 key_number = k_conditional_key;
+  uint32 flag = k_conditional_enabled;
+  const pss_datum_t key = datum_of(&key_number, sizeof key_number);
+  const pss_datum_t value = datum_of(&flag, sizeof flag);
+  pss_store(store, 1, &key, &value);
+  pss_close(store);
+  DATAMORPH_TRACE("%s: Done creating dummy pss %s\n", self, uri);
+}
+
+void trace_arguments(const char *self, const char *path, const char *pkg_name, const char *to_ver,
+                     const char *from_ver) {
+  DATAMORPH_TRACE("%s: path = %s, pkg_name = %s, to_ver = %s, from_ver = %s\n", self,
+                  datamorph_text(path), datamorph_text(pkg_name), datamorph_text(to_ver),
+                  datamorph_text(from_ver));
+}
+
+} // namespace
+
+// QUIRK: both releases are read and traced, but the store is planted whatever they are, and only a
+// version that cannot be read is a failure: what becomes of the store is not.
+// Pinned by conditional_test, store_failures_are_success.
+syserr_t cond_srv1_data_morph_gsync(const char *path, const char *pkg_name, const char *to_ver,
+                                    const char *from_ver) {
+  trace_arguments(__func__, path, pkg_name, to_ver, from_ver);
+  if (path == nullptr) {
+    return SYSERR_FAILED;
+  }
+  char from_version[k_image_version_size] = {};
+  if (datamorph_get_from_version(from_version, sizeof from_version) != 0) {
+    DATAMORPH_TRACE("%s: datamorph_get_from_version returned -1 \n", __func__);
+    return SYSERR_IMAGE_VERSION;
+  }
+  char to_version[k_image_version_size] = {};
+  if (datamorph_get_to_version(to_version, sizeof to_version) != 0) {
+    DATAMORPH_TRACE("%s: datamorph_get_to_version returned -1 \n", __func__);
+    return SYSERR_IMAGE_VERSION;
+  }
+  DATAMORPH_TRACE("%s: from_srg_ver_str = %s, to_srg_ver_str = %s\n", __func__, from_version,
+                  to_version);
+  plant_conditional_store(__func__, path);
+  return SYSERR_SUCCESS;
+}
+
+syserr_t cond_srv1_data_morph_running_fs_upg(const char *path, const char *pkg_name,
+                                             const char *to_ver, const char *from_ver) {
+  trace_arguments(__func__, path, pkg_name, to_ver, from_ver);
+  return SYSERR_SUCCESS;
+}
+
+namespace {
+
+// The feature of a service; null for any other service.
+const feature_t *find_feature(uuid_t uuid) {
+  for (const feature_t *feature : {&k_kps, &k_dot1x, &k_psec}) {
+    if (feature->uuid == uuid) {
+      return feature;
+    }
+  }
+  return nullptr;
+}
+
+// How two releases compare, for a routine that traces as `self`: 0, or the comparison's error,
+// which is traced.
+syserr_t compare_releases(const char *self, const char *one, const char *other, int *order) {
+  syserr_t error = SYSERR_SUCCESS;
+  *order = datamorph_compare_versions(one, other, &error);
+  if (error != SYSERR_SUCCESS) {
+    DATAMORPH_TRACE("%s: datamorph_compare_versions returned %d\n", self, static_cast<int>(error));
+  }
+  return error;
+}
+
+} // namespace
+
+int is_optional_conditional(uuid_t srv_uuid, const char *to_ver) {
+  int order = 0;
+  if (find_feature(srv_uuid) == nullptr ||
+      compare_releases(__func__, to_ver, k_optional_release, &order) != SYSERR_SUCCESS) {
+    return 0;
+  }
+  facility_trace(k_facility_debug, "%s: ret_val %d\n", __func__, order);
+  return order >= 0 ? 1 : 0;
+}
+
+// ---- Features that may be running --------------------------------------------------------------
+
+namespace {
+
+bool is_enabled(const feature_t &feature, const pss_datum_t *value) {
+  if (value == nullptr || value->ptr == nullptr) {
+    return false;
+  }
+  if (feature.test == feature_t::any_value) {
+    return true;
+  }
+  uint32 flag = 0;
+  if (value->siz >= sizeof flag) {
+    memcpy(&flag, value->ptr, sizeof flag);
+  }
+  return flag != 0;
+}
+
+boolean fetch_flag(const feature_t &feature, pss_service_t store, syserr_t open_status) {
+  std::array<uint8, 12> key_bytes = feature.key;
+  const pss_datum_t key = datum_of(key_bytes.data(), feature.key_size);
+  syserr_t status = SYSERR_SUCCESS;
+  const pss_datum_t *value = pss_fetch(store, &key, &status);
+  if (status != SYSERR_SUCCESS) {
+    // QUIRK: the text of the open's status, which is success, stands here: what the fetch gave is
+    // not told. Pinned by feature_test, a_failed_fetch_reports_the_status_of_the_open.
+    if (status == SYSERR_PSS_NOT_FOUND) {
+      DATAMORPH_TRACE("%s: Key not found: %s", feature.check_name, syserr2str(open_status));
+    } else {
+      DATAMORPH_TRACE("%s: Not able to fetch the key: %s", feature.check_name,
+                      syserr2str(open_status));
+    }
+    return FALSE;
+  }
+  const bool enabled = is_enabled(feature, value);
+  DATAMORPH_TRACE("%s: %s", feature.check_name, enabled ? feature.enabled : feature.not_enabled);
+  return enabled ? TRUE : FALSE;
+}
+
+boolean was_running(const feature_t &feature, const char *path) {
+  if (path == nullptr) {
+    return FALSE;
+  }
+  char pss_url_name[120] = {};
+  snprintf(pss_url_name, sizeof pss_url_name, "nonvolatile:%s/%s_%s", path, feature.store,
+           "saved_config");
+  // QUIRK: "TOTOAL", a blank at the end, and no line end, here and in what follows.
+  // Pinned by feature_test, an_enabled_feature.
+  DATAMORPH_TRACE("%s: TOTOAL URI %s ", feature.check_name, pss_url_name);
+  syserr_t status = SYSERR_SUCCESS;
+  const pss_service_t store = pss_open(pss_url_name, &status);
+  if (status != SYSERR_SUCCESS) {
+    DATAMORPH_TRACE("%s: pss_open error: %s\n", feature.check_name, syserr2str(status));
+    return FALSE;
+  }
+  const boolean running = fetch_flag(feature, store, status);
+  status = pss_close(store);
+  if (status != SYSERR_SUCCESS) {
+    // QUIRK: a failed close is told with the open's message.
+    // Pinned by feature_test, a_failed_close_is_told_with_the_message_of_the_open.
+    DATAMORPH_TRACE("%s: pss_open error: %s\n", feature.check_name, syserr2str(status));
+  }
+  return running;
+}
+
+} // namespace
+
+boolean was_dot1x_running(const char *path) {
+  return was_running(k_dot1x, path);
+}
+
+boolean was_psec_running(const char *path) {
+  return was_running(k_psec, path);
+}
+
+boolean was_kps_running(const char *path) {
+  return was_running(k_kps, path);
+}
+
+int was_running_compulsory_conditional(const char *path, uuid_t srv_uuid, const char *from_ver) {
+  DATAMORPH_TRACE("%s: ENTER with path: %s, uuid %d and from_ver: %s\n", __func__,
+                  datamorph_text(path), static_cast<int>(srv_uuid), datamorph_text(from_ver));
+  const feature_t *feature = find_feature(srv_uuid);
+  int order = 0;
+  if (feature == nullptr ||
+      compare_releases(__func__, k_optional_release, from_ver, &order) != SYSERR_SUCCESS) {
+    return 0;
+  }
+  facility_trace(k_facility_debug, "%s: ret_val %d\n", __func__, order);
+  if (order < 1 || was_running(*feature, path) == FALSE) {
+    return 0;
+  }
+  DATAMORPH_TRACE("%s: Moving from compulsory to optional service\n", __func__);
+  return 1;
+}
+
+// ---- Feature converters ------------------------------------------------------------------------
+
+namespace {
+
+constexpr vdc_id_t k_default_vdc = 1;
+
+// The arguments of a converter, under the name that it traces.
+struct feature_request {
+  const char *self;
+  const char *path;
+  const char *pkg_name;
+  const char *to_ver;
+  const char *from_ver;
+};
+
+enum class change { none, some, error };
+
+// Whether the releases differ. The arguments are traced and checked first; *status is set on an
+// error.
+change examine(const feature_t &feature, const feature_request &request, syserr_t *status) {
+  trace_arguments(request.self, request.path, request.pkg_name, request.to_ver, request.from_ver);
+  if (request.path == nullptr || request.pkg_name == nullptr || request.to_ver == nullptr ||
+      request.from_ver == nullptr) {
+    DATAMORPH_TRACE("%s service: NULL arguments in (%s)\n", feature.label, request.self);
+    *status = SYSERR_NULL_ARGUMENT;
+    return change::error;
+  }
+  int order = 0;
+  *status = compare_releases(request.self, request.to_ver, request.from_ver, &order);
+  if (*status != SYSERR_SUCCESS) {
+    return change::error;
+  }
+  return order == 0 ? change::none : change::some;
+}
+
+bool becomes_optional(const feature_t &feature, const feature_request &request,
+                      const char *configuration) {
+  return was_running_compulsory_conditional(configuration, feature.uuid, request.from_ver) != 0 &&
+         is_optional_conditional(feature.uuid, request.to_ver) != 0;
+}
+
+syserr_t tell_system_manager(const feature_t &feature, const feature_request &request,
+                             vdc_id_t vdc) {
+  uint8 no_tag[] = {0};
+  const syserr_t status = sysmgr_add_tag_info_req(feature.uuid, no_tag, vdc);
+  if (status != SYSERR_SUCCESS) {
+    DATAMORPH_TRACE("%s: Failed to add service with uuid 0x%X in vdc %d to tag table. error 0x%X\n",
+                    request.self, feature.uuid, vdc, status);
+  }
+  return status;
+}
+
+syserr_t save_tag(const feature_t &feature, const feature_request &request, vdc_id_t vdc) {
+  uint8 no_tag[] = {0};
+  const syserr_t status = sysmgr_add_tag_startup(request.path, feature.uuid, no_tag, vdc);
+  if (status != SYSERR_SUCCESS) {
+    DATAMORPH_TRACE("%s: Failed to add tag to sysmgr startup config. Error 0x%x\n", request.self,
+                    status);
+  }
+  return status;
+}
+
+// The VDC that a path belongs to: the low 16 bits of the number after its first "/vdc_", as strtol
+// gives it where a long has 32 bits; the default one without it.
+vdc_id_t vdc_of(const char *path) {
+  constexpr char mark[] = "/vdc_";
+  const char *found = strstr(path, mark);
+  if (found == nullptr) {
+    return k_default_vdc;
+  }
+  const long long number = strtoll(found + sizeof mark - 1, nullptr, 10);
+  const long long clamped = number > INT_MAX ? INT_MAX : number < INT_MIN ? INT_MIN : number;
+  return static_cast<vdc_id_t>(clamped & 0xFFFF);
+}
+
+// QUIRK: this moment reads the feature's store in `path` itself and always speaks of VDC 1; the
+// startup moment reads it in "bin" below and takes the VDC from the path.
+// Pinned by feature_converter_test, the_two_moments_differ_in_directory_and_vdc.
+syserr_t convert_running_fs(const feature_t &feature, const feature_request &request) {
+  syserr_t status = SYSERR_SUCCESS;
+  const change found = examine(feature, request, &status);
+  if (found != change::some) {
+    return status;
+  }
+  if (becomes_optional(feature, request, request.path)) {
+    status = tell_system_manager(feature, request, k_default_vdc);
+    if (status != SYSERR_SUCCESS) {
+      return status;
+    }
+  }
+  DATAMORPH_TRACE("%s: Return status SUCCESS\n", request.self);
+  return SYSERR_SUCCESS;
+}
+
+syserr_t convert_startup(const feature_t &feature, const feature_request &request) {
+  syserr_t status = SYSERR_SUCCESS;
+  const change found = examine(feature, request, &status);
+  if (found != change::some) {
+    return status;
+  }
+  const vdc_id_t vdc = vdc_of(request.path);
+  if (vdc == 0) {
+    DATAMORPH_TRACE("%s: Could not get vdc from path\n", request.self);
+    return SYSERR_NO_SUCH_VDC;
+  }
+  char configuration[255] = {};
+  snprintf(configuration, sizeof configuration, "%s/bin", request.path);
+  if (becomes_optional(feature, request, configuration)) {
+    status = save_tag(feature, request, vdc);
+    if (status == SYSERR_SUCCESS) {
+      status = tell_system_manager(feature, request, vdc);
+    }
+    if (status != SYSERR_SUCCESS) {
+      return status;
+    }
+  }
+  DATAMORPH_TRACE("%s: Return status SUCCESS\n", request.self);
+  return SYSERR_SUCCESS;
+}
+
+} // namespace
+
+syserr_t dot1x_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                         const char *from_ver) {
+  return convert_running_fs(k_dot1x, {k_dot1x.running_fs_name, path, pkg_name, to_ver, from_ver});
+}
+
+syserr_t dot1x_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
+                                  const char *from_ver) {
+  return convert_startup(k_dot1x, {k_dot1x.startup_name, path, pkg_name, to_ver, from_ver});
+}
+
+syserr_t kps_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                       const char *from_ver) {
+  return convert_running_fs(k_kps, {k_kps.running_fs_name, path, pkg_name, to_ver, from_ver});
+}
+
+syserr_t kps_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
+                                const char *from_ver) {
+  return convert_startup(k_kps, {k_kps.startup_name, path, pkg_name, to_ver, from_ver});
+}
+
+syserr_t psec_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                        const char *from_ver) {
+  return convert_running_fs(k_psec, {k_psec.running_fs_name, path, pkg_name, to_ver, from_ver});
+}
+
+syserr_t psec_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
+                                 const char *from_ver) {
+  return convert_startup(k_psec, {k_psec.startup_name, path, pkg_name, to_ver, from_ver});
+}
 
 // ---- Store-removing converters -----------------------------------------------------------------
 

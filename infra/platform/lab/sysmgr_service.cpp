@@ -167,7 +167,9 @@ private:
     if (unknown != 0 || !now || now->endpoint != endpoint_) {
       return unknown;
     }
-    if (!owner_) {
+    const bool died =
+        owner_ && !owner_->endpoint.empty() && probe_endpoint(owner_->endpoint) == ECONNREFUSED;
+    if (!owner_ || died) {
       return sap_remove(MTS_SAP_SYSMGR);
     }
     const int error = sap_write(MTS_SAP_SYSMGR, *owner_);

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -432,6 +433,25 @@ TEST_F(lab_test, the_access_point_that_stood_before_the_system_manager_comes_bac
   ASSERT_EQ(lab::sysmgr_stop(), 0);
   EXPECT_EQ(switch_root::read_file(k_access_point), "System manager\n\n");
   EXPECT_EQ(list("/var/run/mts"), "sap-3");
+}
+
+// Rather none than one that nobody answers any more.
+TEST_F(lab_test, an_access_point_that_cannot_be_given_back_is_gone) {
+  switch_root::mount_small("/var/run/mts", "64k");
+  ASSERT_EQ(lab::mts_sap_register(0, 3, "before"), 0);
+  ASSERT_EQ(lab::sysmgr_start(), 0);
+  std::FILE *const filler = std::fopen("/var/run/mts/filler", "w");
+  ASSERT_NE(filler, nullptr);
+  const std::string page(4096, 'f');
+  while (std::fwrite(page.data(), page.size(), 1, filler) == 1 && std::fflush(filler) == 0) {
+  }
+  std::fclose(filler);
+
+  EXPECT_EQ(lab::sysmgr_stop(), -1);
+  EXPECT_EQ(errno, ENOSPC);
+
+  EXPECT_EQ(list("/var/run/mts"), "filler");
+  EXPECT_EQ(lab::sysmgr_stop(), 0);
 }
 
 // What a conversion did to the access point is the conversion's result.

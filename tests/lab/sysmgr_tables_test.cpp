@@ -1,6 +1,8 @@
 // Tag tables outside the running ones: taken apart, built, and at rest in their store.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <random>
@@ -208,6 +210,29 @@ TEST_F(tag_tables, that_did_not_change_are_not_written) {
   add(1, 381, "off");
   EXPECT_EQ(lab::sysmgr_save_tables(), 0x4048000DU);
   EXPECT_EQ(pss_close(writer), 0U);
+}
+
+TEST_F(tag_tables, that_changed_are_written_alone) {
+  add(1, 381, "on");
+  add(2, 542, "");
+  add(16, 1, "");
+  ASSERT_EQ(lab::sysmgr_save_tables(), 0U);
+  forget_running_tables();
+  ASSERT_EQ(lab::sysmgr_load_tables(), 0U);
+  add(2, 542, "x");
+  const int journal = ::open("/tmp/journal", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  lab::journal_start(journal);
+  lab::journal_request("closing", 0, "");
+
+  EXPECT_EQ(lab::sysmgr_save_tables(), 0U);
+
+  lab::journal_stop();
+  ::close(journal);
+  EXPECT_EQ(
+      switch_root::read_file("/tmp/journal"),
+      R"({"n":1,"moment":"closing","vdc":0,"service":"","call":"pss2_store","uri":"volatile:/sysmgr/tag_tables","key":"0002","old":17,"new":18,"added":0,"changed":1,"removed":0,"status":0,"unexpected":false}
+{"n":2,"moment":"closing","vdc":0,"service":"","call":"pss2_close","uri":"volatile:/sysmgr/tag_tables","status":0,"unexpected":false}
+)");
 }
 
 TEST_F(tag_tables, that_went_leave_the_store) {

@@ -51,6 +51,16 @@ TEST_F(store_verbs, text_is_read_as_it_is_written) {
   EXPECT_EQ(run({"store", "put", "sw", vlan, "bad\\q", "v", "--text"}).status, 64);
 }
 
+TEST_F(store_verbs, columns_of_text_stand_below_each_other) {
+  const std::string uri = "nonvolatile:/cfg/t";
+  ASSERT_EQ(run({"store", "put", "sw", uri, "\\x00\\\\", "v`", "--text", "--create"}).status, 0);
+  ASSERT_EQ(run({"store", "put", "sw", uri, "plain", "\\xff", "--text"}).status, 0);
+
+  EXPECT_EQ(run({"store", "show", "sw", uri, "--text"}).out, "KEY    VALUE\n"
+                                                             "\\x00\\\\ v`\n"
+                                                             "plain  \\xff\n");
+}
+
 TEST_F(store_verbs, put_makes_a_store_only_when_asked) {
   EXPECT_EQ(run({"store", "put", "sw", "nonvolatile:/cfg/new", "00", "01"}).status, 3);
   EXPECT_EQ(run({"store", "put", "sw", "nonvolatile:/cfg/new", "00", "01", "--create"}).status, 0);

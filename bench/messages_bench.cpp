@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr int k_rounds = 20'000;
+constexpr int k_rounds = 50'000;
 constexpr int k_first_rounds = 1000; // not counted: connections are made, threads find their places
 constexpr double k_limit = 1.5;
 constexpr size_t k_request_size = 40;

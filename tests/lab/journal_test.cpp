@@ -141,17 +141,43 @@ TEST_F(journal, has_a_line_for_each_change_of_a_tag_table) {
 
   EXPECT_EQ(
       stop(),
-      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"\"on\"\u00ff","old":null,"new":null,"status":1075708022,"unexpected":false}
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"226f6e22ff","old_tag":null,"old":null,"new":null,"status":1075708022,"unexpected":false}
 {"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":4,"old":null,"new":8,"status":0,"unexpected":false}
-{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"\"on\"\u00ff","old":8,"new":22,"status":0,"unexpected":false}
-{"n":4,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"1234567890123456789012345678901","old":22,"new":48,"status":0,"unexpected":false}
-{"n":5,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"old":48,"new":48,"status":1075708067,"unexpected":true}
+{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"226f6e22ff","old_tag":null,"old":8,"new":22,"status":0,"unexpected":false}
+{"n":4,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"31323334353637383930313233343536373839303132333435363738393031","old_tag":"226f6e22ff","old":22,"new":48,"status":0,"unexpected":false}
+{"n":5,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"old_tag":"31323334353637383930313233343536373839303132333435363738393031","old":48,"new":48,"status":1075708067,"unexpected":true}
 {"n":6,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":4,"old":48,"new":8,"status":0,"unexpected":false}
 {"n":7,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":2,"old":null,"new":null,"status":1075708022,"unexpected":false}
 {"n":8,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":65535,"old":null,"new":null,"status":1075708022,"unexpected":false}
-{"n":9,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":542,"tag":"\"on\"\u00ff","old":0,"new":0,"status":1078525954,"unexpected":true}
+{"n":9,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":542,"tag":"226f6e22ff","old_tag":null,"old":0,"new":0,"status":1078525954,"unexpected":true}
 )");
   EXPECT_EQ(lab::journal_unexpected(nullptr), 2U);
+}
+
+// A tag that is set as it was, and one that is set to as many other bytes, differ in it.
+TEST_F(journal, tells_the_tag_that_an_entry_had) {
+  uint8 empty[] = "";
+  uint8 one[] = "a";
+  uint8 other[] = "\xfe";
+  lab::sysmgr_set_vdcs({1});
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  start();
+  for (uint8 *const tag : {empty, one, other, other}) {
+    EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_KPS, tag, 1), 0U);
+  }
+
+  std::istringstream lines(stop());
+  const char *const expected[] = {
+      R"("tag":"","old_tag":null,"old":8,"new":17)",
+      R"("tag":"61","old_tag":"","old":17,"new":18)",
+      R"("tag":"fe","old_tag":"61","old":18,"new":18)",
+      R"("tag":"fe","old_tag":"fe","old":18,"new":18)",
+  };
+  for (const char *part : expected) {
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_NE(line.find(part), std::string::npos) << line;
+  }
 }
 
 // The lines of the system manager's thread and of this one do not mix, and none is lost.

@@ -414,6 +414,67 @@ TEST_F(sysmgr_service, stops_at_once_while_an_answer_finds_no_room) {
   EXPECT_LT(seconds_of([] { EXPECT_EQ(lab::sysmgr_stop(), 0); }), 0.3);
 }
 
+// Nobody waited for an answer; those that had been sent count all the same.
+TEST_F(sysmgr_service, enters_what_was_sent_before_it_was_stopped) {
+  for (const uint32 requests : {1U, 500U, 1500U}) {
+    lab::sysmgr_set_vdcs({1, 2, 16});
+    for (uint32 uuid = 1; uuid <= requests; ++uuid) {
+      std::string error;
+      const mts_ref_t sent = send(queue_, tag_request(uuid, 1, "t"), 2690, &error);
+      ASSERT_NE(sent, 0U) << error;
+      ASSERT_EQ(mts_drop(queue_, sent), 0);
+    }
+
+    ASSERT_EQ(lab::sysmgr_stop(), 0);
+
+    ASSERT_NE(sysmgr_info_tbl[1].srv_tag_info_tbl, nullptr);
+    EXPECT_EQ(tlv_array_get_num_tlvs(sysmgr_info_tbl[1].srv_tag_info_tbl, 1), requests);
+    ASSERT_EQ(lab::sysmgr_start(), 0);
+  }
+}
+
+// Somebody who goes on sending does not keep it from its end.
+TEST_F(sysmgr_service, stops_under_requests_that_never_end) {
+  std::atomic<bool> enough{false};
+  const mts_q_handle_t queue = lab::mts_queue_open();
+  std::thread sender([&] {
+    const std::string request = tag_request(381, 1, "t");
+    std::string error;
+    while (!enough) {
+      mts_drop(queue, send(queue, request, 2690, &error));
+    }
+  });
+  usleep(50'000);
+
+  EXPECT_LT(seconds_of([] { EXPECT_EQ(lab::sysmgr_stop(), 0); }), 3.0);
+
+  enough = true;
+  sender.join();
+}
+
+// Its access point went, so no message of its own finds it.
+TEST_F(sysmgr_service, stops_soon_without_its_access_point) {
+  std::string error;
+  ASSERT_NE(send(queue_, tag_request(381, 2, "t"), 2690, &error), 0U) << error;
+  ASSERT_EQ(mts_sap_destroy(queue_, 3), 0);
+
+  EXPECT_LT(seconds_of([] { EXPECT_EQ(lab::sysmgr_stop(), 0); }), 2.0);
+
+  EXPECT_EQ(running_table(2), "12 00 00 00 01 00 01 00 01 00 06 00 7d 01 00 00 74 00");
+}
+
+TEST_F(sysmgr_service, shows_a_running_table_between_two_answers) {
+  EXPECT_EQ(lab::sysmgr_running_table(1), "");
+  EXPECT_EQ(ask(queue_, tag_request(381, 1, "t")), "00 00 00 00");
+  EXPECT_EQ(hex(lab::sysmgr_running_table(1)),
+            "12 00 00 00 01 00 01 00 01 00 06 00 7d 01 00 00 74 00");
+  EXPECT_EQ(lab::sysmgr_running_table(17), "");
+
+  const uint32 lies = 0x00010001;
+  std::memcpy(sysmgr_info_tbl[1].srv_tag_info_tbl, &lies, sizeof(lies));
+  EXPECT_EQ(lab::sysmgr_running_table(1), "");
+}
+
 TEST_F(sysmgr_service, ends_with_the_message_threads) {
   lab::mts_shutdown();
   EXPECT_EQ(list("/var/run/mts"), "");

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -311,6 +312,26 @@ TEST_F(tag_tables, that_could_not_be_loaded_again_are_not_saved) {
     EXPECT_EQ(lab::sysmgr_save_tables(), 0x40480009U) << damage;
     EXPECT_EQ(read(k_store), saved);
   }
+}
+
+// What would not be loaded again is not saved either.
+TEST_F(tag_tables, of_a_vdc_that_the_switch_does_not_have_are_not_saved) {
+  add(1, 381, "on");
+  ASSERT_EQ(lab::sysmgr_save_tables(), 0U);
+  const contents saved = read(k_store);
+  add(1, 542, "");
+  for (const vdc_id_t vdc : std::initializer_list<vdc_id_t>{0, 3, 15}) {
+    void *const table = std::malloc(SYSMGR_TAG_TABLE_MAX);
+    std::memcpy(table, bytes("08 00 00 00 00 00 01 00").data(), 8);
+    sysmgr_info_tbl[vdc].srv_tag_info_tbl = static_cast<tlv_array_t *>(table);
+
+    EXPECT_EQ(lab::sysmgr_save_tables(), 0x40480009U) << vdc;
+
+    EXPECT_EQ(read(k_store), saved);
+    std::free(table);
+    sysmgr_info_tbl[vdc].srv_tag_info_tbl = nullptr;
+  }
+  EXPECT_EQ(lab::sysmgr_save_tables(), 0U);
 }
 
 // The first table fits into the store, the second does not: neither is in it.

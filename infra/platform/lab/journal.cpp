@@ -123,7 +123,13 @@ std::string line_of(const journal_state &journal, const journal_entry &entry, bo
     append_number(&line, "uuid", *entry.uuid);
   }
   if (entry.tag) {
-    append_text(&line, "tag", *entry.tag);
+    append_hex(&line, "tag", *entry.tag);
+  }
+  if (entry.has_old_tag && entry.old_tag) {
+    append_hex(&line, "old_tag", *entry.old_tag);
+  } else if (entry.has_old_tag) {
+    append_name(&line, "old_tag");
+    line += "null";
   }
   if (entry.key) {
     append_hex(&line, "key", *entry.key);

@@ -27,6 +27,8 @@ struct journal_entry {
   std::optional<uint32> table_vdc; // whose tag table it was; "vdc" is the running request's
   std::optional<uint32> uuid;
   std::optional<std::string_view> tag;
+  bool has_old_tag = false; // it is written, null where empty
+  std::optional<std::string> old_tag;
   uint32 status = 0;
   uint32 expected = 0; // a status beside 0 that only says that the thing was not there
 };

@@ -88,16 +88,21 @@ void mts_shutdown();
 // The VDCs that the switch has (1 to 16); a tag table can be made for these only. Frees all tables.
 void sysmgr_set_vdcs(const std::vector<vdc_id_t> &vdcs);
 
-// The system manager's service: a queue and a thread that answer access point MTS_SAP_SYSMGR, until
+// The system manager's service: queues and a thread that answer access point MTS_SAP_SYSMGR, until
 // sysmgr_stop() or mts_shutdown(). It edits sysmgr_info_tbl while it answers a request, and no
 // signal is delivered to its thread. It must not run over a fork. 0, or -1 and errno: EALREADY when
 // it runs already.
 int sysmgr_start();
-// The access point is again whoever's it was before, or gone, unless somebody removed it or
-// registered it anew meanwhile. 0, also when the service does not run; -1 and errno when the access
+// Requests that had arrived are entered first, without an answer; those of one second at most. The
+// access point is again whoever's it was before, or gone, unless somebody removed it or registered
+// it anew meanwhile. 0, also when the service does not run; -1 and errno when the access
 // point could not be given back (it is gone then, or cannot be written): the service has ended
 // nevertheless.
 int sysmgr_stop();
+
+// The bytes of a VDC's running table, as they lie between two answers of the service; empty when it
+// has none, or one that states a size that no table has.
+std::string sysmgr_running_table(vdc_id_t vdc);
 
 // One service's entry in a tag table.
 struct tag_entry {
@@ -124,7 +129,8 @@ inline constexpr char running_tag_tables[] = "volatile:/sysmgr/tag_tables";
 syserr_t sysmgr_load_tables();
 // Makes the store hold the running tables and no others; writes what differs, and does not touch or
 // make the store when nothing does. SYSERR_PSS_DAMAGED for a running table that could not be loaded
-// again. After a failure the store's records are what they were.
+// again, one of a VDC that the switch does not have too. After a failure the store's records are
+// what they were.
 syserr_t sysmgr_save_tables();
 
 // ---- Journal -----------------------------------------------------------------------------------
@@ -132,8 +138,8 @@ syserr_t sysmgr_save_tables();
 // While a journal is on, each platform call that changes something is written to it as one line of
 // JSON: n, moment, vdc, service (the request that was running), call, and where they apply uri,
 // key (hex), old and new (bytes of the value, null when absent), added, changed, removed (records
-// of that store), sap, table_vdc, uuid, tag (an entry of a tag table), status, and unexpected (true
-// for a write that failed for another reason than that the thing was not there).
+// of that store), sap, table_vdc, uuid, tag, old_tag (an entry of a tag table; hex), status, and
+// unexpected (true for a write that failed for another reason than that the thing was not there).
 
 // Writes to `fd` (owned by the caller, who closes it after journal_stop). `fd` -1: counts only.
 void journal_start(int fd);

@@ -32,6 +32,16 @@ std::optional<uint64_t> size_of(const tlv_array_t *table) {
   return table == nullptr ? std::nullopt : std::optional<uint64_t>(lab::tag_table_size(table));
 }
 
+// For the journal only; nothing is worked out while it is off.
+std::optional<std::string> tag_before(vdc_id_t vdc, uint32 uuid) {
+  const tlv_array_t *const table = lab::journal_on() ? table_of(vdc) : nullptr;
+  try {
+    return table == nullptr ? std::nullopt : lab::tag_table_find(table, uuid);
+  } catch (const std::bad_alloc &) {
+    return std::nullopt;
+  }
+}
+
 // Runs `change` on the VDC's table and writes the line that tells of it.
 template <typename changer>
 syserr_t journalled(lab::journal_entry entry, vdc_id_t vdc, const changer &change) {
@@ -89,6 +99,8 @@ syserr_t sysmgr_srv_tag_info_add(uuid_t uuid, uint8 *tag, vdc_id_t vdc) {
   if (text != nullptr) {
     entry.tag = {text, strnlen(text, lab::longest_tag)};
   }
+  entry.has_old_tag = true;
+  entry.old_tag = tag_before(vdc, static_cast<uint32>(uuid));
   return journalled(entry, vdc, [=] { return add(static_cast<uint32>(uuid), text, vdc); });
 }
 

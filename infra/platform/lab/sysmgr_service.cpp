@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -29,6 +31,10 @@ namespace {
 
 constexpr uint32 k_add_tag_info = 2690; // the opcode
 constexpr uint32 k_request_size = 40;
+constexpr uint32 k_this_supervisor = 0xFE000000;
+constexpr uint32 k_wake = 0;      // an opcode that nobody answers
+constexpr int k_quiet_looks = 20; // a millisecond apart
+constexpr auto k_longest_rest = std::chrono::seconds(1);
 
 struct tag_request {
   uint32 uuid = 0;
@@ -61,34 +67,75 @@ syserr_t add_tag(tag_request request) {
                                  reinterpret_cast<uint8 *>(request.tag.data()), vdc);
 }
 
-void answer(mts_q_handle_t queue, mts_ref_t message) {
+// Held while the running tables are edited here.
+std::mutex &tables_mutex() {
+  static std::mutex &one = *new std::mutex; // outlives a thread that was not stopped
+  return one;
+}
+
+// What the thread works with. The answers leave by a queue of their own: closing it ends the wait
+// for a requester that reads none, and loses no request.
+struct desk {
+  mts_q_handle_t requests = 0;
+  mts_q_handle_t answers = 0;
+  std::atomic<bool> closing{false};
+};
+
+void answer(const desk &at, mts_ref_t message) {
   message_info info;
   if (!mts_message_info(message, &info) || info.response || info.opcode != k_add_tag_info) {
     return;
   }
-  const uint32 status =
-      htonl(info.length == k_request_size ? add_tag(request_of(mts_payload_get(message)))
-                                          : SYSERR_FAILED);
-  mts_reply(queue, message, &status, sizeof(status)); // one that went away needs no answer
+  syserr_t status = SYSERR_FAILED;
+  if (info.length == k_request_size) {
+    const std::lock_guard<std::mutex> lock(tables_mutex());
+    status = add_tag(request_of(mts_payload_get(message)));
+  }
+  const uint32 bytes = htonl(status);
+  mts_reply(at.answers, message, &bytes, sizeof(bytes)); // one that went away needs no answer
 }
 
-// Until the queue is closed.
-void serve(mts_q_handle_t queue) {
-  const mts_recv_options_t anything = {1, 0, 0, 0, 0, 0, 0};
+// False when nothing came in the time that the options give.
+bool serve_one(const desk &at, const mts_recv_options_t &options) {
   mts_ref_t message = 0;
-  while (mts_recv(queue, &message, &anything) == 0 || errno == EINTR || errno == ENOMEM) {
-    if (message != 0) {
-      answer(queue, message);
-      mts_drop(queue, message);
+  if (mts_recv(at.requests, &message, &options) != 0) {
+    return errno == EINTR || errno == ENOMEM;
+  }
+  answer(at, message);
+  mts_drop(at.requests, message);
+  return true;
+}
+
+// What was sent before the end may still be on its way through the message threads: it is waited
+// for until a number of looks, not a time in which this thread may not have run, found nothing.
+void serve_the_rest(const desk &at) {
+  using clock = std::chrono::steady_clock;
+  const mts_recv_options_t at_once = {1, 1, 0, 0, 0, 0, 0};
+  const clock::time_point end = clock::now() + k_longest_rest;
+  for (int looks = 0; looks < k_quiet_looks && clock::now() < end; ++looks) {
+    if (serve_one(at, at_once)) {
+      looks = 0;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   }
 }
 
+// Until it is to close. It looks up each second, for the message that wakes it may find no way.
+void serve(const desk *at) {
+  const mts_recv_options_t anything = {1, 0, 1, 0, 0, 0, 0};
+  bool open = true;
+  while (open && !at->closing) {
+    open = serve_one(*at, anything) || errno != EBADF;
+  }
+  serve_the_rest(*at);
+}
+
 // One that cannot be joined when there was no thread to be had.
-std::thread serving_thread(mts_q_handle_t queue) {
+std::thread serving_thread(const desk *at) {
   const signals_off guard;
   try {
-    return std::thread(serve, queue);
+    return std::thread(serve, at);
   } catch (const std::system_error &) {
     return {};
   }
@@ -107,7 +154,7 @@ int read_owner(std::optional<sap_entry> *owner) {
 class service {
 public:
   int start() {
-    if (queue_ != 0) {
+    if (thread_.joinable()) {
       return EALREADY;
     }
     std::optional<sap_entry> owner;
@@ -115,50 +162,76 @@ public:
     if (unknown != 0) {
       return unknown;
     }
-    const mts_q_handle_t queue = mts_queue_open();
-    if (queue == 0) {
-      return errno;
-    }
-    std::thread thread = serving_thread(queue);
-    const int error = !thread.joinable()                                          ? EAGAIN
-                      : mts_sap_register(queue, MTS_SAP_SYSMGR, "system manager") ? errno
-                                                                                  : 0;
+    const int error = open();
     if (error != 0) {
-      end(queue, &thread);
+      desk_.closing = true;
+      mts_queue_close(desk_.requests); // nobody knows of it: it wakes the thread
+      close();
       return error;
     }
-    queue_ = queue;
-    endpoint_ = queue_endpoint(static_cast<uint32>(getpid()), queue);
     owner_ = std::move(owner);
-    thread_ = std::move(thread);
     return 0;
   }
 
   int stop() {
-    if (queue_ == 0) {
+    if (!thread_.joinable()) {
       return 0;
     }
+    desk_.closing = true;
+    wake();
     const int error = give_access_point_back();
-    end(queue_, &thread_);
-    queue_ = 0;
+    mts_queue_close(desk_.answers);
+    close();
     return error;
   }
 
   std::mutex mutex; // for the two above
 
 private:
-  static void end(mts_q_handle_t queue, std::thread *thread) {
-    mts_queue_close(queue); // wakes the thread
-    if (thread->joinable()) {
-      thread->join();
+  int open() {
+    desk_.closing = false;
+    desk_.requests = mts_queue_open();
+    desk_.answers = desk_.requests == 0 ? 0 : mts_queue_open();
+    if (desk_.answers == 0) {
+      return errno;
+    }
+    endpoint_ = queue_endpoint(static_cast<uint32>(getpid()), desk_.requests);
+    thread_ = serving_thread(&desk_);
+    if (!thread_.joinable()) {
+      return EAGAIN;
+    }
+    const bool named = mts_sap_register(desk_.requests, MTS_SAP_SYSMGR, "system manager") == 0;
+    return named ? 0 : errno;
+  }
+
+  void close() {
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+    mts_queue_close(desk_.answers);
+    mts_queue_close(desk_.requests);
+  }
+
+  // Whether the access point is still this service's; its owner now in *now.
+  bool is_ours(std::optional<sap_entry> *now, int *unknown) const {
+    *unknown = read_owner(now);
+    return *unknown == 0 && *now && (*now)->endpoint == endpoint_;
+  }
+
+  void wake() const {
+    std::optional<sap_entry> now;
+    int unknown = 0;
+    mts_ref_t sent = 0; // goes with the queue
+    if (is_ours(&now, &unknown)) {
+      mts_send(desk_.requests, k_this_supervisor, MTS_SAP_SYSMGR, k_wake, nullptr, 0, &sent, 0, 0);
     }
   }
 
   // What somebody removed or registered anew meanwhile stays so.
   int give_access_point_back() const {
     std::optional<sap_entry> now;
-    const int unknown = read_owner(&now);
-    if (unknown != 0 || !now || now->endpoint != endpoint_) {
+    int unknown = 0;
+    if (!is_ours(&now, &unknown)) {
       return unknown;
     }
     const bool died =
@@ -173,7 +246,7 @@ private:
     return error;
   }
 
-  mts_q_handle_t queue_ = 0; // 0 while there is no service
+  desk desk_;
   std::string endpoint_;
   std::optional<sap_entry> owner_;
   std::thread thread_;
@@ -208,6 +281,17 @@ int sysmgr_start() {
 
 int sysmgr_stop() {
   return guarded([](service *one) { return one->stop(); });
+}
+
+std::string sysmgr_running_table(vdc_id_t vdc) {
+  const std::lock_guard<std::mutex> lock(tables_mutex());
+  const tlv_array_t *const table =
+      vdc < SYSMGR_VDC_ROWS ? sysmgr_info_tbl[vdc].srv_tag_info_tbl : nullptr;
+  const uint32 size = table == nullptr ? 0 : tag_table_size(table);
+  if (size == 0 || size > SYSMGR_TAG_TABLE_MAX) {
+    return "";
+  }
+  return {reinterpret_cast<const char *>(table), size};
 }
 
 } // namespace lab

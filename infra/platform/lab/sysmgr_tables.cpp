@@ -158,7 +158,8 @@ syserr_t running_records(records *all) {
       continue;
     }
     const uint32 size = tag_table_size(table);
-    if (size > SYSMGR_TAG_TABLE_MAX || !is_table({reinterpret_cast<const char *>(table), size})) {
+    if (!sysmgr_has_vdc(vdc) || size > SYSMGR_TAG_TABLE_MAX ||
+        !is_table({reinterpret_cast<const char *>(table), size})) {
       return SYSERR_PSS_DAMAGED;
     }
     all->emplace(key_of(vdc), std::string(reinterpret_cast<const char *>(table), size));

@@ -62,6 +62,7 @@ struct tag_place {
   uint32 offset = 0;
   uint32 length = 0;
   uint16 count = 0; // TLVs of the table
+  std::string_view tag;
 };
 
 syserr_t find_place(const tlv_array_t *table, uint32 uuid, tag_place *place) {
@@ -69,12 +70,13 @@ syserr_t find_place(const tlv_array_t *table, uint32 uuid, tag_place *place) {
   if (size < sizeof(table_header) || size > SYSMGR_TAG_TABLE_MAX) {
     return SYSERR_TLV_DAMAGED;
   }
-  *place = {size, 0, 0};
+  *place = {size, 0, 0, {}};
   return for_each_item(table, [&](const table_item &item) {
     ++place->count;
     if (item.is_tag && item.uuid == uuid && place->length == 0) {
       place->offset = item.offset;
       place->length = item.length;
+      place->tag = item.tag;
     }
   });
 }
@@ -119,6 +121,12 @@ syserr_t tag_table_put(tlv_array_t *table, uint32 uuid, const char *tag) {
   tag_place place;
   const syserr_t status = find_place(table, uuid, &place);
   return status == SYSERR_SUCCESS ? put_item(table, place, tag_item(uuid, tag)) : status;
+}
+
+std::optional<std::string> tag_table_find(const tlv_array_t *table, uint32 uuid) {
+  tag_place place;
+  const bool found = find_place(table, uuid, &place) == SYSERR_SUCCESS && place.length != 0;
+  return found ? std::optional<std::string>(place.tag) : std::nullopt;
 }
 
 bool tag_table_decode(std::string_view bytes, std::vector<tag_entry> *entries) {

@@ -6,17 +6,23 @@
 #ifndef LAB_TAG_TABLE_H
 #define LAB_TAG_TABLE_H
 
+#include <optional>
+#include <string>
+
 #include "platform/sysmgr.h"
 
 namespace lab {
 
 inline constexpr size_t longest_tag = 31; // characters
 
-// REQUIRES of both: `table` has room for SYSMGR_TAG_TABLE_MAX bytes.
+// REQUIRES of these: `table` has room for SYSMGR_TAG_TABLE_MAX bytes.
 void tag_table_clear(tlv_array_t *table);
 // Adds or replaces the service's tag, of which `longest_tag` characters count. SYSERR_TLV_DAMAGED
 // or SYSERR_TAG_TABLE_FULL, and the table as it was.
 syserr_t tag_table_put(tlv_array_t *table, uint32 uuid, const char *tag);
+
+// The service's tag; nothing when the table has no entry of it, or is damaged.
+std::optional<std::string> tag_table_find(const tlv_array_t *table, uint32 uuid);
 
 // The bytes that a table states to take.
 uint32 tag_table_size(const tlv_array_t *table);

@@ -76,6 +76,45 @@ TEST_F(layout_of_a_description, files_beside_stores) {
                  "/stores/1/uri: '/a/b.pss' is a file, so nothing can be below it");
 }
 
+// Its store comes to be at a boot or in a conversion.
+TEST_F(layout_of_a_description, what_is_in_the_place_of_the_running_tag_tables) {
+  const std::string folder = "/dev/shm/volatile/sysmgr";
+  expect_files_refused(R"({"path": ")" + folder + R"(/tag_tables.pss"})",
+                       "/files/0/path: '" + folder + "/tag_tables.pss' is a file already");
+  expect_files_refused(R"({"path": ")" + folder + R"(/tag_tables.pss-journal"})",
+                       "/files/0/path: '" + folder + "/tag_tables.pss-journal' is a file already");
+  expect_files_refused(R"({"path": ")" + folder + R"("})",
+                       "/files/0/path: '" + folder + "' is a folder already");
+  expect_files_refused(R"({"path": "/dev/shm/volatile"})",
+                       "/files/0/path: '/dev/shm/volatile' is a folder already");
+  const std::string paths = R"("paths": {"gsync": "/g", "running-fs": "/r", "startup": "/s"})";
+  expect_refused(std::string(head) + R"("running_cfg_dir": ")" + folder +
+                     R"(/tag_tables.pss/x", )" + paths + "}",
+                 "/running_cfg_dir: '" + folder + "/tag_tables.pss' is a file, so nothing");
+  write("d.json", std::string(head) + folders +
+                      R"(, "stores": [{"uri": "nonvolatile:/dev/shm/volatile/sysmgr/tag_tables"},
+                      {"uri": "volatile:/sysmgr/other"}]})");
+  create("sw", {"--from", "d.json"});
+}
+
+// Behind that a converter reads the VDC.
+TEST_F(layout_of_a_description, paths_that_name_a_vdc) {
+  const std::pair<const char *, const char *> rows[] = {
+      {R"("running-fs": "/cfg/vdc_2", "startup": "/s")", "running-fs"},
+      {R"("running-fs": "/r", "startup": "/cfg/vdc_/x")", "startup"},
+      {R"("running-fs": "/r", "startup": "/vdc_x/startup")", "startup"},
+  };
+  for (const auto &[paths, name] : rows) {
+    expect_refused(std::string(head) + R"("running_cfg_dir": "/c", "paths": {"gsync": "/g", )" +
+                       paths + "}}",
+                   std::string("/paths/") + name +
+                       ": '/vdc_' in it would name a VDC: the switch adds that itself");
+  }
+  write("d.json", std::string(head) + R"("running_cfg_dir": "/vdc_c", "paths": {"gsync": "/vdc_2",
+    "running-fs": "/r/my_vdc_2", "startup": "/s/vdc"}})");
+  create("sw", {"--from", "d.json"});
+}
+
 TEST_F(layout_of_a_description, access_points_that_no_switch_has) {
   expect_refused(std::string(head) + folders + R"(, "access_points": [{"sap": 65536}]})",
                  "/access_points/0/sap: a number from 1 to 65535 is wanted here");

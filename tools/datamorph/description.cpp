@@ -378,7 +378,12 @@ void read_state(const node &top, switch_state *state) {
   const node paths = top.member("paths");
   paths.expect_object({"gsync", "running-fs", "startup"});
   for (const moment which : all_moments) {
-    state->paths[static_cast<size_t>(which)] = paths.member(moment_name(which)).path();
+    const node path = paths.member(moment_name(which));
+    state->paths[static_cast<size_t>(which)] = path.path();
+    // The converters of these moments read the VDC from the path, behind this.
+    if (which != moment::gsync && path.text().find("/vdc_") != std::string::npos) {
+      path.wrong("'/vdc_' in it would name a VDC: the switch adds that itself");
+    }
   }
 }
 
@@ -402,18 +407,34 @@ void claim_state(const node &top, const description &found, layout *all) {
   }
 }
 
+bool describes(const description &found, const char *uri) {
+  return std::any_of(found.stores.begin(), found.stores.end(), [&](const auto &store) {
+    return lab::store_file(store.uri) == lab::store_file(uri);
+  });
+}
+
+// With the names that the engine uses beside it. What is in the way.
+std::string claim_store(const std::string &uri, layout *all) {
+  std::string trouble;
+  for (const char *ending : {"", "-journal", "-new"}) {
+    const std::string one = all->claim_file(lab::store_file(uri) + ending);
+    trouble = trouble.empty() ? one : trouble;
+  }
+  return trouble;
+}
+
 // Every part of the switch has its own place, and nothing is below a file. The first one that has
 // not is named.
 void check_layout(const node &top, const description &found) {
   layout all;
+  // A boot or a conversion may make it.
+  if (!describes(found, lab::running_tag_tables)) {
+    claim_store(lab::running_tag_tables, &all);
+  }
   claim_state(top, found, &all);
   size_t at = 0;
   for (const node &item : top.items_of("stores")) {
-    const std::string file = lab::store_file(found.stores[at++].uri);
-    // With the names that the engine uses beside it.
-    for (const char *ending : {"", "-journal", "-new"}) {
-      expect_free(item.member("uri"), all.claim_file(file + ending));
-    }
+    expect_free(item.member("uri"), claim_store(found.stores[at++].uri, &all));
   }
   at = 0;
   for (const node &item : top.items_of("files")) {

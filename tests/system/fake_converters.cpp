@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "platform/pss.h"
+#include "platform/sysmgr.h"
 
 namespace {
 
@@ -191,7 +192,44 @@ void misbehave(std::string_view what) {
   }
 }
 
+// ---- What is done to the running tag tables ----------------------------------------------------
+
+void set_tag(uuid_t uuid, const char *tag) {
+  std::string copy = tag;
+  sysmgr_srv_tag_info_add(uuid, reinterpret_cast<uint8 *>(copy.data()), 1);
+}
+
+// A table where the example switch has no VDC.
+void make_strange_table() {
+  void *const table = std::calloc(1, SYSMGR_TAG_TABLE_MAX);
+  std::memcpy(table, "\x08\0\0\0\0\0\1\0", 8);
+  sysmgr_info_tbl[9].srv_tag_info_tbl = static_cast<tlv_array_t *>(table);
+}
+
+bool edit_tags(std::string_view what) {
+  if (what == "set-another-tag") {
+    set_tag(SRVUUID_AIC_DBG, "\xff\"x"); // as long as the one that stands
+  } else if (what == "set-the-same-tag") {
+    set_tag(SRVUUID_AIC_DBG, "lab");
+  } else if (what == "set-a-tag-and-back") {
+    set_tag(SRVUUID_AIC_DBG, "other");
+    set_tag(SRVUUID_AIC_DBG, "lab");
+  } else if (what == "empty-a-tag-table" || what == "empty-a-tag-table-and-fail") {
+    sysmgr_srv_tag_info_table_prepare(0, 1);
+    set_tag(SRVUUID_KPS, "k");
+  } else if (what == "make-a-strange-tag-table") {
+    make_strange_table();
+  } else {
+    return false;
+  }
+  return true;
+}
+
 syserr_t act(std::string_view what) {
+  if (edit_tags(what)) {
+    return what.ends_with("-and-fail") ? SYSERR_PSS_DAMAGED : SYSERR_SUCCESS;
+  }
+
   if (what == "crash") {
     std::signal(SIGSEGV, SIG_DFL);
     std::raise(SIGSEGV);

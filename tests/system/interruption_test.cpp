@@ -71,6 +71,36 @@ TEST_F(interruption, killed_at_any_moment_the_switch_is_wholly_before_or_after) 
   EXPECT_EQ(before + after, points);
 }
 
+TEST_F(interruption, a_reboot_that_is_killed_at_any_moment_is_wholly_done_or_not) {
+  create("sw");
+  const files before = state("sw");
+  std::filesystem::copy(path("sw"), path("kept"), std::filesystem::copy_options::recursive);
+  const auto begin = std::chrono::steady_clock::now();
+  ASSERT_EQ(run({"lab", "reboot", "sw"}).status, 0);
+  const auto whole = std::chrono::steady_clock::now() - begin;
+  const files after = state("sw");
+  ASSERT_NE(before, after);
+  int as_before = 0;
+  constexpr int points = 20;
+  for (int at = 0; at < points; ++at) {
+    std::filesystem::remove_all(path("sw"));
+    std::filesystem::copy(path("kept"), path("sw"), std::filesystem::copy_options::recursive);
+    const std::unique_ptr<background> running = start({"lab", "reboot", "sw"});
+    std::this_thread::sleep_for(whole * at / (points - 2));
+    running->signal(at % 2 == 0 ? SIGKILL : SIGTERM);
+    running->wait();
+
+    EXPECT_EQ(run({"lab", "show", "sw"}).status, 0);
+
+    const files now = state("sw");
+    EXPECT_TRUE(now == before || now == after) << at;
+    as_before += now == before ? 1 : 0;
+    EXPECT_FALSE(exists("sw/previous"));
+    expect_tidy("sw");
+  }
+  EXPECT_GT(as_before, 0);
+}
+
 TEST_F(interruption, a_killed_command_takes_its_child_with_it) {
   create("sw");
   const std::unique_ptr<background> running = start_hanging();
@@ -80,7 +110,7 @@ TEST_F(interruption, a_killed_command_takes_its_child_with_it) {
 
   const result next = run({"lab", "show", "sw"});
   EXPECT_EQ(next.status, 0) << next.err;
-  EXPECT_NE(next.err.find("removed the copy of a conversion that was stopped"), std::string::npos);
+  EXPECT_NE(next.err.find("removed the copy of a command that was stopped"), std::string::npos);
   expect_tidy("sw");
 }
 

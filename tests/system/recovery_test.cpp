@@ -19,7 +19,7 @@ protected:
 };
 
 constexpr char removed_copy[] =
-    "datamorph: 'sw': removed the copy of a conversion that was stopped; the switch is as it was "
+    "datamorph: 'sw': removed the copy of a command that was stopped; the switch is as it was "
     "before it\n";
 constexpr char completed[] =
     "datamorph: 'sw': completed a conversion that was stopped after its last step; the state "
@@ -41,9 +41,27 @@ TEST_F(recovery, a_copy_that_was_not_finished_is_removed) {
 TEST_F(recovery, a_copy_of_the_same_generation_is_removed) {
   create("sw");
   copy("sw/current", "sw/next");
+  write("sw/.copy", "");
 
   EXPECT_EQ(run({"lab", "show", "sw"}).err, removed_copy);
   EXPECT_EQ(release_in("sw/current"), "4.1(5)");
+  expect_tidy("sw");
+}
+
+// Stopped just before its step or just after it: the other state is needed by nobody.
+TEST_F(recovery, a_state_that_a_reboot_left_is_removed) {
+  create("sw");
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  copy("sw/current", "sw/next");
+  fs::remove(path("sw/next/tmp/session.txt"));
+  const files before = state("sw");
+
+  EXPECT_EQ(run({"lab", "show", "sw"}).err,
+            "datamorph: 'sw': removed a state that a stopped reboot had left; the switch is wholly "
+            "as it was before it or after it\n");
+
+  EXPECT_EQ(state("sw"), before);
+  EXPECT_EQ(release_in("sw/previous"), "4.1(5)");
   expect_tidy("sw");
 }
 

@@ -144,6 +144,20 @@ TEST_F(small_disk, no_room_for_the_copy_is_found_out_first) {
   umount2(path("disk").c_str(), MNT_DETACH);
 }
 
+TEST_F(small_disk, a_reboot_without_room_changes_nothing) {
+  mount_small("disk", "1200k");
+  ASSERT_EQ(run({"lab", "create", "disk/sw"}).status, 0);
+  const files before = state("disk/sw");
+
+  const result rebooted = run({"lab", "reboot", "disk/sw"});
+
+  EXPECT_EQ(rebooted.status, 3);
+  EXPECT_EQ(rebooted.err.find("datamorph: 'disk/sw': no room for a copy of its state"), 0u)
+      << rebooted.err;
+  EXPECT_EQ(state("disk/sw"), before);
+  umount2(path("disk").c_str(), MNT_DETACH);
+}
+
 TEST_F(small_disk, a_switch_that_does_not_fit_is_not_built) {
   mount_small("disk", "100k");
 

@@ -113,7 +113,7 @@ TEST_F(safety, a_copy_in_which_converters_faked_an_old_generation_is_a_copy) {
   const result shown = run({"lab", "show", "sw"});
 
   EXPECT_EQ(shown.status, 0);
-  EXPECT_EQ(shown.err, "datamorph: 'sw': removed the copy of a conversion that was stopped; the "
+  EXPECT_EQ(shown.err, "datamorph: 'sw': removed the copy of a command that was stopped; the "
                        "switch is as it was before it\n");
   EXPECT_EQ(state("sw"), before);
   EXPECT_FALSE(exists("sw/previous"));

@@ -3,6 +3,7 @@
 #include "command.h"
 
 #include <algorithm>
+#include <array>
 #include <regex>
 
 namespace {
@@ -94,6 +95,23 @@ protected:
     all.erase("/tmp/datamorphcheck");
     all.erase("/switch.json");
     return all;
+  }
+  // The record is marked where it is looked at.
+  void expect_shown_trouble(const std::string &key, const std::string &trouble) {
+    EXPECT_EQ(show("sw")["tag_table_troubles"],
+              nlohmann::json::array({{{"key", key}, {"text", trouble}}}));
+    EXPECT_NE(run({"lab", "show", "sw"})
+                  .out.find("\n  - running   convert refuses the record with the key '" + key +
+                            "': " + trouble + "\n"),
+              std::string::npos);
+    const nlohmann::json document =
+        run({"store", "show", "sw", running, "--format", "json"}).json();
+    for (const nlohmann::json &record : document["records"]) {
+      EXPECT_EQ(record.value("trouble", ""), record["key"] == key ? trouble : "") << record;
+    }
+    EXPECT_NE(
+        run({"store", "show", "sw", running}).out.find("convert refuses it: " + trouble + "\n"),
+        std::string::npos);
   }
   void expect_tables_as_created() {
     EXPECT_EQ(value(saved_1, saved_key), aic_dbg_only);
@@ -202,7 +220,7 @@ TEST_F(tag_tables, the_same_release_opens_no_feature_store) {
       convert({"--to", "4.1(5)", "--moment", "running-fs", "--moment", "startup"});
 
   EXPECT_EQ(lasting_state(), before);
-  EXPECT_EQ(report["stores"], nlohmann::json::array());
+  EXPECT_EQ(report["stores"], nlohmann::json::array()); // nor is the running tables' one written
   const std::string log = read("sw/runs/0001/conversion.log");
   EXPECT_EQ(log.find("TOTOAL URI"), std::string::npos) << log;
   EXPECT_NE(log.find("dot1x_data_morph_startup: path = /cfg/startup/vdc_2, "), std::string::npos);
@@ -250,6 +268,57 @@ TEST_F(tag_tables, a_request_that_changed_only_a_table_says_so) {
   EXPECT_NE(again.out.find(" ACCESS POINTS REMOVED TAGS SET\n"), std::string::npos) << again.out;
   EXPECT_NE(again.out.find(" 0 -                     DOT1X \"\"\n"), std::string::npos)
       << again.out;
+}
+
+TEST_F(tag_tables, the_store_of_the_running_ones_is_in_the_report) {
+  const auto row = [](const nlohmann::json &report) {
+    nlohmann::json found;
+    for (const nlohmann::json &store : report["stores"]) {
+      if (store["uri"] == running) {
+        found.push_back(store);
+      }
+    }
+    return found;
+  };
+  const nlohmann::json one = {{"uri", running},
+                              {"what", "changed"},
+                              {"records", {{"added", 1}, {"changed", 1}, {"removed", 0}}},
+                              {"services", {"KPS", "DOT1X"}}};
+  EXPECT_EQ(row(convert({"--to", "4.2(1)"})), nlohmann::json::array({one}));
+  EXPECT_EQ(row(convert({"--from", "4.1(5)", "--to", "4.2(1)"})), nlohmann::json());
+
+  ASSERT_EQ(run({"store", "delete", "sw", running, "--all"}).status, 0);
+  const result made = run({"convert", "sw", "--from", "4.1(5)", "--to", "4.2(1)", "--moment",
+                           "running-fs", "--service", "KPS"});
+  EXPECT_NE(made.out.find("\nvolatile:/sysmgr/tag_tables created     1       0       0 KPS\n"),
+            std::string::npos)
+      << made.out;
+}
+
+// The saved table comes over the running one: what stands only in that one goes.
+TEST_F(tag_tables, entries_that_went_are_told) {
+  put(running, "0001",
+      "14000000"
+      "0100"
+      "0100"
+      "01000800"
+      "bc020000"
+      "222f7a00");
+
+  const result converted = run({"convert", "sw", "--to", "4.2(1)", "--moment", "startup",
+                                "--service", "DOT1X", "--service", "KPS"});
+
+  EXPECT_EQ(converted.status, 0) << converted.err;
+  EXPECT_NE(converted.out.find(" TAGS SET TAGS GONE\n"), std::string::npos) << converted.out;
+  EXPECT_NE(converted.out.find(" KPS \"\"   700 \"\\\"/z\"\n"), std::string::npos) << converted.out;
+  const nlohmann::json report = nlohmann::json::parse(read("sw/runs/0001/report.json"));
+  for (const nlohmann::json &request : report["requests"]) {
+    const bool first = request["service"] == "KPS" && request["vdc"] == 1;
+    const nlohmann::json entry = {{"vdc", 1}, {"service", "700"}, {"uuid", 700}, {"tag", "\"/z"}};
+    EXPECT_EQ(request["tags_gone"],
+              first ? nlohmann::json::array({entry}) : nlohmann::json::array())
+        << request;
+  }
 }
 
 TEST_F(tag_tables, a_typical_request_leaves_every_step_in_the_log) {
@@ -319,12 +388,16 @@ TEST_F(tag_tables, a_damaged_table_is_never_accepted_as_the_running_one) {
 }
 
 TEST_F(tag_tables, a_damaged_running_table_is_refused_until_a_reboot) {
-  const std::pair<const char *, const char *> rows[] = {
-      {"0001", damaged_entry}, {"0001", ""},
-      {"0003", dot1x_only}, // no such VDC
-      {"01", dot1x_only},      {"0002", "0800000000000100ff"},
+  const std::array<const char *, 3> rows[] = {
+      {"0001", damaged_entry, "its table is damaged"},
+      {"0001", "", "its table is damaged"},
+      {"0003", dot1x_only, "the switch has no VDC 3"},
+      {"0000", dot1x_only, "the switch has no VDC 0"},
+      {"01", dot1x_only, "its key is not the 2 bytes of a VDC"},
+      {"000200", dot1x_only, "its key is not the 2 bytes of a VDC"},
+      {"0002", "0800000000000100ff", "its table is damaged"},
   };
-  for (const auto &[key, bytes] : rows) {
+  for (const auto &[key, bytes, trouble] : rows) {
     put(running, key, bytes);
     const files before = state("sw");
 
@@ -336,19 +409,39 @@ TEST_F(tag_tables, a_damaged_running_table_is_refused_until_a_reboot) {
                                  "be read: 0x40480009 ("),
               0u)
         << converted.err;
+    const std::string quoted_key = key;
     EXPECT_TRUE(converted.err.ends_with(
-        "; 'datamorph lab reboot' makes it anew from the saved tag tables\n"))
+        "): the record with the key '" + quoted_key + "': " + trouble +
+        "; 'datamorph store delete sw volatile:/sysmgr/tag_tables " + quoted_key +
+        "' removes that one, 'datamorph lab reboot' makes it anew from the saved tag tables, but "
+        "empties /tmp and the other volatile stores too\n"))
         << converted.err;
     EXPECT_EQ(state("sw"), before);
+    expect_shown_trouble(key, trouble);
     ASSERT_EQ(run({"lab", "reboot", "sw"}).status, 0);
     expect_tables_as_created();
   }
 }
 
+TEST_F(tag_tables, a_record_that_is_refused_can_be_deleted_alone) {
+  put(running, "0003", dot1x_only);
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 3);
+
+  ASSERT_EQ(run({"store", "delete", "sw", running, "0003"}).status, 0);
+
+  EXPECT_EQ(show("sw")["tag_table_troubles"], nlohmann::json::array());
+  EXPECT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+}
+
 TEST_F(tag_tables, a_running_store_that_is_none_is_refused_and_shown) {
   write("sw/current/dev/shm/volatile/sysmgr/tag_tables.pss", "no store at all");
 
-  EXPECT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 3);
+  const result refused = run({"convert", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_NE(refused.err.find("); 'datamorph store delete sw volatile:/sysmgr/tag_tables --all' "
+                             "removes it, 'datamorph lab reboot' makes it anew"),
+            std::string::npos)
+      << refused.err;
   const std::string state = show("sw")["tag_tables"][0]["running"]["state"];
   EXPECT_EQ(state.find("0x40480009 ("), 0u) << state;
   ASSERT_EQ(run({"lab", "reboot", "sw"}).status, 0);
@@ -396,6 +489,35 @@ TEST_F(tag_tables, bytes_behind_a_saved_table_are_not_run) {
   EXPECT_EQ(value(saved_1, saved_key), aic_dbg_kps_dot1x);
 }
 
+TEST_F(tag_tables, a_saved_table_that_is_too_large_to_run_is_marked) {
+  constexpr size_t entries = 1639; // of 40 bytes each, and the header: 65568 bytes
+  std::string table = "20000100"
+                      "6706"
+                      "0100";
+  for (size_t at = 0; at < entries; ++at) {
+    table += "01002400"
+             "f5010000" +
+             std::string(62, '7') + "00";
+  }
+  write("large.json", std::string(R"({"stores": [{"uri": ")") + saved_1 +
+                          R"(", "records": [{"key": ")" + saved_key + R"(", "value": ")" + table +
+                          R"("}]}]})");
+  ASSERT_EQ(run({"store", "import", "sw", "--file", "large.json"}).status, 0);
+
+  const result rebooted = run({"lab", "reboot", "sw", "--format", "json"});
+
+  const std::string trouble =
+      "VDC 1 starts without a tag table: its saved one in the store "
+      "'nonvolatile:/cfg/startup/bin/sysmgr_config': it is too large to run";
+  EXPECT_EQ(rebooted.err, "datamorph: 'sw': " + trouble + "\n");
+  EXPECT_EQ(rebooted.json()["troubles"], nlohmann::json::array({trouble}));
+  const nlohmann::json saved = show("sw")["tag_tables"][0]["saved"];
+  EXPECT_EQ(saved["state"], "too large to run");
+  EXPECT_EQ(saved["entries"].size(), entries);
+  EXPECT_NE(run({"lab", "show", "sw"}).out.find("  1 saved     too large to run\n"),
+            std::string::npos);
+}
+
 // ---- What a description says -------------------------------------------------------------------
 
 class described_tag_tables : public command_test {
@@ -423,7 +545,7 @@ TEST_F(described_tag_tables, are_written_and_run) {
                         "0100") +
                 "010005007d01000000" + "01000a001e020000612022206200" + "01000700d12f0100636300\n");
   EXPECT_TRUE(run({"lab", "show", "sw"})
-                  .out.ends_with("  1 running   DOT1X \"\", KPS \"a \" b\", 77777 \"cc\"\n"));
+                  .out.ends_with("  1 running   DOT1X \"\", KPS \"a \\\" b\", 77777 \"cc\"\n"));
 }
 
 TEST_F(described_tag_tables, may_be_empty) {
@@ -460,6 +582,10 @@ TEST_F(described_tag_tables, a_damaged_one_is_made_and_not_run) {
             "other: switch switch at release 4.1(5), 1 store, 0 files, 0 access points\n");
   EXPECT_EQ(made.err, "datamorph: 'other': VDC 1 starts without a tag table: its saved one in the "
                       "store 'nonvolatile:/s/bin/sysmgr_config': the record is damaged\n");
+  const result third = run({"lab", "create", "third", "--from", "d.json", "--format", "json"});
+  EXPECT_EQ(third.json()["troubles"],
+            nlohmann::json::array({"VDC 1 starts without a tag table: its saved one in the store "
+                                   "'nonvolatile:/s/bin/sysmgr_config': the record is damaged"}));
 }
 
 TEST_F(described_tag_tables, are_refused_when_wrong) {
@@ -495,6 +621,77 @@ TEST_F(described_tag_tables, are_refused_when_wrong) {
   }
   EXPECT_NE(create_with("[" + many + "]").err.find(": the table is larger than 65536 bytes\n"),
             std::string::npos);
+}
+
+// ---- What a converter does to the running tables -----------------------------------------------
+
+class edited_tag_tables : public command_test {
+protected:
+  void SetUp() override {
+    command_test::SetUp();
+    create("sw");
+  }
+  // The report of the one request to the fake converters' SKSD.
+  result convert(const std::string &what, const words &more = {}) {
+    fake(what);
+    words arguments = {"convert",  "sw",         "--to",      "4.2(1)",
+                       "--moment", "running-fs", "--service", "SKSD"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return run(arguments);
+  }
+  nlohmann::json request_of(const result &converted) { return converted.json()["requests"][0]; }
+};
+
+TEST_F(edited_tag_tables, a_tag_has_changed_when_it_is_another_one) {
+  const auto entry = [](const char *tag, bool changed) {
+    return nlohmann::json::array(
+        {{{"vdc", 1}, {"service", "AIC_DBG"}, {"uuid", 501}, {"tag", tag}, {"changed", changed}}});
+  };
+  const words json = {"--format", "json"};
+  EXPECT_EQ(request_of(convert("set-the-same-tag", json))["tags_set"], entry("lab", false));
+  EXPECT_EQ(request_of(convert("set-a-tag-and-back", json))["tags_set"], entry("lab", false));
+  EXPECT_EQ(request_of(convert("set-another-tag", json))["tags_set"], entry("\\xff\"x", true));
+  EXPECT_EQ(request_of(convert("set-another-tag", json))["tags_set"], entry("\\xff\"x", false));
+  ASSERT_EQ(run({"lab", "reboot", "sw"}).status, 0);
+  const result shown = convert("set-another-tag");
+  EXPECT_NE(shown.out.find(" AIC_DBG \"\\xff\\\"x\"\n"), std::string::npos) << shown.out;
+}
+
+TEST_F(edited_tag_tables, of_a_run_that_failed_are_those_of_the_copy) {
+  const result converted = convert("empty-a-tag-table-and-fail");
+
+  EXPECT_EQ(converted.status, 1);
+  EXPECT_NE(
+      converted.out.find(" TAGS SET (in the copy that was dropped) TAGS GONE (in the copy that "
+                         "was dropped)\n"),
+      std::string::npos)
+      << converted.out;
+  EXPECT_NE(converted.out.find(" AIC_DBG \"lab\"\n"), std::string::npos) << converted.out;
+  EXPECT_NE(converted.out.find("\nSTORE (in the copy that was dropped) "), std::string::npos);
+  EXPECT_EQ(show("sw")["tag_tables"][0]["running"], shown_table("ok", {aic_dbg}));
+}
+
+TEST_F(edited_tag_tables, of_a_vdc_that_the_switch_does_not_have_fail_the_run) {
+  const files before = state("sw");
+
+  const result converted = convert("make-a-strange-tag-table");
+
+  EXPECT_EQ(converted.status, 1);
+  EXPECT_NE(converted.err.find("not converted: the running tag tables could not be kept in the "
+                               "store 'volatile:/sysmgr/tag_tables': 0x40480009 ("),
+            std::string::npos)
+      << converted.err;
+  EXPECT_EQ(state("sw"), before);
+}
+
+TEST_F(edited_tag_tables, a_store_that_is_written_with_what_stands_there_is_unchanged) {
+  ASSERT_EQ(convert("change").status, 0);
+
+  const nlohmann::json report = convert("change", {"--format", "json"}).json();
+
+  ASSERT_EQ(report["stores"].size(), 1u);
+  EXPECT_EQ(report["stores"][0]["uri"], "nonvolatile:/cfg/0/vlan_cfg");
+  EXPECT_EQ(report["stores"][0]["what"], "unchanged");
 }
 
 } // namespace

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include "lab/lab.h"
 #include "services.h"
 #include "statuses.h"
+#include "tag_tables.h"
 #include "text.h"
 #include "unique_fd.h"
 
@@ -72,7 +75,13 @@ nlohmann::json first_damaged_store(const switch_state &state) {
   lab::sysmgr_set_vdcs(state.vdcs);
   const syserr_t status = lab::sysmgr_load_tables();
   if (status != SYSERR_SUCCESS) {
-    return {{"uri", lab::running_tag_tables}, {"status", status}};
+    nlohmann::json damaged = {{"uri", lab::running_tag_tables}, {"status", status}};
+    const std::vector<record_trouble> troubles = running_record_troubles(state.vdcs);
+    if (!troubles.empty()) {
+      damaged["key"] = troubles.front().key;
+      damaged["text"] = troubles.front().text;
+    }
+    return damaged;
   }
   return nullptr;
 }
@@ -96,6 +105,55 @@ void stop_system_manager() {
     throw failure(exit_failed, "the system manager's service did not give its access point back: " +
                                    error_text(errno));
   }
+}
+
+// ---- What becomes of the running tag tables ----------------------------------------------------
+
+struct tag_of_service {
+  vdc_id_t vdc = 0;
+  uint32 uuid = 0;
+  auto operator<=>(const tag_of_service &) const = default;
+};
+using running_tags = std::map<tag_of_service, std::string>;
+
+running_tags tags_now(const std::vector<vdc_id_t> &vdcs) {
+  running_tags tags;
+  for (const vdc_id_t vdc : vdcs) {
+    std::vector<lab::tag_entry> entries;
+    lab::tag_table_decode(lab::sysmgr_running_table(vdc), &entries);
+    for (const lab::tag_entry &entry : entries) {
+      tags.emplace(tag_of_service{vdc, entry.uuid}, entry.tag);
+    }
+  }
+  return tags;
+}
+
+nlohmann::json tags_gone(const running_tags &before, const running_tags &after) {
+  nlohmann::json gone = nlohmann::json::array();
+  for (const auto &[entry, tag] : before) {
+    if (!after.contains(entry)) {
+      gone.push_back({{"vdc", entry.vdc}, {"uuid", entry.uuid}, {"tag", to_hex(tag)}});
+    }
+  }
+  return gone;
+}
+
+using store_records = std::map<std::string, std::string>;
+
+// Counted here: the tables are kept when the journal is over.
+nlohmann::json record_changes(const store_records &before, const store_records &after) {
+  uint64_t added = 0;
+  uint64_t changed = 0;
+  uint64_t removed = 0;
+  for (const auto &[key, value] : after) {
+    const auto old = before.find(key);
+    added += old == before.end() ? 1 : 0;
+    changed += old != before.end() && old->second != value ? 1 : 0;
+  }
+  for (const auto &[key, value] : before) {
+    removed += after.contains(key) ? 0 : 1;
+  }
+  return {{"added", added}, {"changed", changed}, {"removed", removed}};
 }
 
 void sync_state() {
@@ -134,6 +192,8 @@ void run_conversion(const jail::channel &channel, const library &library,
   start_system_manager(plan.state.vdcs);
   debug_trace_fac_SYSMGR = {stderr, 0xffffffffu};
   const std::vector<std::string> before = lab::store_uris();
+  const store_records tables_before = running_records();
+  running_tags tags = tags_now(plan.state.vdcs);
   lab::journal_start(journal);
   set_environment(plan, 1);
   library.init(queue);
@@ -145,7 +205,11 @@ void run_conversion(const jail::channel &channel, const library &library,
     const clock::time_point start = clock::now();
     const syserr_t status = make_request(library, plan, request);
     const std::chrono::duration<double, std::milli> took = clock::now() - start;
-    channel.send({{"result", at}, {"status", status}, {"milliseconds", took.count()}});
+    const running_tags tags_before = std::exchange(tags, tags_now(plan.state.vdcs));
+    channel.send({{"result", at},
+                  {"status", status},
+                  {"milliseconds", took.count()},
+                  {"tags_gone", tags_gone(tags_before, tags)}});
   }
   lab::journal_request("closing", 0, "");
   stop_system_manager();
@@ -162,6 +226,7 @@ void run_conversion(const jail::channel &channel, const library &library,
                  {{"left_open", left_open},
                   {"close_status", closed},
                   {"tables_status", saved},
+                  {"tables_changes", record_changes(tables_before, running_records())},
                   {"unexpected", unexpected},
                   {"first_unexpected", first},
                   {"stores_before", before},

@@ -45,7 +45,6 @@ private:
                      const char *what) const;
   void check_damage(const nlohmann::json &found) const;
   void make_plan(const nlohmann::json &found);
-  void check_room() const;
   void prepare();
   void convert_copy(const run_folder &folder);
   int attempt(const run_folder &folder);
@@ -134,13 +133,25 @@ void conversion::check_damage(const nlohmann::json &found) const {
   if (!found.contains("damaged")) {
     return;
   }
-  const std::string uri = found["damaged"].at("uri").get<std::string>();
-  const char *advice = uri == lab::running_tag_tables
-                           ? "'datamorph lab reboot' makes it anew from the saved tag tables"
-                           : "remove it with 'datamorph store delete --all' and bring it back with "
-                             "'datamorph store import'";
-  refuse("the store " + in_quotes(uri) + " cannot be read: " +
-         status_text(found["damaged"].at("status").get<syserr_t>()) + "; " + advice);
+  const nlohmann::json &damaged = found["damaged"];
+  const std::string uri = damaged.at("uri").get<std::string>();
+  const std::string what = "the store " + in_quotes(uri) +
+                           " cannot be read: " + status_text(damaged.at("status").get<syserr_t>());
+  if (uri != lab::running_tag_tables) {
+    refuse(what + "; remove it with 'datamorph store delete --all' and bring it back with "
+                  "'datamorph store import'");
+  }
+  const std::string remove = "datamorph store delete " + options_.dir + " " + uri + " ";
+  const std::string reboot =
+      ", 'datamorph lab reboot' makes it anew from the saved tag tables, but empties /tmp and the "
+      "other volatile stores too";
+  if (!damaged.contains("key")) {
+    refuse(what + "; '" + remove + "--all' removes it" + reboot);
+  }
+  const std::string key = damaged["key"].get<std::string>();
+  refuse(what + ": the record with the key '" + key +
+         "': " + damaged.at("text").get<std::string>() + "; '" + remove +
+         (key.empty() ? "\"\"" : key) + "' removes that one" + reboot);
 }
 
 // Each service once: where it first stands when the release rises, where it last stands when the
@@ -196,16 +207,6 @@ void conversion::make_plan(const nlohmann::json &found) {
   }
 }
 
-void conversion::check_room() const {
-  const uint64_t used = tree::bytes_used(switch_.folder(), "current");
-  const uint64_t free = tree::bytes_free(switch_.folder());
-  const uint64_t wanted = used + used / 16 + (1 << 20);
-  if (free < wanted) {
-    refuse("no room for a copy of its state: " + std::to_string(wanted >> 10) +
-           " KiB are wanted, " + std::to_string(free >> 10) + " KiB are free; make room there");
-  }
-}
-
 // ---- The conversion itself ---------------------------------------------------------------------
 
 void conversion::take_message(const nlohmann::json &message) {
@@ -227,6 +228,7 @@ void conversion::take_message(const nlohmann::json &message) {
   }
   report.status = message.at("status").get<syserr_t>();
   report.milliseconds = message.at("milliseconds").get<double>();
+  report.take_tags_gone(message.at("tags_gone"));
 }
 
 // Says at each request that has no status why that is so.
@@ -336,6 +338,10 @@ void conversion::take_journal(const run_folder &folder) {
     report_.notes.push_back(std::string("the counts of records are missing: ") + error.what());
   }
   report_.take_journal(journal, closing_.is_object(), uris("stores_before"), uris("stores_after"));
+  if (closing_.is_object()) {
+    report_.take_tables(closing_.value("tables_changes", nlohmann::json::object()),
+                        uris("stores_before"), uris("stores_after"));
+  }
 }
 
 // A reader of the messages that stands still is waited for, but not when the program is to stop.
@@ -390,7 +396,7 @@ void conversion::prepare() {
     refuse("the library's process sent a message that makes no sense");
   }
   switch_.check_exchange();
-  check_room();
+  switch_.check_room();
   report_.dir = options_.dir;
   report_.from = plan_.from;
   report_.to = plan_.to;

@@ -176,6 +176,9 @@ void send_contents(const jail::channel &channel, const switch_state &state) {
   for (const vdc_id_t vdc : state.vdcs) {
     channel.send({{"tag_table", describe_tag_tables(state, vdc)}});
   }
+  for (const record_trouble &trouble : running_record_troubles(state.vdcs)) {
+    channel.send({{"tag_table_trouble", {{"key", trouble.key}, {"text", trouble.text}}}});
+  }
 }
 
 std::string value_text(const nlohmann::json &value) {
@@ -196,6 +199,13 @@ void print_tag_tables(const nlohmann::json &document) {
     for (const char *which : {"saved", "running"}) {
       rows.push_back({value_text(vdc["vdc"]), which, tag_table_cell(vdc[which])});
     }
+  }
+  // What makes convert refuse the running ones, damaged tables of the VDCs above too.
+  for (const nlohmann::json &trouble : document["tag_table_troubles"]) {
+    rows.push_back(
+        {"-", "running",
+         output::cell::bad("convert refuses the record with the key '" +
+                           value_text(trouble["key"]) + "': " + value_text(trouble["text"]))});
   }
   output::text("\n");
   output::table({{"VDC", output::align::right}, {"TAG TABLE"}, {"ENTRIES"}}, rows);
@@ -259,6 +269,9 @@ void print_switch(const nlohmann::json &document) {
 // Removes what is in a folder, not the folder. How many entries that were.
 size_t empty_folder(const char *path) {
   const unique_fd folder(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.is_open() && errno != ENOENT) {
+    throw failure(exit_failed, std::string("cannot empty ") + path + ": " + error_text(errno));
+  }
   if (!folder.is_open()) {
     return 0;
   }
@@ -270,7 +283,73 @@ size_t empty_folder(const char *path) {
   for (const std::string &name : names) {
     tree::remove(folder.get(), name);
   }
+  if (error) {
+    throw failure(exit_failed, std::string("cannot empty ") + path + ": " + error.message());
+  }
   return names.size();
+}
+
+std::set<std::string> volatile_stores() {
+  std::set<std::string> found;
+  for (const std::string &uri : lab::store_uris()) {
+    if (uri.starts_with("volatile:")) {
+      found.insert(uri);
+    }
+  }
+  return found;
+}
+
+struct reboot_report {
+  size_t stores = 0; // volatile ones that stood before and do not now
+  size_t files = 0;
+  boot_report booted;
+};
+
+// In the copy.
+void reboot_state(const jail::channel &channel, const switch_state &state) {
+  std::set<std::string> gone = volatile_stores();
+  empty_folder("/dev/shm/volatile");
+  const size_t files = empty_folder("/tmp");
+  boot(channel, state);
+  for (const std::string &uri : volatile_stores()) {
+    gone.erase(uri);
+  }
+  channel.send({{"stores", gone.size()}, {"files", files}});
+}
+
+reboot_report reboot_copy(int copy, const switch_state &state) {
+  reboot_report done;
+  jail::request request;
+  request.root = copy;
+  request.body = [&](const jail::channel &channel) { reboot_state(channel, state); };
+  request.on_message = [&](const nlohmann::json &message) {
+    done.stores = message.value("stores", done.stores);
+    done.files = message.value("files", done.files);
+    done.booted.take(message);
+  };
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    throw failure(exit_failed, "the reboot " + outcome.text());
+  }
+  stop_signal::check();
+  return done;
+}
+
+// Of a copy that takes the state's place in one step. What stops it leaves the switch as it was.
+reboot_report reboot(switch_dir *target) {
+  target->check_exchange();
+  target->check_room();
+  try {
+    unique_fd next = target->make_next();
+    const reboot_report done = reboot_copy(next.get(), target->state());
+    target->replace(std::move(next));
+    return done;
+  } catch (const failure &error) {
+    const std::string left = target->drop_next();
+    throw failure(error.status(), std::string("not rebooted: ") + error.what() +
+                                      "; the switch is as it was" +
+                                      (left.empty() ? "" : "; " + left));
+  }
 }
 
 } // namespace
@@ -300,7 +379,8 @@ int lab_create(const common_options &common, const std::string &dir, const std::
                   {"release", wanted.state.release},
                   {"stores", stores},
                   {"files", wanted.files.size()},
-                  {"access_points", wanted.access_points.size()}});
+                  {"access_points", wanted.access_points.size()},
+                  {"troubles", booted.troubles}});
   } else {
     output::text(dir + ": switch " + to_text(wanted.state.name) + " at release " +
                  wanted.state.release + ", " + counted(stores, "store") + ", " +
@@ -319,6 +399,7 @@ int lab_show(const common_options &common, const std::string &dir) {
   document["files"] = nlohmann::json::array();
   document["access_points"] = nlohmann::json::array();
   document["tag_tables"] = nlohmann::json::array();
+  document["tag_table_troubles"] = nlohmann::json::array();
   jail::request request;
   request.root = target.current();
   request.body = [&](const jail::channel &channel) { send_contents(channel, target.state()); };
@@ -340,37 +421,24 @@ int lab_show(const common_options &common, const std::string &dir) {
 }
 
 int lab_reboot(const common_options &common, const std::string &dir) {
-  const switch_dir target(dir, switch_dir::access::write);
-  size_t stores = 0;
-  size_t files = 0;
-  boot_report booted;
-  jail::request request;
-  request.root = target.current();
-  request.body = [&](const jail::channel &channel) {
-    size_t volatile_stores = 0;
-    for (const std::string &uri : lab::store_uris()) {
-      volatile_stores += uri.starts_with("volatile:") ? 1 : 0;
+  const stop_signal::guard guard;
+  try {
+    switch_dir target(dir, switch_dir::access::write);
+    const reboot_report done = reboot(&target);
+    done.booted.say(dir);
+    if (common.format == output::format::json) {
+      output::json({{"switch", dir},
+                    {"volatile_stores", done.stores},
+                    {"temporary_files", done.files},
+                    {"troubles", done.booted.troubles}});
+    } else {
+      output::text(dir + ": rebooted; " + counted(done.stores, "volatile store") + " and " +
+                   counted(done.files, "file") + " of /tmp are gone\n");
     }
-    empty_folder("/dev/shm/volatile");
-    const size_t entries = empty_folder("/tmp");
-    channel.send({{"stores", volatile_stores}, {"files", entries}});
-    boot(channel, target.state());
-  };
-  request.on_message = [&](const nlohmann::json &message) {
-    stores = message.value("stores", stores);
-    files = message.value("files", files);
-    booted.take(message);
-  };
-  const jail::outcome outcome = jail::run(request);
-  if (!outcome.finished()) {
-    throw failure(exit_failed, in_quotes(dir) + ": the reboot " + outcome.text());
-  }
-  booted.say(dir);
-  if (common.format == output::format::json) {
-    output::json({{"switch", dir}, {"volatile_stores", stores}, {"temporary_files", files}});
-  } else {
-    output::text(dir + ": rebooted; gone are " + counted(stores, "volatile store") + " and " +
-                 counted(files, "file") + " of /tmp\n");
+  } catch (const failure &error) {
+    const std::string message = error.what();
+    const bool placed = message.starts_with(in_quotes(dir));
+    throw failure(error.status(), placed ? message : in_quotes(dir) + ": " + message);
   }
   return exit_done;
 }

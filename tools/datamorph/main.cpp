@@ -105,7 +105,11 @@ private:
     CLI::App *reboot =
         verb(lab, "reboot",
              "What a boot does: empty /tmp and the volatile stores, run the saved tag tables",
-             "datamorph lab reboot /tmp/switch", [this] { return lab_reboot(common_, dir_); });
+             "datamorph lab reboot /tmp/switch\n\n"
+             "Works on a copy and puts it in the place of the switch's state in one step: when it\n"
+             "fails or is stopped, the switch is as it was. previous/ stays the state before the\n"
+             "last conversion.",
+             [this] { return lab_reboot(common_, dir_); });
     reboot->add_option("DIR", dir_, dir_help)->required();
   }
 

@@ -5,9 +5,11 @@
 #include <map>
 #include <sstream>
 
+#include "lab/lab.h"
 #include "output.h"
 #include "services.h"
 #include "statuses.h"
+#include "tag_tables.h"
 #include "text.h"
 
 namespace {
@@ -49,29 +51,52 @@ std::string numbers(const std::vector<uint32> &values) {
   return joined(words);
 }
 
-// Those that changed a table, with the VDC where it is not the request's own.
+// With the VDC where it is not the request's own.
+std::string tag_text(const request_report &report, const tag_report &tag) {
+  const bool elsewhere = tag.vdc != report.request.vdc;
+  return tag_entry_text(service_name(tag.uuid), to_text(tag.tag)) +
+         (elsewhere ? " in VDC " + std::to_string(tag.vdc) : "");
+}
+
+// Those that changed a table.
 std::string tags_text(const request_report &report) {
   std::string text;
   for (const tag_report &tag : report.tags) {
-    const bool elsewhere = tag.vdc != report.request.vdc;
-    if (tag.changed) {
-      append_word(text,
-                  service_name(tag.uuid) + " \"" + to_text(tag.tag) + "\"" +
-                      (elsewhere ? " in VDC " + std::to_string(tag.vdc) : ""),
-                  ", ");
+    if (tag.changed()) {
+      append_word(text, tag_text(report, tag), ", ");
     }
   }
   return text.empty() ? "-" : text;
 }
 
+std::string gone_text(const request_report &report) {
+  std::string text;
+  for (const tag_report &tag : report.gone) {
+    append_word(text, tag_text(report, tag), ", ");
+  }
+  return text.empty() ? "-" : text;
+}
+
+nlohmann::json entry_json(const tag_report &tag) {
+  return {{"vdc", tag.vdc},
+          {"service", service_name(tag.uuid)},
+          {"uuid", tag.uuid},
+          {"tag", to_text(tag.tag)}};
+}
+
 nlohmann::json tags_json(const std::vector<tag_report> &tags) {
   nlohmann::json rows = nlohmann::json::array();
   for (const tag_report &tag : tags) {
-    rows.push_back({{"vdc", tag.vdc},
-                    {"service", service_name(tag.uuid)},
-                    {"uuid", tag.uuid},
-                    {"tag", to_text(tag.tag)},
-                    {"changed", tag.changed}});
+    rows.push_back(entry_json(tag));
+    rows.back()["changed"] = tag.changed();
+  }
+  return rows;
+}
+
+nlohmann::json gone_json(const std::vector<tag_report> &tags) {
+  nlohmann::json rows = nlohmann::json::array();
+  for (const tag_report &tag : tags) {
+    rows.push_back(entry_json(tag));
   }
   return rows;
 }
@@ -80,19 +105,26 @@ tag_report tag_of(const nlohmann::json &line) {
   tag_report tag;
   tag.vdc = static_cast<vdc_id_t>(count_of(line, "table_vdc"));
   tag.uuid = static_cast<uint32>(count_of(line, "uuid"));
-  tag.tag = text_of(line, "tag");
-  tag.changed = count_of(line, "old") != count_of(line, "new");
+  tag.tag = from_hex(text_of(line, "tag")).value_or("");
+  const auto old = line.find("old_tag");
+  if (old != line.end() && old->is_string()) {
+    tag.old = from_hex(old->get<std::string>());
+  }
   return tag;
 }
 
-const char *what_happened(bool ended, bool before, bool after) {
-  if (!ended) {
-    return "touched";
+const char *what_happened(const record_counts &records, bool before, bool after) {
+  if (before && after) {
+    return records.any() ? "changed" : "unchanged";
   }
   if (before) {
-    return after ? "changed" : "removed";
+    return "removed";
   }
   return after ? "created" : "temporary";
+}
+
+record_counts counts_of(const nlohmann::json &line) {
+  return {count_of(line, "added"), count_of(line, "changed"), count_of(line, "removed")};
 }
 
 request_report *request_of(std::vector<request_report> *requests, const nlohmann::json &line) {
@@ -108,25 +140,29 @@ request_report *request_of(std::vector<request_report> *requests, const nlohmann
   return nullptr;
 }
 
-std::vector<output::cell> request_row(const request_report &report) {
+std::vector<output::cell> request_row(const request_report &report, bool with_gone) {
   const auto number = [&](uint64_t value) {
     return output::cell(static_cast<unsigned long>(value));
   };
   const bool bad = !report.status || *report.status != SYSERR_SUCCESS;
   const std::string status = report.status ? status_number(*report.status) : "-";
   const std::string text = report.status ? syserr2str(*report.status) : report.trouble;
-  return {moment_name(report.request.which),
-          report.request.vdc,
-          report.request.service(),
-          bad ? output::cell::bad(status) : output::cell(status),
-          bad ? output::cell::bad(text) : output::cell(text),
-          report.started ? milliseconds_text(report.milliseconds) : "-",
-          number(report.stores.size()),
-          number(report.records.added),
-          number(report.records.changed),
-          number(report.records.removed),
-          numbers(report.access_points),
-          tags_text(report)};
+  std::vector<output::cell> row = {moment_name(report.request.which),
+                                   report.request.vdc,
+                                   report.request.service(),
+                                   bad ? output::cell::bad(status) : output::cell(status),
+                                   bad ? output::cell::bad(text) : output::cell(text),
+                                   report.started ? milliseconds_text(report.milliseconds) : "-",
+                                   number(report.stores.size()),
+                                   number(report.records.added),
+                                   number(report.records.changed),
+                                   number(report.records.removed),
+                                   numbers(report.access_points),
+                                   tags_text(report)};
+  if (with_gone) {
+    row.emplace_back(gone_text(report));
+  }
+  return row;
 }
 
 nlohmann::json request_json(const request_report &report) {
@@ -141,7 +177,8 @@ nlohmann::json request_json(const request_report &report) {
                         {"records", counts_json(report.records)},
                         {"stores", report.stores},
                         {"access_points_removed", report.access_points},
-                        {"tags_set", tags_json(report.tags)}};
+                        {"tags_set", tags_json(report.tags)},
+                        {"tags_gone", gone_json(report.gone)}};
   if (report.status) {
     row["status"] = *report.status;
     row["text"] = syserr2str(*report.status);
@@ -161,11 +198,20 @@ void request_report::take_tag(const tag_report &tag) {
   for (tag_report &taken : tags) {
     if (taken.vdc == tag.vdc && taken.uuid == tag.uuid) {
       taken.tag = tag.tag;
-      taken.changed |= tag.changed;
       return;
     }
   }
   tags.push_back(tag);
+}
+
+void request_report::take_tags_gone(const nlohmann::json &entries) {
+  for (const nlohmann::json &entry : entries) {
+    tag_report tag;
+    tag.vdc = entry.at("vdc").get<vdc_id_t>();
+    tag.uuid = entry.at("uuid").get<uint32>();
+    tag.tag = from_hex(entry.at("tag").get<std::string>()).value_or("");
+    gone.push_back(tag);
+  }
 }
 
 void conversion_report::take_journal(const std::string &journal, bool ended,
@@ -189,8 +235,7 @@ void conversion_report::take_journal(const std::string &journal, bool ended,
     if (uri.empty()) {
       continue;
     }
-    const record_counts counts = {count_of(line, "added"), count_of(line, "changed"),
-                                  count_of(line, "removed")};
+    const record_counts counts = counts_of(line);
     store_report &store = touched[uri];
     store.records.add(counts);
     if (report != nullptr) {
@@ -205,9 +250,35 @@ void conversion_report::take_journal(const std::string &journal, bool ended,
   }
   for (auto &[uri, store] : touched) {
     store.uri = uri;
-    store.what = what_happened(ended, before.contains(uri), after.contains(uri));
+    store.what =
+        ended ? what_happened(store.records, before.contains(uri), after.contains(uri)) : "touched";
     stores.push_back(store);
   }
+}
+
+void conversion_report::take_tables(const nlohmann::json &changes,
+                                    const std::set<std::string> &before,
+                                    const std::set<std::string> &after) {
+  const std::string uri = lab::running_tag_tables;
+  std::erase_if(stores, [&](const store_report &store) { return store.uri == uri; });
+  const record_counts counts = counts_of(changes);
+  if (!counts.any() && before.contains(uri) == after.contains(uri)) {
+    return;
+  }
+  store_report tables = {uri, "", counts, {}};
+  tables.what = what_happened(counts, before.contains(uri), after.contains(uri));
+  for (const request_report &report : requests) {
+    const bool set = std::any_of(report.tags.begin(), report.tags.end(),
+                                 [](const tag_report &tag) { return tag.changed(); });
+    const std::string service = report.request.service();
+    if ((set || !report.gone.empty()) && std::find(tables.services.begin(), tables.services.end(),
+                                                   service) == tables.services.end()) {
+      tables.services.push_back(service);
+    }
+  }
+  const auto place = std::find_if(stores.begin(), stores.end(),
+                                  [&](const store_report &store) { return store.uri > uri; });
+  stores.insert(place, tables);
 }
 
 size_t conversion_report::failed_requests() const {
@@ -243,27 +314,40 @@ nlohmann::json conversion_report::to_json() const {
   return document;
 }
 
-void conversion_report::print_tables() const {
+// The column of entries that went stands when there is one. Of a run that failed nothing is left of
+// all this.
+void conversion_report::print_requests() const {
   using output::align;
+  const bool gone = std::any_of(requests.begin(), requests.end(),
+                                [](const request_report &report) { return !report.gone.empty(); });
   std::vector<std::vector<output::cell>> rows;
   for (const request_report &report : requests) {
-    rows.push_back(request_row(report));
+    rows.push_back(request_row(report, gone));
   }
-  output::table({{"MOMENT"},
-                 {"VDC", align::right},
-                 {"SERVICE"},
-                 {"STATUS"},
-                 {"MEANING", align::left, true},
-                 {"MS", align::right},
-                 {"STORES", align::right},
-                 {"ADDED", align::right},
-                 {"CHANGED", align::right},
-                 {"REMOVED", align::right},
-                 {"ACCESS POINTS REMOVED"},
-                 {"TAGS SET"}},
-                rows);
+  std::vector<output::column> columns = {
+      {"MOMENT"},
+      {"VDC", align::right},
+      {"SERVICE"},
+      {"STATUS"},
+      {"MEANING", align::left, true},
+      {"MS", align::right},
+      {"STORES", align::right},
+      {"ADDED", align::right},
+      {"CHANGED", align::right},
+      {"REMOVED", align::right},
+      {"ACCESS POINTS REMOVED"},
+      {converted ? "TAGS SET" : "TAGS SET (in the copy that was dropped)"}};
+  if (gone) {
+    columns.push_back({converted ? "TAGS GONE" : "TAGS GONE (in the copy that was dropped)"});
+  }
+  output::table(columns, rows);
+}
+
+void conversion_report::print_tables() const {
+  print_requests();
   if (!stores.empty()) {
-    rows.clear();
+    using output::align;
+    std::vector<std::vector<output::cell>> rows;
     for (const store_report &store : stores) {
       rows.push_back({to_text(store.uri), store.what,
                       static_cast<unsigned long>(store.records.added),
@@ -271,7 +355,6 @@ void conversion_report::print_tables() const {
                       static_cast<unsigned long>(store.records.removed), joined(store.services)});
     }
     output::text("\n");
-    // Of a run that failed nothing is left of all this.
     output::table({{converted ? "STORE" : "STORE (in the copy that was dropped)"},
                    {"WHAT"},
                    {"ADDED", align::right},

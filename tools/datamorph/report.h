@@ -18,14 +18,16 @@ struct record_counts {
   uint64_t changed = 0;
   uint64_t removed = 0;
   void add(const record_counts &other);
+  bool any() const { return added + changed + removed > 0; }
 };
 
 // An entry that a request set in a VDC's running tag table.
 struct tag_report {
   vdc_id_t vdc = 0;
   uint32 uuid = 0;
-  std::string tag;
-  bool changed = false; // the table grew or shrank by it; an entry that stood so leaves its size
+  std::string tag;                // bytes
+  std::optional<std::string> old; // the entry's tag before; none: it did not stand
+  bool changed() const { return old != tag; }
 };
 
 struct request_report {
@@ -38,13 +40,18 @@ struct request_report {
   std::set<std::string> stores;
   std::vector<uint32> access_points; // removed
   std::vector<tag_report> tags;      // each entry once, in the order in which they were set
+  std::vector<tag_report> gone;      // entries that stood before it and not after it
 
   void take_tag(const tag_report &tag);
+  // The child's list: "vdc", "uuid" and "tag" in hex of each. Throws nlohmann::json::exception.
+  void take_tags_gone(const nlohmann::json &entries);
 };
 
 struct store_report {
   std::string uri;
-  std::string what; // created, changed, removed, temporary; touched when the run did not end
+  // created, changed, unchanged (written, with the records that stood there), removed, temporary;
+  // touched when the run did not end
+  std::string what;
   record_counts records;
   std::vector<std::string> services; // in the order in which they touched it
 };
@@ -67,9 +74,16 @@ struct conversion_report {
   // run came to its end.
   void take_journal(const std::string &journal, bool ended, const std::set<std::string> &before,
                     const std::set<std::string> &after);
+  // What became of the running tag tables' store, which is written when the journal is over:
+  // "added", "changed", "removed". After take_journal.
+  void take_tables(const nlohmann::json &changes, const std::set<std::string> &before,
+                   const std::set<std::string> &after);
   size_t failed_requests() const;
   nlohmann::json to_json() const;
   void print_tables() const;
+
+private:
+  void print_requests() const;
 };
 
 #endif

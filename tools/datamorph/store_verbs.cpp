@@ -10,6 +10,7 @@
 #include "statuses.h"
 #include "store_access.h"
 #include "switch_dir.h"
+#include "tag_tables.h"
 #include "text.h"
 
 namespace {
@@ -31,9 +32,19 @@ std::string typed(const store_options &options, const std::string &text, const c
   return *bytes;
 }
 
+// Why a switch with these VDCs does not run a record of the running tag tables; empty otherwise.
+std::string trouble_of(const std::string &uri, const std::vector<vdc_id_t> &vdcs,
+                       const nlohmann::json &sent) {
+  if (lab::store_file(uri) != lab::store_file(lab::running_tag_tables)) {
+    return "";
+  }
+  return running_record_trouble(vdcs, from_hex(sent["key"].get<std::string>()).value_or(""),
+                                from_hex(sent["value"].get<std::string>()).value_or(""));
+}
+
 // A record as it is sent, for the user: with what it means where that is known, in *meaning too.
-nlohmann::json shown_record(const store_options &options, const nlohmann::json &sent,
-                            std::string *meaning) {
+nlohmann::json shown_record(const store_options &options, const std::vector<vdc_id_t> &vdcs,
+                            const nlohmann::json &sent, std::string *meaning) {
   const std::string key = sent["key"].get<std::string>();
   const std::string value = sent["value"].get<std::string>();
   nlohmann::json record = {{"key", shown(options, key)}, {"value", shown(options, value)}};
@@ -42,6 +53,11 @@ nlohmann::json shown_record(const store_options &options, const nlohmann::json &
   if (decoded) {
     record["decoded"] = decoded->to_json();
     *meaning = decoded->to_text();
+  }
+  const std::string trouble = trouble_of(options.uri, vdcs, sent);
+  if (!trouble.empty()) {
+    record["trouble"] = trouble;
+    append_word(*meaning, "convert refuses it: " + trouble, "; ");
   }
   return record;
 }
@@ -121,7 +137,8 @@ int store_show(const common_options &common, const store_options &options) {
       target, [&](const jail::channel &channel) { send_records(channel, options.uri); },
       [&](const nlohmann::json &message) {
         if (message.contains("key")) {
-          records.push_back(shown_record(options, message, &meanings.emplace_back()));
+          records.push_back(
+              shown_record(options, target.state().vdcs, message, &meanings.emplace_back()));
         }
       });
   if (common.format == output::format::json) {

@@ -235,9 +235,7 @@ void switch_dir::recover(access how) {
   if (!any || (how == access::read && !may_recover())) {
     return;
   }
-  bool finished = false;
-  bool removed = false;
-  recover_next(&finished, &removed);
+  const std::string what = recover_next();
   for (const char *name : {discard_name, probe_a, probe_b}) {
     put_away_or_say(name);
   }
@@ -248,40 +246,35 @@ void switch_dir::recover(access how) {
   if (how == access::read) {
     share_lock();
   }
-  if (finished) {
-    output::message(in_quotes(path_) + ": completed a conversion that was stopped after its last "
-                                       "step; the state before it is in previous/");
-  } else if (removed) {
-    output::message(in_quotes(path_) + ": removed the copy of a conversion that was stopped; the "
-                                       "switch is as it was before it");
-  } else {
-    output::message(in_quotes(path_) + ": removed what a stopped command had left");
-  }
+  output::message(in_quotes(path_) + ": " + what);
 }
 
-void switch_dir::recover_next(bool *finished, bool *removed) {
+// What was done, for a message.
+std::string switch_dir::recover_next() {
   const int folder = folder_.get();
   if (!tree::exists(folder, next_name)) {
-    return;
+    return "removed what a stopped command had left";
   }
   const std::optional<uint64_t> current = generation_of(folder, current_name);
   if (!current) {
-    throw failure(exit_refused,
-                  "current/switch.json cannot be read, and next/ of a conversion that "
-                  "was stopped is there too: one of the two is the whole state; "
-                  "nothing was changed; keep a copy of both, then put the whole one "
-                  "at current/");
+    throw failure(exit_refused, "current/switch.json cannot be read, and next/ of a command that "
+                                "was stopped is there too: one of the two is the whole state; "
+                                "nothing was changed; keep a copy of both, then put the whole one "
+                                "at current/");
   }
   const bool is_copy = tree::exists(folder, copy_name);
   const std::optional<uint64_t> next = generation_of(folder, next_name);
   if (!is_copy && next && *next < *current) {
     put_away_or_say(discard_name);
     keep_previous();
-    *finished = true;
-    return;
+    return "completed a conversion that was stopped after its last step; the state before it is in "
+           "previous/";
   }
   put_away_or_say(next_name);
-  *removed = true;
+  return !is_copy && next == current
+             ? "removed a state that a stopped reboot had left; the switch is wholly as it was "
+               "before it or after it"
+             : "removed the copy of a command that was stopped; the switch is as it was before it";
 }
 
 // Tidying up never keeps a command from its work: what cannot be removed, as another user's files
@@ -343,6 +336,17 @@ void switch_dir::check_exchange() const {
   }
 }
 
+void switch_dir::check_room() const {
+  const uint64_t used = tree::bytes_used(folder_.get(), current_name);
+  const uint64_t free = tree::bytes_free(folder_.get());
+  const uint64_t wanted = used + used / 16 + (1 << 20);
+  if (free < wanted) {
+    throw failure(exit_refused, in_quotes(path_) + ": no room for a copy of its state: " +
+                                    std::to_string(wanted >> 10) + " KiB are wanted, " +
+                                    std::to_string(free >> 10) + " KiB are free; make room there");
+  }
+}
+
 unique_fd switch_dir::make_next() const {
   const int folder = folder_.get();
   if (tree::exists(folder, next_name)) {
@@ -382,7 +386,7 @@ void switch_dir::keep_previous() const {
   sync_folder(folder);
 }
 
-void switch_dir::commit(unique_fd next, const switch_state &state) {
+void switch_dir::exchange(unique_fd next, const switch_state &state) {
   const int folder = folder_.get();
   // All that the converters' processes could do is done: what stands in the file now is this
   // program's.
@@ -402,6 +406,11 @@ void switch_dir::commit(unique_fd next, const switch_state &state) {
   }
   current_ = std::move(next);
   state_ = state;
+}
+
+void switch_dir::commit(unique_fd next, const switch_state &state) {
+  const int folder = folder_.get();
+  exchange(std::move(next), state);
   try {
     sync_folder(folder);
     put_away_or_say(discard_name);
@@ -411,6 +420,18 @@ void switch_dir::commit(unique_fd next, const switch_state &state) {
   } catch (const failure &error) {
     output::message(in_quotes(path_) + ": the conversion is done, but tidying up failed (" +
                     error.what() + "); the next command completes it");
+  }
+}
+
+void switch_dir::replace(unique_fd next) {
+  exchange(std::move(next), switch_state(state_));
+  try {
+    sync_folder(folder_.get());
+    put_away_or_say(next_name);
+    sync_folder(folder_.get());
+  } catch (const failure &error) {
+    output::message(in_quotes(path_) + ": the state is replaced, but tidying up failed (" +
+                    error.what() + ")");
   }
 }
 

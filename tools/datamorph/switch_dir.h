@@ -2,19 +2,20 @@
 // done about a step that was cut short.
 //
 //   current/    the state; the root of everything that works inside the switch
-//   next/       while a conversion runs: the copy that it works on
+//   next/       while a conversion or a reboot runs: the copy that it works on
 //   previous/   the state before the last conversion
 //   discard/    while the step is tidied up: the state that previous/ held before
 //   runs/       one folder per run
 //   .lock       who works on the switch; the lock itself is on the switch's folder
-//   .copy       next/ is a copy that a conversion works on
+//   .copy       next/ is a copy that a command works on
 //   discard.N   what of the above could not be removed, put out of the way
 //
 // The step is one exchange of current/ and next/. While .copy stands, next/ is a copy that nobody
 // needs, whatever the converters wrote into it. It goes just before the step, and from then on a
 // state's generation, which this program alone wrote, tells on which side of the step it was
 // stopped: next/ is a copy when it is of current's generation or a later one, and the state before
-// the conversion when it is of an earlier one.
+// the conversion when it is of an earlier one. A reboot leaves the generation alone: next/ without
+// .copy and of current's own is a state that nobody needs, on either side of its step.
 #ifndef DATAMORPH_SWITCH_DIR_H
 #define DATAMORPH_SWITCH_DIR_H
 
@@ -40,8 +41,10 @@ public:
   // The current state's folder, as a root for jail::run.
   int current() const { return current_.get(); }
 
-  // Throws failure(3) when the file system cannot exchange two folders.
+  // Throws failure(3) when the file system cannot exchange two folders, or has no room for a copy
+  // of current/.
   void check_exchange() const;
+  void check_room() const;
 
   // Makes next/ a copy of current/ and opens it. Throws failure.
   unique_fd make_next() const;
@@ -51,6 +54,9 @@ public:
   // Puts next/, which make_next gave, with this state in the place of current/, and the old state
   // into previous/. All is on disk when it returns. Throws failure(1): the switch is as it was.
   void commit(unique_fd next, const switch_state &state);
+  // The same for what is no conversion: the state keeps its generation, the old one goes, and
+  // previous/ stays as it is.
+  void replace(unique_fd next);
 
   // A new folder for a run; its number in *number.
   unique_fd make_run(std::string *number) const;
@@ -64,10 +70,11 @@ private:
   bool may_recover() const;
   void share_lock() const;
   void recover(access how);
-  void recover_next(bool *finished, bool *removed);
+  std::string recover_next();
   std::string put_away(const char *name) const;
   void put_away_or_say(const char *name) const;
   void keep_previous() const;
+  void exchange(unique_fd next, const switch_state &state);
   std::string holder() const;
   [[noreturn]] void in_use() const;
   void open_current();

@@ -1,5 +1,7 @@
 #include "tag_tables.h"
 
+#include <algorithm>
+
 #include "lab/lab.h"
 #include "platform/pss2.h"
 #include "platform/sysmgr.h"
@@ -45,6 +47,12 @@ size_t stated_size(std::string_view table) {
   return tlv_array_size_get(reinterpret_cast<const tlv_array_t *>(table.data()), 1);
 }
 
+constexpr char too_large[] = "too large to run";
+
+bool is_too_large(std::string_view table) {
+  return stated_size(table) > SYSMGR_TAG_TABLE_MAX;
+}
+
 using table_reader = std::optional<nlohmann::json> (*)(std::string_view bytes);
 
 nlohmann::json description_of(const found_value &found, table_reader read) {
@@ -56,6 +64,7 @@ nlohmann::json description_of(const found_value &found, table_reader read) {
   }
   const std::optional<nlohmann::json> entries = read(found.value);
   if (entries) {
+    table["state"] = is_too_large(found.value) ? too_large : "ok";
     table["entries"] = *entries;
   } else {
     table["state"] = "damaged";
@@ -71,7 +80,7 @@ std::string trouble_of(const found_value &saved) {
   if (!tag_entries(saved.value)) {
     return "the record is damaged";
   }
-  return stated_size(saved.value) <= SYSMGR_TAG_TABLE_MAX ? "" : "it is too large to run";
+  return is_too_large(saved.value) ? std::string("it is ") + too_large : "";
 }
 
 } // namespace
@@ -112,14 +121,57 @@ std::optional<nlohmann::json> running_tag_entries(std::string_view table) {
   return runs ? entries : std::nullopt;
 }
 
+std::string tag_entry_text(const std::string &service, const std::string &tag) {
+  std::string text = service + " \"";
+  for (const char c : tag) {
+    text += c == '"' ? "\\\"" : std::string(1, c);
+  }
+  return text + "\"";
+}
+
 std::string tag_entries_text(const nlohmann::json &entries) {
   std::string text;
   for (const nlohmann::json &entry : entries) {
     append_word(
-        text, entry["service"].get<std::string>() + " \"" + entry["tag"].get<std::string>() + "\"",
+        text, tag_entry_text(entry["service"].get<std::string>(), entry["tag"].get<std::string>()),
         ", ");
   }
   return text.empty() ? "no entries" : text;
+}
+
+std::string running_record_trouble(const std::vector<vdc_id_t> &vdcs, std::string_view key,
+                                   std::string_view value) {
+  const std::optional<vdc_id_t> vdc = vdc_of_running_key(key);
+  if (!vdc) {
+    return "its key is not the 2 bytes of a VDC";
+  }
+  if (std::find(vdcs.begin(), vdcs.end(), *vdc) == vdcs.end()) {
+    return "the switch has no VDC " + std::to_string(*vdc);
+  }
+  return running_tag_entries(value) ? "" : "its table is damaged";
+}
+
+std::vector<record_trouble> running_record_troubles(const std::vector<vdc_id_t> &vdcs) {
+  std::vector<record_trouble> troubles;
+  for (const auto &[key, value] : running_records()) {
+    const std::string text = running_record_trouble(vdcs, key, value);
+    if (!text.empty()) {
+      troubles.push_back({to_hex(key), text});
+    }
+  }
+  return troubles;
+}
+
+std::map<std::string, std::string> running_records() {
+  std::map<std::string, std::string> records;
+  lab::store_info info;
+  if (lab::store_inspect(lab::running_tag_tables, &info) == SYSERR_SUCCESS) {
+    store_handle store(lab::running_tag_tables, PSS2_MODE_READ);
+    store.for_each(
+        [&](std::string_view key, std::string_view value) { records.emplace(key, value); });
+    store.close();
+  }
+  return records;
 }
 
 nlohmann::json describe_tag_tables(const switch_state &state, vdc_id_t vdc) {

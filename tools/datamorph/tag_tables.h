@@ -6,6 +6,7 @@
 
 #include <array>
 #include <bit>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,11 +32,26 @@ std::optional<vdc_id_t> vdc_of_running_key(std::string_view key);
 std::optional<nlohmann::json> tag_entries(std::string_view table);
 // The same of a running table, which fills its record and is of a size that runs.
 std::optional<nlohmann::json> running_tag_entries(std::string_view table);
-// The same for people: DOT1X "", KPS "lab".
+// The same for people: DOT1X "", KPS "lab". Quotes within a tag come as \".
 std::string tag_entries_text(const nlohmann::json &entries);
+std::string tag_entry_text(const std::string &service, const std::string &tag);
 
-// A VDC's tables: "vdc", and "saved" and "running" with a "state" ("ok", "none", "damaged", or why
-// it cannot be read) and the "entries".
+// The records of the running tables' store; none when it is not there or damaged.
+std::map<std::string, std::string> running_records();
+
+// Why such a record cannot be loaded into a switch with these VDCs; empty when it can.
+std::string running_record_trouble(const std::vector<vdc_id_t> &vdcs, std::string_view key,
+                                   std::string_view value);
+
+struct record_trouble {
+  std::string key; // in hex
+  std::string text;
+};
+// All records that cannot be loaded.
+std::vector<record_trouble> running_record_troubles(const std::vector<vdc_id_t> &vdcs);
+
+// A VDC's tables: "vdc", and "saved" and "running" with a "state" ("ok", "none", "damaged", of a
+// saved one "too large to run", or why it cannot be read) and the "entries".
 nlohmann::json describe_tag_tables(const switch_state &state, vdc_id_t vdc);
 
 struct booted_tag_tables {

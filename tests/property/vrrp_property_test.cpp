@@ -95,7 +95,7 @@ configuration any_configuration(int spare_groups) {
   const int groups = spare_groups > 0
                          ? *rc::gen::inRange(0, spare_groups)
                          : *rc::gen::weightedOneOf<int>(
-                               {{9, rc::gen::inRange(0, 20)}, {1, rc::gen::inRange(20, 501)}});
+                               {{2, rc::gen::inRange(0, 20)}, {1, rc::gen::inRange(20, 501)}});
   return {*rc::gen::arbitrary<uint32>(), groups, *rc::gen::inRange(0, 5), *rc::gen::inRange(0, 8)};
 }
 

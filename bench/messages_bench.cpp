@@ -1,7 +1,7 @@
 // What a request and its answer cost over the lab's mts_send and mts_recv, beside the same sizes
 // sent over bare ZeroMQ sockets of the same kinds: a pulling one and a pushing one on either side,
 // over ipc, one context, the answering side a thread.
-#include <unistd.h>
+#include <sched.h>
 #include <zmq.h>
 
 #include <cstdio>
@@ -17,8 +17,8 @@
 
 namespace {
 
-constexpr int k_rounds = 20'000;
-constexpr int k_first_rounds = 1000; // not counted: connections are made, threads find their places
+constexpr int k_rounds = 50'000;
+constexpr int k_first_rounds = 1000; // not counted: connections are made, caches are filled
 constexpr double k_limit = 1.5;
 constexpr size_t k_request_size = 40;
 constexpr size_t k_answer_size = 4;
@@ -147,9 +147,26 @@ private:
 
 // ---- Comparing ---------------------------------------------------------------------------------
 
-// Alternates after each exchange: where the scheduler puts the threads, which is worth more than
-// the figure, must be the same for both.
+// All threads on one processor: on several, an exchange takes one of two times, half as much again
+// apart, by where the scheduler happens to put which pair's threads.
+void stay_on_one_processor() {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  need("sched_getaffinity", sched_getaffinity(0, sizeof(allowed), &allowed) == 0);
+  for (int cpu = CPU_SETSIZE - 1; cpu >= 0; --cpu) {
+    if (CPU_ISSET(cpu, &allowed)) {
+      cpu_set_t one;
+      CPU_ZERO(&one);
+      CPU_SET(cpu, &one);
+      need("sched_setaffinity", sched_setaffinity(0, sizeof(one), &one) == 0);
+      return;
+    }
+  }
+}
+
+// Alternates after each exchange, so that the machine's moods meet both alike.
 int run(int /*argc*/, char ** /*argv*/) {
+  stay_on_one_processor(); // before there are threads, which inherit it
   const lab_pair lab;
   const bare_pair bare;
   std::vector<double> measured;

@@ -13,7 +13,7 @@ allow() {
   fi
 }
 
-c_headers='<(fcntl|unistd|sys/stat)\.h>'
+c_headers='<(arpa/inet|fcntl|unistd|sys/stat)\.h>'
 cpp_headers='<c?[a-z]+>|<std(arg|bool|def|int|io|lib)\.h>'
 allow infra/platform/include "\"platform/[a-z0-9_]+\.h\"|$cpp_headers"
 allow infra/convert_libs/comps/libdatamorph \

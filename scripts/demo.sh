@@ -33,7 +33,7 @@ run() {
 state() {
   "$datamorph" store export "$1" | grep -o '"uri":"[^"]*"\|"key":"[^"]*"' |
     sed 's/"uri":"\(.*\)"/store  \1/; s/"key":"\(.*\)"/record   \1/'
-  "$datamorph" lab show "$1" | sed -n '/^ACCESS POINT/,$ { /^ACCESS POINT/d; s/^ */access point /p; }'
+  "$datamorph" lab show "$1" | sed -n '/^ACCESS POINT/,/^$/ { /^ACCESS POINT/d; /^$/d; s/^ */access point /p; }'
 }
 
 # Converts and shows the difference; fails when there is none.

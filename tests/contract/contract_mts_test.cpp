@@ -84,6 +84,50 @@ TEST_F(mts_contract, responses_are_paired_with_their_requests_by_token) {
   }
 }
 
+TEST_F(mts_contract, a_response_carries_its_requests_opcode) {
+  contract_platform::respond(3, "answer");
+  const mts_ref_t request = send(3, 2690, "ping");
+  mts_recv_options_t options = {};
+  options.version = 1;
+  options.timeout = 1;
+  options.opcode = 2691;
+  mts_ref_t response = 0;
+  EXPECT_EQ(mts_recv(queue_, &response, &options), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+
+  options.timeout = 20;
+  options.opcode = 2690;
+  ASSERT_EQ(mts_recv(queue_, &response, &options), 0);
+  EXPECT_EQ(payload_of(response, 6), "answer");
+  EXPECT_EQ(mts_rr_token_get(response), mts_rr_token_get(request));
+}
+
+TEST_F(mts_contract, a_message_belongs_to_its_queue) {
+  contract_platform::respond(3, "answer");
+  const mts_q_handle_t another = contract_platform::open_queue();
+  const mts_ref_t request = send(3, 7, "ping");
+  const mts_ref_t response = receive(request);
+  for (const mts_ref_t message : {request, response}) {
+    errno = 0;
+    EXPECT_EQ(mts_drop(another, message), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(mts_drop(queue_, message), 0);
+  }
+}
+
+TEST_F(mts_contract, a_response_goes_to_the_queue_that_asked) {
+  contract_platform::respond(3, "answer");
+  const mts_q_handle_t another = contract_platform::open_queue();
+  const mts_ref_t request = send(3, 7, "ping");
+  mts_recv_options_t options = {};
+  options.version = 1;
+  options.timeout = 1;
+  mts_ref_t message = 0;
+  EXPECT_EQ(mts_recv(another, &message, &options), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_EQ(payload_of(receive(request), 6), "answer");
+}
+
 TEST_F(mts_contract, many_requests_in_a_row_are_answered) {
   contract_platform::respond(3, "pong");
 
@@ -224,10 +268,13 @@ TEST_F(mts_contract, a_request_survives_an_interrupted_receive) {
   options.version = 1;
   options.timeout = 20;
   mts_ref_t message = 0;
-  contract_platform::interrupt_next_recv();
-  errno = 0;
-  EXPECT_EQ(mts_recv(queue_, &message, &options), -1);
-  EXPECT_EQ(errno, EINTR);
+  for (int times = 0; times < 2; ++times) {
+    contract_platform::interrupt_next_recv();
+    errno = 0;
+    EXPECT_EQ(mts_recv(queue_, &message, &options), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(message, 0U);
+  }
 
   contract_platform::respond(3, "answer");
   const mts_ref_t request = send(3, 7, "ping");

@@ -154,6 +154,88 @@ TEST_F(sysmgr_contract, a_saved_table_can_be_copied_over_one_that_stands) {
   EXPECT_EQ(stored(1).find("running"), std::string::npos);
 }
 
+// What the library stores after that: the saved entries in their places, the new one behind them.
+TEST_F(sysmgr_contract, a_copied_table_with_an_added_entry_is_the_saved_one_and_that_entry) {
+  const std::string saved =
+      bytes(/* size */ "1b 00 00 00" /* entries, version */ "02 00 01 00"
+                       /* type, length, 367, tag */ "01 00 06 00 6f 01 00 00 78 00"
+                       /* type, length, 381, tag */ "01 00 05 00 7d 01 00 00 00");
+  for (const std::string running : {"", "a tag that is longer than the saved ones"}) {
+    ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+    ASSERT_EQ(sysmgr_srv_tag_info_add(SRVUUID_EVMS, tag(running.c_str()), 1), 0U);
+
+    std::memcpy(sysmgr_info_tbl[1].srv_tag_info_tbl, saved.data(), saved.size());
+    EXPECT_EQ(tlv_array_size_get(table(1), 1), 27U);
+    EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_KPS, tag(""), 1), 0U);
+
+    EXPECT_EQ(hex(stored(1)), "24 00 00 00 03 00 01 00 "
+                              "01 00 06 00 6f 01 00 00 78 00 "
+                              "01 00 05 00 7d 01 00 00 00 "
+                              "01 00 05 00 1e 02 00 00 00");
+  }
+}
+
+TEST_F(sysmgr_contract, adding_what_a_copied_table_has_replaces_it_there) {
+  const std::string saved = bytes("1b 00 00 00 02 00 01 00 01 00 06 00 6f 01 00 00 78 00"
+                                  "01 00 05 00 7d 01 00 00 00");
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  std::memcpy(sysmgr_info_tbl[1].srv_tag_info_tbl, saved.data(), saved.size());
+
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_ETH_PORT_SEC, tag(""), 1), 0U);
+
+  EXPECT_EQ(hex(stored(1)), "1a 00 00 00 02 00 01 00 "
+                            "01 00 05 00 6f 01 00 00 00 "
+                            "01 00 05 00 7d 01 00 00 00");
+}
+
+// A table that a later release saved: what it holds beside tags is not lost.
+TEST_F(sysmgr_contract, items_of_other_types_stay_in_a_copied_table) {
+  const std::string saved =
+      bytes("10 00 00 00 01 00 01 00" /* another type */ "09 00 04 00 7d 01 00 00");
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  std::memcpy(sysmgr_info_tbl[1].srv_tag_info_tbl, saved.data(), saved.size());
+
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag(""), 1), 0U);
+
+  EXPECT_EQ(hex(stored(1)), "19 00 00 00 02 00 01 00 "
+                            "09 00 04 00 7d 01 00 00 "
+                            "01 00 05 00 7d 01 00 00 00");
+}
+
+// A saved table whose sizes agree but whose items do not.
+TEST_F(sysmgr_contract, a_copied_table_with_an_item_past_its_end_takes_no_entry) {
+  const std::string saved = bytes("0c 00 00 00 01 00 01 00 01 00 01 00");
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  std::memcpy(sysmgr_info_tbl[1].srv_tag_info_tbl, saved.data(), saved.size());
+
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag(""), 1), 0x40490002U);
+
+  EXPECT_EQ(hex(stored(1)), hex(saved));
+}
+
+// The address is read again after each call: a call may have moved the table, and what is written
+// through the new one is what the next call finds.
+TEST_F(sysmgr_contract, a_table_is_where_its_row_says_after_each_call) {
+  const std::string saved = bytes("11 00 00 00 01 00 01 00 01 00 05 00 1e 02 00 00 00");
+  for (int times = 0; times < 3; ++times) {
+    ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+    ASSERT_NE(sysmgr_info_tbl[1].srv_tag_info_tbl, nullptr);
+    std::memcpy(sysmgr_info_tbl[1].srv_tag_info_tbl, saved.data(), saved.size());
+    ASSERT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag("1"), 1), 0U);
+    EXPECT_EQ(hex(stored(1)), "1b 00 00 00 02 00 01 00 01 00 05 00 1e 02 00 00 00 "
+                              "01 00 06 00 7d 01 00 00 31 00");
+  }
+}
+
+TEST_F(sysmgr_contract, a_refused_table_leaves_the_others_where_they_are) {
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  const tlv_array_t *const before = table(1);
+
+  EXPECT_EQ(sysmgr_srv_tag_info_table_prepare(0, 2), 0x401E0076U);
+
+  EXPECT_EQ(table(1), before);
+}
+
 TEST_F(sysmgr_contract, adding_without_a_table_or_a_tag_is_a_status) {
   EXPECT_NE(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag("tag"), 1), 0U);
   EXPECT_EQ(table(1), nullptr);

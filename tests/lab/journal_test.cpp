@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <sstream>
 #include <string>
 
 #include "lab/lab_fixture.h"
@@ -118,6 +120,69 @@ TEST_F(journal, says_which_access_points_went) {
 {"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"mts_sap_destroy","sap":341,"status":2,"unexpected":false}
 {"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"mts_sap_destroy","sap":342,"status":9,"unexpected":true}
 )");
+}
+
+TEST_F(journal, has_a_line_for_each_change_of_a_tag_table) {
+  uint8 tag[] = "\"on\"\xff";
+  uint8 long_tag[] = "1234567890123456789012345678901234567890";
+  lab::sysmgr_set_vdcs({1, 4});
+  start();
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag, 4), 0x401E0076U);
+  EXPECT_EQ(sysmgr_srv_tag_info_table_prepare(0, 4), 0U);
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag, 4), 0U);
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, long_tag, 4), 0U);
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, nullptr, 4), 0x401E00A3U);
+  EXPECT_EQ(sysmgr_srv_tag_info_table_prepare(0, 4), 0U);
+  EXPECT_EQ(sysmgr_srv_tag_info_table_prepare(0, 2), 0x401E0076U);
+  EXPECT_EQ(sysmgr_srv_tag_info_table_prepare(0, 65535), 0x401E0076U);
+  const uint32 none = 0;
+  std::memcpy(sysmgr_info_tbl[4].srv_tag_info_tbl, &none, sizeof(none));
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_KPS, tag, 4), 0x40490002U);
+
+  EXPECT_EQ(
+      stop(),
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"\"on\"\u00ff","old":null,"new":null,"status":1075708022,"unexpected":false}
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":4,"old":null,"new":8,"status":0,"unexpected":false}
+{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"\"on\"\u00ff","old":8,"new":22,"status":0,"unexpected":false}
+{"n":4,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"1234567890123456789012345678901","old":22,"new":48,"status":0,"unexpected":false}
+{"n":5,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"old":48,"new":48,"status":1075708067,"unexpected":true}
+{"n":6,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":4,"old":48,"new":8,"status":0,"unexpected":false}
+{"n":7,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":2,"old":null,"new":null,"status":1075708022,"unexpected":false}
+{"n":8,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":65535,"old":null,"new":null,"status":1075708022,"unexpected":false}
+{"n":9,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":542,"tag":"\"on\"\u00ff","old":0,"new":0,"status":1078525954,"unexpected":true}
+)");
+  EXPECT_EQ(lab::journal_unexpected(nullptr), 2U);
+}
+
+// The lines of the system manager's thread and of this one do not mix, and none is lost.
+TEST_F(journal, takes_lines_from_several_threads) {
+  ASSERT_EQ(lab::sysmgr_start(), 0);
+  const mts_q_handle_t queue = lab::mts_queue_open();
+  start();
+  const char request[40] = {0, 0, 0, 1, 0, 0, 0, 1};
+  for (int n = 0; n < 200; ++n) {
+    mts_ref_t sent = 0;
+    ASSERT_EQ(mts_send(queue, 0xFE000000, 3, 2690, request, 40, &sent, 0, 0), 0);
+    pss_destroy("volatile:/none");
+    mts_ref_t response = 0;
+    const mts_recv_options_t options = {1, 0, 20, mts_rr_token_get(sent), 0, 0, 0};
+    ASSERT_EQ(mts_recv(queue, &response, &options), 0);
+    mts_drop(queue, sent);
+    mts_drop(queue, response);
+  }
+  EXPECT_EQ(lab::sysmgr_stop(), 0);
+
+  std::istringstream lines(stop());
+  int number = 0;
+  int of_tables = 0;
+  for (std::string line; std::getline(lines, line);) {
+    ++number;
+    EXPECT_TRUE(line.starts_with("{\"n\":" + std::to_string(number) + ",\"moment\":")) << line;
+    EXPECT_TRUE(line.ends_with("\"unexpected\":false}")) << line;
+    of_tables += line.find("sysmgr_srv_tag_info") != std::string::npos ? 1 : 0;
+  }
+  EXPECT_EQ(of_tables, 201); // the first request had to make the table
+  EXPECT_EQ(number, 401);
 }
 
 TEST_F(journal, keeps_the_first_write_that_failed) {

@@ -19,13 +19,13 @@ TEST_F(lab_verbs, create_builds_the_shipped_example) {
   const result made = run({"lab", "create", "sw"});
 
   EXPECT_EQ(made.status, 0);
-  EXPECT_EQ(made.out, "sw: switch datacenter-1 at release 4.1(5), 21 stores, 4 files, 15 access "
+  EXPECT_EQ(made.out, "sw: switch datacenter-1 at release 4.1(5), 31 stores, 4 files, 15 access "
                       "points\n");
   EXPECT_EQ(made.err, "");
   const nlohmann::json shown = show("sw");
   EXPECT_EQ(shown["release"], "4.1(5)");
   EXPECT_EQ(shown["vdcs"], nlohmann::json({1, 2}));
-  EXPECT_EQ(shown["stores"].size(), 21u);
+  EXPECT_EQ(shown["stores"].size(), 31u);
   EXPECT_EQ(saps(shown), (std::vector<unsigned>{11, 28, 109, 175, 187, 245, 295, 296, 297, 341, 342,
                                                 364, 422, 485, 500}));
   std::vector<std::string> images;
@@ -78,13 +78,16 @@ TEST_F(lab_verbs, create_makes_records_from_fields) {
   write("d.json", std::string(smallest) + R"(, "stores": [{"uri": "nonvolatile:/cfg/x",
     "params": {"max_key_size": 8, "max_value_size": 40},
     "records": [{"key": {"u16be": 258}, "value": [{"u8": 255}, {"u16le": 258}, {"u32be": 1},
-      {"u32le": 1}, {"text": "ab", "size": 4}, {"text": "c"}, {"hex": "DEad"}, {"zeros": 2}]}]}]})");
+      {"u32le": 1}, {"text": "ab", "size": 4}, {"text": "c"}, {"hex": "DEad"}, {"zeros": 2}]},
+      {"key": "01", "value": [{"u64be": 258}, {"u64le": 18446744073709551614}]}]}]})");
 
   create("sw", {"--from", "d.json"});
 
   const result got = run({"store", "get", "sw", "nonvolatile:/cfg/x", "0102"});
   EXPECT_EQ(got.out, "ff0201000000010100000061620000"
                      "63dead0000\n");
+  EXPECT_EQ(run({"store", "get", "sw", "nonvolatile:/cfg/x", "01"}).out,
+            "0000000000000102feffffffffffffff\n");
 }
 
 TEST_F(lab_verbs, create_takes_an_empty_directory) {
@@ -210,10 +213,18 @@ TEST_F(lab_verbs, reboot_empties_tmp_and_the_volatile_stores) {
   const result rebooted = run({"lab", "reboot", "sw"});
 
   EXPECT_EQ(rebooted.status, 0);
-  EXPECT_EQ(rebooted.out, "sw: rebooted; gone are 18 volatile stores and 1 file of /tmp\n");
-  EXPECT_EQ(uris(show("sw")), (std::vector<std::string>{"nonvolatile:/cfg/0/evms_runtime_cfg",
-                                                        "nonvolatile:/cfg/0/vlan_cfg",
-                                                        "nonvolatile:/cfg/startup/interface_cfg"}));
+  EXPECT_EQ(rebooted.out, "sw: rebooted; gone are 19 volatile stores and 1 file of /tmp\n");
+  EXPECT_EQ(
+      uris(show("sw")),
+      (std::vector<std::string>{
+          "nonvolatile:/cfg/0/dot1x_saved_config", "nonvolatile:/cfg/0/eth_port_sec_saved_config",
+          "nonvolatile:/cfg/0/evms_runtime_cfg", "nonvolatile:/cfg/0/kps_saved_config",
+          "nonvolatile:/cfg/0/vlan_cfg", "nonvolatile:/cfg/startup/bin/dot1x_saved_config",
+          "nonvolatile:/cfg/startup/bin/eth_port_sec_saved_config",
+          "nonvolatile:/cfg/startup/bin/kps_saved_config",
+          "nonvolatile:/cfg/startup/bin/sysmgr_config", "nonvolatile:/cfg/startup/interface_cfg",
+          "nonvolatile:/cfg/startup/vdc_2/bin/dot1x_saved_config",
+          "nonvolatile:/cfg/startup/vdc_2/bin/sysmgr_config", "volatile:/sysmgr/tag_tables"}));
   EXPECT_FALSE(exists("sw/current/tmp/session.txt"));
   EXPECT_TRUE(exists("sw/current/tmp"));
   EXPECT_TRUE(exists("sw/current/mnt/pss/inventory.bin"));
@@ -235,7 +246,7 @@ TEST_F(lab_verbs, a_damaged_store_is_shown_as_such) {
   write("sw/current/cfg/0/vlan_cfg.pss", "this is no store");
 
   const nlohmann::json shown = show("sw");
-  ASSERT_EQ(shown["stores"].size(), 21u);
+  ASSERT_EQ(shown["stores"].size(), 31u);
   for (const nlohmann::json &store : shown["stores"]) {
     const bool damaged = store["uri"] == "nonvolatile:/cfg/0/vlan_cfg";
     EXPECT_EQ(store["status"] != 0, damaged) << store;

@@ -17,10 +17,10 @@ protected:
 TEST_F(store_verbs, list_tells_all_stores) {
   const nlohmann::json stores = run({"store", "list", "sw", "--format", "json"}).json()["stores"];
 
-  ASSERT_EQ(stores.size(), 21u);
-  EXPECT_EQ(stores[1]["uri"], vlan);
-  EXPECT_EQ(stores[1]["records"], 3);
-  EXPECT_EQ(stores[1]["status"], 0);
+  ASSERT_EQ(stores.size(), 31u);
+  EXPECT_EQ(stores[4]["uri"], vlan);
+  EXPECT_EQ(stores[4]["records"], 3);
+  EXPECT_EQ(stores[4]["status"], 0);
 }
 
 TEST_F(store_verbs, show_prints_hex_and_text) {
@@ -49,6 +49,16 @@ TEST_F(store_verbs, text_is_read_as_it_is_written) {
   EXPECT_EQ(run({"store", "get", "sw", vlan, "61005c62"}).out, "76ff\n");
   EXPECT_EQ(run({"store", "get", "sw", vlan, "a\\x00\\\\b", "--text"}).out, "v\\xff\n");
   EXPECT_EQ(run({"store", "put", "sw", vlan, "bad\\q", "v", "--text"}).status, 64);
+}
+
+TEST_F(store_verbs, columns_of_text_stand_below_each_other) {
+  const std::string uri = "nonvolatile:/cfg/t";
+  ASSERT_EQ(run({"store", "put", "sw", uri, "\\x00\\\\", "v`", "--text", "--create"}).status, 0);
+  ASSERT_EQ(run({"store", "put", "sw", uri, "plain", "\\xff", "--text"}).status, 0);
+
+  EXPECT_EQ(run({"store", "show", "sw", uri, "--text"}).out, "KEY    VALUE\n"
+                                                             "\\x00\\\\ v`\n"
+                                                             "plain  \\xff\n");
 }
 
 TEST_F(store_verbs, put_makes_a_store_only_when_asked) {
@@ -85,7 +95,7 @@ TEST_F(store_verbs, delete_all_removes_a_damaged_store) {
   EXPECT_EQ(run({"store", "delete", "sw", vlan, "00", "--all"}).status, 64);
   EXPECT_EQ(run({"store", "delete", "sw", vlan, "--all"}).status, 0);
   EXPECT_EQ(run({"store", "delete", "sw", vlan, "--all"}).status, 3);
-  EXPECT_EQ(uris(show("sw")).size(), 20u);
+  EXPECT_EQ(uris(show("sw")).size(), 30u);
 }
 
 TEST_F(store_verbs, export_and_import_carry_stores_over) {
@@ -94,11 +104,11 @@ TEST_F(store_verbs, export_and_import_carry_stores_over) {
 
   const result imported = run({"store", "import", "other", "--file", "all.json"});
 
-  EXPECT_EQ(imported.out, "other: imported 21 stores, 49 records\n");
+  EXPECT_EQ(imported.out, "other: imported 31 stores, 60 records\n");
   const result a = run({"store", "export", "sw"});
   const result b = run({"store", "export", "other"});
   EXPECT_EQ(a.json(), b.json());
-  EXPECT_EQ(a.json()["stores"].size(), 21u);
+  EXPECT_EQ(a.json()["stores"].size(), 31u);
   EXPECT_EQ(a.out, read("all.json"));
 }
 

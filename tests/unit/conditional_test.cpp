@@ -3,7 +3,9 @@
 
 #include "libdatamorph_private.h"
 
+#include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 
 #include "support/library_fixture.h"
@@ -85,6 +87,13 @@ TEST_F(conditional_test, an_unreadable_version_plants_nothing) {
   EXPECT_TRUE(platform.calls("pss_destroy").empty());
 }
 
+TEST_F(conditional_test, the_store_is_closed_before_it_is_told) {
+  std::string last;
+  platform.before("pss_close", [&last] { last = log_lines().back(); });
+  plant();
+  EXPECT_EQ(k_start, last);
+}
+
 TEST_F(conditional_test, versions_are_cut_at_254_characters_and_do_not_matter) {
   platform.set_image("/images/to", std::string(4000, '9'));
   platform.set_image("/images/from", "");
@@ -93,6 +102,10 @@ TEST_F(conditional_test, versions_are_cut_at_254_characters_and_do_not_matter) {
                 std::string(254, '9') + "\n",
             lines.at(1));
   EXPECT_TRUE(platform.has_store(k_store));
+  platform.set_image("/images/from", std::string(255, '8'));
+  EXPECT_EQ("cond_srv1_data_morph_gsync: from_srg_ver_str = " + std::string(254, '8') +
+                ", to_srg_ver_str = " + std::string(254, '9') + "\n",
+            plant().at(1));
 }
 
 TEST_F(conditional_test, store_failures_are_success) {
@@ -231,6 +244,20 @@ TEST_F(conditional_test, optional_needs_a_release) {
                      "is_optional_conditional: datamorph_compare_versions returned -1\n"}),
             traced([] { EXPECT_EQ(0, is_optional_conditional(SRVUUID_KPS, nullptr)); }));
   EXPECT_EQ(lines_t(), facility.lines());
+}
+
+TEST_F(conditional_test, a_facility_that_cannot_be_written_changes_nothing) {
+  FILE *full = fopen("/dev/full", "w");
+  ASSERT_NE(nullptr, full);
+  setvbuf(full, nullptr, _IONBF, 0); // every write of a line fails
+  debug_trace_fac_SYSMGR = {full, 1};
+  errno = ECONNREFUSED;
+  const int optional = is_optional_conditional(SRVUUID_KPS, "4.2(1)");
+  const int error = errno;
+  debug_trace_fac_SYSMGR = {nullptr, 0};
+  fclose(full);
+  EXPECT_EQ(1, optional);
+  EXPECT_EQ(ECONNREFUSED, error); // as the caller had it
 }
 
 TEST_F(conditional_test, the_facility_wants_the_debug_class) {

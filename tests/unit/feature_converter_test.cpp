@@ -247,6 +247,8 @@ TEST_F(feature_converter_test, the_vdc_of_a_path) {
       {"/cfg/vdc_2/", 2},
       {"/cfg/vdc_2x", 2},
       {"/cfg/vdc_002", 2},
+      {"/cfg/vdc_010", 10}, // decimal, whatever is in front
+      {"/cfg/vdc_0x2", 0},
       {"/cfg/vdc_ 2", 2},
       {"/cfg/vdc_+2", 2},
       {"/cfg/vdc_2/vdc_3", 2}, // the first one counts
@@ -335,6 +337,9 @@ TEST_F(feature_converter_test, the_same_release_opens_nothing) {
                 convert(converter, "/cfg", "4.2(1a)", "4.2(1)"));
       EXPECT_EQ(0u, status);
       EXPECT_EQ(1u, convert(converter, "/cfg", "4.1(5)", "4.1(5)").size());
+      EXPECT_EQ(0u, status);
+      EXPECT_EQ(1u,
+                convert(converter, "/cfg/vdc_x", "4.1(5)", "4.1(5)").size()); // nor is it parsed
       EXPECT_EQ(0u, status);
       EXPECT_TRUE(platform.calls().empty());
     }

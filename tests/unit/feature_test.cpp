@@ -70,7 +70,8 @@ TEST_F(feature_test, an_enabled_feature) {
 }
 
 TEST_F(feature_test, any_bit_of_the_first_word_counts) {
-  for (const char *value : {"80 00 00 00", "00 00 00 01", "00 00 01 00 00 00 00 00"}) {
+  for (const char *value :
+       {"80 00 00 00", "00 00 00 01", "00 00 00 80", "00 00 01 00 00 00 00 00"}) {
     for (const feature_row &feature : k_features) {
       enable(feature, value);
       EXPECT_EQ(feature.enabled, ask(feature).back()) << value;
@@ -250,6 +251,13 @@ TEST_F(compulsory_test, other_services_are_not_looked_at) {
                      "from_ver: 4.1(5)\n"}),
             traced([this] {
               moves = was_running_compulsory_conditional("/cfg", SRVUUID_VRRP_MGR, "4.1(5)");
+            }));
+  EXPECT_EQ(0, moves);
+  EXPECT_EQ(lines_t({"was_running_compulsory_conditional: ENTER with path: /cfg, uuid 70000 and "
+                     "from_ver: 4.1(5)\n"}),
+            traced([&] {
+              moves =
+                  was_running_compulsory_conditional("/cfg", static_cast<uuid_t>(70000), "4.1(5)");
             }));
   EXPECT_EQ(0, moves);
   EXPECT_EQ(lines_t(), facility.lines());

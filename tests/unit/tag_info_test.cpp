@@ -140,6 +140,22 @@ TEST_F(tag_info_test, an_uninitialised_queue_fails_the_send) {
   EXPECT_EQ(0x801E0009u, status);
 }
 
+TEST_F(tag_info_test, the_last_queue_counts) {
+  platform.add_queue(9);
+  traced([] { libdatamorph_init(9); });
+  platform.reply(bytes("00 00 00 00"));
+  request(SRVUUID_KPS, "", 1);
+  EXPECT_EQ(0u, status);
+  request(SRVUUID_KPS, "", 1); // and without an answer
+  EXPECT_EQ(0x801E006Eu, status);
+  for (const char *function : {"mts_send(", "mts_recv(", "mts_drop("}) {
+    for (const std::string &call : platform.calls(std::string(function, 8))) {
+      EXPECT_EQ(0u, call.find(std::string(function) + "9, ")) << call;
+    }
+  }
+  EXPECT_TRUE(platform.open_messages().empty());
+}
+
 TEST_F(tag_info_test, no_answer_in_time) {
   EXPECT_EQ(lines_t({"sysmgr_add_tag_info_req: mts_recv failed with error 110\n"}),
             request(SRVUUID_KPS, "", 1));
@@ -211,6 +227,25 @@ TEST_F(tag_info_test, every_failing_call) {
     EXPECT_EQ(row.calls, platform.calls().size()) << row.nth;
     EXPECT_EQ(1u, platform.scripted());
   }
+}
+
+// What is held is given back before the outcome is told: a log that cannot be written holds
+// nobody's message.
+TEST_F(tag_info_test, messages_are_dropped_before_the_outcome_is_told) {
+  size_t lines = 99;
+  platform.before(
+      "mts_drop", [&lines] { lines = log_lines().size(); }, 2);
+  platform.reply(bytes("00 00 00 00"));
+  request(SRVUUID_KPS, "", 1);
+  EXPECT_EQ(1u, lines); // the set-up's own
+  EXPECT_EQ(2u, log_lines().size());
+
+  lines = 99;
+  platform.before("mts_drop", [&lines] { lines = log_lines().size(); });
+  platform.fail("mts_recv", EIO);
+  request(SRVUUID_KPS, "", 1);
+  EXPECT_EQ(2u, lines);
+  EXPECT_EQ(3u, log_lines().size());
 }
 
 TEST_F(tag_info_test, a_null_tag_sends_nothing) {

@@ -3,6 +3,7 @@
 #include "libdatamorph_private.h"
 
 #include <cerrno>
+#include <cstdio>
 
 #include "support/library_fixture.h"
 #include "support/trace_facility.h"
@@ -147,10 +148,21 @@ TEST_F(tag_table_test, twice_is_the_same_as_once) {
 }
 
 TEST_F(tag_table_test, a_record_longer_than_its_table_loses_the_rest) {
-  platform.set_store(k_store, {{key(), table({k_other}) + "what follows"}});
-  add(1);
-  EXPECT_EQ(0u, status);
-  EXPECT_EQ(table({k_other, k_kps}), saved());
+  const std::string expected = table({k_other, k_kps});
+  for (const size_t rest :
+       {size_t{64}, size_t{70000}}) { // also more than the running one has room for
+    platform.set_store(k_store, {{key(), table({k_other}) + std::string(rest, 'x')}});
+    const trace_facility facility(1);
+    add(1);
+    EXPECT_EQ(0u, status);
+    EXPECT_EQ("<1> sysmgr_add_tag_startup: vdc 1: size of tag table in startup cfg: 20\n",
+              facility.lines().at(0));
+    EXPECT_EQ(expected, saved());
+    // and nothing of it lies behind the running one
+    const char *standing = reinterpret_cast<const char *>(sysmgr_info_tbl[1].srv_tag_info_tbl);
+    EXPECT_EQ(std::string(64, '\0'), std::string(standing + expected.size(), 64));
+    platform.reset();
+  }
 }
 
 TEST_F(tag_table_test, a_saved_table_that_is_none_ends_the_update) {
@@ -230,6 +242,12 @@ TEST_F(tag_table_test, a_store_that_cannot_be_opened_is_success) {
   platform.set_store(k_store);
   platform.damage(k_store);
   add(1);
+  EXPECT_EQ(0u, status);
+
+  platform.fail("pss_open", 0x4048000C);
+  EXPECT_EQ("sysmgr_add_tag_startup: pss_open nonvolatile:/cfg/bin/sysmgr_config failed with error "
+            "0x4048000c\n",
+            add(1).back());
   EXPECT_EQ(0u, status);
 }
 
@@ -315,8 +333,9 @@ TEST_F(tag_table_test, a_table_that_cannot_be_made) {
     // reported as made, but none stands
     platform.answer_null_from("sysmgr_srv_tag_info_table_prepare");
     platform.clear();
-    add(1);
+    EXPECT_EQ(found ? 1u : 2u, add(1).size());
     EXPECT_EQ(0x401E0076u, status);
+    EXPECT_TRUE(platform.calls("sysmgr_srv_tag_info_add").empty());
     EXPECT_EQ(before, saved());
     EXPECT_EQ(found ? 1u : 2u, platform.calls("sysmgr_srv_tag_info_table_prepare").size());
     EXPECT_EQ(0u, platform.calls().back().find("pss_close("));
@@ -338,6 +357,59 @@ TEST_F(tag_table_test, a_second_try_makes_the_table) {
                      "startup config\n"}),
             add(1));
   EXPECT_EQ(table({k_kps}), saved());
+}
+
+TEST_F(tag_table_test, another_vdcs_table_is_left_alone) {
+  for (const bool found : {false, true}) {
+    platform.set_vdcs({1, 2});
+    ASSERT_EQ(0u, sysmgr_srv_tag_info_table_prepare(0, 1));
+    platform.set_store(k_store);
+    if (found) {
+      platform.put(k_store, key(), table({k_other}));
+    }
+    platform.clear();
+    const trace_facility facility(k_all);
+    const lines_t lines = add(2);
+    EXPECT_EQ(found ? table({k_other, k_kps}) : table({k_kps}), saved());
+    EXPECT_EQ(saved(), running(2));
+    EXPECT_EQ(table({}), running(1));
+    EXPECT_EQ(lines_t({"sysmgr_srv_tag_info_table_prepare(0, 2)"}),
+              platform.calls("sysmgr_srv_tag_info_table_prepare"));
+    EXPECT_EQ(lines_t({"sysmgr_srv_tag_info_add(542, \"\", 2)"}),
+              platform.calls("sysmgr_srv_tag_info_add"));
+    EXPECT_EQ(3u, lines.size());
+    EXPECT_EQ(found ? 5u : 4u, facility.lines().size());
+    for (const std::string &line : facility.lines()) {
+      EXPECT_EQ(std::string::npos, line.find("vdc 1")) << line;
+    }
+  }
+}
+
+// With the vdc in each message of a step that fails.
+TEST_F(tag_table_test, failures_name_the_vdc) {
+  platform.set_vdcs({1, 2});
+  for (const char *function : {"pss_fetch", "pss_store"}) {
+    platform.set_store(k_store);
+    platform.fail(function, 0x4048000B);
+    const trace_facility facility(2048);
+    EXPECT_NE(std::string::npos, add(2).back().find("(0x4048000B) for vdc 2\n"));
+    EXPECT_NE(std::string::npos, facility.lines().back().find("(0x4048000B) for vdc 2"));
+  }
+}
+
+// Whoever lets the facility write to standard error finds each line there first, then the log's.
+TEST_F(tag_table_test, the_facility_is_written_before_the_log) {
+  platform.set_store(k_store);
+  uint8 tag[] = "t";
+  debug_trace_fac_SYSMGR = {stderr, 1};
+  const std::string text =
+      captured_stderr([&] { status = sysmgr_add_tag_startup("/cfg", SRVUUID_KPS, tag, 1); });
+  debug_trace_fac_SYSMGR = {nullptr, 0};
+  const std::string saved_line = "sysmgr_add_tag_startup: vdc 1: saved tag info t for service "
+                                 "0x21e to sysmgr startup config\n";
+  const size_t facility = text.find("> <1> " + saved_line);
+  ASSERT_NE(std::string::npos, facility);
+  EXPECT_EQ(facility + 6 + saved_line.size(), text.find("\n" + saved_line) + 1);
 }
 
 TEST_F(tag_table_test, vdcs_that_have_no_row_or_do_not_exist) {

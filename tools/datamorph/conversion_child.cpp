@@ -13,6 +13,7 @@
 #include "failure.h"
 #include "lab/lab.h"
 #include "services.h"
+#include "statuses.h"
 #include "text.h"
 #include "unique_fd.h"
 
@@ -58,6 +59,45 @@ syserr_t make_request(const library &library, const conversion_plan &plan,
                                       : library.call(request.which, request.uuid, &failed, &args);
 }
 
+// "uri" and "status" of the first store that cannot be read; null when all can.
+nlohmann::json first_damaged_store(const switch_state &state) {
+  for (const std::string &uri : lab::store_uris()) {
+    lab::store_info info;
+    const syserr_t status = lab::store_inspect(uri, &info);
+    if (status != SYSERR_SUCCESS) {
+      return {{"uri", uri}, {"status", status}};
+    }
+  }
+  // A store that is whole may hold tables that are not.
+  lab::sysmgr_set_vdcs(state.vdcs);
+  const syserr_t status = lab::sysmgr_load_tables();
+  if (status != SYSERR_SUCCESS) {
+    return {{"uri", lab::running_tag_tables}, {"status", status}};
+  }
+  return nullptr;
+}
+
+// The running tag tables, and the service that answers requests about them.
+void start_system_manager(const std::vector<vdc_id_t> &vdcs) {
+  lab::sysmgr_set_vdcs(vdcs);
+  const syserr_t status = lab::sysmgr_load_tables();
+  if (status != SYSERR_SUCCESS) {
+    throw failure(exit_failed, "cannot read the running tag tables in the store " +
+                                   in_quotes(lab::running_tag_tables) + ": " + status_text(status));
+  }
+  if (lab::sysmgr_start() != 0) {
+    throw failure(exit_failed,
+                  "cannot start the system manager's service in the switch: " + error_text(errno));
+  }
+}
+
+void stop_system_manager() {
+  if (lab::sysmgr_stop() != 0) {
+    throw failure(exit_failed, "the system manager's service did not give its access point back: " +
+                                   error_text(errno));
+  }
+}
+
 void sync_state() {
   const unique_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root.is_open() || syncfs(root.get()) != 0) {
@@ -71,19 +111,15 @@ std::string conversion_request::service() const {
   return uuid == SRVUUID_NONE ? "(whole table)" : service_name(uuid);
 }
 
-void examine(const jail::channel &channel, const library &library, const std::string &from,
-             const std::string &to) {
+void examine(const jail::channel &channel, const library &library, const conversion_plan &plan) {
   syserr_t error = SYSERR_SUCCESS;
-  nlohmann::json message = {{"images", images()},
-                            {"tables", tables(library)},
-                            {"order", library.compare_versions(from.c_str(), to.c_str(), &error)}};
-  for (const std::string &uri : lab::store_uris()) {
-    lab::store_info info;
-    const syserr_t status = lab::store_inspect(uri, &info);
-    if (status != SYSERR_SUCCESS) {
-      message["damaged"] = {{"uri", uri}, {"status", status}};
-      break;
-    }
+  nlohmann::json message = {
+      {"images", images()},
+      {"tables", tables(library)},
+      {"order", library.compare_versions(plan.from.c_str(), plan.to.c_str(), &error)}};
+  const nlohmann::json damaged = first_damaged_store(plan.state);
+  if (!damaged.is_null()) {
+    message["damaged"] = damaged;
   }
   channel.send(message);
 }
@@ -91,11 +127,11 @@ void examine(const jail::channel &channel, const library &library, const std::st
 void run_conversion(const jail::channel &channel, const library &library,
                     const conversion_plan &plan, int journal) {
   using clock = std::chrono::steady_clock;
-  lab::sysmgr_set_vdcs(plan.state.vdcs);
   const mts_q_handle_t queue = lab::mts_queue_open();
   if (queue == 0) {
     throw failure(exit_failed, "cannot open a message queue in the switch: " + error_text(errno));
   }
+  start_system_manager(plan.state.vdcs);
   debug_trace_fac_SYSMGR = {stderr, 0xffffffffu};
   const std::vector<std::string> before = lab::store_uris();
   lab::journal_start(journal);
@@ -112,17 +148,20 @@ void run_conversion(const jail::channel &channel, const library &library,
     channel.send({{"result", at}, {"status", status}, {"milliseconds", took.count()}});
   }
   lab::journal_request("closing", 0, "");
+  stop_system_manager();
   size_t left_open = 0;
   const syserr_t closed = lab::close_all_stores(&left_open);
   std::string first;
   const size_t unexpected = lab::journal_unexpected(&first);
   lab::journal_stop();
+  const syserr_t saved = lab::sysmgr_save_tables();
   lab::mts_queue_close(queue);
   lab::mts_shutdown();
   sync_state();
   channel.send({{"closing",
                  {{"left_open", left_open},
                   {"close_status", closed},
+                  {"tables_status", saved},
                   {"unexpected", unexpected},
                   {"first_unexpected", first},
                   {"stores_before", before},

@@ -26,14 +26,14 @@ struct conversion_plan {
 
 // Looks at the state that the child's root is, changing nothing. Sends one message: "images" (the
 // version by release, null where it cannot be read), "tables" and "order" (the library's answer to
-// comparing `from` with `to`), and "damaged" (uri and status) for the first store that cannot be
-// read.
-void examine(const jail::channel &channel, const library &library, const std::string &from,
-             const std::string &to);
+// comparing the plan's `from` with its `to`), and "damaged" (uri and status) for the first store
+// that cannot be read, or whose tag tables cannot.
+void examine(const jail::channel &channel, const library &library, const conversion_plan &plan);
 
 // Makes the requests of the plan in their order. Sends "start" (the request's index) before and
 // "result" (index, status, milliseconds) after each, and at the end "closing": what is known of
-// failed writes, open handles and the stores before and after. All is on disk then.
+// failed writes, open handles, the running tag tables and the stores before and after. All is on
+// disk then.
 void run_conversion(const jail::channel &channel, const library &library,
                     const conversion_plan &plan, int journal);
 

@@ -12,6 +12,7 @@
 #include "conversion_child.h"
 #include "failure.h"
 #include "jail.h"
+#include "lab/lab.h"
 #include "report.h"
 #include "run_folder.h"
 #include "services.h"
@@ -96,7 +97,7 @@ nlohmann::json conversion::look() {
   request.prepare = [&] { loaded = load_library(common_.library); };
   request.body = [&](const jail::channel &channel) {
     channel.send({{"library", loaded.file}});
-    examine(channel, loaded, plan_.from, plan_.to);
+    examine(channel, loaded, plan_);
   };
   request.on_message = [&](const nlohmann::json &message) { found.update(message); };
   request.silence = std::chrono::seconds(options_.timeout);
@@ -134,10 +135,12 @@ void conversion::check_damage(const nlohmann::json &found) const {
     return;
   }
   const std::string uri = found["damaged"].at("uri").get<std::string>();
-  refuse("the store " + in_quotes(uri) +
-         " cannot be read: " + status_text(found["damaged"].at("status").get<syserr_t>()) +
-         "; remove it with 'datamorph store delete --all' and bring it back with "
-         "'datamorph store import'");
+  const char *advice = uri == lab::running_tag_tables
+                           ? "'datamorph lab reboot' makes it anew from the saved tag tables"
+                           : "remove it with 'datamorph store delete --all' and bring it back with "
+                             "'datamorph store import'";
+  refuse("the store " + in_quotes(uri) + " cannot be read: " +
+         status_text(found["damaged"].at("status").get<syserr_t>()) + "; " + advice);
 }
 
 // Each service once: where it first stands when the release rises, where it last stands when the
@@ -282,6 +285,11 @@ std::string conversion::verdict() const {
   const auto closed = closing_.value("close_status", SYSERR_FAILED);
   if (closed != SYSERR_SUCCESS) {
     return "a store could not be closed: " + status_text(closed);
+  }
+  const auto saved = closing_.value("tables_status", SYSERR_FAILED);
+  if (saved != SYSERR_SUCCESS) {
+    return "the running tag tables could not be kept in the store " +
+           in_quotes(lab::running_tag_tables) + ": " + status_text(saved);
   }
   const size_t failed = report_.failed_requests();
   if (failed > 0 && !options_.accept_failures) {

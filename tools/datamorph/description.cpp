@@ -7,12 +7,14 @@
 #include "failure.h"
 #include "lab/lab.h"
 #include "layout.h"
+#include "services.h"
 #include "strict_json.h"
 #include "text.h"
 
 namespace {
 
 constexpr uint64_t last_access_point = 65535;
+constexpr size_t longest_tag = 31;
 constexpr uint64_t largest_zeros = 1 << 20; // bytes that one field may ask for
 
 // A value of the document with the place it stands at.
@@ -117,8 +119,8 @@ struct number_field {
 };
 
 constexpr number_field number_fields[] = {
-    {"u8", 1, true},    {"u16be", 2, true},  {"u16le", 2, false},
-    {"u32be", 4, true}, {"u32le", 4, false},
+    {"u8", 1, true},     {"u16be", 2, true}, {"u16le", 2, false}, {"u32be", 4, true},
+    {"u32le", 4, false}, {"u64be", 8, true}, {"u64le", 8, false},
 };
 
 std::string number_bytes(const number_field &field, uint64_t number) {
@@ -152,16 +154,56 @@ std::string text_bytes(const node &at) {
   return bytes;
 }
 
+// A service by its name, or by its number when it has none here.
+uint32 service_of(const node &at) {
+  if (!at.value().is_string()) {
+    return static_cast<uint32>(at.number(1, std::numeric_limits<uint32>::max()));
+  }
+  const std::optional<uint32> number = service_number(at.text());
+  if (!number) {
+    at.wrong("unknown service " + in_quotes(at.text()) + "; services: " + service_names());
+  }
+  return *number;
+}
+
+lab::tag_entry tag_entry_of(const node &at) {
+  at.expect_object({"service", "tag"});
+  lab::tag_entry entry = {service_of(at.member("service")), at.member("tag").text()};
+  if (entry.tag.size() > longest_tag || entry.tag.find('\0') != std::string::npos) {
+    at.member("tag").wrong("a tag is a text of at most 31 bytes, none of them zero");
+  }
+  return entry;
+}
+
+// [{"service": "DOT1X", "tag": ""}]: a tag table of the system manager.
+std::string tag_table_bytes(const node &at) {
+  std::vector<lab::tag_entry> entries;
+  std::set<uint32> services;
+  for (const node &item : at.items()) {
+    entries.push_back(tag_entry_of(item));
+    if (!services.insert(entries.back().uuid).second) {
+      item.wrong("this service is in the table already");
+    }
+  }
+  std::string bytes = lab::tag_table_encode(entries);
+  if (bytes.size() > SYSMGR_TAG_TABLE_MAX) {
+    at.wrong("the table is larger than " + counted(SYSMGR_TAG_TABLE_MAX, "byte"));
+  }
+  return bytes;
+}
+
 std::string field_bytes(const node &at) {
   if (at.value().is_string()) {
     return hex_bytes(at);
   }
-  at.expect_object({"hex", "text", "size", "zeros", "u8", "u16be", "u16le", "u32be", "u32le"});
+  at.expect_object({"hex", "text", "size", "zeros", "u8", "u16be", "u16le", "u32be", "u32le",
+                    "u64be", "u64le", "tag_table"});
   if (at.has("text")) {
     return text_bytes(at);
   }
   if (at.value().size() != 1 || at.has("size")) {
-    at.wrong("one of hex, text, zeros, u8, u16be, u16le, u32be, u32le is wanted here");
+    at.wrong("one of hex, text, zeros, u8, u16be, u16le, u32be, u32le, u64be, u64le, tag_table is "
+             "wanted here");
   }
   if (at.has("hex")) {
     return hex_bytes(at.member("hex"));
@@ -169,9 +211,12 @@ std::string field_bytes(const node &at) {
   if (at.has("zeros")) {
     return std::string(at.member("zeros").number(0, largest_zeros), '\0');
   }
+  if (at.has("tag_table")) {
+    return tag_table_bytes(at.member("tag_table"));
+  }
   for (const number_field &field : number_fields) {
     if (at.has(field.name)) {
-      const uint64_t most = (uint64_t(1) << (8 * field.bytes)) - 1;
+      const uint64_t most = std::numeric_limits<uint64_t>::max() >> (64 - 8 * field.bytes);
       return number_bytes(field, at.member(field.name).number(0, most));
     }
   }

@@ -19,6 +19,7 @@
 #include "statuses.h"
 #include "stop_signal.h"
 #include "switch_dir.h"
+#include "tag_tables.h"
 #include "text.h"
 #include "tree.h"
 #include "workshop.h"
@@ -27,7 +28,39 @@ namespace {
 
 constexpr size_t largest_description = 64 << 20;
 
+// ---- Tag tables of a boot ----------------------------------------------------------------------
+
+// What the child says of the running tag tables that it made.
+struct boot_report {
+  bool made = false;
+  std::vector<std::string> troubles;
+
+  void take(const nlohmann::json &message) {
+    made |= message.value("tables_made", false);
+    for (const std::string &text : message.value("troubles", std::vector<std::string>())) {
+      troubles.push_back(text);
+    }
+  }
+  void say(const std::string &dir) const {
+    for (const std::string &text : troubles) {
+      output::message(in_quotes(dir) + ": " + text);
+    }
+  }
+};
+
+void boot(const jail::channel &channel, const switch_state &state) {
+  const booted_tag_tables booted = boot_tag_tables(state);
+  channel.send({{"tables_made", booted.made}, {"troubles", booted.troubles}});
+}
+
 // ---- create ------------------------------------------------------------------------------------
+
+bool describes_running_tables(const description &wanted) {
+  const std::string file = lab::store_file(lab::running_tag_tables);
+  return std::any_of(
+      wanted.stores.begin(), wanted.stores.end(),
+      [&](const store_description &store) { return lab::store_file(store.uri) == file; });
+}
 
 void make_folder(int folder, const char *name) {
   if (mkdirat(folder, name, 0755) != 0) {
@@ -35,7 +68,9 @@ void make_folder(int folder, const char *name) {
   }
 }
 
-void build(const workshop &shop, const description &wanted) {
+// A switch that is described has been booted: it runs the tag tables that it has saved, where the
+// description does not say otherwise.
+boot_report build(const workshop &shop, const description &wanted) {
   const int folder = shop.folder();
   tree::replace_file(folder, ".lock", "");
   make_folder(folder, shop.state_name());
@@ -43,7 +78,14 @@ void build(const workshop &shop, const description &wanted) {
   const unique_fd current(openat(folder, shop.state_name(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   jail::request request;
   request.root = current.get();
-  request.body = [&](const jail::channel &) { populate(wanted); };
+  boot_report booted;
+  request.body = [&](const jail::channel &channel) {
+    populate(wanted);
+    if (!describes_running_tables(wanted)) {
+      boot(channel, wanted.state);
+    }
+  };
+  request.on_message = [&](const nlohmann::json &message) { booted.take(message); };
   const jail::outcome outcome = jail::run(request);
   if (!outcome.finished()) {
     throw failure(exit_failed, "building the switch " + outcome.text());
@@ -52,6 +94,7 @@ void build(const workshop &shop, const description &wanted) {
   if (syncfs(folder) != 0) {
     throw failure(exit_failed, "cannot sync the switch: " + error_text(errno));
   }
+  return booted;
 }
 
 // Whether a failed write there is explained by a full disk.
@@ -120,7 +163,7 @@ void send_images(const jail::channel &channel) {
   }
 }
 
-void send_contents(const jail::channel &channel) {
+void send_contents(const jail::channel &channel, const switch_state &state) {
   send_images(channel);
   const std::vector<std::string> uris = lab::store_uris();
   for (const std::string &uri : uris) {
@@ -130,10 +173,32 @@ void send_contents(const jail::channel &channel) {
   for (const lab::access_point &point : lab::mts_saps()) {
     channel.send({{"access_point", {{"sap", point.sap}, {"owner", point.owner}}}});
   }
+  for (const vdc_id_t vdc : state.vdcs) {
+    channel.send({{"tag_table", describe_tag_tables(state, vdc)}});
+  }
 }
 
 std::string value_text(const nlohmann::json &value) {
   return to_text(value.is_string() ? value.get<std::string>() : value.dump());
+}
+
+output::cell tag_table_cell(const nlohmann::json &table) {
+  const std::string state = table["state"].get<std::string>();
+  if (state == "ok") {
+    return tag_entries_text(table["entries"]);
+  }
+  return state == "none" ? output::cell(state) : output::cell::bad(state);
+}
+
+void print_tag_tables(const nlohmann::json &document) {
+  std::vector<std::vector<output::cell>> rows;
+  for (const nlohmann::json &vdc : document["tag_tables"]) {
+    for (const char *which : {"saved", "running"}) {
+      rows.push_back({value_text(vdc["vdc"]), which, tag_table_cell(vdc[which])});
+    }
+  }
+  output::text("\n");
+  output::table({{"VDC", output::align::right}, {"TAG TABLE"}, {"ENTRIES"}}, rows);
 }
 
 void print_switch(const nlohmann::json &document) {
@@ -186,6 +251,7 @@ void print_switch(const nlohmann::json &document) {
   }
   output::text("\n");
   output::table({{"ACCESS POINT", align::right}, {"OWNER"}}, points);
+  print_tag_tables(document);
 }
 
 // ---- reboot ------------------------------------------------------------------------------------
@@ -216,8 +282,9 @@ int lab_create(const common_options &common, const std::string &dir, const std::
   const description wanted = parse_description(text, origin);
   const stop_signal::guard guard;
   workshop shop(dir);
+  boot_report booted;
   try {
-    build(shop, wanted);
+    booted = build(shop, wanted);
   } catch (const failure &error) {
     const bool full = error.status() == exit_failed && is_full(shop.folder());
     throw failure(error.status(), in_quotes(dir) + ": " + error.what() +
@@ -225,16 +292,18 @@ int lab_create(const common_options &common, const std::string &dir, const std::
   }
   stop_signal::check();
   shop.become_switch();
+  booted.say(dir);
+  const size_t stores = wanted.stores.size() + (booted.made ? 1 : 0);
   if (common.format == output::format::json) {
     output::json({{"switch", dir},
                   {"name", wanted.state.name},
                   {"release", wanted.state.release},
-                  {"stores", wanted.stores.size()},
+                  {"stores", stores},
                   {"files", wanted.files.size()},
                   {"access_points", wanted.access_points.size()}});
   } else {
     output::text(dir + ": switch " + to_text(wanted.state.name) + " at release " +
-                 wanted.state.release + ", " + counted(wanted.stores.size(), "store") + ", " +
+                 wanted.state.release + ", " + counted(stores, "store") + ", " +
                  counted(wanted.files.size(), "file") + ", " +
                  counted(wanted.access_points.size(), "access point") + "\n");
   }
@@ -249,9 +318,10 @@ int lab_show(const common_options &common, const std::string &dir) {
   document["stores"] = nlohmann::json::array();
   document["files"] = nlohmann::json::array();
   document["access_points"] = nlohmann::json::array();
+  document["tag_tables"] = nlohmann::json::array();
   jail::request request;
   request.root = target.current();
-  request.body = send_contents;
+  request.body = [&](const jail::channel &channel) { send_contents(channel, target.state()); };
   request.on_message = [&](const nlohmann::json &message) {
     for (const auto &[kind, row] : message.items()) {
       document[kind + "s"].push_back(row);
@@ -273,9 +343,10 @@ int lab_reboot(const common_options &common, const std::string &dir) {
   const switch_dir target(dir, switch_dir::access::write);
   size_t stores = 0;
   size_t files = 0;
+  boot_report booted;
   jail::request request;
   request.root = target.current();
-  request.body = [](const jail::channel &channel) {
+  request.body = [&](const jail::channel &channel) {
     size_t volatile_stores = 0;
     for (const std::string &uri : lab::store_uris()) {
       volatile_stores += uri.starts_with("volatile:") ? 1 : 0;
@@ -283,15 +354,18 @@ int lab_reboot(const common_options &common, const std::string &dir) {
     empty_folder("/dev/shm/volatile");
     const size_t entries = empty_folder("/tmp");
     channel.send({{"stores", volatile_stores}, {"files", entries}});
+    boot(channel, target.state());
   };
   request.on_message = [&](const nlohmann::json &message) {
-    stores = message.value("stores", size_t(0));
-    files = message.value("files", size_t(0));
+    stores = message.value("stores", stores);
+    files = message.value("files", files);
+    booted.take(message);
   };
   const jail::outcome outcome = jail::run(request);
   if (!outcome.finished()) {
     throw failure(exit_failed, in_quotes(dir) + ": the reboot " + outcome.text());
   }
+  booted.say(dir);
   if (common.format == output::format::json) {
     output::json({{"switch", dir}, {"volatile_stores", stores}, {"temporary_files", files}});
   } else {

@@ -99,11 +99,12 @@ private:
     create->add_option("DIR", dir_, "The directory to make")->required();
     create->add_option("--from", from_, "The description (default: the shipped example)");
     CLI::App *show =
-        verb(lab, "show", "Release, VDCs, paths, images, stores, files, access points",
+        verb(lab, "show", "Release, VDCs, paths, images, stores, files, access points, tag tables",
              "datamorph lab show /tmp/switch", [this] { return lab_show(common_, dir_); });
     show->add_option("DIR", dir_, dir_help)->required();
     CLI::App *reboot =
-        verb(lab, "reboot", "What a boot does: empty /tmp and the volatile stores",
+        verb(lab, "reboot",
+             "What a boot does: empty /tmp and the volatile stores, run the saved tag tables",
              "datamorph lab reboot /tmp/switch", [this] { return lab_reboot(common_, dir_); });
     reboot->add_option("DIR", dir_, dir_help)->required();
   }
@@ -161,10 +162,11 @@ private:
     store->require_subcommand(1);
     store_verb(store, "list", "All stores with their records, sizes and limits",
                "datamorph store list /tmp/switch", store_list);
-    CLI::App *show = store_verb(store, "show", "All records of a store",
-                                "datamorph store show /tmp/switch volatile:/cfg/0/plugin_debug "
-                                "--text",
-                                store_show);
+    CLI::App *show =
+        store_verb(store, "show", "All records of a store, and what those of a known form mean",
+                   "datamorph store show /tmp/switch volatile:/cfg/0/plugin_debug "
+                   "--text",
+                   store_show);
     add_uri(show);
     add_text(show);
     CLI::App *get =

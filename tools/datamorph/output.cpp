@@ -126,13 +126,22 @@ void add_column(libscols_table *table, const output::column &column) {
   }
 }
 
+// The table's library counts "\x" as wide as the four characters that it would write for a byte. So
+// backslashes go through it as backticks, and those as backslashes; once more is the way back.
+std::string exchanged(std::string text) {
+  for (char &c : text) {
+    c = c == '\\' ? '`' : c == '`' ? '\\' : c;
+  }
+  return text;
+}
+
 void add_row(libscols_table *table, const std::vector<output::cell> &cells) {
   libscols_line *line = scols_table_new_line(table, nullptr);
   if (line == nullptr) {
     no_memory();
   }
   for (size_t at = 0; at < cells.size(); ++at) {
-    if (scols_line_set_data(line, at, cells[at].text.c_str()) != 0) {
+    if (scols_line_set_data(line, at, exchanged(cells[at].text).c_str()) != 0) {
       no_memory();
     }
     if (cells[at].alarming) {
@@ -177,7 +186,7 @@ void table(const std::vector<column> &columns, const std::vector<std::vector<cel
     no_memory();
   }
   const std::unique_ptr<char, decltype(&std::free)> owner(printed, std::free);
-  std::string text = printed == nullptr ? "" : printed;
+  std::string text = exchanged(printed == nullptr ? "" : printed);
   if (!text.empty() && text.back() != '\n') {
     text += '\n';
   }

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "output.h"
+#include "services.h"
 #include "statuses.h"
 #include "text.h"
 
@@ -48,6 +49,42 @@ std::string numbers(const std::vector<uint32> &values) {
   return joined(words);
 }
 
+// Those that changed a table, with the VDC where it is not the request's own.
+std::string tags_text(const request_report &report) {
+  std::string text;
+  for (const tag_report &tag : report.tags) {
+    const bool elsewhere = tag.vdc != report.request.vdc;
+    if (tag.changed) {
+      append_word(text,
+                  service_name(tag.uuid) + " \"" + to_text(tag.tag) + "\"" +
+                      (elsewhere ? " in VDC " + std::to_string(tag.vdc) : ""),
+                  ", ");
+    }
+  }
+  return text.empty() ? "-" : text;
+}
+
+nlohmann::json tags_json(const std::vector<tag_report> &tags) {
+  nlohmann::json rows = nlohmann::json::array();
+  for (const tag_report &tag : tags) {
+    rows.push_back({{"vdc", tag.vdc},
+                    {"service", service_name(tag.uuid)},
+                    {"uuid", tag.uuid},
+                    {"tag", to_text(tag.tag)},
+                    {"changed", tag.changed}});
+  }
+  return rows;
+}
+
+tag_report tag_of(const nlohmann::json &line) {
+  tag_report tag;
+  tag.vdc = static_cast<vdc_id_t>(count_of(line, "table_vdc"));
+  tag.uuid = static_cast<uint32>(count_of(line, "uuid"));
+  tag.tag = text_of(line, "tag");
+  tag.changed = count_of(line, "old") != count_of(line, "new");
+  return tag;
+}
+
 const char *what_happened(bool ended, bool before, bool after) {
   if (!ended) {
     return "touched";
@@ -88,7 +125,8 @@ std::vector<output::cell> request_row(const request_report &report) {
           number(report.records.added),
           number(report.records.changed),
           number(report.records.removed),
-          numbers(report.access_points)};
+          numbers(report.access_points),
+          tags_text(report)};
 }
 
 nlohmann::json request_json(const request_report &report) {
@@ -102,7 +140,8 @@ nlohmann::json request_json(const request_report &report) {
                         {"milliseconds", report.milliseconds},
                         {"records", counts_json(report.records)},
                         {"stores", report.stores},
-                        {"access_points_removed", report.access_points}};
+                        {"access_points_removed", report.access_points},
+                        {"tags_set", tags_json(report.tags)}};
   if (report.status) {
     row["status"] = *report.status;
     row["text"] = syserr2str(*report.status);
@@ -118,6 +157,17 @@ void record_counts::add(const record_counts &other) {
   removed += other.removed;
 }
 
+void request_report::take_tag(const tag_report &tag) {
+  for (tag_report &taken : tags) {
+    if (taken.vdc == tag.vdc && taken.uuid == tag.uuid) {
+      taken.tag = tag.tag;
+      taken.changed |= tag.changed;
+      return;
+    }
+  }
+  tags.push_back(tag);
+}
+
 void conversion_report::take_journal(const std::string &journal, bool ended,
                                      const std::set<std::string> &before,
                                      const std::set<std::string> &after) {
@@ -131,6 +181,9 @@ void conversion_report::take_journal(const std::string &journal, bool ended,
     request_report *report = request_of(&requests, line);
     if (report != nullptr && text_of(line, "call") == "mts_sap_destroy") {
       report->access_points.push_back(static_cast<uint32>(count_of(line, "sap")));
+    }
+    if (report != nullptr && text_of(line, "call") == "sysmgr_srv_tag_info_add") {
+      report->take_tag(tag_of(line));
     }
     const std::string uri = text_of(line, "uri");
     if (uri.empty()) {
@@ -206,7 +259,8 @@ void conversion_report::print_tables() const {
                  {"ADDED", align::right},
                  {"CHANGED", align::right},
                  {"REMOVED", align::right},
-                 {"ACCESS POINTS REMOVED"}},
+                 {"ACCESS POINTS REMOVED"},
+                 {"TAGS SET"}},
                 rows);
   if (!stores.empty()) {
     rows.clear();

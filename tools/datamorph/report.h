@@ -20,6 +20,14 @@ struct record_counts {
   void add(const record_counts &other);
 };
 
+// An entry that a request set in a VDC's running tag table.
+struct tag_report {
+  vdc_id_t vdc = 0;
+  uint32 uuid = 0;
+  std::string tag;
+  bool changed = false; // the table grew or shrank by it; an entry that stood so leaves its size
+};
+
 struct request_report {
   conversion_request request;
   bool started = false;
@@ -29,6 +37,9 @@ struct request_report {
   record_counts records;
   std::set<std::string> stores;
   std::vector<uint32> access_points; // removed
+  std::vector<tag_report> tags;      // each entry once, in the order in which they were set
+
+  void take_tag(const tag_report &tag);
 };
 
 struct store_report {

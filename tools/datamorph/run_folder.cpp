@@ -97,7 +97,8 @@ std::string first_failed_write(const nlohmann::json &closing) {
     return "see the run's journal";
   }
   const std::string uri = line.value("uri", "");
+  const unsigned vdc = line.value("table_vdc", 0u);
   return line.value("call", "a call") + (uri.empty() ? "" : " on the store " + in_quotes(uri)) +
-         " by " + line.value("service", "?") + " gave " +
-         status_text(line.value("status", SYSERR_FAILED));
+         (vdc == 0 ? "" : " on the tag table of VDC " + std::to_string(vdc)) + " by " +
+         line.value("service", "?") + " gave " + status_text(line.value("status", SYSERR_FAILED));
 }

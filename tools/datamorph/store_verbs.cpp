@@ -1,9 +1,12 @@
 // store list, show, get, put, delete: single stores and records, by hand.
 #include "verbs.h"
 
+#include <algorithm>
+
 #include "failure.h"
 #include "jail.h"
 #include "lab/lab.h"
+#include "records.h"
 #include "statuses.h"
 #include "store_access.h"
 #include "switch_dir.h"
@@ -26,6 +29,39 @@ std::string typed(const store_options &options, const std::string &text, const c
                                                   "for text"));
   }
   return *bytes;
+}
+
+// A record as it is sent, for the user: with what it means where that is known, in *meaning too.
+nlohmann::json shown_record(const store_options &options, const nlohmann::json &sent,
+                            std::string *meaning) {
+  const std::string key = sent["key"].get<std::string>();
+  const std::string value = sent["value"].get<std::string>();
+  nlohmann::json record = {{"key", shown(options, key)}, {"value", shown(options, value)}};
+  const std::optional<decoded_record> decoded =
+      decode_record(options.uri, from_hex(key).value_or(""), from_hex(value).value_or(""));
+  if (decoded) {
+    record["decoded"] = decoded->to_json();
+    *meaning = decoded->to_text();
+  }
+  return record;
+}
+
+// The column of meanings stands when there is one.
+void print_records(const nlohmann::json &records, const std::vector<std::string> &meanings) {
+  const bool decoded = std::any_of(meanings.begin(), meanings.end(),
+                                   [](const std::string &text) { return !text.empty(); });
+  std::vector<std::vector<output::cell>> rows;
+  for (const nlohmann::json &record : records) {
+    rows.push_back({record["key"].get<std::string>(), record["value"].get<std::string>()});
+    if (decoded) {
+      rows.back().emplace_back(meanings[rows.size() - 1]);
+    }
+  }
+  std::vector<output::column> columns = {{"KEY"}, {"VALUE"}};
+  if (decoded) {
+    columns.push_back({"MEANING"});
+  }
+  output::table(columns, rows);
 }
 
 } // namespace
@@ -80,12 +116,12 @@ int store_list(const common_options &common, const store_options &options) {
 int store_show(const common_options &common, const store_options &options) {
   const switch_dir target(options.dir, switch_dir::access::read);
   nlohmann::json records = nlohmann::json::array();
+  std::vector<std::string> meanings; // of the same records, for people
   in_switch(
       target, [&](const jail::channel &channel) { send_records(channel, options.uri); },
       [&](const nlohmann::json &message) {
         if (message.contains("key")) {
-          records.push_back({{"key", shown(options, message["key"])},
-                             {"value", shown(options, message["value"])}});
+          records.push_back(shown_record(options, message, &meanings.emplace_back()));
         }
       });
   if (common.format == output::format::json) {
@@ -95,12 +131,7 @@ int store_show(const common_options &common, const store_options &options) {
                   {"records", records}});
     return exit_done;
   }
-  std::vector<std::vector<output::cell>> rows;
-  for (const nlohmann::json &record : records) {
-    const std::string value = record["value"].get<std::string>();
-    rows.push_back({record["key"].get<std::string>(), value});
-  }
-  output::table({{"KEY"}, {"VALUE"}}, rows);
+  print_records(records, meanings);
   return exit_done;
 }
 

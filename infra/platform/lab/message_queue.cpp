@@ -39,27 +39,6 @@ bool has_free_descriptors() {
   return true;
 }
 
-// Whether somebody listens at an endpoint. ZeroMQ itself would wait for a peer to come.
-int probe(const std::string &endpoint) {
-  sockaddr_un address = {};
-  if (endpoint.empty() || endpoint.size() >= sizeof(address.sun_path)) {
-    return ECONNREFUSED;
-  }
-  if (!has_free_descriptors()) {
-    return EMFILE; // the listener may be of this process, and takes one for each who comes
-  }
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, endpoint.c_str(), endpoint.size());
-  const unique_fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!fd.good()) {
-    return errno;
-  }
-  const bool listening =
-      connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0 ||
-      errno == EAGAIN || errno == EINPROGRESS;
-  return listening ? 0 : ECONNREFUSED;
-}
-
 bool fits(const mts_recv_options_t &options, const message_head &head) {
   return (options.rr_token == 0 || (head.response != 0 && head.token == options.rr_token)) &&
          (options.opcode == 0 || head.opcode == options.opcode) &&
@@ -103,6 +82,26 @@ private:
 std::string queue_endpoint(uint32 process, uint32 queue) {
   return std::string(mts_folder) + "/queue-" + std::to_string(process) + "-" +
          std::to_string(queue);
+}
+
+int probe_endpoint(const std::string &endpoint) {
+  sockaddr_un address = {};
+  if (endpoint.empty() || endpoint.size() >= sizeof(address.sun_path)) {
+    return ECONNREFUSED;
+  }
+  if (!has_free_descriptors()) {
+    return EMFILE; // the listener may be of this process, and takes one for each who comes
+  }
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, endpoint.c_str(), endpoint.size());
+  const unique_fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!fd.good()) {
+    return errno;
+  }
+  const bool listening =
+      connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0 ||
+      errno == EAGAIN || errno == EINPROGRESS;
+  return listening ? 0 : ECONNREFUSED;
 }
 
 void message_queue::socket_closer::operator()(void *socket) const {
@@ -176,7 +175,7 @@ int message_queue::connect(const std::string &endpoint, void **found) {
     *found = kept->second.get();
     return 0;
   }
-  const int absent = probe(endpoint);
+  const int absent = probe_endpoint(endpoint);
   if (absent != 0) {
     return absent;
   }
@@ -200,7 +199,8 @@ int message_queue::connect(const std::string &endpoint, void **found) {
 
 // A peer that went leaves a socket with a descriptor behind.
 void message_queue::drop_dead_peers() {
-  std::erase_if(senders_, [](const auto &one) { return probe(one.first) == ECONNREFUSED; });
+  std::erase_if(senders_,
+                [](const auto &one) { return probe_endpoint(one.first) == ECONNREFUSED; });
   most_senders_ = std::max(most_senders_, 2 * senders_.size());
 }
 
@@ -227,7 +227,7 @@ int message_queue::send(const std::string &endpoint, const message &what) {
     const int error = !waiting                   ? errno
                       : closed_                  ? EBADF
                       : clock::now() >= deadline ? EAGAIN
-                                                 : probe(endpoint);
+                                                 : probe_endpoint(endpoint);
     if (error != 0) {
       if (error == ECONNREFUSED) { // a peer that is only slow keeps what it was sent
         senders_.erase(endpoint);

@@ -39,6 +39,10 @@ struct message {
 // The socket of a queue.
 std::string queue_endpoint(uint32 process, uint32 queue);
 
+// Whether somebody listens at an endpoint: 0, ECONNREFUSED, or the errno of not having found out.
+// ZeroMQ itself would wait for a peer to come.
+int probe_endpoint(const std::string &endpoint);
+
 class message_queue {
 public:
   using clock = std::chrono::steady_clock;

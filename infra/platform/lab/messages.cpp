@@ -12,6 +12,7 @@
 #include "lab/journal.h"
 #include "lab/lab.h"
 #include "lab/message_queue.h"
+#include "lab/signals_off.h"
 
 namespace lab {
 namespace {
@@ -136,6 +137,9 @@ int open_queue(mts_q_handle_t *number) {
       return errno;
     }
   }
+  // The first queue starts the message library's threads, which turn signals off too late: one that
+  // came meanwhile would not interrupt whoever waits.
+  const signals_off guard;
   const auto queue = std::make_shared<message_queue>(all.context, take_number(&all.next_queue));
   const int error = queue->open();
   if (error == 0) {

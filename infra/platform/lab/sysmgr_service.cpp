@@ -5,7 +5,6 @@
 //             for nothing), all integers in network byte order
 //   response  uint32 status, in network byte order
 #include <arpa/inet.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <array>
@@ -21,6 +20,7 @@
 #include "lab/access_points.h"
 #include "lab/lab.h"
 #include "lab/message_queue.h"
+#include "lab/signals_off.h"
 #include "lab/sysmgr.h"
 #include "lab/tag_table.h"
 
@@ -84,20 +84,14 @@ void serve(mts_q_handle_t queue) {
   }
 }
 
-// Signals are for the threads that wait for answers: this one gets none.
-std::thread thread_without_signals(mts_q_handle_t queue) {
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  std::thread made;
+// One that cannot be joined when there was no thread to be had.
+std::thread serving_thread(mts_q_handle_t queue) {
+  const signals_off guard;
   try {
-    made = std::thread(serve, queue);
+    return std::thread(serve, queue);
   } catch (const std::system_error &) {
-    // Told by the thread that is none.
+    return {};
   }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return made;
 }
 
 // Who answered the access point before; nobody when it was not registered.
@@ -125,7 +119,7 @@ public:
     if (queue == 0) {
       return errno;
     }
-    std::thread thread = thread_without_signals(queue);
+    std::thread thread = serving_thread(queue);
     const int error = !thread.joinable()                                          ? EAGAIN
                       : mts_sap_register(queue, MTS_SAP_SYSMGR, "system manager") ? errno
                                                                                   : 0;
@@ -167,7 +161,9 @@ private:
     if (unknown != 0 || !now || now->endpoint != endpoint_) {
       return unknown;
     }
-    if (!owner_) {
+    const bool died =
+        owner_ && !owner_->endpoint.empty() && probe_endpoint(owner_->endpoint) == ECONNREFUSED;
+    if (!owner_ || died) {
       return sap_remove(MTS_SAP_SYSMGR);
     }
     const int error = sap_write(MTS_SAP_SYSMGR, *owner_);

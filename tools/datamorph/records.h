@@ -1,0 +1,34 @@
+// Records whose form is known, told apart by their store and key and shown with named fields.
+#ifndef DATAMORPH_RECORDS_H
+#define DATAMORPH_RECORDS_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+struct decoded_field {
+  std::string name;
+  nlohmann::json value;
+  std::string text; // for people: with the name where it takes one
+};
+
+struct decoded_record {
+  const char *kind = "";
+  bool damaged = false;              // the value is not what the key promises
+  std::vector<decoded_field> fields; // those of the key, then those of the value
+
+  // "kind" and the fields; "damaged" when it is so.
+  nlohmann::json to_json() const;
+  // "tag table: vdc 1, DOT1X """
+  std::string to_text() const;
+};
+
+// What a record of this store is; nothing when its store and key are of no known kind. Any bytes
+// may come.
+std::optional<decoded_record> decode_record(const std::string &uri, std::string_view key,
+                                            std::string_view value);
+
+#endif

@@ -4,34 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "c_platform.h"
 #include "libdatamorph.h"
-#include "platform/mts.h"
-#include "platform/pss.h"
-#include "platform/pss2.h"
-#include "platform/sysmgr.h"
-
-static char destroyed[300];
-
-syserr_t pss_destroy(const char *uri) {
-  (void)uri;
-  return 0;
-}
-
-syserr_t pss2_destroy(const char *uri) {
-  snprintf(destroyed, sizeof destroyed, "%s", uri);
-  return 0x40480002;
-}
-
-int mts_sap_destroy(mts_q_handle_t queue, uint32 sap) {
-  (void)queue;
-  (void)sap;
-  return 0;
-}
-
-char *srg_sw_ver_file_get(const char *srg_path) {
-  static char version[] = "4.2(1)";
-  return strcmp(srg_path, "/image") == 0 ? version : NULL;
-}
 
 static int failures;
 

@@ -412,6 +412,23 @@ TEST_F(tag_table_test, the_facility_is_written_before_the_log) {
   EXPECT_EQ(facility + 6 + saved_line.size(), text.find("\n" + saved_line) + 1);
 }
 
+TEST_F(tag_table_test, a_failed_store_is_in_the_log_first) {
+  platform.set_store(k_store);
+  platform.fail("pss_store", 0x4048000C);
+  uint8 tag[] = "t";
+  debug_trace_fac_SYSMGR = {stderr, 2048};
+  const std::string text =
+      captured_stderr([&] { status = sysmgr_add_tag_startup("/cfg", SRVUUID_KPS, tag, 1); });
+  debug_trace_fac_SYSMGR = {nullptr, 0};
+  const std::string line = "sysmgr_add_tag_startup: Error in storing PSS_KEY_TAG_INFO to startup "
+                           "config (0x4048000C) for vdc 1";
+  const size_t log = text.find("\n" + line + "\n");
+  const size_t facility = text.find("> <2048> " + line + ".\n");
+  ASSERT_NE(std::string::npos, log);
+  ASSERT_NE(std::string::npos, facility);
+  EXPECT_LT(log, facility);
+}
+
 TEST_F(tag_table_test, vdcs_that_have_no_row_or_do_not_exist) {
   platform.set_vdcs({1, 16});
   platform.set_store(k_store);

@@ -207,8 +207,8 @@ syserr_t cond_srv1_data_morph_running_fs_upg(const char *path, const char *pkg_n
  * before is entered in the tag table, so that it still starts. running_fs_upg tells the running
  * system manager (VDC 1); startup also edits the saved table below `path` and takes the VDC from
  * "/vdc_N" in it. 0 also when there is nothing to do; 0x401E00A3 for a null argument; 0x401E0076
- * for a "/vdc_" without a number; otherwise the status of the step that failed. The two of port
- * security stand in no table. */
+ * for a "/vdc_" whose number is missing or has low 16 bits of zero; otherwise the status of the
+ * step that failed. The two of port security stand in no table. */
 syserr_t dot1x_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
                                          const char *from_ver);
 syserr_t kps_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,

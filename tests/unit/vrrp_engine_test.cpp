@@ -82,6 +82,16 @@ TEST_F(vrrp_engine_test, the_calls_going_up) {
       platform.calls());
 }
 
+TEST_F(vrrp_engine_test, the_flag_of_every_store_going_up) {
+  platform.set_store(k_temp, old_records());
+  traced([this] { up(); });
+  const lines_t stores = platform.calls("pss_store");
+  EXPECT_EQ(5u, stores.size());
+  for (const std::string &call : stores) {
+    EXPECT_EQ("pss_store(2, 1, ", call.substr(0, 16));
+  }
+}
+
 TEST_F(vrrp_engine_test, without_a_trace_file_the_work_is_the_same) {
   platform.set_store(k_temp, old_records());
   EXPECT_EQ(lines_t(), traced([this] { up(); }));
@@ -351,6 +361,33 @@ TEST_F(vrrp_engine_test, a_path_without_a_number_behind_vdc) {
   EXPECT_TRUE(platform.calls().empty());
 }
 
+// ---- Numbers in messages
+
+TEST_F(vrrp_engine_test, the_largest_numbers_in_messages) {
+  std::string vr = old_vr("ff", "ff ff ff ff");
+  vr.replace(0, 4, bytes("ff ff ff ff"));
+  vr.replace(81, 4, bytes("ff ff ff ff")); // the last field
+  platform.set_store(k_temp, {{bytes("01 ff ff ff ff ff ff ff ff ff"), vr}});
+  const lines_t lines = eng_lines([this] { up(); });
+  EXPECT_EQ(
+      lines_t(
+          {k_copy + "Number of VR records = 1\n",
+           k_copy + "Retrieved PSS record for VR 255 on interface 0xffffffff and addr type -1\n",
+           k_copy + "Added new record for VR 255 on interface 0xffffffff\n"}),
+      lines_t(lines.begin() + 7, lines.begin() + 10));
+  EXPECT_EQ(records_t({{global_key(), global_info()},
+                       {bytes("01 ff ff ff ff ff ff ff ff ff"), vr + std::string(32, '\0')}}),
+            platform.records(k_eng));
+}
+
+TEST_F(vrrp_engine_test, the_status_of_a_failed_destruction_is_signed) {
+  platform.set_store(k_temp);
+  platform.fail("pss_destroy", 0xFFFFFFFE);
+  const lines_t lines = eng_lines([this] { up(); });
+  const std::string start = k_self + "Error destroying temp pss in Engine :Ret_val -2(";
+  EXPECT_EQ(start, lines.at(lines.size() - 3).substr(0, start.size()));
+}
+
 // ---- Bad input
 
 TEST_F(vrrp_engine_test, paths_are_cut) {
@@ -363,6 +400,11 @@ TEST_F(vrrp_engine_test, paths_are_cut) {
     EXPECT_EQ(1, std::count(lines.begin(), lines.end(), line));
     EXPECT_EQ(lines_t({"pss_open(\"" + uri + "\")"}), platform.calls());
     EXPECT_EQ(0u, status);
+  }
+  // the last of 251 characters counts, one behind it does not
+  for (const char *vdc : {"/vdc_2", "/vdc_23"}) {
+    EXPECT_EQ(k_self + "mgr_rc_url = nonvolatile:/tmp/vrrp-startup-pss2/bin\n",
+              eng_lines([&] { up((std::string(245, 'p') + vdc).c_str()); }).at(4));
   }
 }
 

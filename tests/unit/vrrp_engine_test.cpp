@@ -219,6 +219,24 @@ TEST_F(vrrp_engine_test, going_down) {
   EXPECT_TRUE(platform.open_handles().empty());
 }
 
+TEST_F(vrrp_engine_test, the_calls_going_down) {
+  platform.set_store(k_eng,
+                     {{vr_key("0a", "00 00 00 01"), full_vr("0a", "01 00 00 00")},
+                      {vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)}});
+  traced([this] { down(); });
+  EXPECT_EQ(lines_t({"pss_open(\"nonvolatile:/cfg/bin/vrrp-eng_runtime_config\")",
+                     "pss_snapshot(1, 0, \"nonvolatile:/tmp/vrrp-startup-pss\")",
+                     "pss_delete(1, 04000000)", "pss_move2key(1, 01)",
+                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2key(1, 01)", "pss_getvalue(1)",
+                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2location(1, PSS_NEXT_KEY)",
+                     "pss_delete(1, 01000000010a1a000000)", "pss_move2key(1, 02)",
+                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2key(1, 02)", "pss_getvalue(1)",
+                     "pss_move2location(1, PSS_NEXT_KEY)",
+                     "pss_delete(1, 02000000010a1a0000000a0101fe000000000000000000000000)",
+                     "pss_close(1)"}),
+            platform.calls());
+}
+
 TEST_F(vrrp_engine_test, the_downgrade_entry_is_misspelt) {
   EXPECT_EQ("vrrp_eng_data_morph_startup_for_downgrade: Convert startup called wit path (null)\n",
             eng_lines([this] { down(nullptr); }).at(1));

@@ -326,6 +326,7 @@ TEST_F(vrrp_table_test, an_empty_key_is_of_no_type) {
     platform.answer("pss_move2key", "", 1);
     EXPECT_EQ("", get(k_both[0], static_cast<uint8>(type), 1));
     EXPECT_EQ(0, count) << type;
+    EXPECT_EQ(1u, calls.size()) << type; // nor counted at first
   }
 }
 
@@ -348,8 +349,12 @@ TEST_F(vrrp_trace_test, no_file_is_open_at_first) {
 TEST_F(vrrp_trace_test, a_file_is_never_created) {
   vrrp_open_trace(vrrp_mgr_side);
   EXPECT_EQ(-1, vrrp_mgr_side.trace_fd);
+  vrrp_mgr_side.debug_str[0] = '\0';
+  vrrp_mgr_side.tstamp = 7;
   vrrp_trace(vrrp_mgr_side, "routine", 7, "message\n");
   EXPECT_FALSE(switch_root::exists(k_file));
+  EXPECT_STREQ("", vrrp_mgr_side.debug_str); // nothing was made of it
+  EXPECT_EQ(7, vrrp_mgr_side.tstamp);
 }
 
 TEST_F(vrrp_trace_test, a_file_is_appended_to_and_stays_open) {

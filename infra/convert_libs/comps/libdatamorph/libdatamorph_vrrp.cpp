@@ -84,7 +84,7 @@ public:
 private:
   uint8 *bytes() { return large_ != nullptr ? large_ : small_; }
 
-  uint8 small_[64];
+  uint8 small_[64] = {};
   uint8 *large_ = nullptr;
   uint32 capacity_ = sizeof small_;
   uint32 size_ = 0;
@@ -251,9 +251,9 @@ void vrrp_trace(vrrp_side_t &side, const char *routine, int line, const char *fo
   va_start(args, format);
   vsnprintf(side.debug_str + used, size - used, format, args);
   va_end(args);
-  if (write(side.trace_fd, side.debug_str, strlen(side.debug_str)) >= 0) {
-    fsync(side.trace_fd);
-  }
+  const ssize_t written = write(side.trace_fd, side.debug_str, strlen(side.debug_str));
+  static_cast<void>(written); // a line that cannot be written is lost, nothing else
+  fsync(side.trace_fd);
   errno = saved_errno;
 }
 

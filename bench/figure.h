@@ -49,6 +49,12 @@ inline bool print_ratio(const char *name, double measured, double floor, const c
   return holds;
 }
 
+// The same without a limit.
+inline void print_stated(const char *name, double measured, double floor, const char *unit) {
+  std::printf("%-58s %11.3f %-2s %11.3f %-2s %7.3f  stated\n", name, measured, unit, floor, unit,
+              measured / floor);
+}
+
 } // namespace bench
 
 #endif

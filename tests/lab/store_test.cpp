@@ -234,4 +234,77 @@ TEST_F(lab_test, a_snapshot_over_a_store_that_is_being_written_is_in_use) {
   EXPECT_EQ(read("volatile:/target"), (contents{{"old", "1"}, {"own", "2"}}));
 }
 
+TEST_F(lab_test, a_snapshot_of_committed_records_takes_all_along) {
+  ASSERT_EQ(lab::store_create(k_uri, {16, 32, 64, 7}), 0U);
+  const pss_service_t writing = open(k_uri);
+  ASSERT_EQ(put(writing, "a", "1"), 0U);
+  ASSERT_EQ(put(writing, "b", "2"), 0U);
+  ASSERT_EQ(pss_close(writing), 0U);
+  EXPECT_EQ(pss_snapshot(open(k_uri), 0, "nonvolatile:/cfg/0/copy"), 0U);
+  EXPECT_EQ(read("nonvolatile:/cfg/0/copy"), (contents{{"a", "1"}, {"b", "2"}}));
+  EXPECT_EQ(list("/cfg/0"), "copy.pss");
+  lab::store_info info;
+  ASSERT_EQ(lab::store_inspect("nonvolatile:/cfg/0/copy", &info), 0U);
+  EXPECT_EQ(info.params.max_key_size, 16U);
+  EXPECT_EQ(info.params.max_value_size, 32U);
+  EXPECT_EQ(info.params.max_node_keys, 64U);
+  EXPECT_EQ(info.params.version, 7U);
+}
+
+TEST_F(lab_test, a_snapshot_takes_no_file_along_that_is_mostly_empty) {
+  contents records;
+  for (int n = 0; n < 200; ++n) {
+    records["key-" + std::to_string(n)] = std::string(1000, 'v');
+  }
+  make(k_uri, records);
+  const pss_service_t emptying = open(k_uri);
+  for (const auto &[key, value] : records) {
+    ASSERT_EQ(remove(emptying, key), 0U);
+  }
+  ASSERT_EQ(put(emptying, "last", "one"), 0U);
+  ASSERT_EQ(pss_close(emptying), 0U);
+  EXPECT_EQ(pss_snapshot(open(k_uri), 0, "volatile:/copy"), 0U);
+  EXPECT_EQ(read("volatile:/copy"), (contents{{"last", "one"}}));
+  lab::store_info info;
+  ASSERT_EQ(lab::store_inspect(k_uri, &info), 0U);
+  EXPECT_GT(info.bytes, 200'000U);
+  ASSERT_EQ(lab::store_inspect("volatile:/copy", &info), 0U);
+  EXPECT_LE(info.bytes, 12'288U);
+}
+
+// Changes one byte of a text in the store's file.
+void damage(const char *file, const std::string &text) {
+  std::string bytes = switch_root::read_file(file);
+  const size_t at = bytes.find(text);
+  ASSERT_NE(at, std::string::npos);
+  bytes[at] ^= 1;
+  switch_root::write_file(file, bytes);
+}
+
+TEST_F(lab_test, a_snapshot_of_a_damaged_record_makes_no_store) {
+  make(k_uri, {{"a", "1"}, {"b", "the-value"}});
+  damage("/mnt/pss/store.pss", "the-value");
+  EXPECT_EQ(pss_snapshot(open(k_uri), 0, "nonvolatile:/cfg/0/copy"), 0x40480009U);
+  EXPECT_EQ(list("/cfg/0"), "");
+}
+
+TEST_F(lab_test, the_same_value_replaces_a_damaged_one) {
+  make(k_uri, {{"a", "1"}, {"b", "the-value"}});
+  damage("/mnt/pss/store.pss", "the-value");
+  const pss_service_t service = open(k_uri);
+  ASSERT_EQ(put(service, "b", "the-value"), 0U);
+  ASSERT_EQ(pss_close(service), 0U);
+  EXPECT_EQ(read(k_uri), (contents{{"a", "1"}, {"b", "the-value"}}));
+}
+
+TEST_F(lab_test, the_same_value_leaves_the_file_as_it_is) {
+  make(k_uri, {{"a", "1"}, {"b", "2"}});
+  const std::string bytes = switch_root::read_file("/mnt/pss/store.pss");
+  const pss_service_t service = open(k_uri);
+  ASSERT_EQ(put(service, "a", "1"), 0U);
+  ASSERT_EQ(put(service, "b", "2"), 0U);
+  ASSERT_EQ(pss_close(service), 0U);
+  EXPECT_EQ(switch_root::read_file("/mnt/pss/store.pss"), bytes);
+}
+
 } // namespace

@@ -125,6 +125,10 @@ TEST_F(main_test, startup_table) {
       {219, ike_data_morph_startup},
       {542, kps_data_morph_startup},
       {381, dot1x_data_morph_startup},
+      {11, vrrp_mgr_data_morph_startup_for_upgrade},
+      {68, vrrp_eng_data_morph_startup_for_upgrade},
+      {68, vrrp_eng_data_morph_startup_for_downgrade},
+      {11, vrrp_mgr_data_morph_startup_for_downgrade},
   };
   EXPECT_EQ(expected, rows(data_morph_startup_table));
 }
@@ -322,7 +326,11 @@ TEST_F(main_test, startup_all_walks_the_table) {
                      "from_ver = 4.2(1)\n",
                      "datamorph_startup_all: calling convert function for uuid = 0x17d\n",
                      "dot1x_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
-                     "from_ver = 4.2(1)\n"}),
+                     "from_ver = 4.2(1)\n",
+                     "datamorph_startup_all: calling convert function for uuid = 0xb\n",
+                     "datamorph_startup_all: calling convert function for uuid = 0x44\n",
+                     "datamorph_startup_all: calling convert function for uuid = 0x44\n",
+                     "datamorph_startup_all: calling convert function for uuid = 0xb\n"}),
             lines);
   EXPECT_EQ(0u, status);
   EXPECT_TRUE(platform.calls().empty());

@@ -1,7 +1,11 @@
 #include "lab/store_copy.h"
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <new>
 
+#include "lab/files.h"
 #include "lab/flat_file.h"
 
 namespace lab {
@@ -75,16 +79,51 @@ syserr_t replace_records(store_db &from, store_db &to, journal_entry *entry) {
   return to.commit();
 }
 
+// The bytes of the store's file. The disk is set to work at once, while the records are checked.
+syserr_t copy_bytes(store_db &from, const store_path &path, const std::string &scratch) {
+  unique_fd fd(open(scratch.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+  if (!fd.good()) {
+    return status_of_errno(errno);
+  }
+  const syserr_t status = from.copy_file_to(fd.get());
+  if (status == SYSERR_SUCCESS && path.durable) {
+    sync_file_range(fd.get(), 0, 0, SYNC_FILE_RANGE_WRITE); // only a hint: the sync comes later
+  }
+  return status == SYSERR_SUCCESS && !fd.close_now() ? status_of_errno(errno) : status;
+}
+
+// The whole file, when that can be done: bytes and records are those of one state of the store.
+syserr_t copy_file(store_db &from, const store_path &path, const std::string &scratch, bool *copied,
+                   journal_entry *entry) {
+  if (from.in_transaction()) { // its file does not hold yet what it sees
+    return SYSERR_SUCCESS;
+  }
+  syserr_t status = from.execute("BEGIN");
+  status = status == SYSERR_SUCCESS ? from.worth_copying_file(copied) : status; // reads: locked
+  if (status == SYSERR_SUCCESS && *copied) {
+    pss2_nonvol_params params = {};
+    status = copy_bytes(from, path, scratch);
+    status = status == SYSERR_SUCCESS ? from.read_params(&params) : status;
+    status = status == SYSERR_SUCCESS ? from.check_records(&entry->added) : status;
+  }
+  from.rollback();
+  return status;
+}
+
+syserr_t copy_records(store_db &from, const std::string &scratch, journal_entry *entry) {
+  store_db to;
+  const syserr_t status = to.open_scratch(scratch);
+  return status == SYSERR_SUCCESS ? replace_records(from, to, entry) : status;
+}
+
 syserr_t copy_to_new_store(store_db &from, const store_path &path, journal_entry *entry) {
   store_in_making making(path);
+  bool copied = false;
   syserr_t status = making.start(from.params());
-  if (status != SYSERR_SUCCESS) {
-    return status;
-  }
-  {
-    store_db scratch;
-    status = scratch.open_scratch(making.scratch());
-    status = status == SYSERR_SUCCESS ? replace_records(from, scratch, entry) : status;
+  status =
+      status == SYSERR_SUCCESS ? copy_file(from, path, making.scratch(), &copied, entry) : status;
+  if (status == SYSERR_SUCCESS && !copied) {
+    status = copy_records(from, making.scratch(), entry);
   }
   return status == SYSERR_SUCCESS ? making.place() : status;
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -25,6 +26,8 @@ constexpr char k_volatile_folder[] = "/dev/shm/volatile";
 // SQLite's own limit for a path is 512 bytes with the journal's ending; a file name has 255.
 constexpr size_t k_longest_path = 500;
 constexpr size_t k_longest_name = 255 - (sizeof(k_journal_ending) - 1);
+
+constexpr int k_copied_at_once = 1 << 18; // bytes of a file
 
 constexpr int k_busy_ms = 200;
 constexpr int k_commit_busy_ms = 10000;
@@ -303,9 +306,9 @@ syserr_t store_db::open(const store_path &path, bool writable) {
   // asks for both and takes what it gets.
   status = connect(path.file, SQLITE_OPEN_READWRITE,
                    path.durable ? "PRAGMA synchronous=EXTRA; PRAGMA temp_store=MEMORY;"
-                                  "PRAGMA cache_size=-32768; PRAGMA cell_size_check=ON"
+                                  "PRAGMA cache_size=-2048; PRAGMA cell_size_check=ON"
                                 : "PRAGMA synchronous=OFF; PRAGMA temp_store=MEMORY;"
-                                  "PRAGMA cache_size=-32768; PRAGMA cell_size_check=ON");
+                                  "PRAGMA cache_size=-2048; PRAGMA cell_size_check=ON");
   status = status == SYSERR_SUCCESS ? check_schema() : status;
   status = status == SYSERR_SUCCESS ? prepare_all() : status;
   status = status == SYSERR_SUCCESS ? read_params(&params_) : status;
@@ -382,7 +385,10 @@ syserr_t store_db::prepare_all() {
       {&before, "SELECT key, value, sum FROM records WHERE key <= ?1 ORDER BY key DESC LIMIT 2"},
       {&all, "SELECT key, value, sum FROM records ORDER BY key"},
       {&last, "SELECT key, value, sum FROM records ORDER BY key DESC LIMIT 1"},
-      {&insert, "INSERT OR REPLACE INTO records (key, value, sum) VALUES (?1, ?2, ?3)"},
+      // What stands there already is not written again, nor its page brought to disk.
+      {&insert, "INSERT INTO records (key, value, sum) VALUES (?1, ?2, ?3) ON CONFLICT (key) "
+                "DO UPDATE SET value = excluded.value, sum = excluded.sum "
+                "WHERE sum IS NOT excluded.sum OR value IS NOT excluded.value"},
       {&erase, "DELETE FROM records WHERE key = ?1"},
   };
   for (const auto &row : rows) {
@@ -405,7 +411,8 @@ bool store_db::in_place() const {
 }
 
 syserr_t store_db::begin() {
-  return execute("BEGIN IMMEDIATE");
+  // A writer brings no page to disk before the end, as long as there is room; a reader needs few.
+  return execute("PRAGMA cache_size=-32768; BEGIN IMMEDIATE");
 }
 
 syserr_t store_db::begin_exclusive() {
@@ -537,6 +544,45 @@ syserr_t store_db::check_records(uint64_t *records) {
     ++*records;
   }
   return stepped == SQLITE_DONE ? SYSERR_SUCCESS : status_of(db_);
+}
+
+syserr_t store_db::worth_copying_file(bool *worth) {
+  statement reading;
+  if (!reading.prepare(db_, "SELECT freelist_count * 2 <= page_count "
+                            "FROM pragma_freelist_count, pragma_page_count")) {
+    return status_of(db_);
+  }
+  run one(reading);
+  if (one.step() != SQLITE_ROW) {
+    return status_of(db_);
+  }
+  *worth = one.number(0) != 0;
+  return SYSERR_SUCCESS;
+}
+
+syserr_t store_db::copy_file_to(int target) {
+  if (sqlite3_txn_state(db_, "main") != SQLITE_TXN_READ) {
+    return SYSERR_PSS_IO; // another process could change the file meanwhile
+  }
+  // Through the engine's own descriptor: closing another one would drop this process's locks.
+  sqlite3_file *file = nullptr;
+  sqlite3_int64 size = 0;
+  if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+      file->pMethods == nullptr || file->pMethods->xFileSize(file, &size) != SQLITE_OK) {
+    return SYSERR_PSS_IO;
+  }
+  std::vector<char> piece(k_copied_at_once);
+  for (sqlite3_int64 at = 0; at < size;) {
+    const auto length = std::min<sqlite3_int64>(size - at, k_copied_at_once);
+    if (file->pMethods->xRead(file, piece.data(), static_cast<int>(length), at) != SQLITE_OK) {
+      return SYSERR_PSS_IO;
+    }
+    if (!write_all(target, piece.data(), static_cast<size_t>(length))) {
+      return status_of_errno(errno);
+    }
+    at += length;
+  }
+  return SYSERR_SUCCESS;
 }
 
 // ---- Creating and removing ---------------------------------------------------------------------

@@ -142,6 +142,11 @@ public:
   // That of each record, and their order.
   syserr_t check_records(uint64_t *records);
 
+  // Writes the bytes of the store's file; for a connection that holds a read transaction and writes
+  // nothing. Quicker than record by record, unless most of the file's pages hold none.
+  syserr_t copy_file_to(int target);
+  syserr_t worth_copying_file(bool *worth);
+
   const file_id &id() const { return id_; }
   // Grows with each commit to this file in this process; what was read before may be out of date.
   uint64_t generation() const { return shared_ == nullptr ? 0 : shared_->generation; }

@@ -13,6 +13,7 @@
 #include <stdio.h>
 
 #include "platform/mts.h"
+#include "platform/pss.h"
 #include "platform/types.h"
 
 #ifdef __cplusplus
@@ -220,6 +221,90 @@ syserr_t kps_data_morph_startup(const char *path, const char *pkg_name, const ch
                                 const char *from_ver);
 syserr_t psec_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
                                  const char *from_ver);
+
+/* VRRP across release "4.2(1)": the manager (mgr) and the engine (eng) hand their records over in a
+ * temporary store. Each routine of the table decides from the releases whether it has anything to
+ * do. 0x401E0076 for a "/vdc_" in the path whose number is missing or has low 16 bits of zero; all
+ * bits set for a null path; else 0: what else fails is only told in the side's trace file. */
+syserr_t vrrp_mgr_data_morph_startup_for_upgrade(const char *path, const char *pkg_name,
+                                                 const char *to_pkg_version,
+                                                 const char *from_pkg_version);
+syserr_t vrrp_mgr_data_morph_startup_for_downgrade(const char *path, const char *pkg_name,
+                                                   const char *to_pkg_version,
+                                                   const char *from_pkg_version);
+syserr_t vrrp_eng_data_morph_startup_for_upgrade(const char *path, const char *pkg_name,
+                                                 const char *to_pkg_version,
+                                                 const char *from_pkg_version);
+syserr_t vrrp_eng_data_morph_startup_for_downgrade(const char *path, const char *pkg_name,
+                                                   const char *to_pkg_version,
+                                                   const char *from_pkg_version);
+
+/* Their steps. `path` is the directory of the stores themselves; conversion_type 1 is a startup
+ * conversion; the flag or id is 1 going up, 2 going down. Tables are open stores and stay open; of
+ * vdc_string at most 8 characters are read. Results as above; the bulk reads' failures are returned
+ * where one is named. */
+syserr_t vrrp_handle_generic_convert(const char *path, const char *pkg_name,
+                                     const char *to_pkg_version, const char *from_pkg_version,
+                                     uint8 conversion_type, uint8 convert_func_flag);
+syserr_t vrrp_handle_upgrade_to_4_2_1(pss_service_t mgr_rc_pss_table, uint8 conversion_type,
+                                      const char *vdc_string);
+syserr_t datamorph_vrrp_mgr_delete_rc_pss_recs_for_upgrade(pss_service_t mgr_rc_pss_table);
+syserr_t datamorph_vrrp_mgr_handle_downgrade_from_4_2_1(pss_service_t pss_mgr_rc_table,
+                                                        pss_service_t pss_eng_rc_table);
+/* Reads from the first store, writes to the second; the status of a failed bulk read. */
+syserr_t vrrp_copy_and_convert_rc_pss_recs_for_downgrade(pss_service_t pss_eng_rc_table,
+                                                         pss_service_t pss_mgr_rc_table);
+syserr_t vrrp_eng_handle_generic_convert(const char *path, const char *pkg_name,
+                                         const char *to_pkg_version, const char *from_pkg_version,
+                                         uint8 conversion_type, uint8 convert_func_id);
+syserr_t vrrp_eng_handle_upgrade_to_4_2_1(pss_service_t pss_mgr_rc_table,
+                                          pss_service_t pss_eng_rc_table, uint8 conversion_type);
+/* Reads from the first store, writes to the second; the status of a failed read of VIP records. */
+syserr_t vrrp_eng_copy_and_convert_rc_pss_recs_for_upgrade(pss_service_t mgr_rc_pss_table,
+                                                           pss_service_t eng_rc_pss_table);
+syserr_t vrrp_eng_delete_pss_records_for_downgrade(pss_service_t eng_rc_pss_table);
+
+/* An internet address as VRRP stores it: 20 bytes, packed; an IPv4 address uses the first 4 of the
+ * union. The numbers are stored and never change. */
+#ifdef __cplusplus
+typedef enum inet_addr_type : unsigned int
+#else
+typedef enum inet_addr_type
+#endif
+{ INET_ADDR_TYPE_UNKNOWN = 0,
+  INET_ADDR_TYPE_IPV4 = 1,
+  INET_ADDR_TYPE_IPV6 = 2,
+  INET_ADDR_TYPE_WIDTH = 0x7fffffff /* no type: keeps the enumeration 32 bits wide in C */
+} inet_addr_type_t;
+
+typedef struct __attribute__((packed)) inet_addr {
+  inet_addr_type_t addr_type;
+  union {
+    uint8 ipv4_addr[4];
+    uint8 ipv6_addr[16];
+  } a;
+} inet_addr_t;
+
+/* All values of one key type (the first byte of a key), value_size bytes apart, zero behind a value
+ * that is shorter. 0 and an array that the caller frees, with *num_values slots; null and 0 when
+ * there are none. 2 for a key without value, 3 for a value_size below 1 or no memory, all bits set
+ * for a null argument, else the store's status: the array is null then, and *num_values says how
+ * many were counted. */
+int32 datamorph_vrrp_mgr_pss_mgr_get_table(pss_service_t table, uint8 key_type, void **value_array,
+                                           int32 *num_values, int32 value_size);
+int32 datamorph_vrrp_eng_pss_mgr_get_table(pss_service_t table, uint8 key_type, void **value_array,
+                                           int32 *num_values, int32 value_size);
+
+/* Write the key of a VR record (10 bytes; nothing for other key types than 1, 2 and 5) and of a VIP
+ * record (26 bytes). */
+void datamorph_vrrp_mgr_make_vr_key(uint8 *key, uint8 key_type, if_index_t ifindex, uint8 vr_id,
+                                    inet_addr_type_t addr_type);
+void datamorph_vrrp_mgr_make_assoc_key(uint8 *key, if_index_t ifindex, uint8 vr_id,
+                                       inet_addr_t inet_addr);
+void datamorph_vrrp_eng_make_vr_key(uint8 *key, uint8 key_type, if_index_t ifindex, uint8 vr_id,
+                                    inet_addr_type_t addr_type);
+void datamorph_vrrp_eng_make_assoc_key(uint8 *key, if_index_t ifindex, uint8 vr_id,
+                                       inet_addr_t inet_addr);
 
 /* EPP: removes the service's stores and access point on a switch in NPV mode that goes down to a
  * release older than "4.1(2)". Always 0. */

@@ -34,11 +34,16 @@ const data_morph_gsync data_morph_gsync_table[] = {
     {SRVUUID_NONE, nullptr},
 };
 
-// Conversion of the startup configuration.
+// Conversion of the startup configuration. The VRRP rows are nested: going up, the manager hands
+// its records to the engine; going down, the engine hands them back.
 const data_morph_startup data_morph_startup_table[] = {
     {SRVUUID_IKE, ike_data_morph_startup},
     {SRVUUID_KPS, kps_data_morph_startup},
     {SRVUUID_DOT1X, dot1x_data_morph_startup},
+    {SRVUUID_VRRP_MGR, vrrp_mgr_data_morph_startup_for_upgrade},
+    {SRVUUID_VRRP_ENG, vrrp_eng_data_morph_startup_for_upgrade},
+    {SRVUUID_VRRP_ENG, vrrp_eng_data_morph_startup_for_downgrade},
+    {SRVUUID_VRRP_MGR, vrrp_mgr_data_morph_startup_for_downgrade},
     {SRVUUID_NONE, nullptr},
 };
 
@@ -112,6 +117,7 @@ static_assert(MTS_SAP_CLIS == MTS_SAP_CLISH + 1 && MTS_SAP_CLIS_CTRL == MTS_SAP_
 
 constexpr int k_removal_major = 3; // of the release being installed
 constexpr size_t k_uri_size = 256;
+constexpr vdc_id_t k_default_vdc = 1;
 constexpr int k_image_version_size = 255;
 
 // ---- Records of the services that became optional ----------------------------------------------
@@ -293,6 +299,21 @@ const char *datamorph_uri_complete(void) {
     snprintf(compl_uri, 255, "%s/%s", directory, datamorph_vdcid);
   }
   return compl_uri;
+}
+
+vdc_id_t datamorph_path_vdc(const char *path, const char **suffix) {
+  constexpr char mark[] = "/vdc_";
+  const char *found = strstr(path, mark);
+  if (found == nullptr) {
+    return k_default_vdc;
+  }
+  const char *text = found + sizeof mark - 1;
+  if (suffix != nullptr) {
+    *suffix = text;
+  }
+  const long long number = strtoll(text, nullptr, 10);
+  const long long clamped = number > INT_MAX ? INT_MAX : number < INT_MIN ? INT_MIN : number;
+  return static_cast<vdc_id_t>(clamped & 0xFFFF);
 }
 
 namespace {
@@ -983,8 +1004,6 @@ int was_running_compulsory_conditional(const char *path, uuid_t srv_uuid, const 
 
 namespace {
 
-constexpr vdc_id_t k_default_vdc = 1;
-
 // The arguments of a converter, under the name that it traces.
 struct feature_request {
   const char *self;
@@ -1041,19 +1060,6 @@ syserr_t save_tag(const feature_t &feature, const feature_request &request, vdc_
   return status;
 }
 
-// The VDC that a path belongs to: the low 16 bits of the number after its first "/vdc_", as strtol
-// gives it where a long has 32 bits; the default one without it.
-vdc_id_t vdc_of(const char *path) {
-  constexpr char mark[] = "/vdc_";
-  const char *found = strstr(path, mark);
-  if (found == nullptr) {
-    return k_default_vdc;
-  }
-  const long long number = strtoll(found + sizeof mark - 1, nullptr, 10);
-  const long long clamped = number > INT_MAX ? INT_MAX : number < INT_MIN ? INT_MIN : number;
-  return static_cast<vdc_id_t>(clamped & 0xFFFF);
-}
-
 // QUIRK: this moment reads the feature's store in `path` itself and always speaks of VDC 1; the
 // startup moment reads it in "bin" below and takes the VDC from the path.
 // Pinned by feature_converter_test, the_two_moments_differ_in_directory_and_vdc.
@@ -1079,7 +1085,7 @@ syserr_t convert_startup(const feature_t &feature, const feature_request &reques
   if (found != change::some) {
     return status;
   }
-  const vdc_id_t vdc = vdc_of(request.path);
+  const vdc_id_t vdc = datamorph_path_vdc(request.path, nullptr);
   if (vdc == 0) {
     DATAMORPH_TRACE("%s: Could not get vdc from path\n", request.self);
     return SYSERR_NO_SUCH_VDC;

@@ -30,6 +30,13 @@ inline constexpr char min_supported_ver[7] = "4.1(2)";
 // 2147483647 when the number is larger than that.
 int32 datamorph_leading_number(const char *text, size_t limit);
 
+// ---- VDCs -------------------------------------------------------------------------------------
+
+// The VDC that a path belongs to: the low 16 bits of the number behind its first "/vdc_", as strtol
+// gives it where a long has 32 bits; VDC 1 without it. *suffix (may be null) is then the text that
+// follows "/vdc_", and left alone otherwise.
+vdc_id_t datamorph_path_vdc(const char *path, const char **suffix);
+
 // ---- Walks over the dispatch tables -----------------------------------------------------------
 //
 // The entry points are these walks on the tables of libdatamorph_main.cpp. Each takes the name it

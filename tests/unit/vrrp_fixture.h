@@ -1,0 +1,141 @@
+// What the tests of the two VRRP sides share: records as annotated bytes, and the trace files.
+#ifndef TESTS_UNIT_VRRP_FIXTURE_H
+#define TESTS_UNIT_VRRP_FIXTURE_H
+
+#include "libdatamorph_vrrp.h"
+
+#include <unistd.h>
+
+#include <regex>
+
+#include "support/library_fixture.h"
+
+class vrrp_fixture : public library_fixture {
+protected:
+  using records_t = platform_double::records_t;
+
+  void SetUp() override {
+    library_fixture::SetUp();
+    forget_traces();
+  }
+  void TearDown() override {
+    forget_traces();
+    library_fixture::TearDown();
+  }
+
+  // The sides open their trace files anew.
+  static void forget_traces() {
+    for (vrrp_side_t *side : {&vrrp_mgr_side, &vrrp_eng_side}) {
+      if (side->trace_fd != -1) {
+        close(side->trace_fd);
+        side->trace_fd = -1;
+      }
+    }
+  }
+
+  // What a call adds to a side's trace file, which exists: "routine: message", without time and
+  // line number, which are checked. The first message, with the routine's name in it, is like the
+  // others.
+  lines_t side_lines(const std::string &file, const std::function<void()> &call) {
+    switch_root::write_file(file, "");
+    forget_traces();
+    traced(call);
+    static const std::regex prefix("<[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] "
+                                   "[0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}> ([a-z0-9_]+):[0-9]+ ");
+    lines_t found;
+    const std::string text = switch_root::read_file(file);
+    for (size_t start = 0; start < text.size();) {
+      const size_t end = std::min(text.find('\n', start), text.size() - 1) + 1;
+      const std::string line = text.substr(start, end - start);
+      std::smatch parts;
+      EXPECT_TRUE(std::regex_search(line, parts, prefix) && parts.position() == 0) << line;
+      found.push_back(parts.empty() ? line : parts[1].str() + ": " + parts.suffix().str());
+      start = end;
+    }
+    return found;
+  }
+
+  lines_t mgr_lines(const std::function<void()> &call) {
+    return side_lines("/bootflash/data_morph_vrrp_mgr.log", call);
+  }
+  lines_t eng_lines(const std::function<void()> &call) {
+    return side_lines("/bootflash/data_morph_vrrp_eng.log", call);
+  }
+
+  // A VR record of the old layout: interface 0x1a000000, this number, this address type.
+  static std::string old_vr(const std::string &vr_id, const std::string &addr_type) {
+    return bytes("00 00 00 1a"                                                 // ifindex
+                 + vr_id +                                                     // vr_id
+                 addr_type +                                                   // addr_type
+                 "01 00 00 00"                                                 // admin: up
+                 "64 00 00 00"                                                 // prio
+                 "01 00 00 00 0a 01 01 01 00 00 00 00 00 00 00 00 00 00 00 00" // primary_ip
+                 "02 00 00 00"                                                 // auth: text
+                 "73 65 63 72 65 74 00 00 00 00 00 00 00 00 00 ff"             // key
+                 "03 00 00 00"                                                 // adv
+                 "01 00 00 00"                                                 // preempt
+                 "05 00 00 00"                                                 // track_prio
+                 "00 10 00 1a"                                                 // track_intf
+                 "07 00 00 00"                                                 // spi
+                 "08 00 00 00"                                                 // row_status
+                 "01 00 00 00");                                               // owner
+  }
+  // The same as the upgrade writes it.
+  static std::string new_vr(const std::string &vr_id, const std::string &addr_type) {
+    return old_vr(vr_id, addr_type) + std::string(32, '\0');
+  }
+  // The same as a 4.2(1) engine may hold it.
+  static std::string full_vr(const std::string &vr_id, const std::string &addr_type) {
+    return old_vr(vr_id, addr_type) + bytes("11 00 00 00"                   // lower_threshold_prio
+                                            "22 00 00 00"                   // upper_threshold_prio
+                                            "01 00 00 00"                   // forwarding_state
+                                            "a0 a1 a2 a3 a4 a5 a6 a7 a8 a9" // reserved
+                                            "b0 b1 b2 b3 b4 b5 b6 b7 b8 b9");
+  }
+  static std::string vr_key(const std::string &vr_id, const std::string &addr_type) {
+    return bytes("01" + addr_type + vr_id + "1a 00 00 00");
+  }
+  // A VIP record; `address` has 16 bytes.
+  static std::string vip(const std::string &vr_id, const std::string &addr_type,
+                         const std::string &address) {
+    return bytes("00 00 00 1a"   // ifindex
+                 + vr_id +       // vr_id
+                 addr_type +     // inet_addr: type
+                 address +       // inet_addr: a
+                 "01 00 00 00"   // virtual
+                 "04 00 00 00"); // row_status
+  }
+  static std::string vip_key(const std::string &vr_id, const std::string &addr_type,
+                             const std::string &address) {
+    return bytes("02" + addr_type + vr_id + "1a 00 00 00" + address);
+  }
+
+  static constexpr char k_ipv4[] = "0a 01 01 fe 00 00 00 00 00 00 00 00 00 00 00 00";
+  static constexpr char k_ipv6[] = "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
+
+  static std::string global_key() { return bytes("04 00 00 00"); }
+  static std::string global_info() { return bytes("01") + std::string(20, '\0'); }
+
+  // What stands in a store up to 4.1: two groups, an address each, global info, and others'
+  // records.
+  static records_t old_records() {
+    records_t all = others();
+    all[global_key()] = bytes("00") + std::string(20, '\x55');
+    all[vr_key("0a", "00 00 00 01")] = old_vr("0a", "01 00 00 00");
+    all[vr_key("0b", "00 00 00 02")] = old_vr("0b", "02 00 00 00");
+    all[vip_key("0a", "00 00 00 01", k_ipv4)] = vip("0a", "01 00 00 00", k_ipv4);
+    all[vip_key("0b", "00 00 00 02", k_ipv6)] = vip("0b", "02 00 00 00", k_ipv6);
+    return all;
+  }
+  // Records of other key types.
+  static records_t others() {
+    return {{bytes("00"), "zero"},
+            {bytes("03 01"), "three"},
+            {bytes("05 00 00 00 01 0a 1a 00 00 00"), "five"},
+            {bytes("ff"), "last"}};
+  }
+
+  syserr_t status = 0xdead;
+};
+
+#endif

@@ -433,6 +433,23 @@ TEST_F(sysmgr_service, enters_what_was_sent_before_it_was_stopped) {
   }
 }
 
+// The service waits for room for its answers then, which nobody reads.
+TEST_F(sysmgr_service, enters_what_was_sent_while_an_answer_finds_no_room) {
+  std::string error;
+  uint32 sent = 0;
+  while (error.empty()) {
+    ASSERT_LT(sent, 200'000U);
+    const mts_ref_t message = send(queue_, tag_request(sent, 1, ""), 2690, &error);
+    sent += message != 0 ? 1U : 0U;
+    mts_drop(queue_, message);
+  }
+  ASSERT_EQ(error, "send: errno 11");
+
+  EXPECT_LT(seconds_of([] { EXPECT_EQ(lab::sysmgr_stop(), 0); }), 1.5);
+
+  EXPECT_EQ(tlv_array_get_num_tlvs(sysmgr_info_tbl[1].srv_tag_info_tbl, 1), sent);
+}
+
 // Somebody who goes on sending does not keep it from its end.
 TEST_F(sysmgr_service, stops_under_requests_that_never_end) {
   std::atomic<bool> enough{false};

@@ -11,16 +11,19 @@
 #include <string>
 #include <string_view>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include "platform/mts.h"
 #include "platform/pss.h"
 #include "platform/sysmgr.h"
 
 namespace {
 
+mts_q_handle_t queue = 0; // of libdatamorph_init
 constexpr char store_uri[] = "nonvolatile:/cfg/0/vlan_cfg";
 
 void note(const char *routine, const char *path) {
@@ -206,6 +209,15 @@ void make_strange_table() {
   sysmgr_info_tbl[9].srv_tag_info_tbl = static_cast<tlv_array_t *>(table);
 }
 
+// Requests to the system manager whose answers nobody waits for.
+void send_tags() {
+  for (uint32 uuid = 1000; uuid < 1300; ++uuid) {
+    uint32 request[10] = {htonl(uuid), htonl(1)};
+    mts_ref_t sent = 0;
+    mts_send(queue, 0xFE000000, MTS_SAP_SYSMGR, 2690, request, sizeof request, &sent, 0, 0);
+  }
+}
+
 bool edit_tags(std::string_view what) {
   if (what == "set-another-tag") {
     set_tag(SRVUUID_AIC_DBG, "\xff\"x"); // as long as the one that stands
@@ -217,6 +229,8 @@ bool edit_tags(std::string_view what) {
   } else if (what == "empty-a-tag-table" || what == "empty-a-tag-table-and-fail") {
     sysmgr_srv_tag_info_table_prepare(0, 1);
     set_tag(SRVUUID_KPS, "k");
+  } else if (what == "send-tags") {
+    send_tags();
   } else if (what == "make-a-strange-tag-table") {
     make_strange_table();
   } else {
@@ -322,7 +336,8 @@ const data_morph_startup data_morph_startup_table[] = {{SRVUUID_VRRP_MGR, manage
                                                        {SRVUUID_NONE, nullptr}};
 const data_morph_psshlpr_upg data_morph_psshlpr_upg_table[] = {{SRVUUID_NONE, nullptr}};
 
-void libdatamorph_init(mts_q_handle_t) {
+void libdatamorph_init(mts_q_handle_t given) {
+  queue = given;
   const char *what = std::getenv("FAKE_CONVERTERS_DO");
   if (what != nullptr && std::strcmp(what, "crash-at-init") == 0) {
     std::signal(SIGABRT, SIG_DFL);

@@ -677,6 +677,14 @@ TEST_F(edited_tag_tables, of_a_run_that_failed_are_those_of_the_copy) {
   EXPECT_EQ(show("sw")["tag_tables"][0]["running"], shown_table("ok", {aic_dbg}));
 }
 
+// The last ones are entered when the system manager ends.
+TEST_F(edited_tag_tables, all_that_was_asked_for_is_entered_and_told) {
+  const nlohmann::json report = convert("send-tags", {"--format", "json"}).json();
+
+  EXPECT_EQ(report["requests"][0]["tags_set"].size(), 300u);
+  EXPECT_EQ(show("sw")["tag_tables"][0]["running"]["entries"].size(), 301u);
+}
+
 TEST_F(edited_tag_tables, of_a_vdc_that_the_switch_does_not_have_fail_the_run) {
   const files before = state("sw");
 

@@ -211,8 +211,8 @@ void run_conversion(const jail::channel &channel, const library &library,
                   {"milliseconds", took.count()},
                   {"tags_gone", tags_gone(tags_before, tags)}});
   }
+  stop_system_manager(); // what it enters last is the last request's
   lab::journal_request("closing", 0, "");
-  stop_system_manager();
   size_t left_open = 0;
   const syserr_t closed = lab::close_all_stores(&left_open);
   std::string first;

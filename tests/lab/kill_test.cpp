@@ -231,29 +231,41 @@ TEST_P(kill_test, a_snapshot_over_a_store) {
   expect_all(one, 30);
 }
 
-// Copied file by file, and, with a record that is not committed, record by record.
 TEST_P(kill_test, a_snapshot_to_a_new_store) {
-  for (const bool writing : {false, true}) {
-    const std::string from = uri("/mnt/pss/from");
-    const std::string to = uri("/mnt/pss/deep/to");
-    deed one;
-    one.before = no_store("40480002");
-    one.after = numbered(700, "new");
-    one.after["large"] = std::string(1'000'000, 'l');
-    make(from, one.after);
-    one.prepare = [&] { pss_destroy(to.c_str()); };
-    one.act = [&] {
-      const pss_service_t service = open(from);
-      const syserr_t written = writing ? put(service, "large", "small") : 0U;
-      return written == 0U && pss_snapshot(service, 0, to.c_str()) == 0 ? 0 : 1;
-    };
-    one.look = [&] { return read(to); };
-    if (writing) {
-      one.after["large"] = "small";
-    }
+  const std::string from = uri("/mnt/pss/from");
+  const std::string to = uri("/mnt/pss/deep/to");
+  deed one;
+  one.before = no_store("40480002");
+  one.after = numbered(700, "new");
+  one.after["large"] = std::string(1'000'000, 'l'); // the file is copied by several writes
+  make(from, one.after);
+  one.prepare = [&] { pss_destroy(to.c_str()); };
+  one.act = [&] {
+    const pss_service_t service = open(from);
+    return pss_snapshot(service, 0, to.c_str()) == 0 ? 0 : 1;
+  };
+  one.look = [&] { return read(to); };
 
-    expect_all(one, 9);
-  }
+  expect_all(one, 9);
+}
+
+TEST_P(kill_test, a_snapshot_of_uncommitted_records_to_a_new_store) {
+  const std::string from = uri("/mnt/pss/from");
+  const std::string to = uri("/mnt/pss/deep/to");
+  deed one;
+  one.before = no_store("40480002");
+  one.after = numbered(700, "new");
+  make(from, one.after);
+  one.after["key-00003"] = "uncommitted";
+  one.prepare = [&] { pss_destroy(to.c_str()); };
+  one.act = [&] {
+    const pss_service_t service = open(from);
+    const syserr_t written = put(service, "key-00003", "uncommitted");
+    return written == 0U && pss_snapshot(service, 0, to.c_str()) == 0 ? 0 : 1;
+  };
+  one.look = [&] { return read(to); };
+
+  expect_all(one, 10);
 }
 
 TEST_P(kill_test, writing_a_flat_file) {

@@ -16,7 +16,7 @@ namespace lab {
 
 class read_ahead {
 public:
-  static constexpr size_t k_capacity = 256;      // records
+  static constexpr size_t k_capacity = 1024;     // records
   static constexpr size_t k_byte_limit = 262144; // a run ends at the record that reaches it
   static constexpr size_t k_none = SIZE_MAX;
 

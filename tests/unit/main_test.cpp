@@ -113,9 +113,9 @@ std::vector<std::pair<uint32, decltype(row_t::fn)>> rows(const row_t *table) {
 
 TEST_F(main_test, gsync_table) {
   const decltype(rows(data_morph_gsync_table)) expected = {
-      {390, psshlpr_data_morph_gsync},
-      {219, ike_data_morph_gsync},
-      {501, cond_srv1_data_morph_gsync},
+      {390, psshlpr_data_morph_gsync},   {219, ike_data_morph_gsync},
+      {501, cond_srv1_data_morph_gsync}, {307, pixm_data_morph_gsync},
+      {306, ethpm_data_morph_gsync},
   };
   EXPECT_EQ(expected, rows(data_morph_gsync_table));
 }
@@ -125,6 +125,7 @@ TEST_F(main_test, startup_table) {
       {219, ike_data_morph_startup},
       {542, kps_data_morph_startup},
       {381, dot1x_data_morph_startup},
+      {306, ethpm_data_morph_startup},
       {11, vrrp_mgr_data_morph_startup_for_upgrade},
       {68, vrrp_eng_data_morph_startup_for_upgrade},
       {68, vrrp_eng_data_morph_startup_for_downgrade},
@@ -319,21 +320,27 @@ TEST_F(main_test, an_empty_table_yields_0) {
 TEST_F(main_test, startup_all_walks_the_table) {
   args.from_pkg_version = args.to_pkg_version;
   const lines_t lines = traced([this] { status = datamorph_startup_all(&args); });
-  EXPECT_EQ(lines_t({"datamorph_startup_all: calling convert function for uuid = 0xdb\n",
-                     "Returning Success\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0x21e\n",
-                     "kps_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
-                     "from_ver = 4.2(1)\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0x17d\n",
-                     "dot1x_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
-                     "from_ver = 4.2(1)\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0xb\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0x44\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0x44\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0xb\n"}),
-            lines);
+  EXPECT_EQ(
+      lines_t({"datamorph_startup_all: calling convert function for uuid = 0xdb\n",
+               "Returning Success\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x21e\n",
+               "kps_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
+               "from_ver = 4.2(1)\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x17d\n",
+               "dot1x_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
+               "from_ver = 4.2(1)\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x132\n",
+               "Ethpm - Path - /cfg/0 \n",
+               "Ethpm pss uri: nonvolatile:/cfg/0/bin/ethpm_saved_config\n",
+               "pss uri: nonvolatile:/cfg/0/bin/ethpm_saved_config does not exist 0x40480002\n",
+               "datamorph_startup_all: calling convert function for uuid = 0xb\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x44\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x44\n",
+               "datamorph_startup_all: calling convert function for uuid = 0xb\n"}),
+      lines);
   EXPECT_EQ(0u, status);
-  EXPECT_TRUE(platform.calls().empty());
+  EXPECT_EQ(lines_t({"pss2_open(\"nonvolatile:/cfg/0/bin/ethpm_saved_config\", 0x3, 0, 0, 0)"}),
+            platform.calls());
 }
 
 TEST_F(main_test, startup_all_without_arguments_passes_ike_and_stops_at_kps) {

@@ -146,7 +146,8 @@ TEST_F(main_test, running_fs_upg_table) {
 }
 
 TEST_F(main_test, psshlpr_upg_table) {
-  EXPECT_TRUE(rows(data_morph_psshlpr_upg_table).empty());
+  const decltype(rows(data_morph_psshlpr_upg_table)) expected = {{380, svi_data_morph_psshlpr_upg}};
+  EXPECT_EQ(expected, rows(data_morph_psshlpr_upg_table));
 }
 
 TEST_F(main_test, unregistered_routines_stand_in_no_table) {
@@ -444,19 +445,35 @@ TEST_F(main_test, running_fs_upg_all_has_run_the_rows_before_the_failing_one) {
 // ---- PSS helper
 
 TEST_F(main_test, psshlpr_gsync_message_has_no_line_end) {
-  const lines_t lines =
-      traced([this] { status = psshlpr_data_morph_gsync("/cfg/0", "system", "4.2(1)", "4.1(5)"); });
-  EXPECT_EQ(lines_t({"psshlpr_data_morph_gsync: calling psshlpr convert functions"}), lines);
+  args.from_pkg_version = args.to_pkg_version; // nothing for its row to do
+  lines_t lines = traced([this] {
+    status = psshlpr_data_morph_gsync(args.path, args.pkg_name, args.to_pkg_version,
+                                      args.from_pkg_version);
+  });
+  EXPECT_EQ(lines_t({"psshlpr_data_morph_gsync: calling psshlpr convert functions",
+                     "psshlpr_data_morph_gsync: calling convert function for uuid = 0x17c\n",
+                     "Verifying up/down grade versions\n",
+                     "from_ver 4.2(1):from_comp 0, to_ver 4.2(1):to_comp 0\n",
+                     "No issu conversion reqd from 4.2(1) to 4.2(1)\n"}),
+            lines);
   EXPECT_EQ(0u, status);
-  traced([this] { status = psshlpr_data_morph_gsync(nullptr, nullptr, nullptr, nullptr); });
+  lines = traced([this] { status = psshlpr_data_morph_gsync(nullptr, nullptr, nullptr, nullptr); });
+  EXPECT_EQ(lines_t({"psshlpr_data_morph_gsync: calling psshlpr convert functions",
+                     "psshlpr_data_morph_gsync: calling convert function for uuid = 0x17c\n",
+                     "Invalid arguments\n",
+                     "psshlpr_data_morph_gsync: err convert function for uuid = 0x17c\n"}),
+            lines);
   EXPECT_EQ(0u, status);
 }
 
 TEST_F(main_test, gsync_reaches_the_psshlpr_routine) {
   const lines_t lines =
-      traced([this] { status = datamorph_gsync(SRVUUID_PSS_HELPER, &result, &args); });
+      traced([this] { status = datamorph_gsync(SRVUUID_PSS_HELPER, &result, nullptr); });
   EXPECT_EQ(lines_t({"datamorph_gsync: calling convert function for uuid = 0x186\n",
-                     "psshlpr_data_morph_gsync: calling psshlpr convert functions"}),
+                     "psshlpr_data_morph_gsync: calling psshlpr convert functions",
+                     "psshlpr_data_morph_gsync: calling convert function for uuid = 0x17c\n",
+                     "Invalid arguments\n",
+                     "psshlpr_data_morph_gsync: err convert function for uuid = 0x17c\n"}),
             lines);
   EXPECT_EQ(0u, status);
 }

@@ -223,6 +223,35 @@ syserr_t kps_data_morph_startup(const char *path, const char *pkg_name, const ch
 syserr_t psec_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
                                  const char *from_ver);
 
+/* Global snapshot databases: volatile stores that survive a software change as flat files
+ * "DIRECTORY/NAME.snp" (NAME is what follows the last '/' of the database's URI). The meta table
+ * "globalpss_table", itself kept in such a file, has a record for each. */
+
+/* Register a database (again: its record is replaced) and write both files; unregister one. Store
+ * failures on the way are only traced; the status of a failed open, close or destroy, all bits set
+ * for a null argument or, when adding, a URI without '/'; else 0. */
+syserr_t datamorph_gsdb_add(const char *path, const char *gsdb_uri, uint32 mcast_node_info,
+                            uuid_t uuid, uint32_t vdcid);
+syserr_t datamorph_gsdb_delete(const char *path, const char *gsdb_uri);
+
+/* Their steps on an open store: the platform's status; all bits set for a null argument, 0x40480008
+ * for the deletion's handle 0. */
+syserr_t add_gsdb(pss2_service_t snp_hndl, const char *uri, uint32 mcast_node_info, uuid_t uuid,
+                  uint32_t vdcid);
+syserr_t delete_gsdb_table_entry(pss2_service_t snp_hndl, const char *uri);
+syserr_t datamorph_read_from_snapshot(pss2_service_t snp_hndl, const char *path, const char *pname);
+
+/* SVI: registers its database going up across "4.2(1)", unregisters it going down. All bits set for
+ * a null argument of the converter; else 0, whatever became of the database. */
+syserr_t svi_create_gsdb(const char *path);
+syserr_t svi_delete_gsdb(const char *path);
+syserr_t svi_data_morph_psshlpr_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                    const char *from_ver);
+
+/* A sample for service owners, in no table; always 0. */
+syserr_t foo_data_morph_psshlpr_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                    const char *from_ver);
+
 /* Port index manager: downgrades below "4.1(2)" and "4.2(2)" renumber and remove forwarding-index
  * records of "nonvolatile:PATH/pixm_runtime_info". All bits set for a null argument, else 0. */
 syserr_t pixm_data_morph_gsync(const char *path, const char *pkg_name, const char *to_ver,

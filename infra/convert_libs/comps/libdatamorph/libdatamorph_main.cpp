@@ -64,6 +64,7 @@ const data_morph_running_fs_upg data_morph_running_fs_upg_table[] = {
 
 // Upgrades of the PSS helper's databases, run by psshlpr_data_morph_gsync.
 const data_morph_psshlpr_upg data_morph_psshlpr_upg_table[] = {
+    {SRVUUID_SVI, svi_data_morph_psshlpr_upg},
     {SRVUUID_NONE, nullptr},
 };
 

@@ -4,7 +4,6 @@
 
 #include "libdatamorph_pixm.h"
 
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -25,13 +24,15 @@ constexpr uint32 k_key_size = 7;
 constexpr uint8 k_ltl_key = 0x36;  // type of a forwarding index' key
 constexpr uint8 k_duag_key = 0x3A; // type of a multichassis cache key
 
-struct __attribute__((packed)) pixm_ltl_key_t {
-  uint8 type;
-  uint32 ltl;   // big-endian
-  vdc_id_t vdc; // big-endian, always 1
+// A forwarding index' key: type, LTL number and VDC, both big-endian; the VDC is always 1.
+struct pixm_ltl_key_t {
+  uint8 bytes[k_key_size];
 };
-static_assert(sizeof(pixm_ltl_key_t) == k_key_size);
-static_assert(offsetof(pixm_ltl_key_t, ltl) == 1 && offsetof(pixm_ltl_key_t, vdc) == 5);
+
+constexpr pixm_ltl_key_t ltl_key(uint32 ltl) {
+  return {{k_ltl_key, static_cast<uint8>(ltl >> 24), static_cast<uint8>(ltl >> 16),
+           static_cast<uint8>(ltl >> 8), static_cast<uint8>(ltl), 0, 1}};
+}
 
 // The value's TLV of this type holds the callback record, whose byte 4 tells the generation.
 constexpr uint16 k_callback_tlv = 2;
@@ -169,7 +170,7 @@ pss2_service_t open_store(const char *uri, syserr_t *status) {
 }
 
 pss_datum_t key_datum(pixm_ltl_key_t &key) {
-  return {&key, sizeof key};
+  return {key.bytes, sizeof key.bytes};
 }
 
 bool is_q8_item(uint16 type, uint16 length, const uint8 *value) {
@@ -212,12 +213,12 @@ struct q8_store_t {
 // Moves a record to its new key. The old one goes last, so that it is not lost between the two.
 // QUIRK: of the numbers that fold onto one, the value of the highest stays.
 // Pinned by pixm_test, the_highest_number_of_a_slot_wins.
-void move_record(const q8_store_t &q8, pixm_ltl_key_t key, const pss_datum_t &stored) {
-  const pss_datum_t old_key = key_datum(key);
-  pixm_ltl_key_t changed = key;
-  changed.ltl = htonl(pixm_q8_ltl_for_4_0(ntohl(key.ltl)));
+void move_record(const q8_store_t &q8, uint32 ltl, const pss_datum_t &stored) {
+  pixm_ltl_key_t current = ltl_key(ltl);
+  const pss_datum_t old_key = key_datum(current);
+  pixm_ltl_key_t changed = ltl_key(pixm_q8_ltl_for_4_0(ltl));
   const pss_datum_t new_key = key_datum(changed);
-  pixm_print_pss_key("new pss-key", static_cast<const uint8 *>(new_key.ptr));
+  pixm_print_pss_key("new pss-key", changed.bytes);
   DATAMORPH_TRACE("Init new-val key + data %d\n", static_cast<int>(stored.siz));
   memcpy(q8.buffer, stored.ptr, stored.siz);
   const pss_datum_t value = {q8.buffer, stored.siz};
@@ -230,9 +231,9 @@ void move_record(const q8_store_t &q8, pixm_ltl_key_t key, const pss_datum_t &st
 }
 
 void renumber(const q8_store_t &q8, uint32 ltl) {
-  pixm_ltl_key_t key = {k_ltl_key, htonl(ltl), htons(1)};
+  pixm_ltl_key_t key = ltl_key(ltl);
   const pss_datum_t query = key_datum(key);
-  pixm_print_pss_key("Query q8-pss-key", static_cast<const uint8 *>(query.ptr));
+  pixm_print_pss_key("Query q8-pss-key", key.bytes);
   syserr_t status = SYSERR_SUCCESS;
   const pss_datum_t *stored = pss2_fetch(q8.store, &query, &status);
   if (status != SYSERR_SUCCESS) {
@@ -246,7 +247,7 @@ void renumber(const q8_store_t &q8, uint32 ltl) {
   if (stored->siz > q8.max_value_size) {
     return; // more than the store allows: left alone
   }
-  move_record(q8, key, *stored);
+  move_record(q8, ltl, *stored);
 }
 
 // Renumbers the records of an open store. False, traced, when that cannot be begun.

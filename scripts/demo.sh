@@ -61,6 +61,10 @@ convert_and_compare switch --moment running-fs --to '3.3(1)'
 say 'The last lines of the conversion log that the switch keeps'
 tail -n 4 switch/current/mnt/pss/data_morph.log
 
+say 'Its startup configuration goes to 4.2(1): the VRRP manager hands its groups over to the engine'
+convert_and_compare switch --to '4.2(1)' --moment startup --service VRRP_MGR --service VRRP_ENG
+run store show ./switch nonvolatile:/cfg/startup/vdc_2/bin/vrrp-eng_runtime_config
+
 say 'A switch in NPV mode goes from 4.2(1) down to 4.0(4): EPP loses its stores and access point'
 run lab create ./npv --from "$OLDPWD/examples/npv-switch.json"
 convert_and_compare npv --to '4.0(4)'

@@ -19,13 +19,13 @@ TEST_F(lab_verbs, create_builds_the_shipped_example) {
   const result made = run({"lab", "create", "sw"});
 
   EXPECT_EQ(made.status, 0);
-  EXPECT_EQ(made.out, "sw: switch datacenter-1 at release 4.1(5), 31 stores, 4 files, 15 access "
+  EXPECT_EQ(made.out, "sw: switch datacenter-1 at release 4.1(5), 33 stores, 4 files, 15 access "
                       "points\n");
   EXPECT_EQ(made.err, "");
   const nlohmann::json shown = show("sw");
   EXPECT_EQ(shown["release"], "4.1(5)");
   EXPECT_EQ(shown["vdcs"], nlohmann::json({1, 2}));
-  EXPECT_EQ(shown["stores"].size(), 31u);
+  EXPECT_EQ(shown["stores"].size(), 33u);
   EXPECT_EQ(saps(shown), (std::vector<unsigned>{11, 28, 109, 175, 187, 245, 295, 296, 297, 341, 342,
                                                 364, 422, 485, 500}));
   std::vector<std::string> images;
@@ -222,9 +222,13 @@ TEST_F(lab_verbs, reboot_empties_tmp_and_the_volatile_stores) {
           "nonvolatile:/cfg/0/vlan_cfg", "nonvolatile:/cfg/startup/bin/dot1x_saved_config",
           "nonvolatile:/cfg/startup/bin/eth_port_sec_saved_config",
           "nonvolatile:/cfg/startup/bin/kps_saved_config",
-          "nonvolatile:/cfg/startup/bin/sysmgr_config", "nonvolatile:/cfg/startup/interface_cfg",
+          "nonvolatile:/cfg/startup/bin/sysmgr_config",
+          "nonvolatile:/cfg/startup/bin/vrrp-cfg_config_sav",
+          "nonvolatile:/cfg/startup/interface_cfg",
           "nonvolatile:/cfg/startup/vdc_2/bin/dot1x_saved_config",
-          "nonvolatile:/cfg/startup/vdc_2/bin/sysmgr_config", "volatile:/sysmgr/tag_tables"}));
+          "nonvolatile:/cfg/startup/vdc_2/bin/sysmgr_config",
+          "nonvolatile:/cfg/startup/vdc_2/bin/vrrp-cfg_config_sav",
+          "volatile:/sysmgr/tag_tables"}));
   EXPECT_FALSE(exists("sw/current/tmp/session.txt"));
   EXPECT_TRUE(exists("sw/current/tmp"));
   EXPECT_TRUE(exists("sw/current/mnt/pss/inventory.bin"));
@@ -246,7 +250,7 @@ TEST_F(lab_verbs, a_damaged_store_is_shown_as_such) {
   write("sw/current/cfg/0/vlan_cfg.pss", "this is no store");
 
   const nlohmann::json shown = show("sw");
-  ASSERT_EQ(shown["stores"].size(), 31u);
+  ASSERT_EQ(shown["stores"].size(), 33u);
   for (const nlohmann::json &store : shown["stores"]) {
     const bool damaged = store["uri"] == "nonvolatile:/cfg/0/vlan_cfg";
     EXPECT_EQ(store["status"] != 0, damaged) << store;

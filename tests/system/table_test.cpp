@@ -74,7 +74,7 @@ TEST_F(tables, names_of_services_are_not_cut) {
 
   const std::string narrow = on_terminal(60, {"convert", "sw", "--to", "3.3(1)"});
 
-  EXPECT_NE(narrow.find(" removed     0       0       1 PLUGIN\n"), std::string::npos) << narrow;
+  EXPECT_NE(narrow.find(" removed       0       0       1 PLUGIN\n"), std::string::npos) << narrow;
   EXPECT_NE(narrow.find(" EXCHANGE_PEER_PARAMS "), std::string::npos) << narrow;
 }
 

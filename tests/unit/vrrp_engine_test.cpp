@@ -82,6 +82,16 @@ TEST_F(vrrp_engine_test, the_calls_going_up) {
       platform.calls());
 }
 
+TEST_F(vrrp_engine_test, the_flag_of_every_store_going_up) {
+  platform.set_store(k_temp, old_records());
+  traced([this] { up(); });
+  const lines_t stores = platform.calls("pss_store");
+  EXPECT_EQ(5u, stores.size());
+  for (const std::string &call : stores) {
+    EXPECT_EQ("pss_store(2, 1, ", call.substr(0, 16));
+  }
+}
+
 TEST_F(vrrp_engine_test, without_a_trace_file_the_work_is_the_same) {
   platform.set_store(k_temp, old_records());
   EXPECT_EQ(lines_t(), traced([this] { up(); }));
@@ -207,6 +217,24 @@ TEST_F(vrrp_engine_test, going_down) {
   EXPECT_EQ(others(), platform.records(k_eng));
   EXPECT_EQ(before, platform.records(k_temp)); // everything, for the manager
   EXPECT_TRUE(platform.open_handles().empty());
+}
+
+TEST_F(vrrp_engine_test, the_calls_going_down) {
+  platform.set_store(k_eng,
+                     {{vr_key("0a", "00 00 00 01"), full_vr("0a", "01 00 00 00")},
+                      {vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)}});
+  traced([this] { down(); });
+  EXPECT_EQ(lines_t({"pss_open(\"nonvolatile:/cfg/bin/vrrp-eng_runtime_config\")",
+                     "pss_snapshot(1, 0, \"nonvolatile:/tmp/vrrp-startup-pss\")",
+                     "pss_delete(1, 04000000)", "pss_move2key(1, 01)",
+                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2key(1, 01)", "pss_getvalue(1)",
+                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2location(1, PSS_NEXT_KEY)",
+                     "pss_delete(1, 01000000010a1a000000)", "pss_move2key(1, 02)",
+                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2key(1, 02)", "pss_getvalue(1)",
+                     "pss_move2location(1, PSS_NEXT_KEY)",
+                     "pss_delete(1, 02000000010a1a0000000a0101fe000000000000000000000000)",
+                     "pss_close(1)"}),
+            platform.calls());
 }
 
 TEST_F(vrrp_engine_test, the_downgrade_entry_is_misspelt) {
@@ -351,6 +379,33 @@ TEST_F(vrrp_engine_test, a_path_without_a_number_behind_vdc) {
   EXPECT_TRUE(platform.calls().empty());
 }
 
+// ---- Numbers in messages
+
+TEST_F(vrrp_engine_test, the_largest_numbers_in_messages) {
+  std::string vr = old_vr("ff", "ff ff ff ff");
+  vr.replace(0, 4, bytes("ff ff ff ff"));
+  vr.replace(81, 4, bytes("ff ff ff ff")); // the last field
+  platform.set_store(k_temp, {{bytes("01 ff ff ff ff ff ff ff ff ff"), vr}});
+  const lines_t lines = eng_lines([this] { up(); });
+  EXPECT_EQ(
+      lines_t(
+          {k_copy + "Number of VR records = 1\n",
+           k_copy + "Retrieved PSS record for VR 255 on interface 0xffffffff and addr type -1\n",
+           k_copy + "Added new record for VR 255 on interface 0xffffffff\n"}),
+      lines_t(lines.begin() + 7, lines.begin() + 10));
+  EXPECT_EQ(records_t({{global_key(), global_info()},
+                       {bytes("01 ff ff ff ff ff ff ff ff ff"), vr + std::string(32, '\0')}}),
+            platform.records(k_eng));
+}
+
+TEST_F(vrrp_engine_test, the_status_of_a_failed_destruction_is_signed) {
+  platform.set_store(k_temp);
+  platform.fail("pss_destroy", 0xFFFFFFFE);
+  const lines_t lines = eng_lines([this] { up(); });
+  const std::string start = k_self + "Error destroying temp pss in Engine :Ret_val -2(";
+  EXPECT_EQ(start, lines.at(lines.size() - 3).substr(0, start.size()));
+}
+
 // ---- Bad input
 
 TEST_F(vrrp_engine_test, paths_are_cut) {
@@ -363,6 +418,11 @@ TEST_F(vrrp_engine_test, paths_are_cut) {
     EXPECT_EQ(1, std::count(lines.begin(), lines.end(), line));
     EXPECT_EQ(lines_t({"pss_open(\"" + uri + "\")"}), platform.calls());
     EXPECT_EQ(0u, status);
+  }
+  // the last of 251 characters counts, one behind it does not
+  for (const char *vdc : {"/vdc_2", "/vdc_23"}) {
+    EXPECT_EQ(k_self + "mgr_rc_url = nonvolatile:/tmp/vrrp-startup-pss2/bin\n",
+              eng_lines([&] { up((std::string(245, 'p') + vdc).c_str()); }).at(4));
   }
 }
 

@@ -268,6 +268,17 @@ TEST_F(vrrp_mgr_test, the_calls_going_down) {
       platform.calls());
 }
 
+TEST_F(vrrp_mgr_test, the_flag_of_every_store_going_down) {
+  platform.set_store(k_mgr);
+  platform.set_store(k_temp, wide_records());
+  traced([this] { down(); });
+  const lines_t stores = platform.calls("pss_store");
+  EXPECT_EQ(5u, stores.size());
+  for (const std::string &call : stores) {
+    EXPECT_EQ("pss_store(2, 0, ", call.substr(0, 16));
+  }
+}
+
 TEST_F(vrrp_mgr_test, values_of_other_lengths_going_down) {
   // Short ones are filled with zeros, long ones cut; what has no key fields is left out.
   const std::string vr = full_vr("0a", "01 00 00 00");
@@ -515,6 +526,56 @@ TEST_F(vrrp_mgr_test, vdc_strings_handed_in) {
   EXPECT_TRUE(platform.calls().empty());
 }
 
+// ---- Numbers in messages
+
+TEST_F(vrrp_mgr_test, the_largest_numbers_in_messages) {
+  const std::string id = bytes("ff ff ff ff");
+  std::string vr = full_vr("ff", "ff ff ff ff");
+  std::string address = vip("ff", "ff ff ff ff", k_ipv6);
+  vr.replace(0, 4, id);
+  vr.replace(81, 4, id); // the last field of the old layout
+  address.replace(0, 4, id);
+  address.replace(29, 4, id); // the last one
+  const std::string del = "datamorph_vrrp_mgr_delete_rc_pss_recs_for_upgrade: ";
+  platform.set_store(k_mgr, {{bytes("01 ff ff ff ff ff ff ff ff ff"), vr.substr(0, 85)},
+                             {bytes("02 ff ff ff ff ff ff ff ff ff") + bytes(k_ipv6), address}});
+  lines_t lines = mgr_lines([this] { up(); });
+  EXPECT_EQ(
+      lines_t({del + "Number of VR records = 1\n",
+               del + "Retrieved PSS record for VR 255 on interface 0xffffffff and addr type -1\n",
+               del + "Deleting PSS VR record : VR 255 , intf 0xffffffff\n",
+               del + "Deleted PSS VR record : VR 255, interface 0xffffffff\n",
+               del + "Number of VIP records = 1\n",
+               del + "Deleted PSS VIP record : VR 255, interface 0xffffffff\n"}),
+      lines_t(lines.begin() + 7, lines.begin() + 13));
+  EXPECT_TRUE(platform.records(k_mgr).empty());
+
+  const std::string copy = "vrrp_copy_and_convert_rc_pss_recs_for_downgrade: ";
+  platform.set_store(k_temp, {{bytes("01 01"), vr}, {bytes("02 01"), address}});
+  lines = mgr_lines([this] { down(); });
+  EXPECT_EQ(
+      lines_t({copy + "Number of VR records = 1\n",
+               copy + "Added new record for VR 255 on interface 0xffffffff and addr type -1\n",
+               copy + "Number of VIP records = 1\n",
+               copy + "Added new IP record for VR 255 on interface 0xffffffff\n"}),
+      lines_t(lines.begin() + 6, lines.begin() + 10));
+  EXPECT_EQ(records_t({{global_key(), global_info()},
+                       {bytes("01 ff ff ff ff ff ff ff ff ff"), vr.substr(0, 85)},
+                       {bytes("02 ff ff ff ff ff ff ff ff ff") + bytes(k_ipv6), address}}),
+            platform.records(k_mgr));
+}
+
+TEST_F(vrrp_mgr_test, a_failed_bulk_reads_status_is_signed) {
+  platform.set_store(k_mgr, old_records());
+  for (const unsigned nth : {1u, 3u}) { // of the VR records, of the VIP records
+    platform.fail("pss_move2key", 0xFFFFFFFE, nth);
+    const lines_t lines = mgr_lines([this] { up(); });
+    const std::string line = "datamorph_vrrp_mgr_delete_rc_pss_recs_for_upgrade: Error getting PSS "
+                             "records in bulk; Ret = -2\n";
+    EXPECT_EQ(1, std::count(lines.begin(), lines.end(), line)) << nth;
+  }
+}
+
 // ---- Bad input
 
 TEST_F(vrrp_mgr_test, paths_are_cut) {
@@ -531,6 +592,11 @@ TEST_F(vrrp_mgr_test, paths_are_cut) {
   }
   const std::string path = std::string(251, 'p') + "/vdc_2"; // what is cut off does not count
   EXPECT_EQ(5u, mgr_lines([&] { up(path.c_str()); }).size());
+  // the last of 251 characters counts, one behind it does not
+  for (const char *vdc : {"/vdc_2", "/vdc_23"}) {
+    EXPECT_EQ("vrrp_handle_generic_convert: VDC string = 2/bin\n",
+              mgr_lines([&] { up((std::string(245, 'p') + vdc).c_str()); }).at(4));
+  }
 }
 
 TEST_F(vrrp_mgr_test, nulls) {

@@ -4,10 +4,22 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+
+// The address sanitizer's calloc gives null for what it cannot give, as the C library's does.
+extern "C" const char *__asan_default_options();
+extern "C" const char *__asan_default_options() {
+  return "allocator_may_return_null=1";
+}
 
 namespace {
 
@@ -196,12 +208,20 @@ TEST_F(vrrp_table_test, bad_arguments) {
 }
 
 TEST_F(vrrp_table_test, more_than_there_is_memory_for) {
-  platform.set_store(k_store, {{bytes("01"), "v"}, {bytes("01 01"), "v"}, {bytes("01 02"), "v"}});
-  const std::string huge = get(k_both[0], 1, INT_MAX);
-  if (result != 0) { // the machine may have it, or promise it
-    EXPECT_EQ(3, result);
-    EXPECT_EQ(nullptr, array);
+  // More slots of the largest size than there are addresses, in either width.
+  constexpr uint32 many = 66000;
+  records_t records;
+  for (uint32 i = 0; i < many; ++i) {
+    const char number[] = {static_cast<char>(i >> 16), static_cast<char>(i >> 8),
+                           static_cast<char>(i)};
+    records["\1" + std::string(number, sizeof number)] = "v";
   }
+  platform.set_store(k_store, records);
+  EXPECT_EQ("", get(k_both[0], 1, INT_MAX));
+  EXPECT_EQ(3, result);
+  EXPECT_EQ(66000, count); // as counted
+  EXPECT_EQ(nullptr, array);
+  EXPECT_EQ(many + 1, calls.size()); // the counting pass only
 }
 
 TEST_F(vrrp_table_test, every_failing_call) {
@@ -302,9 +322,12 @@ TEST_F(vrrp_table_test, an_empty_key_is_of_no_type) {
   platform.set_store(k_store, {{"", "v"}, {bytes("00"), "w"}});
   // the cursor starts behind it
   EXPECT_EQ("w", get(k_both[0], 0, 1));
-  platform.answer("pss_move2key", "", 1);
-  EXPECT_EQ("", get(k_both[0], 0, 1));
-  EXPECT_EQ(0, count);
+  for (int type = 0; type < 256; ++type) { // whatever stands behind its end
+    platform.answer("pss_move2key", "", 1);
+    EXPECT_EQ("", get(k_both[0], static_cast<uint8>(type), 1));
+    EXPECT_EQ(0, count) << type;
+    EXPECT_EQ(1u, calls.size()) << type; // nor counted at first
+  }
 }
 
 // ---- Trace files
@@ -314,11 +337,24 @@ protected:
   static constexpr char k_file[] = "/bootflash/data_morph_vrrp_mgr.log";
 };
 
+// As the library is loaded, before a fixture has made the sides forget their files.
+const int k_loaded_mgr_fd = vrrp_mgr_side.trace_fd;
+const int k_loaded_eng_fd = vrrp_eng_side.trace_fd;
+
+TEST_F(vrrp_trace_test, no_file_is_open_at_first) {
+  EXPECT_EQ(-1, k_loaded_mgr_fd);
+  EXPECT_EQ(-1, k_loaded_eng_fd);
+}
+
 TEST_F(vrrp_trace_test, a_file_is_never_created) {
   vrrp_open_trace(vrrp_mgr_side);
   EXPECT_EQ(-1, vrrp_mgr_side.trace_fd);
+  vrrp_mgr_side.debug_str[0] = '\0';
+  vrrp_mgr_side.tstamp = 7;
   vrrp_trace(vrrp_mgr_side, "routine", 7, "message\n");
   EXPECT_FALSE(switch_root::exists(k_file));
+  EXPECT_STREQ("", vrrp_mgr_side.debug_str); // nothing was made of it
+  EXPECT_EQ(7, vrrp_mgr_side.tstamp);
 }
 
 TEST_F(vrrp_trace_test, a_file_is_appended_to_and_stays_open) {
@@ -342,6 +378,51 @@ TEST_F(vrrp_trace_test, a_file_is_appended_to_and_stays_open) {
   vrrp_open_trace(vrrp_mgr_side); // is open already
   EXPECT_EQ(fd, vrrp_mgr_side.trace_fd);
   EXPECT_EQ(-1, vrrp_eng_side.trace_fd); // each side has its own
+}
+
+// How long the file was at each sync. The kernel reports the calls: the program's fsync is already
+// the log's tests' own.
+int g_synced_fd = -1;
+off_t g_synced_sizes[4];
+size_t g_syncs = 0;
+
+void note_sync(int /*signal*/) {
+  struct stat status = {};
+  if (g_syncs < 4 && fstat(g_synced_fd, &status) == 0) {
+    g_synced_sizes[g_syncs] = status.st_size;
+  }
+  ++g_syncs;
+}
+
+// From now on this process's syncs of files are signals instead.
+bool signal_at_syncs() {
+  struct sigaction action = {};
+  action.sa_handler = note_sync;
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fsync, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program = {sizeof code / sizeof *code, code};
+  return sigaction(SIGSYS, &action, nullptr) == 0 && prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST_F(vrrp_trace_test, each_line_is_synced_once_it_is_written) {
+  switch_root::write_file(k_file, "");
+  const auto two_lines = [] {
+    vrrp_open_trace(vrrp_mgr_side);
+    g_synced_fd = vrrp_mgr_side.trace_fd;
+    if (!signal_at_syncs()) {
+      _exit(1);
+    }
+    vrrp_trace(vrrp_mgr_side, "routine", 7, "message\n");
+    vrrp_trace(vrrp_mgr_side, "routine", 7, "another\n");
+    const bool whole = g_synced_sizes[0] == 45 && g_synced_sizes[1] == 90;
+    _exit(g_syncs == 2 && whole ? 0 : 2);
+  };
+  EXPECT_EXIT(two_lines(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(vrrp_trace_test, a_message_longer_than_the_buffer_is_cut) {

@@ -395,6 +395,10 @@ void conversion::prepare() {
   report_.from = plan_.from;
   report_.to = plan_.to;
   report_.release = switch_.state().release;
+  if (plan_.from != report_.release) {
+    report_.notes.push_back("--from names " + plan_.from + ", the switch ran " + report_.release +
+                            ": converting once more what was converted already can lose records");
+  }
   for (const conversion_request &request : plan_.requests) {
     report_.requests.emplace_back().request = request;
   }

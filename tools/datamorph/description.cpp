@@ -4,6 +4,8 @@
 #include <limits>
 #include <set>
 
+#include <arpa/inet.h>
+
 #include "failure.h"
 #include "lab/lab.h"
 #include "layout.h"
@@ -154,6 +156,30 @@ std::string text_bytes(const node &at) {
   return bytes;
 }
 
+struct address_field {
+  const char *name;
+  int family;
+  const char *wanted;
+};
+
+constexpr size_t address_size = 16; // as records hold them, whatever the family
+
+constexpr address_field address_fields[] = {
+    {"ipv4", AF_INET, "an IPv4 address such as 10.1.1.1 is wanted here"},
+    {"ipv6", AF_INET6, "an IPv6 address such as fe80::1 is wanted here"},
+};
+
+// {"ipv4": "10.1.1.1"}: filled with zeros behind it.
+std::string address_bytes(const address_field &field, const node &at) {
+  const std::string text = at.text();
+  std::string bytes(address_size, '\0');
+  if (text.find('\0') != std::string::npos ||
+      inet_pton(field.family, text.c_str(), bytes.data()) != 1) {
+    at.wrong(field.wanted);
+  }
+  return bytes;
+}
+
 // A service by its name, or by its number when it has none here.
 uint32 service_of(const node &at) {
   if (!at.value().is_string()) {
@@ -197,13 +223,13 @@ std::string field_bytes(const node &at) {
     return hex_bytes(at);
   }
   at.expect_object({"hex", "text", "size", "zeros", "u8", "u16be", "u16le", "u32be", "u32le",
-                    "u64be", "u64le", "tag_table"});
+                    "u64be", "u64le", "ipv4", "ipv6", "tag_table"});
   if (at.has("text")) {
     return text_bytes(at);
   }
   if (at.value().size() != 1 || at.has("size")) {
-    at.wrong("one of hex, text, zeros, u8, u16be, u16le, u32be, u32le, u64be, u64le, tag_table is "
-             "wanted here");
+    at.wrong("one of hex, text, zeros, u8, u16be, u16le, u32be, u32le, u64be, u64le, ipv4, ipv6, "
+             "tag_table is wanted here");
   }
   if (at.has("hex")) {
     return hex_bytes(at.member("hex"));
@@ -213,6 +239,11 @@ std::string field_bytes(const node &at) {
   }
   if (at.has("tag_table")) {
     return tag_table_bytes(at.member("tag_table"));
+  }
+  for (const address_field &field : address_fields) {
+    if (at.has(field.name)) {
+      return address_bytes(field, at.member(field.name));
+    }
   }
   for (const number_field &field : number_fields) {
     if (at.has(field.name)) {

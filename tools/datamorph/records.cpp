@@ -1,5 +1,6 @@
 #include "records.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstring>
@@ -7,6 +8,7 @@
 #include "lab/lab.h"
 #include "tag_tables.h"
 #include "text.h"
+#include "vrrp_records.h"
 
 namespace {
 
@@ -72,10 +74,17 @@ bool any_value(std::string_view, field_list *fields) {
 
 // ---- The kinds ---------------------------------------------------------------------------------
 
+// Stores of a name in any folder; or of a whole path, which starts with a slash, with a star at the
+// end for all that go on from there.
+struct store_set {
+  const char *scheme;
+  const char *store;
+};
+
 struct record_kind {
   const char *kind;
   const char *scheme;
-  const char *store; // its name in any folder, or with a slash in front the whole path
+  const char *store; // both as in store_set
   field_reader key;
   field_reader value;
 };
@@ -92,11 +101,24 @@ constexpr record_kind kinds[] = {
 };
 // clang-format on
 
-bool is_in(const record_kind &row, const std::string &uri) {
-  if (row.store[0] == '/') {
-    return lab::store_file(uri) == lab::store_file(std::string(row.scheme) + row.store);
+// Where VRRP's records stand: with the manager before 4.2(1), with the engine from then on, and in
+// a store for the time between.
+constexpr store_set vrrp_stores[] = {
+    {"nonvolatile:", "vrrp-cfg_config_sav"},
+    {"nonvolatile:", "vrrp-eng_runtime_config"},
+    {"nonvolatile:", "/tmp/vrrp-startup-pss*"},
+    {"nonvolatile:", "/tmp/vrrp-pss*"},
+};
+
+bool is_in(const store_set &set, const std::string &uri) {
+  const std::string whole = std::string(set.scheme) + set.store;
+  if (whole.ends_with('*')) {
+    return uri.starts_with(whole.substr(0, whole.size() - 1));
   }
-  return uri.starts_with(row.scheme) && uri.substr(uri.rfind('/') + 1) == row.store;
+  if (set.store[0] == '/') {
+    return lab::store_file(uri) == lab::store_file(whole);
+  }
+  return uri.starts_with(set.scheme) && uri.substr(uri.rfind('/') + 1) == set.store;
 }
 
 } // namespace
@@ -115,7 +137,9 @@ nlohmann::json decoded_record::to_json() const {
 std::string decoded_record::to_text() const {
   std::string text;
   for (const decoded_field &field : fields) {
-    append_word(text, field.text, ", ");
+    if (!field.text.empty()) {
+      append_word(text, field.text, ", ");
+    }
   }
   if (damaged) {
     append_word(text, "damaged", ", ");
@@ -127,10 +151,12 @@ std::optional<decoded_record> decode_record(const std::string &uri, std::string_
                                             std::string_view value) {
   for (const record_kind &row : kinds) {
     decoded_record record = {row.kind, false, {}};
-    if (is_in(row, uri) && row.key(key, &record.fields)) {
+    if (is_in({row.scheme, row.store}, uri) && row.key(key, &record.fields)) {
       record.damaged = !row.value(value, &record.fields);
       return record;
     }
   }
-  return std::nullopt;
+  const bool of_vrrp = std::any_of(std::begin(vrrp_stores), std::end(vrrp_stores),
+                                   [&](const store_set &set) { return is_in(set, uri); });
+  return of_vrrp ? decode_vrrp_record(key, value) : std::nullopt;
 }

@@ -12,7 +12,7 @@
 struct decoded_field {
   std::string name;
   nlohmann::json value;
-  std::string text; // for people: with the name where it takes one
+  std::string text; // for people: with the name where it takes one; empty where it tells no more
 };
 
 struct decoded_record {

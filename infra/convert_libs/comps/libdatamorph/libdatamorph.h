@@ -320,8 +320,8 @@ ethpm_pss_action_t ethpm_get_pss_action(void);
 
 /* VRRP across release "4.2(1)": the manager (mgr) and the engine (eng) hand their records over in a
  * temporary store. Each routine of the table decides from the releases whether it has anything to
- * do. 0x401E0076 for a "/vdc_" without a number in the path; all bits set for a null path; else 0:
- * what else fails is only told in the side's trace file. */
+ * do. 0x401E0076 for a "/vdc_" in the path whose number is missing or has low 16 bits of zero; all
+ * bits set for a null path; else 0: what else fails is only told in the side's trace file. */
 syserr_t vrrp_mgr_data_morph_startup_for_upgrade(const char *path, const char *pkg_name,
                                                  const char *to_pkg_version,
                                                  const char *from_pkg_version);
@@ -384,7 +384,8 @@ typedef struct __attribute__((packed)) inet_addr {
 /* All values of one key type (the first byte of a key), value_size bytes apart, zero behind a value
  * that is shorter. 0 and an array that the caller frees, with *num_values slots; null and 0 when
  * there are none. 2 for a key without value, 3 for a value_size below 1 or no memory, all bits set
- * for a null argument, else the store's status: the array is null then. */
+ * for a null argument, else the store's status: the array is null then, and *num_values says how
+ * many were counted. */
 int32 datamorph_vrrp_mgr_pss_mgr_get_table(pss_service_t table, uint8 key_type, void **value_array,
                                            int32 *num_values, int32 value_size);
 int32 datamorph_vrrp_eng_pss_mgr_get_table(pss_service_t table, uint8 key_type, void **value_array,

@@ -36,9 +36,8 @@ int32 datamorph_leading_number(const char *text, size_t limit);
 // ---- VDCs -------------------------------------------------------------------------------------
 
 // The VDC that a path belongs to: the low 16 bits of the number behind its first "/vdc_", as strtol
-// gives it where a long has 32 bits; VDC 1 without it. *suffix (may be null) is then the text
-// behind
-// "/vdc_", and left alone otherwise.
+// gives it where a long has 32 bits; VDC 1 without it. *suffix (may be null) is then the text that
+// follows "/vdc_", and left alone otherwise.
 vdc_id_t datamorph_path_vdc(const char *path, const char **suffix);
 
 // ---- Walks over the dispatch tables -----------------------------------------------------------

@@ -214,9 +214,9 @@ void vrrp_trace(vrrp_side_t &side, const char *routine, int line, const char *fo
   va_start(args, format);
   vsnprintf(side.debug_str + used, size - used, format, args);
   va_end(args);
-  if (write(side.trace_fd, side.debug_str, strlen(side.debug_str)) >= 0) {
-    fsync(side.trace_fd);
-  }
+  const ssize_t written = write(side.trace_fd, side.debug_str, strlen(side.debug_str));
+  static_cast<void>(written); // a line that cannot be written is lost, nothing else
+  fsync(side.trace_fd);
   errno = saved_errno;
 }
 

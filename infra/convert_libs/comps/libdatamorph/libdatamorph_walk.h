@@ -49,7 +49,7 @@ private:
   uint8 *bytes() { return large_ != nullptr ? large_ : small_; }
   const uint8 *bytes() const { return large_ != nullptr ? large_ : small_; }
 
-  uint8 small_[64];
+  uint8 small_[64] = {};
   uint8 *large_ = nullptr;
   uint32 capacity_ = sizeof small_;
   uint32 size_ = 0;

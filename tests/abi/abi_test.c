@@ -48,7 +48,7 @@ int main(void) {
   expect(is_uuid_in_convert_running_fs_upg_table(SRVUUID_EVMS), "running-fs table");
   expect(data_morph_gsync_table[0].uuid == 390, "first gsync row");
   expect(data_morph_gsync_table[0].fn == psshlpr_data_morph_gsync, "first gsync routine");
-  expect(data_morph_psshlpr_upg_table[0].uuid == SRVUUID_NONE, "helper table");
+  expect(data_morph_psshlpr_upg_table[0].uuid == SRVUUID_SVI, "helper table");
   expect(datamorph_mts_q == 0, "no queue before the initialisation");
   expect(datamorph_destroy_volatile_pss(path, name) == 0x40480002, "destroy");
   expect(strcmp(destroyed, "volatile:/image/store") == 0, "destroyed store");

@@ -223,7 +223,7 @@ TEST_F(convert_verb, a_part_of_the_change_leaves_the_release) {
       "stays 4.1(5)\n"))
       << converted.out;
   EXPECT_EQ(show("sw")["release"], "4.1(5)");
-  EXPECT_EQ(show("sw")["stores"].size(), 31u);
+  EXPECT_EQ(show("sw")["stores"].size(), 35u);
 }
 
 // The conditional service's store is planted whatever the releases are.
@@ -254,7 +254,7 @@ TEST_F(convert_verb, whole_table_removes_the_same) {
       << converted.out;
   // Two more than service by service: VRRP's engine of each VDC takes its records and gives them
   // back.
-  EXPECT_EQ(show("sw")["stores"].size(), 25u);
+  EXPECT_EQ(show("sw")["stores"].size(), 29u);
   EXPECT_NE(read("sw/runs/0001/trace.log").find("datamorph_running_fs_upg_all: calling"),
             std::string::npos);
 }

@@ -172,4 +172,74 @@ TEST_F(layout_of_a_description, what_can_stand_side_by_side_is_made) {
   EXPECT_TRUE(exists("sw/current/" + name));
 }
 
+// ---- TLV arrays --------------------------------------------------------------------------------
+
+class described_tlv_arrays : public command_test {
+protected:
+  result create_with(const std::string &array) {
+    write("d.json", R"json({"release": "4.1(5)", "releases": ["4.1(5)"], "running_cfg_dir": "/c",
+      "paths": {"gsync": "/c", "running-fs": "/c", "startup": "/s"},
+      "stores": [{"uri": "nonvolatile:/c/x", "records": [
+        {"key": "00", "value": {"tlv_array": )json" +
+                        array + "}}]}]}");
+    return run({"lab", "create", "sw", "--from", "d.json"});
+  }
+};
+
+TEST_F(described_tlv_arrays, hold_items_of_any_bytes) {
+  ASSERT_EQ(create_with(R"([{"type": 2, "value": [{"u32le": 1}, {"u8": 253}]},
+    {"type": 65535, "value": ""}, {"type": 0, "value": {"zeros": 8}}])")
+                .status,
+            0);
+
+  EXPECT_EQ(run({"store", "get", "sw", "nonvolatile:/c/x", "00"}).out,
+            std::string("21000000" // all its bytes
+                        "0300"     // items
+                        "0100") +  // version
+                "0200"
+                "0500"
+                "01000000fd" +
+                "ffff"
+                "0000" +
+                "0000"
+                "0800"
+                "0000000000000000\n");
+}
+
+TEST_F(described_tlv_arrays, may_be_empty) {
+  ASSERT_EQ(create_with("[]").status, 0);
+
+  EXPECT_EQ(run({"store", "get", "sw", "nonvolatile:/c/x", "00"}).out, "0800000000000100\n");
+}
+
+TEST_F(described_tlv_arrays, are_refused_when_wrong) {
+  const std::string value = "/stores/0/records/0/value/tlv_array";
+  const std::pair<std::string, std::string> rows[] = {
+      {"{}", value + ": a list is wanted here"},
+      {"[[]]", value + "/0: an object is wanted here"},
+      {R"([{"value": ""}])", value + "/0: the member 'type' is missing"},
+      {R"([{"type": 1}])", value + "/0: the member 'value' is missing"},
+      {R"([{"type": 65536, "value": ""}])",
+       value + "/0/type: a number from 0 to 65535 is wanted here"},
+      {R"([{"type": 1, "value": "0"}])", value + "/0/value: pairs of hex digits are wanted here"},
+      {R"([{"type": 1, "value": {"zeros": 65536}}])",
+       value + "/0/value: a value has at most 65535 bytes"},
+      {R"([{"type": 1, "value": {"tlv_array": []}}])",
+       value + "/0/value: a TLV array does not stand within another"},
+      {R"([{"type": 1, "value": "", "length": 0}])", value + "/0: unknown member 'length'"},
+  };
+  for (const auto &[array, message] : rows) {
+    const result made = create_with(array);
+    EXPECT_EQ(made.status, 3) << array;
+    EXPECT_EQ(made.err.find("datamorph: 'd.json': " + message), 0u) << made.err;
+    EXPECT_FALSE(exists("sw"));
+  }
+  std::string many = R"({"type": 1, "value": ""})";
+  for (int at = 0; at < 65535; ++at) {
+    many += R"(,{"type": 1, "value": ""})";
+  }
+  EXPECT_EQ(create_with("[" + many + "]").err,
+            "datamorph: 'd.json': " + value + ": an array holds at most 65535 items\n");
+}
+
 } // namespace

@@ -20,13 +20,13 @@ TEST_F(lab_verbs, create_builds_the_shipped_example) {
   const result made = run({"lab", "create", "sw"});
 
   EXPECT_EQ(made.status, 0);
-  EXPECT_EQ(made.out, "sw: switch datacenter-1 at release 4.1(5), 33 stores, 4 files, 15 access "
+  EXPECT_EQ(made.out, "sw: switch datacenter-1 at release 4.1(5), 37 stores, 4 files, 15 access "
                       "points\n");
   EXPECT_EQ(made.err, "");
   const nlohmann::json shown = show("sw");
   EXPECT_EQ(shown["release"], "4.1(5)");
   EXPECT_EQ(shown["vdcs"], nlohmann::json({1, 2}));
-  EXPECT_EQ(shown["stores"].size(), 33u);
+  EXPECT_EQ(shown["stores"].size(), 37u);
   EXPECT_EQ(saps(shown), (std::vector<unsigned>{11, 28, 109, 175, 187, 245, 295, 296, 297, 341, 342,
                                                 364, 422, 485, 500}));
   std::vector<std::string> images;
@@ -34,8 +34,8 @@ TEST_F(lab_verbs, create_builds_the_shipped_example) {
     EXPECT_EQ(image["release"], image["version"]);
     images.push_back(image["release"]);
   }
-  EXPECT_EQ(images,
-            (std::vector<std::string>{"3.3(1)", "4.0(4)", "4.1(2)", "4.1(5)", "4.2(1)", "5.0(2)"}));
+  EXPECT_EQ(images, (std::vector<std::string>{"3.3(1)", "4.0(4)", "4.1(1)", "4.1(2)", "4.1(5)",
+                                              "4.2(1)", "4.2(3)", "5.0(2)"}));
   for (const nlohmann::json &store : shown["stores"]) {
     EXPECT_EQ(store["status"], 0) << store;
     EXPECT_GE(store["records"], 1) << store;
@@ -219,9 +219,12 @@ TEST_F(lab_verbs, reboot_empties_tmp_and_the_volatile_stores) {
       uris(show("sw")),
       (std::vector<std::string>{
           "nonvolatile:/cfg/0/dot1x_saved_config", "nonvolatile:/cfg/0/eth_port_sec_saved_config",
+          "nonvolatile:/cfg/0/ethpm_runtime_cfg", "nonvolatile:/cfg/0/ethpm_runtime_info",
           "nonvolatile:/cfg/0/evms_runtime_cfg", "nonvolatile:/cfg/0/kps_saved_config",
-          "nonvolatile:/cfg/0/vlan_cfg", "nonvolatile:/cfg/startup/bin/dot1x_saved_config",
+          "nonvolatile:/cfg/0/pixm_runtime_info", "nonvolatile:/cfg/0/vlan_cfg",
+          "nonvolatile:/cfg/startup/bin/dot1x_saved_config",
           "nonvolatile:/cfg/startup/bin/eth_port_sec_saved_config",
+          "nonvolatile:/cfg/startup/bin/ethpm_saved_config",
           "nonvolatile:/cfg/startup/bin/kps_saved_config",
           "nonvolatile:/cfg/startup/bin/sysmgr_config",
           "nonvolatile:/cfg/startup/bin/vrrp-cfg_config_sav",
@@ -302,7 +305,7 @@ TEST_F(lab_verbs, a_damaged_store_is_shown_as_such) {
   write("sw/current/cfg/0/vlan_cfg.pss", "this is no store");
 
   const nlohmann::json shown = show("sw");
-  ASSERT_EQ(shown["stores"].size(), 33u);
+  ASSERT_EQ(shown["stores"].size(), 37u);
   for (const nlohmann::json &store : shown["stores"]) {
     const bool damaged = store["uri"] == "nonvolatile:/cfg/0/vlan_cfg";
     EXPECT_EQ(store["status"] != 0, damaged) << store;

@@ -140,7 +140,7 @@ TEST_F(refusal, unknown_release_lists_the_known_ones) {
 
   EXPECT_EQ(refuse({"--to", "9.9(9)"}).err,
             "datamorph: 'sw': the release '9.9(9)' is unknown: the switch has no image of it; "
-            "images: 3.3(1) 4.0(4) 4.1(2) 4.1(5) 4.2(1) 5.0(2)\n");
+            "images: 3.3(1) 4.0(4) 4.1(1) 4.1(2) 4.1(5) 4.2(1) 4.2(3) 5.0(2)\n");
   refuse({"--to", ""});
   refuse({"--to", "../../etc"});
   refuse({"--to", std::string(4000, '4')});

@@ -139,4 +139,147 @@ TEST_F(known_records, tags_of_any_bytes) {
                            {{{"service", "KPS"}, {"uuid", 542}, {"tag", "\\xff\"\\\\"}}})}})));
 }
 
+// ---- The port index manager and the port manager -----------------------------------------------
+
+constexpr char indices[] = "nonvolatile:/cfg/0/pixm_runtime_info";
+
+TEST_F(known_records, forwarding_indices) {
+  const auto index = [](bool q8, const std::vector<nlohmann::json> &items) {
+    return nlohmann::json(
+        {{"kind", "LTL record"}, {"ltl", 4097}, {"vdc", 258}, {"q8", q8}, {"tlvs", items}});
+  };
+  const auto item = [](unsigned type, unsigned length) {
+    return nlohmann::json({{"type", type}, {"length", length}});
+  };
+  const char *key = "36000010010102";
+
+  EXPECT_EQ(decoded(indices, key,
+                    "1100000001000100"
+                    "02000500"
+                    "00000000fd"),
+            index(true, {item(2, 5)}));
+  EXPECT_EQ(decoded(indices, key,
+                    "1100000001000100"
+                    "02000500"
+                    "00000000fc"),
+            index(false, {item(2, 5)}));
+  EXPECT_EQ(decoded(indices, key,
+                    "1100000001000100"
+                    "03000500"
+                    "00000000fd"),
+            index(false, {item(3, 5)}));
+  // Too short for the kind of LTL; one more behind it has it; bytes behind the array do not count.
+  EXPECT_EQ(decoded(indices, key,
+                    "1000000001000100"
+                    "02000400"
+                    "00000000"
+                    "fd"),
+            index(false, {item(2, 4)}));
+  EXPECT_EQ(decoded(indices, key,
+                    "1900000002000100"
+                    "02000400"
+                    "00000000"
+                    "02000500"
+                    "00000000fd"),
+            index(true, {item(2, 4), item(2, 5)}));
+  EXPECT_EQ(decoded(indices, key, "0800000000000100"), index(false, {}));
+}
+
+TEST_F(known_records, forwarding_indices_that_are_cut) {
+  nlohmann::json damaged = {{"kind", "LTL record"}, {"ltl", 4097}, {"vdc", 258}, {"damaged", true}};
+  const char *key = "36000010010102";
+
+  for (const char *value : {"", "08000000000001", /* states more than there is */
+                            "1200000001000100"
+                            "02000500"
+                            "00000000fd"}) {
+    EXPECT_EQ(decoded(indices, key, value), damaged) << value;
+  }
+  damaged["q8"] = false;
+  damaged["tlvs"] = nlohmann::json::array();
+  for (const char *value :
+       {"0000000000000000", /* an item that is not counted */ "11000000000001000200050000000000fd",
+        "1100000001000100"
+        "02000600"
+        "00000000fd",
+        "0a00000001000100"
+        "0200"}) {
+    EXPECT_EQ(decoded(indices, key, value), damaged) << value;
+  }
+  // What stands before the cut counts, here and for its conversion.
+  damaged["q8"] = true;
+  damaged["tlvs"] = nlohmann::json::array({{{"type", 2}, {"length", 5}}});
+  EXPECT_EQ(decoded(indices, key,
+                    "1300000002000100"
+                    "02000500"
+                    "00000000fd"
+                    "0200"),
+            damaged);
+}
+
+TEST_F(known_records, cached_keys_have_any_value) {
+  const nlohmann::json known = {{"kind", "DUAG cache record"}, {"cache_key", "0001000000ff"}};
+
+  EXPECT_EQ(decoded(indices, "3a0001000000ff", "da100000"), known);
+  EXPECT_EQ(decoded(indices, "3a0001000000ff", ""), known);
+  for (const char *key : {"", "3a", "3a0001000000", "3a000100000000ff", "36", "360000100101",
+                          "3600001001010200", "3b000100000001"}) {
+    EXPECT_EQ(decoded(indices, key, "0800000000000100"), nlohmann::json()) << key;
+  }
+  EXPECT_EQ(decoded("volatile:/cfg/0/pixm_runtime_info", "3a000100000001", ""), nlohmann::json());
+}
+
+TEST_F(known_records, runtime_records_of_ports) {
+  const std::string ports = "nonvolatile:/cfg/0/ethpm_runtime_info";
+  nlohmann::json known = {
+      {"kind", "interface runtime info"}, {"interface", "0x1a00100f"}, {"reason", 254}};
+
+  EXPECT_EQ(decoded(ports, "33061a00100f", "01001000000000000000000000fe000000000000"), known);
+  EXPECT_EQ(decoded(ports, "33061a00100f", "01001000000000000000000000fe"), known);
+  EXPECT_EQ(decoded(ports, "33061a00100fff", "01001000000000000000000000fe"), known);
+  known.erase("reason");
+  known["damaged"] = true;
+  EXPECT_EQ(decoded(ports, "33061a00100f", "01001000000000000000000000"), known);
+  EXPECT_EQ(decoded(ports, "33061a00100f", ""), known);
+  for (const char *key : {"33", "33061a0010", "33071a00100f", "65061a00100f", "65141a00100f"}) {
+    EXPECT_EQ(decoded(ports, key, "01001000000000000000000000fe"), nlohmann::json()) << key;
+  }
+}
+
+TEST_F(known_records, configuration_of_ports) {
+  const auto known = [](const char *kind) {
+    return nlohmann::json({{"kind", kind}, {"interface", "0x1a001000"}});
+  };
+  for (const char *uri : {"nonvolatile:/cfg/0/ethpm_runtime_cfg",
+                          "nonvolatile:/cfg/startup/bin/ethpm_saved_config"}) {
+    EXPECT_EQ(decoded(uri, "65141a001000", "00"), known("interface config TLV"));
+    EXPECT_EQ(decoded(uri, "65151a001000", ""), known("interface SI config TLV"));
+    for (const char *key : {"65", "65141a0010", "65161a001000", "33141a001000", "33061a001000"}) {
+      EXPECT_EQ(decoded(uri, key, "00"), nlohmann::json()) << key;
+    }
+  }
+}
+
+TEST_F(known_records, ports_and_indices_in_words) {
+  const auto text = [this](const std::string &uri) {
+    return run({"store", "show", "sw", uri}).out;
+  };
+
+  const std::string all = text(indices);
+  EXPECT_NE(all.find(" LTL record: ltl 0x000010da, vdc 1, Q8 yes, TLV 1 of 4 bytes, TLV 2 of 52 "
+                     "bytes\n"),
+            std::string::npos)
+      << all;
+  EXPECT_NE(all.find(" LTL record: ltl 0x000010de, vdc 1, Q8 no, TLV 1 of 4 bytes, TLV 2 of 52 "
+                     "bytes\n"),
+            std::string::npos);
+  EXPECT_NE(all.find(" DUAG cache record: cache key 000100000002\n"), std::string::npos);
+  EXPECT_NE(text("nonvolatile:/cfg/0/ethpm_runtime_info")
+                .find(" interface runtime info: interface 0x1a001000, reason 145\n"),
+            std::string::npos);
+  EXPECT_NE(text("nonvolatile:/cfg/startup/bin/ethpm_saved_config")
+                .find(" interface SI config TLV: interface 0x1a001000\n"),
+            std::string::npos);
+}
+
 } // namespace

@@ -78,7 +78,7 @@ TEST_F(rights, an_ordinary_user_converts_where_user_namespaces_are_allowed) {
   EXPECT_EQ(shown.status, expected) << shown.err;
   if (expected == 0) {
     EXPECT_EQ(shown.json()["release"], "3.3(1)");
-    EXPECT_EQ(shown.json()["stores"].size(), 23u);
+    EXPECT_EQ(shown.json()["stores"].size(), 27u);
   }
 }
 

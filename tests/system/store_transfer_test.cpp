@@ -66,15 +66,15 @@ TEST_F(store_transfer, a_name_that_json_cannot_carry_is_not_changed_into_another
   const nlohmann::json stores = run({"store", "list", "sw", "--format", "json"}).json()["stores"];
   const result all = run({"store", "export", "sw"});
 
-  ASSERT_EQ(stores.size(), 35u);
-  EXPECT_EQ(stores[5]["uri"], "nonvolatile:/cfg/a\\xfe");
-  EXPECT_EQ(stores[6]["uri"], "nonvolatile:/cfg/a\\xff");
+  ASSERT_EQ(stores.size(), 39u);
+  EXPECT_EQ(stores[8]["uri"], "nonvolatile:/cfg/a\\xfe");
+  EXPECT_EQ(stores[9]["uri"], "nonvolatile:/cfg/a\\xff");
   EXPECT_NE(run({"store", "list", "sw"}).out.find("nonvolatile:/cfg/a\\xff "), std::string::npos);
   expect_refused(all, "'nonvolatile:/cfg/a\\xfe': its name cannot stand in a document");
   EXPECT_EQ(run({"store", "export", "sw", vlan}).json()["stores"].size(), 1u);
   EXPECT_EQ(run({"store", "delete", "sw", "nonvolatile:/cfg/a\xfe", "--all"}).status, 0);
   EXPECT_EQ(run({"store", "delete", "sw", "nonvolatile:/cfg/a\xff", "--all"}).status, 0);
-  EXPECT_EQ(run({"store", "export", "sw"}).json()["stores"].size(), 33u);
+  EXPECT_EQ(run({"store", "export", "sw"}).json()["stores"].size(), 37u);
 }
 
 TEST_F(store_transfer, names_in_utf8_are_carried) {

@@ -105,6 +105,33 @@ TEST_F(usage, services_lists_the_tables_in_order) {
           "EXCHANGE_PEER_PARAMS 166 epp_in_npv_mode_data_morph_running_fs_upg"}));
 }
 
+TEST_F(usage, services_lists_all_rows_of_the_other_tables) {
+  const nlohmann::json rows = run({"services", "--format", "json"}).json()["rows"];
+
+  std::vector<std::string> found;
+  for (const nlohmann::json &row : rows) {
+    if (row["moment"] != "running-fs") {
+      found.push_back(row["moment"].get<std::string>() + " " + row["order"].dump() + " " +
+                      row["service"].get<std::string>() + " " + row["uuid"].dump() + " " +
+                      row["routine"].get<std::string>());
+    }
+  }
+  EXPECT_EQ(
+      found,
+      (std::vector<std::string>{
+          "gsync 0 PSS_HELPER 390 psshlpr_data_morph_gsync", "gsync 1 IKE 219 ike_data_morph_gsync",
+          "gsync 2 AIC_DBG 501 cond_srv1_data_morph_gsync",
+          "gsync 3 PIXM 307 pixm_data_morph_gsync", "gsync 4 TEST_ETHPM 306 ethpm_data_morph_gsync",
+          "startup 0 IKE 219 ike_data_morph_startup", "startup 1 KPS 542 kps_data_morph_startup",
+          "startup 2 DOT1X 381 dot1x_data_morph_startup",
+          "startup 3 TEST_ETHPM 306 ethpm_data_morph_startup",
+          "startup 4 VRRP_MGR 11 vrrp_mgr_data_morph_startup_for_upgrade",
+          "startup 5 VRRP_ENG 68 vrrp_eng_data_morph_startup_for_upgrade",
+          "startup 6 VRRP_ENG 68 vrrp_eng_data_morph_startup_for_downgrade",
+          "startup 7 VRRP_MGR 11 vrrp_mgr_data_morph_startup_for_downgrade",
+          "psshlpr 0 SVI 380 svi_data_morph_psshlpr_upg"}));
+}
+
 TEST_F(usage, compare_tells_the_order_by_text_and_status) {
   const result newer = run({"compare", "4.2(10)", "4.2(9)"});
   EXPECT_EQ(newer.status, 2);

@@ -383,7 +383,7 @@ TEST_F(described_addresses, are_refused_when_malformed) {
   EXPECT_EQ(create_with(R"({"ipv4": 1})").err, value + "/ipv4: a text is wanted here\n");
   EXPECT_EQ(create_with(R"({"ipv4": "10.1.1.1", "size": 16})").err,
             value + ": one of hex, text, zeros, u8, u16be, u16le, u32be, u32le, u64be, u64le, "
-                    "ipv4, ipv6, tag_table is wanted here\n");
+                    "ipv4, ipv6, tag_table, tlv_array is wanted here\n");
 }
 
 } // namespace

@@ -113,9 +113,9 @@ std::vector<std::pair<uint32, decltype(row_t::fn)>> rows(const row_t *table) {
 
 TEST_F(main_test, gsync_table) {
   const decltype(rows(data_morph_gsync_table)) expected = {
-      {390, psshlpr_data_morph_gsync},
-      {219, ike_data_morph_gsync},
-      {501, cond_srv1_data_morph_gsync},
+      {390, psshlpr_data_morph_gsync},   {219, ike_data_morph_gsync},
+      {501, cond_srv1_data_morph_gsync}, {307, pixm_data_morph_gsync},
+      {306, ethpm_data_morph_gsync},
   };
   EXPECT_EQ(expected, rows(data_morph_gsync_table));
 }
@@ -125,6 +125,7 @@ TEST_F(main_test, startup_table) {
       {219, ike_data_morph_startup},
       {542, kps_data_morph_startup},
       {381, dot1x_data_morph_startup},
+      {306, ethpm_data_morph_startup},
       {11, vrrp_mgr_data_morph_startup_for_upgrade},
       {68, vrrp_eng_data_morph_startup_for_upgrade},
       {68, vrrp_eng_data_morph_startup_for_downgrade},
@@ -145,7 +146,8 @@ TEST_F(main_test, running_fs_upg_table) {
 }
 
 TEST_F(main_test, psshlpr_upg_table) {
-  EXPECT_TRUE(rows(data_morph_psshlpr_upg_table).empty());
+  const decltype(rows(data_morph_psshlpr_upg_table)) expected = {{380, svi_data_morph_psshlpr_upg}};
+  EXPECT_EQ(expected, rows(data_morph_psshlpr_upg_table));
 }
 
 TEST_F(main_test, unregistered_routines_stand_in_no_table) {
@@ -319,21 +321,27 @@ TEST_F(main_test, an_empty_table_yields_0) {
 TEST_F(main_test, startup_all_walks_the_table) {
   args.from_pkg_version = args.to_pkg_version;
   const lines_t lines = traced([this] { status = datamorph_startup_all(&args); });
-  EXPECT_EQ(lines_t({"datamorph_startup_all: calling convert function for uuid = 0xdb\n",
-                     "Returning Success\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0x21e\n",
-                     "kps_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
-                     "from_ver = 4.2(1)\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0x17d\n",
-                     "dot1x_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
-                     "from_ver = 4.2(1)\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0xb\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0x44\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0x44\n",
-                     "datamorph_startup_all: calling convert function for uuid = 0xb\n"}),
-            lines);
+  EXPECT_EQ(
+      lines_t({"datamorph_startup_all: calling convert function for uuid = 0xdb\n",
+               "Returning Success\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x21e\n",
+               "kps_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
+               "from_ver = 4.2(1)\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x17d\n",
+               "dot1x_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), "
+               "from_ver = 4.2(1)\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x132\n",
+               "Ethpm - Path - /cfg/0 \n",
+               "Ethpm pss uri: nonvolatile:/cfg/0/bin/ethpm_saved_config\n",
+               "pss uri: nonvolatile:/cfg/0/bin/ethpm_saved_config does not exist 0x40480002\n",
+               "datamorph_startup_all: calling convert function for uuid = 0xb\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x44\n",
+               "datamorph_startup_all: calling convert function for uuid = 0x44\n",
+               "datamorph_startup_all: calling convert function for uuid = 0xb\n"}),
+      lines);
   EXPECT_EQ(0u, status);
-  EXPECT_TRUE(platform.calls().empty());
+  EXPECT_EQ(lines_t({"pss2_open(\"nonvolatile:/cfg/0/bin/ethpm_saved_config\", 0x3, 0, 0, 0)"}),
+            platform.calls());
 }
 
 TEST_F(main_test, startup_all_without_arguments_passes_ike_and_stops_at_kps) {
@@ -437,19 +445,35 @@ TEST_F(main_test, running_fs_upg_all_has_run_the_rows_before_the_failing_one) {
 // ---- PSS helper
 
 TEST_F(main_test, psshlpr_gsync_message_has_no_line_end) {
-  const lines_t lines =
-      traced([this] { status = psshlpr_data_morph_gsync("/cfg/0", "system", "4.2(1)", "4.1(5)"); });
-  EXPECT_EQ(lines_t({"psshlpr_data_morph_gsync: calling psshlpr convert functions"}), lines);
+  args.from_pkg_version = args.to_pkg_version; // nothing for its row to do
+  lines_t lines = traced([this] {
+    status = psshlpr_data_morph_gsync(args.path, args.pkg_name, args.to_pkg_version,
+                                      args.from_pkg_version);
+  });
+  EXPECT_EQ(lines_t({"psshlpr_data_morph_gsync: calling psshlpr convert functions",
+                     "psshlpr_data_morph_gsync: calling convert function for uuid = 0x17c\n",
+                     "Verifying up/down grade versions\n",
+                     "from_ver 4.2(1):from_comp 0, to_ver 4.2(1):to_comp 0\n",
+                     "No issu conversion reqd from 4.2(1) to 4.2(1)\n"}),
+            lines);
   EXPECT_EQ(0u, status);
-  traced([this] { status = psshlpr_data_morph_gsync(nullptr, nullptr, nullptr, nullptr); });
+  lines = traced([this] { status = psshlpr_data_morph_gsync(nullptr, nullptr, nullptr, nullptr); });
+  EXPECT_EQ(lines_t({"psshlpr_data_morph_gsync: calling psshlpr convert functions",
+                     "psshlpr_data_morph_gsync: calling convert function for uuid = 0x17c\n",
+                     "Invalid arguments\n",
+                     "psshlpr_data_morph_gsync: err convert function for uuid = 0x17c\n"}),
+            lines);
   EXPECT_EQ(0u, status);
 }
 
 TEST_F(main_test, gsync_reaches_the_psshlpr_routine) {
   const lines_t lines =
-      traced([this] { status = datamorph_gsync(SRVUUID_PSS_HELPER, &result, &args); });
+      traced([this] { status = datamorph_gsync(SRVUUID_PSS_HELPER, &result, nullptr); });
   EXPECT_EQ(lines_t({"datamorph_gsync: calling convert function for uuid = 0x186\n",
-                     "psshlpr_data_morph_gsync: calling psshlpr convert functions"}),
+                     "psshlpr_data_morph_gsync: calling psshlpr convert functions",
+                     "psshlpr_data_morph_gsync: calling convert function for uuid = 0x17c\n",
+                     "Invalid arguments\n",
+                     "psshlpr_data_morph_gsync: err convert function for uuid = 0x17c\n"}),
             lines);
   EXPECT_EQ(0u, status);
 }

@@ -9,6 +9,7 @@
 #include "failure.h"
 #include "lab/lab.h"
 #include "layout.h"
+#include "platform/tlv_array.h"
 #include "services.h"
 #include "strict_json.h"
 #include "text.h"
@@ -18,6 +19,15 @@ namespace {
 constexpr uint64_t last_access_point = 65535;
 constexpr size_t longest_tag = 31;
 constexpr uint64_t largest_zeros = 1 << 20; // bytes that one field may ask for
+
+// What stands before the items of a TLV array.
+struct tlv_array_head {
+  uint32 size; // of all of it
+  uint16 count;
+  uint16 version;
+};
+static_assert(sizeof(tlv_array_head) == TLV_ARRAY_HEADER_SIZE, "stored as it lies");
+constexpr uint16 tlv_array_version = 1;
 
 // A value of the document with the place it stands at.
 class node {
@@ -218,18 +228,19 @@ std::string tag_table_bytes(const node &at) {
   return bytes;
 }
 
-std::string field_bytes(const node &at) {
+// Any field but a TLV array.
+std::string plain_field_bytes(const node &at) {
   if (at.value().is_string()) {
     return hex_bytes(at);
   }
   at.expect_object({"hex", "text", "size", "zeros", "u8", "u16be", "u16le", "u32be", "u32le",
-                    "u64be", "u64le", "ipv4", "ipv6", "tag_table"});
+                    "u64be", "u64le", "ipv4", "ipv6", "tag_table", "tlv_array"});
   if (at.has("text")) {
     return text_bytes(at);
   }
   if (at.value().size() != 1 || at.has("size")) {
     at.wrong("one of hex, text, zeros, u8, u16be, u16le, u32be, u32le, u64be, u64le, ipv4, ipv6, "
-             "tag_table is wanted here");
+             "tag_table, tlv_array is wanted here");
   }
   if (at.has("hex")) {
     return hex_bytes(at.member("hex"));
@@ -239,6 +250,9 @@ std::string field_bytes(const node &at) {
   }
   if (at.has("tag_table")) {
     return tag_table_bytes(at.member("tag_table"));
+  }
+  if (at.has("tlv_array")) {
+    at.wrong("a TLV array does not stand within another");
   }
   for (const address_field &field : address_fields) {
     if (at.has(field.name)) {
@@ -255,15 +269,43 @@ std::string field_bytes(const node &at) {
 }
 
 // Hex digits, one field, or a list of fields one after the other.
-std::string bytes_of(const node &at) {
+std::string bytes_of(const node &at, std::string (*field)(const node &)) {
   if (!at.value().is_array()) {
-    return field_bytes(at);
+    return field(at);
   }
   std::string bytes;
-  for (const node &field : at.items()) {
-    bytes += field_bytes(field);
+  for (const node &item : at.items()) {
+    bytes += field(item);
   }
   return bytes;
+}
+
+// [{"type": 2, "value": "00"}]: items with a head each, behind a head of their own.
+std::string tlv_array_bytes(const node &at) {
+  constexpr uint64_t most = std::numeric_limits<uint16>::max();
+  const std::vector<node> items = at.items();
+  if (items.size() > most) {
+    at.wrong("an array holds at most " + std::to_string(most) + " items");
+  }
+  std::string body;
+  for (const node &item : items) {
+    item.expect_object({"type", "value"});
+    const std::string value = bytes_of(item.member("value"), plain_field_bytes);
+    if (value.size() > most) {
+      item.member("value").wrong("a value has at most " + std::to_string(most) + " bytes");
+    }
+    const tlv_t head = {static_cast<uint16>(item.member("type").number(0, most)),
+                        static_cast<uint16>(value.size())};
+    body.append(reinterpret_cast<const char *>(&head), sizeof(head)).append(value);
+  }
+  const tlv_array_head head = {static_cast<uint32>(sizeof(head) + body.size()),
+                               static_cast<uint16>(items.size()), tlv_array_version};
+  return std::string(reinterpret_cast<const char *>(&head), sizeof(head)) + body;
+}
+
+std::string field_bytes(const node &at) {
+  const bool is_array = at.value().is_object() && at.value().size() == 1 && at.has("tlv_array");
+  return is_array ? tlv_array_bytes(at.member("tlv_array")) : plain_field_bytes(at);
 }
 
 // ---- The parts of a description ----------------------------------------------------------------
@@ -286,7 +328,8 @@ pss2_nonvol_params params_of(const node &at) {
 
 record_description record_of(const node &at, const pss2_nonvol_params &params) {
   at.expect_object({"key", "value"});
-  record_description record = {bytes_of(at.member("key")), bytes_of(at.member("value"))};
+  record_description record = {bytes_of(at.member("key"), field_bytes),
+                               bytes_of(at.member("value"), field_bytes)};
   if (record.key.size() > params.max_key_size) {
     at.wrong("the key has " + counted(record.key.size(), "byte") + "; at most " +
              std::to_string(params.max_key_size) + " are allowed");

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "lab/lab.h"
+#include "platform/tlv_array.h"
 #include "tag_tables.h"
 #include "text.h"
 #include "vrrp_records.h"
@@ -16,6 +17,15 @@ using field_list = std::vector<decoded_field>;
 
 // Takes the fields of a key or of a value; false when it is none of this kind.
 using field_reader = bool (*)(std::string_view bytes, field_list *fields);
+
+// Most significant byte first.
+uint32 network_number(std::string_view bytes) {
+  uint32 number = 0;
+  for (const char byte : bytes) {
+    number = number << 8 | static_cast<unsigned char>(byte);
+  }
+  return number;
+}
 
 // ---- Keys --------------------------------------------------------------------------------------
 
@@ -35,6 +45,38 @@ bool vdc_key(std::string_view key, field_list *fields) {
     fields->push_back({"vdc", *vdc, "vdc " + std::to_string(*vdc)});
   }
   return vdc.has_value();
+}
+
+// The forwarding index (LTL) of VDC 1 or another: its type, its number, its VDC.
+bool ltl_key(std::string_view key, field_list *fields) {
+  if (key.size() != 7 || key[0] != 0x36) {
+    return false;
+  }
+  const uint32 ltl = network_number(key.substr(1, 4));
+  const uint32 vdc = network_number(key.substr(5, 2));
+  fields->push_back({"ltl", ltl, "ltl 0x" + to_hex(key.substr(1, 4))});
+  fields->push_back({"vdc", vdc, "vdc " + std::to_string(vdc)});
+  return true;
+}
+
+// What is behind the type is the service's own.
+bool cache_key(std::string_view key, field_list *fields) {
+  if (key.size() != 7 || key[0] != 0x3A) {
+    return false;
+  }
+  const std::string rest = to_hex(key.substr(1));
+  fields->push_back({"cache_key", rest, "cache key " + rest});
+  return true;
+}
+
+// A record of an interface: type, subtype, the interface's index; more may follow.
+template <char type, char subtype> bool interface_key(std::string_view key, field_list *fields) {
+  if (key.size() < 6 || key[0] != type || key[1] != subtype) {
+    return false;
+  }
+  const std::string index = "0x" + to_hex(key.substr(2, 4));
+  fields->push_back({"interface", index, "interface " + index});
+  return true;
 }
 
 // ---- Values ------------------------------------------------------------------------------------
@@ -72,6 +114,63 @@ bool any_value(std::string_view, field_list *fields) {
   return true;
 }
 
+// Nothing of it is known.
+bool opaque(std::string_view, field_list *) {
+  return true;
+}
+
+// A callback record (type 2) whose fifth byte, its kind of LTL, says Q8.
+bool is_q8_item(uint16 type, std::string_view value) {
+  return type == 2 && value.size() > 4 && static_cast<unsigned char>(value[4]) == 253;
+}
+
+// What a TLV array holds, up to its end or to where it is cut.
+struct tlv_array_content {
+  nlohmann::json items = nlohmann::json::array();
+  std::string text;
+  bool q8 = false;
+  bool whole = false;
+};
+
+tlv_array_content content_of(const tlv_array_t *array) {
+  tlv_array_content found;
+  const uint32 count = tlv_array_get_num_tlvs(array, 1);
+  uint32 cursor = 0;
+  uint16 type = 0;
+  uint16 length = 0;
+  uint8 *value = nullptr;
+  for (uint32 at = 0; at < count; ++at) {
+    tlv_array_get_next_tlv(array, &type, &length, &value, 1, &cursor);
+    found.items.push_back({{"type", type}, {"length", length}});
+    append_word(found.text, "TLV " + std::to_string(type) + " of " + counted(length, "byte"), ", ");
+    found.q8 = found.q8 || is_q8_item(type, {reinterpret_cast<const char *>(value), length});
+  }
+  found.whole = tlv_array_get_next_tlv(array, &type, &length, &value, 1, &cursor) == SYSERR_TLV_END;
+  return found;
+}
+
+bool ltl_value(std::string_view value, field_list *fields) {
+  const auto *const array = reinterpret_cast<const tlv_array_t *>(value.data());
+  if (value.size() < TLV_ARRAY_HEADER_SIZE || tlv_array_size_get(array, 1) > value.size()) {
+    return false;
+  }
+  tlv_array_content content = content_of(array);
+  fields->push_back({"q8", content.q8, content.q8 ? "Q8 yes" : "Q8 no"});
+  fields->push_back({"tlvs", std::move(content.items), content.text});
+  return content.whole;
+}
+
+// A TLV in which byte 13 of the whole is the reason for the port's state.
+bool runtime_value(std::string_view value, field_list *fields) {
+  constexpr size_t reason_at = 13;
+  if (value.size() <= reason_at) {
+    return false;
+  }
+  const unsigned reason = static_cast<unsigned char>(value[reason_at]);
+  fields->push_back({"reason", reason, "reason " + std::to_string(reason)});
+  return true;
+}
+
 // ---- The kinds ---------------------------------------------------------------------------------
 
 // Stores of a name in any folder; or of a whole path, which starts with a slash, with a star at the
@@ -98,6 +197,13 @@ constexpr record_kind kinds[] = {
     {"ETH_PORT_SEC feature flag", "nonvolatile:", "eth_port_sec_saved_config", exactly<port_security_key>,    starts_with_flag},
     {"KPS feature flag",          "nonvolatile:", "kps_saved_config",         exactly<kps_key>,               any_value},
     {"conditional service",       "volatile:",    "cond_srv_config",          exactly<conditional_key>,       is_flag},
+    {"LTL record",                "nonvolatile:", "pixm_runtime_info",        ltl_key,                        ltl_value},
+    {"DUAG cache record",         "nonvolatile:", "pixm_runtime_info",        cache_key,                      opaque},
+    {"interface runtime info",    "nonvolatile:", "ethpm_runtime_info",       interface_key<0x33, 6>,         runtime_value},
+    {"interface config TLV",      "nonvolatile:", "ethpm_runtime_cfg",        interface_key<0x65, 20>,        opaque},
+    {"interface SI config TLV",   "nonvolatile:", "ethpm_runtime_cfg",        interface_key<0x65, 21>,        opaque},
+    {"interface config TLV",      "nonvolatile:", "ethpm_saved_config",       interface_key<0x65, 20>,        opaque},
+    {"interface SI config TLV",   "nonvolatile:", "ethpm_saved_config",       interface_key<0x65, 21>,        opaque},
 };
 // clang-format on
 

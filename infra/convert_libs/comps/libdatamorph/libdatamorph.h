@@ -14,6 +14,7 @@
 
 #include "platform/mts.h"
 #include "platform/pss.h"
+#include "platform/pss2.h"
 #include "platform/types.h"
 
 #ifdef __cplusplus
@@ -221,6 +222,101 @@ syserr_t kps_data_morph_startup(const char *path, const char *pkg_name, const ch
                                 const char *from_ver);
 syserr_t psec_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
                                  const char *from_ver);
+
+/* Global snapshot databases: volatile stores that survive a software change as flat files
+ * "DIRECTORY/NAME.snp" (NAME is what follows the last '/' of the database's URI). The meta table
+ * "globalpss_table", itself kept in such a file, has a record for each. */
+
+/* Register a database (again: its record is replaced) and write both files; unregister one. Store
+ * failures on the way are only traced; the status of a failed open, close or destroy, all bits set
+ * for a null argument or, when adding, a URI without '/'; else 0. */
+syserr_t datamorph_gsdb_add(const char *path, const char *gsdb_uri, uint32 mcast_node_info,
+                            uuid_t uuid, uint32_t vdcid);
+syserr_t datamorph_gsdb_delete(const char *path, const char *gsdb_uri);
+
+/* Their steps on an open store: the platform's status; all bits set for a null argument, 0x40480008
+ * for the deletion's handle 0. */
+syserr_t add_gsdb(pss2_service_t snp_hndl, const char *uri, uint32 mcast_node_info, uuid_t uuid,
+                  uint32_t vdcid);
+syserr_t delete_gsdb_table_entry(pss2_service_t snp_hndl, const char *uri);
+syserr_t datamorph_read_from_snapshot(pss2_service_t snp_hndl, const char *path, const char *pname);
+
+/* SVI: registers its database going up across "4.2(1)", unregisters it going down. All bits set for
+ * a null argument of the converter; else 0, whatever became of the database. */
+syserr_t svi_create_gsdb(const char *path);
+syserr_t svi_delete_gsdb(const char *path);
+syserr_t svi_data_morph_psshlpr_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                    const char *from_ver);
+
+/* A sample for service owners, in no table; always 0. */
+syserr_t foo_data_morph_psshlpr_upg(const char *path, const char *pkg_name, const char *to_ver,
+                                    const char *from_ver);
+
+/* Port index manager: downgrades below "4.1(2)" and "4.2(2)" renumber and remove forwarding-index
+ * records of "nonvolatile:PATH/pixm_runtime_info". All bits set for a null argument, else 0. */
+syserr_t pixm_data_morph_gsync(const char *path, const char *pkg_name, const char *to_ver,
+                               const char *from_ver);
+
+/* Ethernet port manager across "4.2(0)": port-state reasons of its runtime records are renumbered,
+ * its configuration TLV records deleted. All bits set for a null argument, else 0. */
+syserr_t ethpm_data_morph_gsync(const char *path, const char *pkg_name, const char *to_ver,
+                                const char *from_ver);
+syserr_t ethpm_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
+                                  const char *from_ver);
+
+typedef enum ethpm_issu_transition {
+  ETHPM_TR_NOCHANGE = 0,
+  ETHPM_TR_DOWNGRADE = 1,
+  ETHPM_TR_UPGRADE = 2
+} ethpm_issu_transition_t;
+
+typedef enum ethpm_pss_action {
+  ETHPM_PSS_NOCHANGE = 0,
+  ETHPM_PSS_UPDATE = 1,
+  ETHPM_PSS_DELETE = 2
+} ethpm_pss_action_t;
+
+/* The hooks of a change request. Datums belong to whoever calls; those that a value change hands
+ * back are either the ones that it was given or copies, which the caller then frees (the bytes and
+ * the datum). */
+typedef bool (*ethpm_fn_is_ver_chk)(const char *to_ver, const char *from_ver,
+                                    ethpm_issu_transition_t *transition,
+                                    ethpm_pss_action_t *pss_action);
+typedef bool (*ethpm_fn_is_pss_key_found)(const pss_datum_t *p_key, void *if_index, uint32 *len);
+typedef bool (*ethpm_fn_change_pss_value)(const pss_datum_t *p_key, const pss_datum_t *p_data,
+                                          pss_datum_t **p_wkey, pss_datum_t **p_wdatum);
+typedef void (*ethpm_fn_write_pss_value)(const pss_datum_t *p_key, const pss_datum_t *p_datum);
+
+/* A change that a store's records need. */
+typedef struct ethpm_pss_type {
+  char change_request_name[255];
+  bool b_version_chk; /* the version check has accepted it once; never cleared */
+  ethpm_issu_transition_t transition;
+  ethpm_pss_action_t pss_action;
+  ethpm_fn_is_ver_chk ethpm_fn_ver_chk;
+  ethpm_fn_is_pss_key_found ethpm_is_pss_key_found;
+  ethpm_fn_change_pss_value ethpm_change_pss_value;
+  ethpm_fn_write_pss_value ethpm_write_pss_value;
+} ethpm_pss_type_t;
+
+/* A store and the changes that are applied to it. */
+typedef struct ethpm_pss_change_list_info {
+  char pss_name[64];
+  ethpm_pss_type_t *pss_list_type;
+  size_t pss_list_len;
+} ethpm_pss_change_list_info_t;
+
+extern ethpm_pss_type_t ethpm_convert_runtime_pss_list[1];
+extern ethpm_pss_type_t ethpm_convert_config_tlv_pss_list[1];
+
+/* The new number of each port-state reason; all zero until they are filled. */
+extern uint32 upgrade_port_state_reason_table[256];
+extern uint32 downgrade_port_state_reason_table[256];
+void ethpm_init_port_state_reason_tables(void);
+
+/* The transition and the action of the change that is being applied; 0 before the first one. */
+ethpm_issu_transition_t ethpm_get_issu_transition(void);
+ethpm_pss_action_t ethpm_get_pss_action(void);
 
 /* VRRP across release "4.2(1)": the manager (mgr) and the engine (eng) hand their records over in a
  * temporary store. Each routine of the table decides from the releases whether it has anything to

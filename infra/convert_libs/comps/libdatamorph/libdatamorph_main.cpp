@@ -28,10 +28,9 @@
 
 // Global synchronisation between the supervisors.
 const data_morph_gsync data_morph_gsync_table[] = {
-    {SRVUUID_PSS_HELPER, psshlpr_data_morph_gsync},
-    {SRVUUID_IKE, ike_data_morph_gsync},
-    {SRVUUID_AIC_DBG, cond_srv1_data_morph_gsync},
-    {SRVUUID_NONE, nullptr},
+    {SRVUUID_PSS_HELPER, psshlpr_data_morph_gsync}, {SRVUUID_IKE, ike_data_morph_gsync},
+    {SRVUUID_AIC_DBG, cond_srv1_data_morph_gsync},  {SRVUUID_PIXM, pixm_data_morph_gsync},
+    {SRVUUID_TEST_ETHPM, ethpm_data_morph_gsync},   {SRVUUID_NONE, nullptr},
 };
 
 // Conversion of the startup configuration. The VRRP rows are nested: going up, the manager hands
@@ -40,6 +39,7 @@ const data_morph_startup data_morph_startup_table[] = {
     {SRVUUID_IKE, ike_data_morph_startup},
     {SRVUUID_KPS, kps_data_morph_startup},
     {SRVUUID_DOT1X, dot1x_data_morph_startup},
+    {SRVUUID_TEST_ETHPM, ethpm_data_morph_startup},
     {SRVUUID_VRRP_MGR, vrrp_mgr_data_morph_startup_for_upgrade},
     {SRVUUID_VRRP_ENG, vrrp_eng_data_morph_startup_for_upgrade},
     {SRVUUID_VRRP_ENG, vrrp_eng_data_morph_startup_for_downgrade},
@@ -64,6 +64,7 @@ const data_morph_running_fs_upg data_morph_running_fs_upg_table[] = {
 
 // Upgrades of the PSS helper's databases, run by psshlpr_data_morph_gsync.
 const data_morph_psshlpr_upg data_morph_psshlpr_upg_table[] = {
+    {SRVUUID_SVI, svi_data_morph_psshlpr_upg},
     {SRVUUID_NONE, nullptr},
 };
 
@@ -367,6 +368,14 @@ void write_time_prefix(FILE *log) {
   fprintf(log, "<%.24s> ", text != nullptr ? text : "");
 }
 
+// Ends a line of the log: it is on disk when this returns.
+void close_log(FILE *log) {
+  fflush(log);
+  fsync(fileno(log));
+  fclose(log);
+  check_data_morph_log_size();
+}
+
 __attribute__((format(printf, 1, 0))) void datamorph_vtrace(const char *format, va_list args) {
   const int saved_errno = errno;
   va_list log_args;
@@ -375,10 +384,7 @@ __attribute__((format(printf, 1, 0))) void datamorph_vtrace(const char *format, 
   if (FILE *log = open_debug_log(); log != nullptr) {
     write_time_prefix(log);
     vfprintf(log, format, log_args);
-    fflush(log);
-    fsync(fileno(log));
-    fclose(log);
-    check_data_morph_log_size();
+    close_log(log);
   }
   va_end(log_args);
   errno = saved_errno;
@@ -391,6 +397,17 @@ void datamorph_trace(const char *format, ...) {
   va_start(args, format);
   datamorph_vtrace(format, args);
   va_end(args);
+}
+
+void datamorph_trace_line_apart(const char *text) {
+  const int saved_errno = errno;
+  fprintf(stderr, "%s\n", text);
+  if (FILE *log = open_debug_log(); log != nullptr) {
+    write_time_prefix(log);
+    fputs(text, log);
+    close_log(log);
+  }
+  errno = saved_errno;
 }
 
 FILE *open_debug_log(void) {

@@ -13,6 +13,9 @@
 
 void datamorph_trace(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+// The same for a text that gets a line end on standard error, and none in the log.
+void datamorph_trace_line_apart(const char *text);
+
 // A string for a message: null reads "(null)".
 inline const char *datamorph_text(const char *text) {
   return text != nullptr ? text : "(null)";

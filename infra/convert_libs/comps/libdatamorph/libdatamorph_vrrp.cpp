@@ -1,6 +1,7 @@
 // What the VRRP manager's and the VRRP engine's conversions have in common: libdatamorph_vrrp.h.
 
 #include "libdatamorph_vrrp.h"
+#include "libdatamorph_walk.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -52,44 +53,6 @@ bool is_acceptable(syserr_t status) {
   return status == SYSERR_SUCCESS || status == SYSERR_PSS_NOT_FOUND;
 }
 
-// A key kept beyond the call that gave it. Keys of the usual sizes need no memory of their own.
-class kept_key {
-public:
-  kept_key() = default;
-  ~kept_key() { free(large_); }
-  kept_key(const kept_key &) = delete;
-  kept_key &operator=(const kept_key &) = delete;
-
-  // False when there is no memory for it.
-  bool keep(const pss_datum_t &key) {
-    if (key.siz > capacity_) {
-      auto *larger = static_cast<uint8 *>(realloc(large_, key.siz));
-      if (larger == nullptr) {
-        return false;
-      }
-      large_ = larger;
-      capacity_ = key.siz;
-    }
-    size_ = key.siz;
-    memcpy(bytes(), key.ptr, size_);
-    return true;
-  }
-
-  // In the order of keys: a prefix comes before its extensions.
-  bool is_before(const pss_datum_t &key) {
-    const int order = memcmp(bytes(), key.ptr, std::min(size_, key.siz));
-    return order != 0 ? order < 0 : size_ < key.siz;
-  }
-
-private:
-  uint8 *bytes() { return large_ != nullptr ? large_ : small_; }
-
-  uint8 small_[64] = {};
-  uint8 *large_ = nullptr;
-  uint32 capacity_ = sizeof small_;
-  uint32 size_ = 0;
-};
-
 // The keys of a table from the first of a key type on, in order. Ends as well at a key that does
 // not come after the one before, so that it ends whatever the store answers.
 class key_walk {
@@ -127,7 +90,7 @@ private:
   bool started_ = false;
   bool matches_ = false;
   int32 failure_ = 0;
-  kept_key last_;
+  datamorph_kept_key last_;
 };
 
 // How much of a value must be there, so that the slots hold no key fields that nobody stored.

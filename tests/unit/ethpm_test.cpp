@@ -1,0 +1,652 @@
+// The port manager: tables of port-state reasons, converters, hooks, and the walk over a store.
+
+#include "libdatamorph_ethpm.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "libdatamorph_private.h"
+#include "support/library_fixture.h"
+
+namespace {
+
+constexpr char k_info[] = "nonvolatile:/cfg/ethpm_runtime_info";
+constexpr char k_cfg[] = "nonvolatile:/cfg/ethpm_runtime_cfg";
+constexpr char k_saved[] = "nonvolatile:/cfg/bin/ethpm_saved_config";
+
+// What each of the 256 reasons becomes.
+constexpr uint32 k_up[256] = {
+    0,   1,   2,   3,   4,   5,   6,   7,   8,   9,   10,  11,  12,  13,  14,  15,  //
+    16,  17,  18,  19,  20,  21,  22,  23,  24,  25,  26,  27,  28,  29,  30,  31,  //
+    32,  33,  34,  35,  36,  37,  38,  39,  40,  41,  42,  43,  44,  45,  46,  47,  //
+    48,  49,  50,  51,  52,  53,  54,  55,  56,  57,  58,  59,  60,  61,  62,  63,  //
+    64,  65,  66,  67,  68,  69,  70,  71,  72,  73,  74,  75,  76,  77,  78,  79,  //
+    80,  81,  82,  83,  84,  85,  86,  87,  88,  89,  90,  91,  92,  93,  94,  95,  //
+    96,  97,  98,  99,  100, 101, 102, 103, 104, 105, 106, 107, 108, 109, 110, 111, //
+    112, 113, 114, 115, 116, 117, 118, 119, 120, 121, 122, 123, 143, 144, 145, 146, //
+    125, 126, 127, 128, 129, 130, 131, 132, 133, 134, 135, 136, 137, 138, 147, 148, //
+    149, 145, 151, 152, 153, 154, 155, 156, 157, 158, 159, 160, 161, 162, 163, 164, //
+    165, 166, 124, 139, 140, 141, 220, 167, 168, 169, 170, 171, 172, 173, 174, 175, //
+    176, 177, 178, 179, 180, 181, 182, 183, 184, 185, 186, 187, 188, 189, 190, 191, //
+    192, 193, 194, 195, 196, 197, 198, 199, 200, 201, 202, 203, 204, 205, 206, 207, //
+    208, 209, 210, 211, 212, 213, 214, 215, 216, 217, 218, 219, 220, 221, 222, 223, //
+    224, 225, 226, 227, 228, 229, 230, 231, 232, 233, 234, 235, 236, 237, 238, 239, //
+    240, 241, 242, 243, 244, 245, 246, 247, 248, 249, 250, 251, 252, 253, 254, 255,
+};
+constexpr uint32 k_down[256] = {
+    0,   1,   2,   3,   4,   5,   6,   7,   8,   9,   10,  11,  12,  13,  14,  15,  //
+    16,  17,  18,  19,  20,  21,  22,  23,  24,  25,  26,  27,  28,  29,  30,  31,  //
+    32,  33,  34,  35,  36,  37,  38,  39,  40,  41,  42,  43,  44,  45,  46,  47,  //
+    48,  49,  50,  51,  52,  53,  54,  55,  56,  57,  58,  59,  60,  61,  62,  63,  //
+    64,  65,  66,  67,  68,  69,  70,  71,  72,  73,  74,  75,  76,  77,  78,  79,  //
+    80,  81,  82,  83,  84,  85,  86,  87,  88,  89,  90,  91,  92,  93,  94,  95,  //
+    96,  97,  98,  99,  100, 101, 102, 103, 104, 105, 106, 107, 108, 109, 110, 111, //
+    112, 113, 114, 115, 116, 117, 118, 119, 120, 121, 122, 123, 162, 128, 129, 130, //
+    131, 132, 133, 134, 135, 136, 137, 138, 139, 140, 141, 163, 164, 165, 142, 124, //
+    125, 126, 127, 142, 143, 144, 150, 146, 147, 148, 149, 150, 151, 152, 153, 154, //
+    155, 156, 157, 158, 159, 160, 161, 167, 168, 169, 170, 171, 172, 173, 174, 175, //
+    176, 177, 178, 179, 180, 181, 182, 183, 184, 185, 186, 187, 188, 189, 190, 191, //
+    192, 193, 194, 195, 196, 197, 198, 199, 200, 201, 202, 203, 204, 205, 206, 207, //
+    208, 209, 210, 211, 212, 213, 214, 215, 216, 217, 218, 219, 166, 221, 222, 223, //
+    224, 225, 226, 227, 228, 229, 230, 231, 232, 233, 234, 235, 236, 237, 238, 239, //
+    240, 241, 242, 243, 244, 245, 246, 247, 248, 249, 250, 251, 252, 253, 254, 255,
+};
+
+// As the process started: nothing marked, no table filled.
+void forget_process() {
+  for (ethpm_pss_type_t *request :
+       {ethpm_convert_runtime_pss_list, ethpm_convert_config_tlv_pss_list}) {
+    request->b_version_chk = false;
+    request->transition = ETHPM_TR_NOCHANGE;
+    request->pss_action = ETHPM_PSS_NOCHANGE;
+  }
+  std::memset(upgrade_port_state_reason_table, 0, sizeof upgrade_port_state_reason_table);
+  std::memset(downgrade_port_state_reason_table, 0, sizeof downgrade_port_state_reason_table);
+}
+
+class ethpm_test : public library_fixture {
+protected:
+  using records_t = platform_double::records_t;
+
+  void SetUp() override {
+    library_fixture::SetUp();
+    forget_process();
+  }
+
+  lines_t gsync(const char *to, const char *from) {
+    return traced([&] { EXPECT_EQ(0u, ethpm_data_morph_gsync("/cfg", "system", to, from)); });
+  }
+  lines_t startup(const char *to, const char *from) {
+    return traced([&] { EXPECT_EQ(0u, ethpm_data_morph_startup("/cfg", "system", to, from)); });
+  }
+
+  static std::string runtime_key(uint8 interface) {
+    return bytes("33 06 1a 00 00") + std::string(1, static_cast<char>(interface));
+  }
+  static std::string config_key(uint8 interface, const std::string &subtype = "14") {
+    return bytes("65 " + subtype + " 1a 00 00") + std::string(1, static_cast<char>(interface));
+  }
+  // A runtime record: a TLV head, nine bytes, the reason, and more.
+  static std::string runtime(uint32 reason) {
+    return bytes("01 00 10 00") + "ninebytes" + std::string(1, static_cast<char>(reason)) + "rest";
+  }
+};
+
+// ---- Tables
+
+TEST_F(ethpm_test, tables_are_filled_when_they_are_asked_for) {
+  for (const uint32 *table : {upgrade_port_state_reason_table, downgrade_port_state_reason_table}) {
+    EXPECT_EQ(256, std::count(table, table + 256, 0u));
+  }
+  ethpm_init_port_state_reason_tables();
+  for (int reason = 0; reason < 256; ++reason) {
+    EXPECT_EQ(k_up[reason], upgrade_port_state_reason_table[reason]) << reason;
+    EXPECT_EQ(k_down[reason], downgrade_port_state_reason_table[reason]) << reason;
+  }
+  ethpm_init_port_state_reason_tables(); // again: the same
+  EXPECT_TRUE(std::equal(k_up, k_up + 256, upgrade_port_state_reason_table));
+}
+
+TEST_F(ethpm_test, the_tables_are_no_exact_inverses) {
+  ethpm_init_port_state_reason_tables();
+  EXPECT_EQ(145u, upgrade_port_state_reason_table[145]);
+  EXPECT_EQ(126u, downgrade_port_state_reason_table[145]);
+  EXPECT_EQ(220u, upgrade_port_state_reason_table[220]);
+  EXPECT_EQ(166u, downgrade_port_state_reason_table[220]);
+  EXPECT_EQ(142u, downgrade_port_state_reason_table[142]);
+  EXPECT_EQ(150u, downgrade_port_state_reason_table[150]);
+}
+
+TEST_F(ethpm_test, every_reason_through_a_store) {
+  for (const bool up : {true, false}) {
+    records_t before;
+    records_t after;
+    for (uint32 reason = 0; reason < 256; ++reason) {
+      const auto interface = static_cast<uint8>(reason);
+      before[runtime_key(interface)] = runtime(reason);
+      after[runtime_key(interface)] = runtime(up ? k_up[reason] : k_down[reason]);
+    }
+    platform.set_store(k_info, before);
+    platform.clear();
+    up ? gsync("4.2(2)", "4.1(3)") : gsync("4.1(3)", "4.2(2)");
+    EXPECT_EQ(after, platform.records(k_info));
+    const auto same = [](const records_t &records) {
+      return std::count_if(records.begin(), records.end(),
+                           [](const auto &record) { return record.first[5] == record.second[13]; });
+    };
+    // what does not change is not written
+    EXPECT_EQ(256u - static_cast<size_t>(same(after)), platform.calls("pss2_store").size());
+    forget_process();
+  }
+}
+
+// ---- Converters
+
+TEST_F(ethpm_test, an_upgrade_of_both_stores) {
+  platform.set_store(k_info, {{runtime_key(1), runtime(124)}, {bytes("33 07 1a 00 00 01"), "x"}});
+  platform.set_store(k_cfg, {{config_key(1), "a"}, {config_key(2, "15"), "b"}, {"other", "c"}});
+  EXPECT_EQ(
+      lines_t(
+          {"Ethpm pss uri: nonvolatile:/cfg/ethpm_runtime_info\n", "Ethpm: Begin PSS conversion \n",
+           "Fixing port state reasons for versions (from:4.1(3), to;4.2(2))\n",
+           "Change Request :Port state reason modification,  b_version_chk:1, transition:2 "
+           "pss_action : 1 (from:4.1(3), to;4.2(2))\n",
+           "Ethpm: End PSS conversion \n", "Ethpm pss uri: nonvolatile:/cfg/ethpm_runtime_cfg\n",
+           "Ethpm: Begin PSS conversion \n", "ETHPM:From version - 1 and To version - -1 \n",
+           "Change Request :Delete config tlv pss key,  b_version_chk:1, transition:2 "
+           "pss_action : 2 (from:4.1(3), to;4.2(2))\n",
+           "Ethpm: End PSS conversion \n"}),
+      gsync("4.2(2)", "4.1(3)"));
+  EXPECT_EQ(records_t({{runtime_key(1), runtime(143)}, {bytes("33 07 1a 00 00 01"), "x"}}),
+            platform.records(k_info));
+  EXPECT_EQ(records_t({{"other", "c"}}), platform.records(k_cfg));
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
+TEST_F(ethpm_test, the_calls_of_a_renumbering_and_of_a_deletion) {
+  platform.set_store(k_info, {{bytes("33 06 1a 00 00 01"), runtime(124)}, {"other", "x"}});
+  platform.set_store(k_cfg, {{config_key(1), "a"}, {config_key(2), "b"}});
+  gsync("4.2(2)", "4.1(3)");
+  EXPECT_EQ(lines_t({"pss2_open(\"nonvolatile:/cfg/ethpm_runtime_info\", 0x3, 0, 0, 0)",
+                     "pss2_move2location([1], PSS_FIRST_KEY)", "pss2_getkey(1)", "pss2_getvalue(1)",
+                     "pss2_store(1, 33061a000001, 010010006e696e6562797465738f72657374)",
+                     "pss2_move2location([1], PSS_NEXT_KEY)", "pss2_getkey(1)",
+                     "pss2_move2location([1], PSS_NEXT_KEY)", "pss2_close(1)",
+                     "pss2_open(\"nonvolatile:/cfg/ethpm_runtime_cfg\", 0x3, 0, 0, 0)",
+                     "pss2_move2location([2], PSS_FIRST_KEY)", "pss2_getkey(2)", "pss2_getvalue(2)",
+                     "pss2_delete(2, 65141a000001, 1)", "pss2_getkey(2)", "pss2_getvalue(2)",
+                     "pss2_delete(2, 65141a000002, 1)", "pss2_getkey(2)", "pss2_close(2)"}),
+            platform.calls());
+}
+
+TEST_F(ethpm_test, a_startup_conversion) {
+  platform.set_store(k_saved, {{config_key(1), "a"}, {runtime_key(1), runtime(124)}});
+  EXPECT_EQ(
+      lines_t({"Ethpm - Path - /cfg \n", "Ethpm pss uri: nonvolatile:/cfg/bin/ethpm_saved_config\n",
+               "ETHPM:From version - -1 and To version - 1 \n",
+               "Change Request :Delete config tlv pss key,  b_version_chk:1, transition:1 "
+               "pss_action : 2 (from:5.0(2), to;4.1(5))\n"}),
+      startup("4.1(5)", "5.0(2)"));
+  EXPECT_EQ(records_t({{runtime_key(1), runtime(124)}}), platform.records(k_saved));
+  EXPECT_EQ(0u, upgrade_port_state_reason_table[255]); // the tables are not filled
+}
+
+TEST_F(ethpm_test, the_same_release) {
+  platform.set_store(k_info, {{runtime_key(1), runtime(124)}});
+  platform.set_store(k_cfg, {{config_key(1), "a"}});
+  EXPECT_EQ(
+      lines_t(
+          {"Ethpm pss uri: nonvolatile:/cfg/ethpm_runtime_info\n", "Ethpm: Begin PSS conversion \n",
+           "Change Request :Port state reason modification,  b_version_chk:0, transition:0 "
+           "pss_action : 0 (from:4.2(2), to;4.2(2))\n",
+           "Nothing to fix for versions (from:4.2(2), to;4.2(2))\n", "Ethpm: End PSS conversion \n",
+           "Ethpm pss uri: nonvolatile:/cfg/ethpm_runtime_cfg\n", "Ethpm: Begin PSS conversion \n",
+           "Change Request :Delete config tlv pss key,  b_version_chk:0, transition:0 "
+           "pss_action : 0 (from:4.2(2), to;4.2(2))\n",
+           "Nothing to fix for versions (from:4.2(2), to;4.2(2))\n",
+           "Ethpm: End PSS conversion \n"}),
+      gsync("4.2(2)", "4.2(2)"));
+  EXPECT_EQ(
+      lines_t({"pss2_open(\"nonvolatile:/cfg/ethpm_runtime_info\", 0x3, 0, 0, 0)", "pss2_close(1)",
+               "pss2_open(\"nonvolatile:/cfg/ethpm_runtime_cfg\", 0x3, 0, 0, 0)", "pss2_close(2)"}),
+      platform.calls());
+}
+
+TEST_F(ethpm_test, which_changes_are_accepted) {
+  const struct {
+    const char *from;
+    const char *to;
+    const char *reasons; // transition and action
+    const char *config;
+  } rows[] = {
+      {"4.1(3)", "4.2(2)", "2 pss_action : 1", "2 pss_action : 2"},
+      {"4.1(3)", "4.2(0)", "2 pss_action : 1", "2 pss_action : 2"},
+      {"4.2(0)", "4.1(3)", "1 pss_action : 1", "1 pss_action : 2"},
+      {"5.0(1)", "4.1(9)", "1 pss_action : 1", "1 pss_action : 2"},
+      {"4.2(2)", "4.2(3)", "0 pss_action : 0", "0 pss_action : 0"},
+      {"4.2(3)", "4.2(0)", "0 pss_action : 0", "0 pss_action : 0"},
+      {"4.1(2)", "4.1(5)", "0 pss_action : 0", "0 pss_action : 0"},
+      {"4.1(5)", "4.0(1)", "0 pss_action : 0", "0 pss_action : 0"},
+      {"", "4.2(0)", "2 pss_action : 1", "2 pss_action : 2"},
+  };
+  for (const auto &row : rows) {
+    forget_process();
+    platform.set_store(k_info);
+    platform.set_store(k_cfg);
+    std::string all;
+    for (const std::string &line : gsync(row.to, row.from)) {
+      all += line;
+    }
+    EXPECT_NE(std::string::npos,
+              all.find(std::string("modification,  b_version_chk:") +
+                       (row.reasons[0] == '0' ? "0" : "1") + ", transition:" + row.reasons))
+        << all;
+    EXPECT_NE(std::string::npos,
+              all.find(std::string("tlv pss key,  b_version_chk:") +
+                       (row.config[0] == '0' ? "0" : "1") + ", transition:" + row.config))
+        << all;
+  }
+}
+
+TEST_F(ethpm_test, missing_and_empty_stores) {
+  lines_t lines = gsync("4.2(2)", "4.1(3)");
+  EXPECT_EQ(lines_t({"Ethpm pss uri: nonvolatile:/cfg/ethpm_runtime_info\n",
+                     "Ethpm: Begin PSS conversion \n",
+                     "pss uri: nonvolatile:/cfg/ethpm_runtime_info does not exist 0x40480002\n",
+                     "Ethpm: End PSS conversion \n",
+                     "Ethpm pss uri: nonvolatile:/cfg/ethpm_runtime_cfg\n",
+                     "Ethpm: Begin PSS conversion \n",
+                     "pss uri: nonvolatile:/cfg/ethpm_runtime_cfg does not exist 0x40480002\n",
+                     "Ethpm: End PSS conversion \n"}),
+            lines);
+  platform.set_store(k_saved);
+  lines = startup("4.2(2)", "4.1(3)");
+  EXPECT_EQ("Could not find the first key in the runtime info pss:0x0, 0x40480003\n", lines.back());
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
+TEST_F(ethpm_test, null_arguments) {
+  for (int null = 0; null < 4; ++null) {
+    const char *given[] = {"/cfg", "system", "4.2(2)", "4.1(3)"};
+    given[null] = nullptr;
+    for (const auto converter : {ethpm_data_morph_gsync, ethpm_data_morph_startup}) {
+      EXPECT_EQ(lines_t({"Invalid arguments\n"}), traced([&] {
+                  EXPECT_EQ(0xFFFFFFFFu, converter(given[0], given[1], given[2], given[3]));
+                }));
+    }
+  }
+  EXPECT_TRUE(platform.calls().empty());
+  EXPECT_EQ(0u, upgrade_port_state_reason_table[255]);
+}
+
+TEST_F(ethpm_test, uris_are_cut_at_255_characters) {
+  const std::string path(4000, 'p');
+  traced([&] {
+    EXPECT_EQ(0u, ethpm_data_morph_gsync(path.c_str(), "s", "4.2(2)", "4.1(3)"));
+    EXPECT_EQ(0u, ethpm_data_morph_startup(path.c_str(), "s", "4.2(2)", "4.1(3)"));
+  });
+  const std::string open = "pss2_open(\"nonvolatile:" + std::string(243, 'p') + "\", 0x3, 0, 0, 0)";
+  EXPECT_EQ(lines_t({open, open, open}), platform.calls());
+}
+
+// ---- Records
+
+TEST_F(ethpm_test, runs_of_records_to_delete) {
+  const std::string other = bytes("65 16 1a 00 00 09"); // of another subtype
+  for (unsigned which = 0; which < 64; ++which) {
+    forget_process();
+    platform.reset();
+    records_t before;
+    records_t after;
+    for (uint8 i = 0; i < 6; ++i) {
+      const bool goes = (which >> i & 1) != 0;
+      const std::string key = goes ? config_key(i, i % 2 == 0 ? "14" : "15")
+                                   : bytes("64 14 1a 00 00") + std::string(1, static_cast<char>(i));
+      before[key] = "v";
+      if (!goes) {
+        after[key] = "v";
+      }
+    }
+    before[other] = after[other] = "stays";
+    platform.set_store(k_cfg, before);
+    gsync("4.2(2)", "4.1(3)");
+    EXPECT_EQ(after, platform.records(k_cfg)) << which;
+  }
+}
+
+TEST_F(ethpm_test, runtime_values_and_keys_of_other_lengths) {
+  const std::string good = runtime(124);
+  const records_t before = {
+      {bytes("33 06 1a 00 00 01"), good.substr(0, 13)}, // one byte short of the reason
+      {bytes("33 06 1a 00 00 02"), ""},
+      {bytes("33 06 1a 00 00 03"), good.substr(0, 14)}, // just the reason
+      {bytes("33 06 1a 00 00"), good},                  // a key one byte short
+      {bytes("33"), good},
+      {bytes("33 06"), good},
+      {bytes("33 06 1a 00 00 04 05"), good}, // a longer key counts
+      {"", good},
+      {bytes("65 14 1a 00 00 01"), good}, // another type
+  };
+  platform.set_store(k_info, before);
+  gsync("4.2(2)", "4.1(3)");
+  records_t after = before;
+  after[bytes("33 06 1a 00 00 03")] = runtime(143).substr(0, 14);
+  after[bytes("33 06 1a 00 00 04 05")] = runtime(143);
+  EXPECT_EQ(after, platform.records(k_info));
+  EXPECT_EQ(2u, platform.calls("pss2_store").size());
+}
+
+TEST_F(ethpm_test, config_keys_that_are_too_short_stay) {
+  const records_t before = {{bytes("65 14 1a 00 00"), "a"}, {bytes("65"), "b"}, {"", "c"}};
+  platform.set_store(k_cfg, before);
+  gsync("4.2(2)", "4.1(3)");
+  EXPECT_EQ(before, platform.records(k_cfg));
+}
+
+// ---- Hooks
+
+TEST_F(ethpm_test, key_matchers) {
+  const struct {
+    const char *key;
+    bool runtime;
+    bool config;
+    uint32 interface; // 7: left alone
+  } rows[] = {
+      {"33 06 1a 2b 3c 4d", true, false, 0x1a2b3c4d},
+      {"33 05 1a 2b 3c 4d", false, false, 0x1a2b3c4d},
+      {"33 07 00 00 00 01", false, false, 1},
+      {"65 14 1a 2b 3c 4d", false, true, 0x1a2b3c4d},
+      {"65 15 1a 2b 3c 4d", false, true, 0x1a2b3c4d},
+      {"65 16 1a 2b 3c 4d", false, false, 0x1a2b3c4d},
+      {"65 13 1a 2b 3c 4d", false, false, 0x1a2b3c4d},
+      {"34 06 1a 2b 3c 4d", false, false, 7},
+      {"65 14 1a 2b 3c", false, false, 7},
+      {"", false, false, 7},
+  };
+  for (const auto &row : rows) {
+    std::string text = bytes(row.key);
+    const pss_datum_t key = {text.data(), static_cast<uint32>(text.size())};
+    uint32 interface = 7;
+    uint32 length = 9;
+    const bool of_runtime = row.key[0] == '3';
+    for (const auto &[list, accepts] : {std::pair(ethpm_convert_runtime_pss_list, row.runtime),
+                                        std::pair(ethpm_convert_config_tlv_pss_list, row.config)}) {
+      interface = 7;
+      length = 9;
+      EXPECT_EQ(accepts, list->ethpm_is_pss_key_found(&key, &interface, &length)) << row.key;
+      EXPECT_EQ(accepts ? 4u : 9u, length);
+      const bool its_type = (list == ethpm_convert_runtime_pss_list) == of_runtime;
+      EXPECT_EQ(its_type ? row.interface : 7u, interface) << row.key;
+    }
+  }
+}
+
+TEST_F(ethpm_test, the_lists_as_they_start) {
+  EXPECT_STREQ("Port state reason modification",
+               ethpm_convert_runtime_pss_list[0].change_request_name);
+  EXPECT_STREQ("Delete config tlv pss key",
+               ethpm_convert_config_tlv_pss_list[0].change_request_name);
+  EXPECT_EQ(255u, sizeof ethpm_convert_runtime_pss_list[0].change_request_name);
+  EXPECT_EQ(64u, sizeof(ethpm_pss_change_list_info_t::pss_name));
+  EXPECT_EQ(0, ETHPM_TR_NOCHANGE);
+  EXPECT_EQ(1, ETHPM_TR_DOWNGRADE);
+  EXPECT_EQ(2, ETHPM_TR_UPGRADE);
+  EXPECT_EQ(0, ETHPM_PSS_NOCHANGE);
+  EXPECT_EQ(1, ETHPM_PSS_UPDATE);
+  EXPECT_EQ(2, ETHPM_PSS_DELETE);
+}
+
+TEST_F(ethpm_test, hooks_called_with_nulls) {
+  const pss_datum_t datum = {nullptr, 6};
+  uint32 number = 0;
+  pss_datum_t *out = nullptr;
+  ethpm_issu_transition_t transition = ETHPM_TR_NOCHANGE;
+  ethpm_pss_action_t action = ETHPM_PSS_NOCHANGE;
+  char bytes_of_key[] = "3\6abcd";
+  const pss_datum_t key = {bytes_of_key, 6};
+  for (const ethpm_pss_type_t *list :
+       {ethpm_convert_runtime_pss_list, ethpm_convert_config_tlv_pss_list}) {
+    EXPECT_EQ(lines_t(), traced([&] {
+                EXPECT_FALSE(list->ethpm_fn_ver_chk(nullptr, "4.1(1)", &transition, &action));
+                EXPECT_FALSE(list->ethpm_fn_ver_chk("4.2(1)", nullptr, &transition, &action));
+                EXPECT_FALSE(list->ethpm_fn_ver_chk("4.2(1)", "4.1(1)", nullptr, &action));
+                EXPECT_FALSE(list->ethpm_fn_ver_chk("4.2(1)", "4.1(1)", &transition, nullptr));
+              }));
+    EXPECT_FALSE(list->ethpm_is_pss_key_found(nullptr, &number, &number));
+    EXPECT_FALSE(list->ethpm_is_pss_key_found(&datum, &number, &number));
+    EXPECT_FALSE(list->ethpm_is_pss_key_found(&key, nullptr, &number));
+    EXPECT_FALSE(list->ethpm_is_pss_key_found(&key, &number, nullptr));
+    EXPECT_FALSE(list->ethpm_change_pss_value(nullptr, &key, &out, &out));
+    EXPECT_FALSE(list->ethpm_change_pss_value(&key, nullptr, &out, &out));
+    EXPECT_FALSE(list->ethpm_change_pss_value(&key, &key, nullptr, &out));
+    EXPECT_FALSE(list->ethpm_change_pss_value(&key, &key, &out, nullptr));
+    list->ethpm_write_pss_value(nullptr, nullptr);
+  }
+  ethpm_convert_runtime_pss_list[0].ethpm_write_pss_value(&key, nullptr);
+  EXPECT_TRUE(platform.calls().empty());
+}
+
+TEST_F(ethpm_test, without_a_transition_the_copies_are_as_they_were) {
+  std::string key_text = runtime_key(1);
+  for (std::string text : {runtime(124), std::string("short"), std::string()}) {
+    const pss_datum_t key = {key_text.data(), 6};
+    const pss_datum_t value = {text.data(), static_cast<uint32>(text.size())};
+    pss_datum_t *wkey = nullptr;
+    pss_datum_t *wvalue = nullptr;
+    ASSERT_TRUE(
+        ethpm_convert_runtime_pss_list[0].ethpm_change_pss_value(&key, &value, &wkey, &wvalue));
+    EXPECT_NE(&key, wkey);
+    EXPECT_NE(key.ptr, wkey->ptr);
+    EXPECT_EQ(key_text, std::string(static_cast<char *>(wkey->ptr), wkey->siz));
+    EXPECT_EQ(text, std::string(static_cast<char *>(wvalue->ptr), wvalue->siz));
+    for (pss_datum_t *copy : {wkey, wvalue}) {
+      std::free(copy->ptr);
+      std::free(copy);
+    }
+  }
+}
+
+// ---- The walk
+
+class ethpm_walk_test : public ethpm_test {
+protected:
+  lines_t walk(ethpm_pss_type_t *list, size_t length, const char *to = "4.2(2)",
+               const char *from = "4.1(3)") {
+    return traced([&] { ethpm_update_pss_list(to, from, k_cfg, list, length); });
+  }
+};
+
+// Hooks of a test's own requests.
+bool accept_update(const char *, const char *, ethpm_issu_transition_t *transition,
+                   ethpm_pss_action_t *action) {
+  EXPECT_EQ(ETHPM_TR_NOCHANGE, *transition);
+  EXPECT_EQ(ETHPM_PSS_NOCHANGE, *action);
+  *transition = ETHPM_TR_UPGRADE;
+  *action = ETHPM_PSS_UPDATE;
+  return true;
+}
+bool g_accepts = true;
+bool accept_sometimes(const char *, const char *, ethpm_issu_transition_t *transition,
+                      ethpm_pss_action_t *action) {
+  *transition = ETHPM_TR_DOWNGRADE;
+  *action = ETHPM_PSS_UPDATE;
+  return g_accepts;
+}
+std::vector<std::string> g_handled;
+std::string request_now() {
+  return std::to_string(ethpm_get_issu_transition()) + std::to_string(ethpm_get_pss_action());
+}
+bool every_key(const pss_datum_t *, void *, uint32 *) {
+  return true;
+}
+bool note_value(const pss_datum_t *key, const pss_datum_t *value, pss_datum_t **, pss_datum_t **) {
+  g_handled.push_back(request_now() + " " + std::string(static_cast<char *>(key->ptr), key->siz) +
+                      "=" + std::string(static_cast<char *>(value->ptr), value->siz));
+  return false;
+}
+ethpm_pss_type_t request_of(const char *name, ethpm_fn_is_ver_chk check) {
+  ethpm_pss_type_t request = {};
+  std::snprintf(request.change_request_name, sizeof request.change_request_name, "%s", name);
+  request.ethpm_fn_ver_chk = check;
+  request.ethpm_is_pss_key_found = every_key;
+  request.ethpm_change_pss_value = note_value;
+  request.ethpm_write_pss_value = ethpm_convert_runtime_pss_list[0].ethpm_write_pss_value;
+  return request;
+}
+
+TEST_F(ethpm_walk_test, several_requests_share_a_value_that_is_read_once) {
+  platform.set_store(k_cfg, {{"k1", "v1"}, {"k2", "v2"}});
+  ethpm_pss_type_t list[] = {request_of("one", accept_update), request_of("two", accept_sometimes)};
+  g_accepts = true;
+  g_handled.clear();
+  EXPECT_EQ(lines_t({"Change Request :one,  b_version_chk:1, transition:2 pss_action : 1 "
+                     "(from:4.1(3), to;4.2(2))\n",
+                     "Change Request :two,  b_version_chk:1, transition:1 pss_action : 1 "
+                     "(from:4.1(3), to;4.2(2))\n"}),
+            walk(list, 2));
+  EXPECT_EQ(lines_t({"21 k1=v1", "11 k1=v1", "21 k2=v2", "11 k2=v2"}), g_handled);
+  EXPECT_EQ(2u, platform.calls("pss2_getvalue").size());
+}
+
+TEST_F(ethpm_walk_test, an_accepted_request_stays_marked) {
+  platform.set_store(k_cfg, {{"k1", "v1"}});
+  ethpm_pss_type_t list[] = {request_of("one", accept_sometimes), request_of("two", accept_update)};
+  g_accepts = true;
+  walk(list, 2);
+  g_accepts = false; // not accepted for these releases, but still marked, with what it was
+  g_handled.clear();
+  EXPECT_EQ("Change Request :one,  b_version_chk:1, transition:1 pss_action : 1 (from:4.1(3), "
+            "to;4.2(2))\n",
+            walk(list, 2).front());
+  EXPECT_EQ(lines_t({"11 k1=v1", "21 k1=v1"}), g_handled);
+  // alone, it does not make a walk
+  g_handled.clear();
+  EXPECT_EQ("Nothing to fix for versions (from:4.1(3), to;4.2(2))\n", walk(list, 1).back());
+  EXPECT_TRUE(g_handled.empty());
+}
+
+TEST_F(ethpm_walk_test, the_shipped_lists_stay_marked_too) {
+  platform.set_store(k_info, {{runtime_key(1), runtime(124)}});
+  gsync("4.2(2)", "4.1(3)");
+  const lines_t lines = gsync("4.2(3)", "4.2(2)");
+  EXPECT_EQ("Change Request :Port state reason modification,  b_version_chk:1, transition:2 "
+            "pss_action : 1 (from:4.2(2), to;4.2(3))\n",
+            lines.at(3));
+  EXPECT_EQ("Nothing to fix for versions (from:4.2(2), to;4.2(3))\n", lines.at(4));
+  EXPECT_EQ(runtime(143), platform.value(k_info, runtime_key(1))); // not mapped again
+}
+
+TEST_F(ethpm_walk_test, a_request_that_was_never_accepted_is_not_applied) {
+  platform.set_store(k_cfg, {{"k1", "v1"}});
+  ethpm_pss_type_t list[] = {request_of("one", accept_sometimes), request_of("two", accept_update)};
+  g_accepts = false;
+  g_handled.clear();
+  walk(list, 2);
+  EXPECT_EQ(lines_t({"21 k1=v1"}), g_handled);
+}
+
+TEST_F(ethpm_walk_test, a_deletion_ends_the_handling_of_its_key_only) {
+  platform.set_store(k_cfg, {{config_key(1), "gone"}, {"k1", "v1"}});
+  ethpm_pss_type_t list[] = {ethpm_convert_config_tlv_pss_list[0],
+                             request_of("two", accept_update)};
+  g_handled.clear();
+  walk(list, 2);
+  EXPECT_EQ(lines_t({"21 k1=v1"}), g_handled);
+  EXPECT_EQ(records_t({{"k1", "v1"}}), platform.records(k_cfg));
+}
+
+TEST_F(ethpm_walk_test, an_empty_list_fixes_nothing) {
+  platform.set_store(k_cfg, {{"k1", "v1"}});
+  EXPECT_EQ(lines_t({"Nothing to fix for versions (from:4.1(3), to;4.2(2))\n"}), walk(nullptr, 0));
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
+TEST_F(ethpm_walk_test, every_failing_call) {
+  // open, first, key, value, delete, key, value, delete, key, close
+  const struct {
+    unsigned nth;
+    size_t calls;
+    size_t left; // records
+    const char *line;
+  } rows[] = {
+      {1, 1, 2, "pss uri: nonvolatile:/cfg/ethpm_runtime_cfg does not exist 0x4048000b\n"},
+      {2, 3, 2, nullptr},
+      {3, 4, 2, "Could not get the first key in the runtime info pss:0x4048000b\n"},
+      {4, 10, 1, nullptr}, // a value that cannot be read skips the request
+      {5, 12, 1, nullptr}, // a deletion that fails: on to the next key
+      {6, 7, 1, nullptr},
+      {7, 9, 1, nullptr},
+      {8, 11, 1, nullptr},
+      {9, 10, 0, nullptr},
+      {10, 10, 2, nullptr}, // a failed close loses what was written
+  };
+  for (const auto &row : rows) {
+    forget_process();
+    platform.reset();
+    platform.set_store(k_cfg, {{config_key(1), "a"}, {config_key(2), "b"}});
+    platform.fail_any(row.nth, 0x4048000B);
+    const lines_t lines = walk(ethpm_convert_config_tlv_pss_list, 1);
+    if (row.line != nullptr) {
+      EXPECT_EQ(row.line, lines.back());
+    }
+    EXPECT_EQ(row.calls, platform.calls().size()) << row.nth;
+    EXPECT_EQ(row.left, platform.records(k_cfg).size()) << row.nth;
+    EXPECT_TRUE(platform.open_handles().empty()) << row.nth;
+    EXPECT_EQ(1u, platform.scripted());
+  }
+}
+
+TEST_F(ethpm_walk_test, a_first_key_that_cannot_be_reached) {
+  platform.set_store(k_cfg, {{config_key(1), "a"}});
+  platform.fail("pss2_move2location", 0x4048000B);
+  const std::string line = walk(ethpm_convert_config_tlv_pss_list, 1).back();
+  EXPECT_EQ(0u, line.find("Could not find the first key in the runtime info pss:0x4048000b, 0x"))
+      << line;
+  platform.answer_null("pss2_getkey");
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_TRUE(platform.open_handles().empty());
+  EXPECT_EQ(1u, platform.records(k_cfg).size());
+}
+
+TEST_F(ethpm_walk_test, deletions_that_do_nothing_end) {
+  const records_t records = {{config_key(1), "a"}, {config_key(2), "b"}, {config_key(3), "c"}};
+  platform.set_store(k_cfg, records);
+  platform.answer_null_from("pss2_delete"); // reported as done
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_EQ(3u, platform.calls("pss2_delete").size()); // each was tried once
+  EXPECT_EQ(records, platform.records(k_cfg));
+
+  platform.reset();
+  platform.set_store(k_cfg, records);
+  platform.fail_from("pss2_delete", 0x4048000A);
+  platform.answer_handles_from(0); // and the cursor stands still
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_LE(platform.calls("pss2_delete").size(), 2u);
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
+TEST_F(ethpm_walk_test, a_cursor_that_goes_in_circles_ends_the_walk) {
+  platform.set_store(k_info, {{runtime_key(1), runtime(1)}, {runtime_key(2), runtime(1)}});
+  unsigned calls = 0;
+  for (unsigned nth = 1; nth <= 400; ++nth) { // six keys, round and round
+    platform.answer("pss2_getkey", runtime_key(static_cast<uint8>(nth % 6)), nth);
+  }
+  platform.answer_handles_from(0);
+  gsync("4.2(2)", "4.1(3)");
+  calls = static_cast<unsigned>(platform.calls("pss2_getkey").size());
+  EXPECT_LT(calls, 40u);
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
+TEST_F(ethpm_walk_test, getters_follow_the_request_in_hand) {
+  platform.set_store(k_cfg, {{"k", "v"}});
+  ethpm_pss_type_t list[] = {request_of("one", accept_update)};
+  walk(list, 1);
+  EXPECT_EQ(ETHPM_TR_UPGRADE, ethpm_get_issu_transition());
+  EXPECT_EQ(ETHPM_PSS_UPDATE, ethpm_get_pss_action());
+  platform.set_store(k_info);
+  gsync("4.2(2)", "4.2(2)"); // back to a list that outlives the test
+  EXPECT_EQ(ETHPM_TR_NOCHANGE, ethpm_get_issu_transition());
+}
+
+} // namespace

@@ -1,0 +1,548 @@
+// The port index manager's conversion: legs, renumbering of Q8, cleanup of the multichassis cache.
+
+#include "libdatamorph_pixm.h"
+
+#include "libdatamorph_private.h"
+
+#include <unistd.h>
+
+#include "support/library_fixture.h"
+
+namespace {
+
+constexpr char k_store[] = "nonvolatile:/cfg/pixm_runtime_info";
+
+// The 72 numbers of Q8 from 4.1(3) on, and what each becomes.
+struct ltl_row {
+  uint32 ltl;
+  uint32 becomes;
+};
+constexpr ltl_row k_ltls[] = {
+    {0x10DA, 0x1162}, {0x10DB, 0x1162}, {0x10DC, 0x1162}, {0x10DD, 0x1162}, {0x10DE, 0x1166},
+    {0x10DF, 0x1166}, {0x10E0, 0x1166}, {0x10E1, 0x1166}, {0x10E2, 0x116A}, {0x10E3, 0x116A},
+    {0x10E4, 0x116A}, {0x10E5, 0x116A}, {0x10E6, 0x116E}, {0x10E7, 0x116E}, {0x10E8, 0x116E},
+    {0x10E9, 0x116E}, {0x10EA, 0x1172}, {0x10EB, 0x1172}, {0x10EC, 0x1172}, {0x10ED, 0x1172},
+    {0x10EE, 0x1176}, {0x10EF, 0x1176}, {0x10F0, 0x1176}, {0x10F1, 0x1176}, {0x10F2, 0x117A},
+    {0x10F3, 0x117A}, {0x10F4, 0x117A}, {0x10F5, 0x117A}, {0x10F6, 0x117E}, {0x10F7, 0x117E},
+    {0x10F8, 0x117E}, {0x10F9, 0x117E}, {0x10FA, 0x1182}, {0x10FB, 0x1182}, {0x10FC, 0x1182},
+    {0x10FD, 0x1182}, {0x10FE, 0x1186}, {0x10FF, 0x1186}, {0x1100, 0x1186}, {0x1101, 0x1186},
+    {0x1102, 0x118A}, {0x1103, 0x118A}, {0x1104, 0x118A}, {0x1105, 0x118A}, {0x1106, 0x118E},
+    {0x1107, 0x118E}, {0x1108, 0x118E}, {0x1109, 0x118E}, {0x110A, 0x1192}, {0x110B, 0x1192},
+    {0x110C, 0x1192}, {0x110D, 0x1192}, {0x110E, 0x1196}, {0x110F, 0x1196}, {0x1110, 0x1196},
+    {0x1111, 0x1196}, {0x1112, 0x119A}, {0x1113, 0x119A}, {0x1114, 0x119A}, {0x1115, 0x119A},
+    {0x1116, 0x119E}, {0x1117, 0x119E}, {0x1118, 0x119E}, {0x1119, 0x119E}, {0x111A, 0x11A2},
+    {0x111B, 0x11A2}, {0x111C, 0x11A2}, {0x111D, 0x11A2}, {0x111E, 0x11A6}, {0x111F, 0x11A6},
+    {0x1120, 0x11A6}, {0x1121, 0x11A6},
+};
+
+class pixm_test : public library_fixture {
+protected:
+  using records_t = platform_double::records_t;
+
+  // As the fixture's, but a key is traced with a line end on standard error and without in the log,
+  // which is the form that counts here.
+  static lines_t traced(const std::function<void()> &call) {
+    lines_t messages = traced_without_log(call);
+    for (std::string &message : messages) {
+      if (message.find("pss-key = 0x ") != std::string::npos) {
+        EXPECT_EQ('\n', message.back()) << message;
+        message.pop_back();
+      }
+    }
+    lines_t logged = log_lines(true);
+    EXPECT_GE(logged.size(), messages.size());
+    logged.erase(logged.begin(), logged.end() - static_cast<std::ptrdiff_t>(
+                                                    std::min(logged.size(), messages.size())));
+    EXPECT_EQ(logged, messages);
+    return messages;
+  }
+
+  lines_t convert(const char *to, const char *from, const char *path = "/cfg") {
+    return traced([&] { EXPECT_EQ(0u, pixm_data_morph_gsync(path, "system", to, from)); });
+  }
+  lines_t renumber() { return convert("4.1(1)", "4.2(2)"); }
+  lines_t clean_up() { return convert("4.2(1)", "4.2(3)"); }
+
+  static std::string ltl_key(uint32 ltl) {
+    const std::string all = "36 00 00";
+    char text[8];
+    std::snprintf(text, sizeof text, " %02x %02x", ltl >> 8 & 0xff, ltl & 0xff);
+    return bytes(all + text + " 00 01");
+  }
+
+  // The callback record of a forwarding index of Q8, with something to tell it by.
+  static std::string callback(uint8 mark) {
+    return std::string(1, static_cast<char>(mark)) +
+           bytes("00 00 00"    // rid
+                 "fd"          // ltl_type
+                 "00 00 00") + // flags
+           std::string(48, 'v');
+  }
+  static std::string q8(uint8 mark) { return tlv_array_bytes({{2, callback(mark)}}); }
+
+  static bool has_line(const lines_t &lines, const std::string &line) {
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+  }
+};
+
+// ---- Comparison and keys
+
+TEST_F(pixm_test, compare_img_ver) {
+  int to_comp = 7;
+  int from_comp = 7;
+  EXPECT_EQ(lines_t({"To_ver: 4.1(1) From_ver: 4.1(3) To_ref: 4.1(2) From_ref:4.1(3)\n",
+                     "Compare return from_ver:4.1(3) from_ref: 4.1(3) : from_comp: 0\n",
+                     "Compare return to_ref:4.1(2) to_ver: 4.1(1) : to_comp: 1\n"}),
+            traced([&] {
+              EXPECT_EQ(0u, pixm_compare_img_ver("4.1(1)", "4.1(3)", "4.1(2)", "4.1(3)", &to_comp,
+                                                 &from_comp));
+            }));
+  EXPECT_EQ(1, to_comp);
+  EXPECT_EQ(0, from_comp);
+  const struct {
+    const char *to;
+    const char *from;
+    int to_comp;
+    int from_comp;
+  } rows[] = {{"4.1(2)", "4.1(4)", 0, 1}, {"4.1(3)", "4.1(2)", -1, -1}, {"", "", 1, -1}};
+  for (const auto &row : rows) {
+    traced([&] {
+      EXPECT_EQ(0u,
+                pixm_compare_img_ver(row.to, row.from, "4.1(2)", "4.1(3)", &to_comp, &from_comp));
+    });
+    EXPECT_EQ(row.to_comp, to_comp);
+    EXPECT_EQ(row.from_comp, from_comp);
+  }
+}
+
+TEST_F(pixm_test, an_error_of_the_first_comparison_is_only_traced) {
+  int to_comp = 7;
+  int from_comp = 7;
+  EXPECT_EQ(lines_t({"To_ver: 4.1(1) From_ver: (null) To_ref: 4.1(2) From_ref:4.1(3)\n",
+                     "datamorph_compare_versions: Invalid or NULL argument passed\n",
+                     "Error: 0xffffffff from_comp:-2 from_ver:(null) from_ref:4.1(3)\n",
+                     "Compare return from_ver:(null) from_ref: 4.1(3) : from_comp: -2\n",
+                     "Compare return to_ref:4.1(2) to_ver: 4.1(1) : to_comp: 1\n"}),
+            traced([&] {
+              EXPECT_EQ(0u, pixm_compare_img_ver("4.1(1)", nullptr, "4.1(2)", "4.1(3)", &to_comp,
+                                                 &from_comp));
+            }));
+  EXPECT_EQ(-2, from_comp);
+  EXPECT_EQ(1, to_comp);
+}
+
+TEST_F(pixm_test, an_error_of_the_second_comparison_is_returned) {
+  int to_comp = 7;
+  int from_comp = 7;
+  EXPECT_EQ(lines_t({"To_ver: (null) From_ver: 4.1(3) To_ref: 4.1(2) From_ref:4.1(3)\n",
+                     "datamorph_compare_versions: Invalid or NULL argument passed\n",
+                     "Error: 0xffffffff to_comp:-2 to_ver:(null) to_ref:4.1(2)\n",
+                     "Compare return from_ver:4.1(3) from_ref: 4.1(3) : from_comp: 0\n",
+                     "Compare return to_ref:4.1(2) to_ver: (null) : to_comp: -2\n"}),
+            traced([&] {
+              EXPECT_EQ(0xFFFFFFFFu, pixm_compare_img_ver(nullptr, "4.1(3)", "4.1(2)", "4.1(3)",
+                                                          &to_comp, &from_comp));
+            }));
+  EXPECT_EQ(0, from_comp);
+  EXPECT_EQ(-2, to_comp);
+  traced([&] {
+    EXPECT_EQ(0xFFFFFFFFu,
+              pixm_compare_img_ver("4.1(1)", "4.1(3)", nullptr, nullptr, &to_comp, &from_comp));
+    EXPECT_EQ(0xFFFFFFFFu, pixm_compare_img_ver("1", "1", "1", "1", nullptr, &from_comp));
+    EXPECT_EQ(0xFFFFFFFFu, pixm_compare_img_ver("1", "1", "1", "1", &to_comp, nullptr));
+  });
+}
+
+TEST_F(pixm_test, print_pss_key) {
+  const uint8 key[] = {0x36, 0x00, 0x0f, 0xA0, 0xff, 0x01, 0x10};
+  DATAMORPH_TRACE("first\n");
+  const std::string text =
+      captured_stderr([&] { EXPECT_EQ(0u, pixm_print_pss_key("label", key)); });
+  EXPECT_EQ("label = 0x 36 0 f a0 ff 1 10\nFile check succeeded\nFile exists\n", text);
+  EXPECT_EQ(lines_t({"first\n", "label = 0x 36 0 f a0 ff 1 10"}), log_lines());
+
+  const std::string label(4000, 'l');
+  captured_stderr([&] { pixm_print_pss_key(label.c_str(), key); });
+  EXPECT_EQ(std::string(254, 'l'), log_lines().back());
+  captured_stderr([&] {
+    EXPECT_EQ(0xFFFFFFFFu, pixm_print_pss_key(nullptr, key));
+    EXPECT_EQ(0xFFFFFFFFu, pixm_print_pss_key("label", nullptr));
+  });
+  EXPECT_EQ(3u, log_lines().size());
+}
+
+// ---- Legs
+
+TEST_F(pixm_test, which_legs_are_taken) {
+  const std::string q8 = "Q8_Downgrades From: =>4.1.3 --> To: <=4.1.2";
+  const std::string duag = "DUAG Cache Cleanup From: =>4.2.3 --> To: <=4.2.2";
+  const struct {
+    const char *from;
+    const char *to;
+    bool first;
+    bool second;
+  } rows[] = {
+      {"4.1(3)", "4.1(2)", false, false}, {"4.1(3)", "4.1(1)", true, false},
+      {"4.1(2)", "4.1(1)", false, false}, {"4.2(2)", "4.0(4)", true, false},
+      {"4.2(3)", "4.2(2)", false, false}, {"4.2(3)", "4.2(1)", false, true},
+      {"4.2(2)", "4.2(1)", false, false}, {"4.2(3)", "4.1(1)", true, true},
+      {"5.0(2)", "4.1(2)", false, true},  {"4.1(1)", "4.2(3)", false, false},
+      {"4.2(3)", "4.2(3)", false, false}, {"4.2(3)", "", true, true},
+  };
+  for (const auto &row : rows) {
+    const lines_t lines = convert(row.to, row.from);
+    EXPECT_EQ(std::string("FROM ") + row.from + " TO " + row.to + " Num 2\n", lines.front());
+    for (const auto &[taken, leg] : {std::pair(row.first, q8), std::pair(row.second, duag)}) {
+      const std::string pair = std::string(row.from) + " to " + row.to + "\n";
+      EXPECT_EQ(taken,
+                has_line(lines, "ISSU Leg " + leg + ": issu conversion required from " + pair));
+      EXPECT_EQ(!taken,
+                has_line(lines, "ISSU Leg " + leg + ": No issu conversion reqd from " + pair));
+    }
+  }
+}
+
+TEST_F(pixm_test, every_line_of_a_change_without_conversion) {
+  EXPECT_EQ(
+      lines_t({"FROM 4.1(5) TO 4.2(1) Num 2\n",
+               "To_ver: 4.2(1) From_ver: 4.1(5) To_ref: 4.1(2) From_ref:4.1(3)\n",
+               "Compare return from_ver:4.1(5) from_ref: 4.1(3) : from_comp: 1\n",
+               "Compare return to_ref:4.1(2) to_ver: 4.2(1) : to_comp: -1\n",
+               "ISSU Leg Q8_Downgrades From: =>4.1.3 --> To: <=4.1.2: No issu conversion reqd from "
+               "4.1(5) to 4.2(1)\n",
+               "To_ver: 4.2(1) From_ver: 4.1(5) To_ref: 4.2(2) From_ref:4.2(3)\n",
+               "Compare return from_ver:4.1(5) from_ref: 4.2(3) : from_comp: -1\n",
+               "Compare return to_ref:4.2(2) to_ver: 4.2(1) : to_comp: 1\n",
+               "ISSU Leg DUAG Cache Cleanup From: =>4.2.3 --> To: <=4.2.2: No issu conversion reqd "
+               "from 4.1(5) to 4.2(1)\n"}),
+      convert("4.2(1)", "4.1(5)"));
+  EXPECT_TRUE(platform.calls().empty());
+}
+
+TEST_F(pixm_test, any_null_argument_fails) {
+  for (int null = 0; null < 4; ++null) {
+    const char *given[] = {"/cfg", "system", "4.1(1)", "4.2(3)"};
+    given[null] = nullptr;
+    EXPECT_EQ(lines_t({"Invalid arguments\n"}), traced([&] {
+                EXPECT_EQ(0xFFFFFFFFu,
+                          pixm_data_morph_gsync(given[0], given[1], given[2], given[3]));
+              }));
+  }
+  EXPECT_TRUE(platform.calls().empty());
+}
+
+// ---- Renumbering
+
+TEST_F(pixm_test, the_number_of_each_ltl) {
+  for (const ltl_row &row : k_ltls) {
+    traced([&] { EXPECT_EQ(row.becomes, pixm_q8_ltl_for_4_0(row.ltl)) << row.ltl; });
+  }
+  EXPECT_EQ(lines_t({"q8_current_ltl 0x1121\n", "q8_current_ltl/slot in 4.1: 0x1121:17\n",
+                     "q8_ltl_for_4_0_rel 0x11a6\n"}),
+            traced([] { pixm_q8_ltl_for_4_0(0x1121); }));
+  for (const uint32 outside : {0x10D9u, 0x1122u, 0u, 0xffffffffu}) {
+    char line[64];
+    std::snprintf(line, sizeof line, "q8_current_ltl is not in 4.1 Range: 0x%x\n", outside);
+    lines_t lines;
+    lines = traced([&] { EXPECT_EQ(outside, pixm_q8_ltl_for_4_0(outside)); });
+    EXPECT_EQ(line, lines.back());
+    EXPECT_EQ(2u, lines.size());
+  }
+}
+
+TEST_F(pixm_test, every_ltl_of_a_store) {
+  ASSERT_EQ(0, rmdir("/mnt/pss"));    // 10,000 lines need no log
+  for (const ltl_row &row : k_ltls) { // one at a time, so that none hides another
+    platform.reset();
+    platform.set_store(
+        k_store, {{ltl_key(row.ltl), q8(1)}, {ltl_key(0x10D9), q8(2)}, {ltl_key(0x1122), q8(3)}});
+    captured_stderr([] { pixm_data_morph_gsync("/cfg", "s", "4.1(1)", "4.2(2)"); });
+    EXPECT_EQ(
+        records_t(
+            {{ltl_key(row.becomes), q8(1)}, {ltl_key(0x10D9), q8(2)}, {ltl_key(0x1122), q8(3)}}),
+        platform.records(k_store))
+        << row.ltl;
+  }
+}
+
+TEST_F(pixm_test, a_renumbered_record) {
+  platform.set_store(k_store, {{ltl_key(0x10DD), q8(7)}}, {16, 300, 0, 1});
+  const lines_t lines = renumber();
+  EXPECT_EQ(lines_t({"pss uri: nonvolatile:/cfg/pixm_runtime_info\n",
+                     "pss uri nonvolatile:/cfg/pixm_runtime_info: max val size 300\n",
+                     "Query q8-pss-key = 0x 36 0 0 10 da 0 1", "ltl 0x10da fetch err 0x40480003\n",
+                     "Query q8-pss-key = 0x 36 0 0 10 db 0 1", "ltl 0x10db fetch err 0x40480003\n",
+                     "Query q8-pss-key = 0x 36 0 0 10 dc 0 1", "ltl 0x10dc fetch err 0x40480003\n",
+                     "Query q8-pss-key = 0x 36 0 0 10 dd 0 1", "q8_current_ltl 0x10dd\n",
+                     "q8_current_ltl/slot in 4.1: 0x10dd:0\n", "q8_ltl_for_4_0_rel 0x1162\n",
+                     "new pss-key = 0x 36 0 0 11 62 0 1", "Init new-val key + data 68\n",
+                     "Saving new Q8 key to PSS \n", "Deleting old key\n",
+                     "Query q8-pss-key = 0x 36 0 0 10 de 0 1"}),
+            lines_t(lines.begin() + 5, lines.begin() + 22));
+}
+
+TEST_F(pixm_test, the_calls_of_a_renumbering) {
+  platform.set_store(k_store, {{ltl_key(0x1121), tlv_array_bytes({{2, bytes("00000000fd")}})}});
+  renumber();
+  const lines_t calls = platform.calls();
+  ASSERT_EQ(77u, calls.size());
+  EXPECT_EQ("pss2_open(\"nonvolatile:/cfg/pixm_runtime_info\", 0x3, 0, 0, 0)", calls[0]);
+  EXPECT_EQ("pss2_get_params(1)", calls[1]);
+  EXPECT_EQ("pss2_fetch(1, 36000010da0001)", calls[2]);
+  EXPECT_EQ(lines_t({"pss2_fetch(1, 36000011210001)",
+                     "pss2_store(1, 36000011a60001, 11000000010001000200050000000000"
+                     "fd)",
+                     "pss2_delete(1, 36000011210001, 1)", "pss2_close(1)"}),
+            lines_t(calls.end() - 4, calls.end()));
+}
+
+TEST_F(pixm_test, the_highest_number_of_a_slot_wins) {
+  platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)},
+                               {ltl_key(0x10DB), q8(2)},
+                               {ltl_key(0x10DC), q8(3)},
+                               {ltl_key(0x10DE), q8(4)}});
+  renumber();
+  EXPECT_EQ(records_t({{ltl_key(0x1162), q8(3)}, {ltl_key(0x1166), q8(4)}}),
+            platform.records(k_store));
+}
+
+TEST_F(pixm_test, values_that_are_not_of_q8) {
+  const std::string good = q8(1);
+  const std::string values[] = {
+      "",
+      good.substr(0, 7),
+      good.substr(0, good.size() - 1),                    // claims a byte more than is stored
+      tlv_array_bytes({}),                                // no TLVs
+      tlv_array_bytes({{1, callback(1)}}),                // of another type
+      tlv_array_bytes({{2, bytes("00 00 00 00 fc")}}),    // another generation
+      tlv_array_bytes({{2, bytes("fd fd fd fd 00 fd")}}), // at another place
+      tlv_array_bytes({{2, bytes("00 00 00 00")}}),       // too short for it
+      bytes("0d 00 00 00 01 00 01 00 02 00 50 00 fd"),    // a TLV passes the array's end
+      bytes("ff ff ff ff 01 00 01 00") + good.substr(8),  // the array passes the value's end
+      bytes("08 00 00 00 01 00 01 00") + good.substr(8),  // the array ends before its TLV
+  };
+  for (const std::string &value : values) {
+    platform.set_store(k_store, {{ltl_key(0x1000), "other"}, {ltl_key(0x10E0), value}});
+    platform.clear();
+    const lines_t lines = renumber();
+    EXPECT_TRUE(has_line(lines, "Error ltl-key  is NOT QORN\n")) << hex(value);
+    EXPECT_EQ(value, platform.value(k_store, ltl_key(0x10E0)));
+    EXPECT_TRUE(platform.calls("pss2_store").empty());
+    EXPECT_TRUE(platform.calls("pss2_delete").empty());
+  }
+}
+
+TEST_F(pixm_test, the_callback_record_may_stand_behind_others) {
+  const std::string value = tlv_array_bytes({{1, "x"},
+                                             {2, bytes("00 00 00 00 01")},
+                                             {3, bytes("00 00 00 00 fd")},
+                                             {2, bytes("00 00 00 00 fd")}});
+  platform.set_store(k_store, {{ltl_key(0x10E0), value + "behind"}});
+  renumber();
+  EXPECT_EQ(records_t({{ltl_key(0x1166), value + "behind"}}), platform.records(k_store));
+}
+
+TEST_F(pixm_test, a_value_above_the_stores_limit_is_left_alone) {
+  const std::string value = q8(1);
+  for (const uint32 limit : {67u, 68u, 0u, 1u}) {
+    platform.reset();
+    platform.set_store(k_store, {{ltl_key(0x10DA), value}}, {16, limit, 0, 1});
+    renumber();
+    const uint32 at = limit == 68 ? 0x1162 : 0x10DA;
+    EXPECT_EQ(records_t({{ltl_key(at), value}}), platform.records(k_store)) << limit;
+  }
+}
+
+TEST_F(pixm_test, keys_of_other_lengths_and_vdcs_are_left_alone) {
+  const records_t before = {{bytes("36 00 00 10 da 00 02"), q8(1)},
+                            {bytes("36 00 00 10 da 00"), q8(1)},
+                            {bytes("36 00 00 10 da 00 01 00"), q8(1)},
+                            {bytes("35 00 00 10 da 00 01"), q8(1)},
+                            {bytes("36 00 01 10 da 00 01"), q8(1)}};
+  platform.set_store(k_store, before);
+  renumber();
+  EXPECT_EQ(before, platform.records(k_store));
+}
+
+TEST_F(pixm_test, a_renumbering_that_cannot_begin) {
+  EXPECT_EQ(lines_t({"pss uri: nonvolatile:/cfg/pixm_runtime_info\n",
+                     "pss uri: nonvolatile:/cfg/pixm_runtime_info does not exist 0x40480002\n",
+                     "Error: status = 0x0\n"}),
+            [this] {
+              const lines_t lines = renumber();
+              return lines_t(lines.begin() + 5, lines.begin() + 8);
+            }());
+  EXPECT_EQ(1u, platform.calls().size());
+
+  platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}});
+  platform.clear();
+  platform.fail("pss2_get_params", 0x4048000B);
+  const lines_t lines = renumber();
+  EXPECT_EQ("pss uri nonvolatile:/cfg/pixm_runtime_info: get_params err = 0x4048000b\n",
+            lines.at(6));
+  EXPECT_EQ("Error: status = 0x0\n", lines.at(7));
+  EXPECT_EQ("pss2_close(1)", platform.calls().back());
+  EXPECT_EQ(3u, platform.calls().size());
+}
+
+TEST_F(pixm_test, failed_writes_are_not_looked_at) {
+  for (const char *function : {"pss2_store", "pss2_delete", "pss2_close"}) {
+    platform.reset();
+    platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}, {ltl_key(0x10DB), q8(2)}});
+    platform.fail_from(function, 0x4048000C);
+    const lines_t lines = renumber();
+    EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "Deleting old key\n"));
+    EXPECT_TRUE(platform.open_handles().empty());
+  }
+}
+
+TEST_F(pixm_test, failed_fetches_skip_the_key) {
+  platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}, {ltl_key(0x10DB), q8(2)}});
+  platform.fail("pss2_fetch", 0x40480009);
+  const lines_t lines = renumber();
+  EXPECT_TRUE(has_line(lines, "ltl 0x10da fetch err 0x40480009\n"));
+  EXPECT_EQ(records_t({{ltl_key(0x10DA), q8(1)}, {ltl_key(0x1162), q8(2)}}),
+            platform.records(k_store));
+  platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}});
+  platform.answer_null("pss2_fetch");
+  EXPECT_TRUE(has_line(renumber(), "Error ltl-key  is NOT QORN\n"));
+}
+
+TEST_F(pixm_test, the_uri_is_cut_at_254_characters) {
+  const std::string path(4000, 'p');
+  const std::string cut = "nonvolatile:" + std::string(242, 'p');
+  const lines_t lines = convert("4.1(1)", "4.2(3)", path.c_str());
+  EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "pss uri: " + cut + "\n"));
+}
+
+// ---- Cleanup
+
+TEST_F(pixm_test, cache_keys_go_and_others_stay) {
+  const std::string cache[] = {bytes("3a 00 00 00 00 00 01"), bytes("3a 00 00 00 00 00 02"),
+                               bytes("3a 00 00 00 00 00 03")};
+  const records_t others = {{bytes("36 00 00 10 da 00 01"), "a"},
+                            {bytes("3a"), "short"},
+                            {bytes("3a 00 00 00 00 00"), "six"},
+                            {bytes("3a 00 00 00 00 00 02 00"), "eight"},
+                            {bytes("3b 00 00 00 00 00 01"), "b"}};
+  for (unsigned which = 0; which < 8; ++which) { // all sets of them: alone, adjacent, all, none
+    for (const bool with_others : {false, true}) {
+      platform.reset();
+      records_t records = with_others ? others : records_t();
+      const records_t expected = records;
+      for (unsigned i = 0; i < 3; ++i) {
+        if (which >> i & 1) {
+          records[cache[i]] = "cache";
+        }
+      }
+      platform.set_store(k_store, records);
+      clean_up();
+      EXPECT_EQ(expected, platform.records(k_store)) << which << with_others;
+      EXPECT_TRUE(platform.open_handles().empty());
+    }
+  }
+}
+
+TEST_F(pixm_test, a_key_goes_once_the_cursor_has_passed_it) {
+  platform.set_store(k_store,
+                     {{bytes("3a 00 00 00 00 00 01"), "a"}, {bytes("3a 00 00 00 00 00 02"), "b"}});
+  const lines_t lines = clean_up();
+  EXPECT_EQ(lines_t({"pss uri: nonvolatile:/cfg/pixm_runtime_info\n",
+                     "Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 1",
+                     "Move to next location failed pss_fd:0x1, status: 0x0\n",
+                     "Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 2"}),
+            lines_t(lines.end() - 4, lines.end()));
+  EXPECT_EQ(lines_t({"pss2_open(\"nonvolatile:/cfg/pixm_runtime_info\", 0x3, 0, 0, 0)",
+                     "pss2_move2location([1], PSS_FIRST_KEY)", "pss2_getkey(1)",
+                     "pss2_move2location([1], PSS_NEXT_KEY)", "pss2_getkey(1)",
+                     "pss2_delete(1, 3a000000000001, 1)", "pss2_move2location([1], PSS_NEXT_KEY)",
+                     "pss2_delete(1, 3a000000000002, 1)", "pss2_close(1)"}),
+            platform.calls());
+}
+
+TEST_F(pixm_test, a_cleanup_that_cannot_begin) {
+  EXPECT_EQ("pss uri: nonvolatile:/cfg/pixm_runtime_info does not exist 0x40480002\n",
+            clean_up().back());
+  platform.set_store(k_store);
+  EXPECT_EQ("First key not present pss_fd:0x1, status: 0x0, 0x40480003\n", clean_up().back());
+  EXPECT_TRUE(platform.open_handles().empty());
+
+  platform.reset();
+  platform.set_store(k_store, {{bytes("3a 00 00 00 00 00 01"), "a"}});
+  platform.fail("pss2_move2location", 0x4048000B);
+  const std::string moved = clean_up().back();
+  EXPECT_EQ(0u, moved.find("First key not present pss_fd:0x1, status: 0x4048000b, 0x")) << moved;
+  EXPECT_TRUE(platform.open_handles().empty());
+
+  platform.fail("pss2_getkey", 0x40480009);
+  const lines_t lines = clean_up();
+  EXPECT_EQ(lines_t({"Cannot get key pss_fd:0x2, status: 0x40480009\n",
+                     "check and convert pss failure 0x40480009\n"}),
+            lines_t(lines.end() - 2, lines.end()));
+  EXPECT_TRUE(platform.open_handles().empty());
+
+  platform.answer_null("pss2_getkey");
+  EXPECT_EQ("pss uri: nonvolatile:/cfg/pixm_runtime_info\n", clean_up().back());
+  EXPECT_TRUE(platform.open_handles().empty());
+  EXPECT_EQ(1u, platform.records(k_store).size());
+}
+
+TEST_F(pixm_test, a_cleanup_that_fails_on_the_way) {
+  const records_t records = {{bytes("3a 00 00 00 00 00 01"), "a"},
+                             {bytes("3a 00 00 00 00 00 02"), "b"}};
+  const struct {
+    const char *function;
+    unsigned nth;
+    const char *line;
+    size_t left;
+  } rows[] = {
+      // the first one is pending when the walk ends, and goes
+      {"pss2_move2location", 2, "Move to next location failed pss_fd:0x1, status: 0x4048000b\n", 1},
+      {"pss2_getkey", 2, "key not present pss_fd:0x1, status: 0x4048000b\n", 1},
+      {"pss2_delete", 1, "Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 1", 1},
+      {"pss2_delete", 2, "Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 2", 1},
+  };
+  for (const auto &row : rows) {
+    platform.reset();
+    platform.set_store(k_store, records);
+    platform.fail(row.function, 0x4048000B, row.nth);
+    EXPECT_TRUE(has_line(clean_up(), row.line));
+    EXPECT_EQ(row.left, platform.records(k_store).size()) << row.line;
+    EXPECT_TRUE(platform.open_handles().empty());
+  }
+}
+
+TEST_F(pixm_test, a_key_that_cannot_be_read_ends_the_walk) {
+  platform.set_store(k_store, {{bytes("36"), "a"}, {bytes("37"), "b"}, {bytes("38"), "c"}});
+  platform.answer_null("pss2_getkey", 2);
+  clean_up();
+  EXPECT_EQ(2u, platform.calls("pss2_getkey").size());
+}
+
+TEST_F(pixm_test, a_cursor_that_goes_in_circles_ends_the_walk) {
+  platform.set_store(k_store, {{bytes("3a 00 00 00 00 00 01"), "a"}});
+  platform.answer_handles_from(0);
+  platform.answer_from("pss2_getkey", bytes("3a 00 00 00 00 00 01"));
+  clean_up();
+  EXPECT_LT(platform.calls("pss2_getkey").size(), 10u);
+  EXPECT_TRUE(platform.records(k_store).empty());
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
+TEST_F(pixm_test, both_legs_run_in_their_order) {
+  platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}, {bytes("3a 00 00 00 00 00 01"), "cache"}});
+  convert("4.1(1)", "4.2(3)");
+  EXPECT_EQ(records_t({{ltl_key(0x1162), q8(1)}}), platform.records(k_store));
+  EXPECT_EQ(2u, platform.calls("pss2_open").size());
+  EXPECT_EQ("pss2_delete(2, 3a000000000001, 1)", platform.calls("pss2_delete").back());
+}
+
+TEST_F(pixm_test, a_failed_leg_does_not_stop_the_next) {
+  platform.set_store(k_store, {{bytes("3a 00 00 00 00 00 01"), "cache"}});
+  platform.fail("pss2_open", 0x40480009);
+  const lines_t lines = convert("4.1(1)", "4.2(3)");
+  EXPECT_TRUE(has_line(lines, "Error: status = 0x0\n"));
+  EXPECT_TRUE(platform.records(k_store).empty());
+}
+
+} // namespace

@@ -25,6 +25,14 @@ constexpr const char *k_idle_lines[] = {
     "datamorph_startup_all: calling convert function for uuid = 0x17d\n",
     "dot1x_data_morph_startup: path = /cfg/0, pkg_name = system, to_ver = 4.2(1), from_ver = "
     "4.2(1)\n",
+    "datamorph_startup_all: calling convert function for uuid = 0x132\n",
+    "Ethpm - Path - /cfg/0 \n",
+    "Ethpm pss uri: nonvolatile:/cfg/0/bin/ethpm_saved_config\n",
+    "pss uri: nonvolatile:/cfg/0/bin/ethpm_saved_config does not exist 0x40480002\n",
+    "datamorph_startup_all: calling convert function for uuid = 0xb\n",
+    "datamorph_startup_all: calling convert function for uuid = 0x44\n",
+    "datamorph_startup_all: calling convert function for uuid = 0x44\n",
+    "datamorph_startup_all: calling convert function for uuid = 0xb\n",
 };
 
 // Alternates both, so that the disk's moods meet both alike. Medians, in microseconds.

@@ -341,7 +341,7 @@ reboot_report reboot(switch_dir *target) {
   target->check_room();
   try {
     unique_fd next = target->make_next();
-    const reboot_report done = reboot_copy(next.get(), target->state());
+    reboot_report done = reboot_copy(next.get(), target->state());
     target->replace(std::move(next));
     return done;
   } catch (const failure &error) {

@@ -94,6 +94,7 @@ struct platform_double::state {
   std::vector<entry> log;
   std::list<script> scripts;
   unsigned scripted = 0;
+  bool tlvs_are_watched = false;
 
   // Logs "function(arguments)", runs what is to be run before it, and gives the answer that a
   // script has for it, if one has.

@@ -2,8 +2,8 @@
 // test's own process. It logs every call, fails where a script says so, and hands out data that is
 // gone as soon as the interface allows, so that a sanitizer finds whoever keeps a pointer.
 //
-// The TLV and text functions are pure; the lab platform's own sources serve here too and are
-// neither logged nor scripted.
+// The TLV and text functions are pure; the lab platform's own sources serve here too. The text
+// functions are neither logged nor scripted, those of the TLV arrays once a test asks for it.
 #ifndef TESTS_SUPPORT_PLATFORM_DOUBLE_H
 #define TESTS_SUPPORT_PLATFORM_DOUBLE_H
 
@@ -45,6 +45,9 @@ public:
   //   mts_recv(7, version 1, non_blocking 0, timeout 30, token 1, opcode 0, sap 0, flags 0)
   //   mts_sap_destroy(7, 341)
   //   sysmgr_srv_tag_info_add(381, "", 1)
+  //   tlv_array_size_get(0800000000000100, 1)         the array's header, version
+  //   tlv_array_get_num_tlvs(0800000000000100, 1)
+  //   tlv_array_get_next_tlv(0800000000000100, 1, 0)  the array's header, version, cursor
   // Out-pointers are left out, null is `null`, an empty datum `-`, one above 4096 bytes its size
   // in parentheses, as "(5000 bytes)".
 
@@ -53,12 +56,17 @@ public:
   // Forgets the log only.
   void clear();
 
+  // From now on (until reset()) the TLV array functions are logged and scripted like the others.
+  // Not before, since tests and the double itself look at tag tables through them.
+  void watch_tlvs();
+
   // ---- Scripts ---------------------------------------------------------------------------------
   //
   // `nth` counts the calls of that function from the setting of the script on: 1 is the next one. A
   // scripted call does nothing else than answer; a scripted pss_close or pss2_close also gives up
   // the handle and what was written through it. For the mts_ functions `status` is the errno.
-  // Functions with a pointer result then give null, mts_rr_token_get 0.
+  // Functions with a pointer result then give null, mts_rr_token_get 0; the result of
+  // tlv_array_size_get and tlv_array_get_num_tlvs is `status` itself.
 
   void fail(const std::string &function, syserr_t status, unsigned nth = 1);
   // That call and all later ones.

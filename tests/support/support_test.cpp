@@ -1,9 +1,12 @@
 // The tests' own tools: the double's log, scripts and lent data, trace capture, hexadecimal text.
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+#include "platform/tlv_array.h"
 #include "support/library_fixture.h"
+#include "support/scarce_malloc.h"
 
 namespace {
 
@@ -69,6 +72,80 @@ TEST_F(double_test, messages_are_logged_with_payload_and_options) {
                    "sap 0, flags 0)",
                    "mts_drop(7, 1)"}));
   EXPECT_EQ(platform.open_messages(), std::vector<mts_ref_t>{response});
+}
+
+// A TLV array of a test, and what the platform says of it.
+class tlv_double_test : public double_test {
+protected:
+  syserr_t next(const tlv_array_t *of, uint32 version = 1) {
+    type = length = 0;
+    value = nullptr;
+    return tlv_array_get_next_tlv(of, &type, &length, &value, version, &cursor);
+  }
+
+  const std::string content = tlv_array_bytes({{7, "abc"}, {8, ""}});
+  const tlv_array_t *array = reinterpret_cast<const tlv_array_t *>(content.data());
+  uint16 type = 0;
+  uint16 length = 0;
+  uint8 *value = nullptr;
+  uint32 cursor = 0;
+};
+
+TEST_F(tlv_double_test, tlv_calls_are_logged_with_header_version_and_cursor) {
+  platform.watch_tlvs();
+
+  EXPECT_EQ(tlv_array_size_get(array, 1), 19U);
+  EXPECT_EQ(tlv_array_get_num_tlvs(array, 2), 2U);
+  EXPECT_EQ(next(array), 0U);
+  EXPECT_EQ(next(array, 3), 0U);
+  EXPECT_EQ(next(array), 0x40490001U);
+  EXPECT_EQ(tlv_array_size_get(nullptr, 0), 0U);
+  EXPECT_NE(tlv_array_get_next_tlv(array, &type, &length, &value, 1, nullptr), 0U);
+
+  EXPECT_EQ(platform.calls(),
+            (lines{"tlv_array_size_get(1300000002000100, 1)",
+                   "tlv_array_get_num_tlvs(1300000002000100, 2)",
+                   "tlv_array_get_next_tlv(1300000002000100, 1, 0)",
+                   "tlv_array_get_next_tlv(1300000002000100, 3, 7)",
+                   "tlv_array_get_next_tlv(1300000002000100, 1, 11)", "tlv_array_size_get(null, 0)",
+                   "tlv_array_get_next_tlv(1300000002000100, 1, null)"}));
+}
+
+TEST_F(tlv_double_test, tlv_calls_answer_what_their_scripts_say) {
+  platform.watch_tlvs();
+  platform.fail("tlv_array_size_get", 99);
+  platform.fail("tlv_array_get_num_tlvs", 5, 2);
+  platform.fail("tlv_array_get_next_tlv", 0x40490002, 2);
+  platform.answer_null("tlv_array_get_next_tlv", 3);
+
+  EXPECT_EQ(tlv_array_size_get(array, 1), 99U);
+  EXPECT_EQ(tlv_array_size_get(array, 1), 19U);
+  EXPECT_EQ(tlv_array_get_num_tlvs(array, 1), 2U);
+  EXPECT_EQ(tlv_array_get_num_tlvs(array, 1), 5U);
+  EXPECT_EQ(next(array), 0U);
+  EXPECT_EQ(type, 7U);
+  EXPECT_EQ(next(array), 0x40490002U);
+  EXPECT_EQ(type, 0U);
+  EXPECT_EQ(next(array), 0U); // and nothing
+  EXPECT_EQ(value, nullptr);
+  EXPECT_EQ(cursor, 7U);
+  EXPECT_EQ(next(array), 0U);
+  EXPECT_EQ(type, 8U);
+  EXPECT_EQ(platform.scripted(), 4U);
+}
+
+TEST_F(tlv_double_test, tlv_calls_count_among_all_once_they_are_watched) {
+  platform.fail_any(1, 0x4048000B);
+  EXPECT_EQ(tlv_array_size_get(array, 1), 19U);
+  EXPECT_EQ(platform.calls(), lines{});
+
+  platform.watch_tlvs();
+  EXPECT_EQ(tlv_array_size_get(array, 1), 0x4048000BU);
+  EXPECT_EQ(platform.calls("tlv_array_size_get").size(), 1U);
+
+  platform.reset();
+  EXPECT_EQ(tlv_array_size_get(array, 1), 19U);
+  EXPECT_EQ(platform.calls(), lines{});
 }
 
 // ---- Scripts ------------------------------------------------------------------------------------
@@ -275,6 +352,45 @@ TEST_F(double_test, a_pointer_that_is_kept_too_long_is_found) {
   EXPECT_DEATH(std::printf("%d", value[0]), "heap-use-after-free");
 }
 #endif
+
+// ---- Memory -------------------------------------------------------------------------------------
+
+// Whether there was memory. The pointer goes through a volatile one, so that no compiler leaves the
+// pair of calls out.
+bool can_have(size_t size) {
+  void *volatile block = std::malloc(size);
+  const bool has = block != nullptr;
+  std::free(block);
+  return has;
+}
+
+TEST(scarce_malloc_test, the_nth_call_is_refused_once) {
+  scarce_malloc::refuse_nth(2);
+  EXPECT_TRUE(can_have(10));
+  EXPECT_FALSE(can_have(10));
+  EXPECT_TRUE(can_have(10));
+  EXPECT_TRUE(scarce_malloc::relieve());
+  scarce_malloc::refuse_nth(1);
+  EXPECT_FALSE(scarce_malloc::relieve());
+  EXPECT_TRUE(can_have(10));
+}
+
+TEST(scarce_malloc_test, blocks_of_a_size_are_refused_and_the_old_one_stays) {
+  scarce_malloc::refuse_size(77);
+  EXPECT_TRUE(can_have(76));
+  EXPECT_FALSE(can_have(77));
+  EXPECT_FALSE(can_have(77));
+  char *const block = static_cast<char *>(std::malloc(1));
+  block[0] = 'x';
+  if (void *const grown = std::realloc(block, 77); grown != nullptr) {
+    std::free(grown);
+    FAIL() << "it grew";
+  }
+  EXPECT_EQ('x', block[0]);
+  std::free(block);
+  EXPECT_TRUE(scarce_malloc::relieve());
+  EXPECT_TRUE(can_have(77));
+}
 
 // ---- Trace --------------------------------------------------------------------------------------
 

@@ -1,0 +1,49 @@
+#include "support/scarce_malloc.h"
+
+#include <cstdint>
+
+extern "C" {
+void *__real_malloc(size_t size);
+void *__real_realloc(void *block, size_t size);
+void *__wrap_malloc(size_t size);
+void *__wrap_realloc(void *block, size_t size);
+}
+
+namespace {
+
+unsigned g_countdown = 0; // 0: none is refused by its number
+size_t g_size = SIZE_MAX;
+bool g_refused = false;
+
+bool is_refused(size_t size) {
+  const bool by_number = g_countdown > 0 && --g_countdown == 0;
+  const bool refused = by_number || size == g_size;
+  g_refused = g_refused || refused;
+  return refused;
+}
+
+} // namespace
+
+void scarce_malloc::refuse_nth(unsigned n) {
+  g_countdown = n;
+}
+
+void scarce_malloc::refuse_size(size_t size) {
+  g_size = size;
+}
+
+bool scarce_malloc::relieve() {
+  const bool refused = g_refused;
+  g_countdown = 0;
+  g_size = SIZE_MAX;
+  g_refused = false;
+  return refused;
+}
+
+void *__wrap_malloc(size_t size) {
+  return is_refused(size) ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_realloc(void *block, size_t size) {
+  return is_refused(size) ? nullptr : __real_realloc(block, size);
+}

@@ -1,0 +1,19 @@
+// malloc and realloc of a test program that links the platform double, refused where a test wants
+// it. Those of shared libraries, operator new's among them, are not touched.
+#ifndef TESTS_SUPPORT_SCARCE_MALLOC_H
+#define TESTS_SUPPORT_SCARCE_MALLOC_H
+
+#include <cstddef>
+
+namespace scarce_malloc {
+
+// The n-th call from now on fails, once; 1 is the next one.
+void refuse_nth(unsigned n);
+// Calls for blocks of exactly this size fail.
+void refuse_size(size_t size);
+// None fail any more. Whether one did since the last relieve().
+bool relieve();
+
+} // namespace scarce_malloc
+
+#endif

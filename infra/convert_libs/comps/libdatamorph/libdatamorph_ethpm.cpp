@@ -176,7 +176,7 @@ bool ethpm_chk_ver_fix_port_state_reasons(const char *to_ver, const char *from_v
 
 // Whether a key is of this type. Its interface index goes out then, whatever its subtype.
 bool has_type(const pss_datum_t *key, uint8 type, void *if_index) {
-  if (key == nullptr || key->ptr == nullptr || key->siz < k_shortest_key || if_index == nullptr) {
+  if (!datamorph_is_readable(key) || key->siz < k_shortest_key || if_index == nullptr) {
     return false;
   }
   const auto *bytes = static_cast<const uint8 *>(key->ptr);
@@ -239,10 +239,6 @@ pss_datum_t *copy_of(const pss_datum_t *datum) {
   return copy;
 }
 
-bool is_readable(const pss_datum_t *datum) {
-  return datum != nullptr && datum->ptr != nullptr;
-}
-
 // Whether the value is to be written back: it has a reason, and one that changes.
 bool renumber(pss_datum_t *value) {
   const uint32 *table = nullptr;
@@ -270,7 +266,8 @@ bool renumber(pss_datum_t *value) {
 
 bool ethpm_update_port_state_reason(const pss_datum_t *p_key, const pss_datum_t *p_data,
                                     pss_datum_t **p_wkey, pss_datum_t **p_wdatum) {
-  if (!is_readable(p_key) || !is_readable(p_data) || p_wkey == nullptr || p_wdatum == nullptr) {
+  if (!datamorph_is_readable(p_key) || !datamorph_is_readable(p_data) || p_wkey == nullptr ||
+      p_wdatum == nullptr) {
     return false;
   }
   pss_datum_t *key = copy_of(p_key);
@@ -365,29 +362,25 @@ bool select_requests(const char *to_ver, const char *from_ver, ethpm_pss_type_t 
   return !abort;
 }
 
-bool move_cursor(pss_location_t location, syserr_t *call_status, syserr_t *location_status) {
-  *location_status = SYSERR_SUCCESS;
-  *call_status = pss2_move2location(&pss_info, 1, location, location_status);
-  return *call_status == SYSERR_SUCCESS && *location_status != SYSERR_PSS_NOT_FOUND;
-}
-
 // The key under the cursor; null when it cannot be read.
 const pss_datum_t *key_at_cursor() {
   syserr_t status = SYSERR_SUCCESS;
   const pss_datum_t *key = pss2_getkey(pss_info, &status);
-  return status == SYSERR_SUCCESS && is_readable(key) ? key : nullptr;
+  return status == SYSERR_SUCCESS && datamorph_is_readable(key) ? key : nullptr;
 }
 
 const pss_datum_t *next_key() {
   syserr_t call_status = SYSERR_SUCCESS;
   syserr_t location_status = SYSERR_SUCCESS;
-  return move_cursor(PSS_NEXT_KEY, &call_status, &location_status) ? key_at_cursor() : nullptr;
+  return datamorph_move_cursor(&pss_info, PSS_NEXT_KEY, &call_status, &location_status)
+             ? key_at_cursor()
+             : nullptr;
 }
 
 const pss_datum_t *first_key() {
   syserr_t call_status = SYSERR_SUCCESS;
   syserr_t location_status = SYSERR_SUCCESS;
-  if (!move_cursor(PSS_FIRST_KEY, &call_status, &location_status)) {
+  if (!datamorph_move_cursor(&pss_info, PSS_FIRST_KEY, &call_status, &location_status)) {
     DATAMORPH_TRACE("Could not find the first key in the runtime info pss:0x%x, 0x%x\n",
                     call_status, location_status);
     return nullptr;
@@ -398,7 +391,7 @@ const pss_datum_t *first_key() {
     DATAMORPH_TRACE("Could not get the first key in the runtime info pss:0x%x\n", status);
     return nullptr;
   }
-  return is_readable(key) ? key : nullptr;
+  return datamorph_is_readable(key) ? key : nullptr;
 }
 
 // Changes and writes back one record for the current request.
@@ -435,7 +428,7 @@ bool handle_key(const pss_datum_t *key, ethpm_pss_type_t *list, size_t list_num)
     if (value == nullptr) {
       syserr_t status = SYSERR_SUCCESS;
       value = pss2_getvalue(pss_info, &status);
-      if (status != SYSERR_SUCCESS || !is_readable(value)) {
+      if (status != SYSERR_SUCCESS || !datamorph_is_readable(value)) {
         value = nullptr;
         continue;
       }

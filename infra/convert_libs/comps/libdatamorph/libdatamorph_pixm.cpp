@@ -4,12 +4,9 @@
 
 #include "libdatamorph_pixm.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "libdatamorph_private.h"
 #include "libdatamorph_walk.h"
@@ -179,7 +176,7 @@ bool is_q8_item(uint16 type, uint16 length, const uint8 *value) {
 
 // Whether a stored value is a TLV array with the callback record of a Q8 forwarding index.
 bool is_q8(const pss_datum_t *stored) {
-  if (stored == nullptr || stored->ptr == nullptr || stored->siz < TLV_ARRAY_HEADER_SIZE) {
+  if (!datamorph_is_readable(stored) || stored->siz < TLV_ARRAY_HEADER_SIZE) {
     return false;
   }
   const auto *array = static_cast<const tlv_array_t *>(stored->ptr);
@@ -337,25 +334,14 @@ private:
   bool pss_key_delete_ = false;
 };
 
-bool is_readable(const pss_datum_t *key) {
-  return key != nullptr && key->ptr != nullptr;
-}
-
-bool move_cursor(pss2_service_t store, pss_location_t location, syserr_t *call_status,
-                 syserr_t *location_status) {
-  *location_status = SYSERR_SUCCESS;
-  *call_status = pss2_move2location(&store, 1, location, location_status);
-  return *call_status == SYSERR_SUCCESS && *location_status != SYSERR_PSS_NOT_FOUND;
-}
-
 void clean_up(pss2_service_t store, const pss_datum_t *key) {
   pending_deletion pending(store);
   datamorph_circle_guard circle;
-  while (is_readable(key) && !circle.has_met(*key)) {
+  while (datamorph_is_readable(key) && !circle.has_met(*key)) {
     pending.note(*key);
     syserr_t status = SYSERR_SUCCESS;
     syserr_t location_status = SYSERR_SUCCESS;
-    if (!move_cursor(store, PSS_NEXT_KEY, &status, &location_status)) {
+    if (!datamorph_move_cursor(&store, PSS_NEXT_KEY, &status, &location_status)) {
       DATAMORPH_TRACE("Move to next location failed pss_fd:0x%x, status: 0x%x\n", store, status);
       break;
     }
@@ -373,7 +359,7 @@ void clean_up(pss2_service_t store, const pss_datum_t *key) {
 syserr_t clean_up_from_first(pss2_service_t store) {
   syserr_t status = SYSERR_SUCCESS;
   syserr_t location_status = SYSERR_SUCCESS;
-  if (!move_cursor(store, PSS_FIRST_KEY, &status, &location_status)) {
+  if (!datamorph_move_cursor(&store, PSS_FIRST_KEY, &status, &location_status)) {
     DATAMORPH_TRACE("First key not present pss_fd:0x%x, status: 0x%x, 0x%x\n", store, status,
                     location_status);
     return SYSERR_SUCCESS;

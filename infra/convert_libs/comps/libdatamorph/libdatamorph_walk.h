@@ -1,12 +1,25 @@
-// What walks over stores share: keys that outlive the call that gave them, and a guard against
-// walks in circles.
+// What walks over stores share: the cursor's steps, keys that outlive the call that gave them, and
+// a guard against walks in circles.
 #ifndef LIBDATAMORPH_WALK_H
 #define LIBDATAMORPH_WALK_H
 
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/pss_datum.h"
+#include "platform/pss2.h"
+
+inline bool datamorph_is_readable(const pss_datum_t *datum) {
+  return datum != nullptr && datum->ptr != nullptr;
+}
+
+// Moves the cursor of a store. Whether it stands on a record then, as far as the call tells; false
+// leaves the call's own status and the location's in the two.
+inline bool datamorph_move_cursor(pss2_service_t *store, pss_location_t location,
+                                  syserr_t *call_status, syserr_t *location_status) {
+  *location_status = SYSERR_SUCCESS;
+  *call_status = pss2_move2location(store, 1, location, location_status);
+  return *call_status == SYSERR_SUCCESS && *location_status != SYSERR_PSS_NOT_FOUND;
+}
 
 // A key kept beyond the call that gave it. Keys of the usual sizes need no memory of their own.
 class datamorph_kept_key {
@@ -22,9 +35,6 @@ public:
       auto *larger = static_cast<uint8 *>(realloc(large_, key.siz));
       if (larger == nullptr) {
         return false;
-      }
-      if (large_ == nullptr) {
-        memcpy(larger, small_, size_);
       }
       large_ = larger;
       capacity_ = key.siz;

@@ -2,13 +2,34 @@
 
 #include "libdatamorph_ethpm.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "libdatamorph_private.h"
 #include "support/library_fixture.h"
+#include "support/scarce_malloc.h"
 
 namespace {
+
+// What the exports take and give, as a caller that knows only the numbers has it.
+using converter_t = syserr_t (*)(const char *, const char *, const char *, const char *);
+static_assert(std::is_same_v<decltype(&ethpm_data_morph_gsync), converter_t> &&
+              std::is_same_v<decltype(&ethpm_data_morph_startup), converter_t>);
+static_assert(std::is_same_v<decltype(upgrade_port_state_reason_table), uint32[256]> &&
+              std::is_same_v<decltype(downgrade_port_state_reason_table), uint32[256]>);
+static_assert(std::is_same_v<decltype(ethpm_convert_runtime_pss_list), ethpm_pss_type_t[1]> &&
+              std::is_same_v<decltype(ethpm_convert_config_tlv_pss_list), ethpm_pss_type_t[1]>);
+static_assert(sizeof(ethpm_issu_transition_t) == 4 && sizeof(ethpm_pss_action_t) == 4);
+static_assert(offsetof(ethpm_pss_type_t, b_version_chk) == 255 &&
+              sizeof(ethpm_pss_type_t::b_version_chk) == 1 &&
+              offsetof(ethpm_pss_type_t, transition) == 256 &&
+              offsetof(ethpm_pss_type_t, pss_action) == 260 &&
+              offsetof(ethpm_pss_type_t, ethpm_fn_ver_chk) == 264 &&
+              sizeof(ethpm_pss_type_t) == 264 + 4 * sizeof(void *));
+static_assert(offsetof(ethpm_pss_change_list_info_t, pss_list_type) == 64 &&
+              sizeof(ethpm_pss_change_list_info_t) == 64 + 2 * sizeof(void *));
 
 constexpr char k_info[] = "nonvolatile:/cfg/ethpm_runtime_info";
 constexpr char k_cfg[] = "nonvolatile:/cfg/ethpm_runtime_cfg";
@@ -446,6 +467,110 @@ TEST_F(ethpm_test, without_a_transition_the_copies_are_as_they_were) {
   }
 }
 
+// Bytes as a datum of exactly their size, so that a sanitizer finds a read behind them.
+struct exact {
+  explicit exact(const std::string &text)
+      : datum{std::malloc(text.size()), static_cast<uint32>(text.size())} {
+    std::memcpy(datum.ptr, text.data(), text.size());
+  }
+  ~exact() { std::free(datum.ptr); }
+  exact(const exact &) = delete;
+  exact &operator=(const exact &) = delete;
+  pss_datum_t datum;
+};
+
+TEST_F(ethpm_test, copies_that_there_is_no_memory_for) {
+  const exact key(runtime_key(1));
+  const exact value(runtime(124));
+  for (unsigned nth = 1; nth <= 5; ++nth) { // datum and bytes of the key, and of the value
+    pss_datum_t *wkey = nullptr;
+    pss_datum_t *wvalue = nullptr;
+    scarce_malloc::refuse_nth(nth);
+    const bool changed = ethpm_convert_runtime_pss_list[0].ethpm_change_pss_value(
+        &key.datum, &value.datum, &wkey, &wvalue);
+    EXPECT_EQ(nth <= 4, scarce_malloc::relieve());
+    EXPECT_EQ(nth == 5, changed) << nth;
+    for (pss_datum_t *copy : {wkey, wvalue}) {
+      EXPECT_EQ(nth == 5, copy != nullptr);
+      std::free(copy != nullptr ? copy->ptr : nullptr);
+      std::free(copy);
+    }
+  }
+}
+
+TEST_F(ethpm_test, version_checks_tell_transition_and_action) {
+  const struct {
+    const char *to;
+    const char *from;
+    int reasons[3]; // accepted, transition, action
+    int config[3];
+  } rows[] = {
+      {"4.2(0)", "4.1(9)", {1, 2, 1}, {1, 2, 2}}, {"4.1(9)", "4.2(0)", {1, 1, 1}, {1, 1, 2}},
+      {"4.2(1)", "4.2(0)", {0, 0, 0}, {0, 0, 0}}, {"4.2(0)", "4.2(1)", {0, 0, 0}, {0, 0, 0}},
+      {"4.1(2)", "4.1(1)", {0, 0, 0}, {0, 0, 0}}, {"4.2(0)", "4.2(0)", {0, 0, 0}, {0, 0, 0}},
+      {"4.1(1)", "5.0(0)", {1, 1, 1}, {1, 1, 2}}, {"4.2(0)a", "4.2", {0, 0, 0}, {0, 0, 0}},
+  };
+  for (const auto &row : rows) {
+    for (const auto &[list, expected] :
+         {std::pair(ethpm_convert_runtime_pss_list, row.reasons),
+          std::pair(ethpm_convert_config_tlv_pss_list, row.config)}) {
+      ethpm_issu_transition_t transition = ETHPM_TR_NOCHANGE;
+      ethpm_pss_action_t action = ETHPM_PSS_NOCHANGE;
+      bool accepted = false;
+      traced([&, list = list] {
+        accepted = list->ethpm_fn_ver_chk(row.to, row.from, &transition, &action);
+      });
+      EXPECT_EQ(expected[0] != 0, accepted) << row.to << row.from;
+      EXPECT_EQ(expected[1], static_cast<int>(transition)) << row.to << row.from;
+      EXPECT_EQ(expected[2], static_cast<int>(action)) << row.to << row.from;
+    }
+  }
+}
+
+TEST_F(ethpm_test, the_dummy_hands_on_what_it_was_given) {
+  std::string text = "k";
+  const pss_datum_t key = {text.data(), 1};
+  const pss_datum_t value = {text.data(), 0};
+  pss_datum_t *wkey = nullptr;
+  pss_datum_t *wvalue = nullptr;
+  EXPECT_TRUE(
+      ethpm_convert_config_tlv_pss_list[0].ethpm_change_pss_value(&key, &value, &wkey, &wvalue));
+  EXPECT_EQ(&key, wkey);
+  EXPECT_EQ(&value, wvalue);
+}
+
+// ---- One process, several conversions
+
+TEST_F(ethpm_test, up_and_down_again_in_one_process) {
+  platform.set_store(k_info, {{runtime_key(1), runtime(124)}, {runtime_key(2), runtime(145)}});
+  platform.set_store(k_cfg);
+  gsync("4.2(2)", "4.1(3)");
+  EXPECT_EQ(records_t({{runtime_key(1), runtime(143)}, {runtime_key(2), runtime(145)}}),
+            platform.records(k_info));
+  platform.put(k_cfg, config_key(1), "a");
+  EXPECT_EQ("Change Request :Port state reason modification,  b_version_chk:1, transition:1 "
+            "pss_action : 1 (from:4.2(2), to;4.1(3))\n",
+            gsync("4.1(3)", "4.2(2)").at(3));
+  EXPECT_EQ(records_t({{runtime_key(1), runtime(124)}, {runtime_key(2), runtime(126)}}),
+            platform.records(k_info));
+  EXPECT_TRUE(platform.records(k_cfg).empty());
+}
+
+// The startup converter's list is one of gsync's: what was accepted there is marked here.
+TEST_F(ethpm_test, a_mark_of_one_converter_is_seen_by_the_other) {
+  platform.set_store(k_cfg);
+  platform.set_store(k_saved, {{config_key(1), "a"}});
+  gsync("4.2(2)", "4.1(3)");
+  EXPECT_EQ(
+      lines_t({"Ethpm - Path - /cfg \n", "Ethpm pss uri: nonvolatile:/cfg/bin/ethpm_saved_config\n",
+               "ETHPM:From version - 1 and To version - 1 \n",
+               "Change Request :Delete config tlv pss key,  b_version_chk:1, transition:2 "
+               "pss_action : 2 (from:4.1(3), to;4.1(4))\n",
+               "Nothing to fix for versions (from:4.1(3), to;4.1(4))\n"}),
+      startup("4.1(4)", "4.1(3)"));
+  EXPECT_EQ(1u, platform.records(k_saved).size());
+}
+
 // ---- The walk
 
 class ethpm_walk_test : public ethpm_test {
@@ -594,6 +719,120 @@ TEST_F(ethpm_walk_test, every_failing_call) {
     EXPECT_TRUE(platform.open_handles().empty()) << row.nth;
     EXPECT_EQ(1u, platform.scripted());
   }
+}
+
+TEST_F(ethpm_walk_test, every_failing_call_of_a_rewrite) {
+  // open, first, key, value, store, next, key, value, store, next, close
+  const struct {
+    unsigned nth;
+    size_t calls;
+    uint32 first; // reasons
+    uint32 second;
+  } rows[] = {
+      {1, 1, 124, 125},  {2, 3, 124, 125},   {3, 4, 124, 125},   {4, 10, 124, 144},
+      {5, 11, 124, 144}, {6, 7, 143, 125},   {7, 8, 143, 125},   {8, 10, 143, 125},
+      {9, 11, 143, 125}, {10, 11, 143, 144}, {11, 11, 124, 125}, // a failed close loses all
+  };
+  for (const auto &row : rows) {
+    forget_process();
+    platform.reset();
+    platform.set_store(k_info, {{runtime_key(1), runtime(124)}, {runtime_key(2), runtime(125)}});
+    platform.fail_any(row.nth, 0x4048000B);
+    gsync("4.2(2)", "4.1(3)");
+    // the second store is missing: its opening is the last call
+    EXPECT_EQ(row.calls + 1, platform.calls().size()) << row.nth;
+    EXPECT_EQ(
+        records_t({{runtime_key(1), runtime(row.first)}, {runtime_key(2), runtime(row.second)}}),
+        platform.records(k_info))
+        << row.nth;
+    EXPECT_TRUE(platform.open_handles().empty()) << row.nth;
+    EXPECT_EQ(1u, platform.scripted()) << row.nth;
+  }
+}
+
+// A record that no copy can be made of stays, and the walk goes on.
+TEST_F(ethpm_walk_test, a_rewrite_without_memory) {
+  for (unsigned nth = 3; nth <= 6; ++nth) { // the first two calls are the double's
+    forget_process();
+    platform.reset();
+    platform.set_store(k_info, {{runtime_key(1), runtime(124)}, {runtime_key(2), runtime(124)}});
+    platform.before("pss2_getvalue", [nth] { scarce_malloc::refuse_nth(nth); });
+    gsync("4.2(2)", "4.1(3)");
+    EXPECT_TRUE(scarce_malloc::relieve());
+    EXPECT_EQ(records_t({{runtime_key(1), runtime(124)}, {runtime_key(2), runtime(143)}}),
+              platform.records(k_info))
+        << nth;
+    EXPECT_TRUE(platform.open_handles().empty());
+  }
+}
+
+// Keys above 64 bytes, which the walk needs memory for.
+TEST_F(ethpm_walk_test, large_keys) {
+  const std::string large[] = {config_key(1) + std::string(58, 'k'),
+                               config_key(1) + std::string(59, 'k'),
+                               config_key(1) + std::string(500, 'k'), config_key(2)};
+  records_t records;
+  for (const std::string &key : large) {
+    records[key] = "v";
+  }
+  platform.set_store(k_cfg, records);
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_TRUE(platform.records(k_cfg).empty());
+
+  platform.set_store(k_cfg, records);
+  platform.answer_null_from("pss2_delete"); // each is found again under the cursor, and passed
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_EQ(8u, platform.calls("pss2_delete").size());
+  EXPECT_EQ(records, platform.records(k_cfg));
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
+TEST_F(ethpm_walk_test, a_large_key_that_there_is_no_memory_for) {
+  const std::string large = config_key(3) + std::string(194, 'k');
+  const records_t records = {
+      {config_key(1), "a"}, {config_key(2), "b"}, {large, "c"}, {config_key(4), "d"}};
+  const struct {
+    unsigned nth;
+    records_t left;
+  } rows[] = {
+      // the first two calls are the double's
+      {3, {}},                                   // the guard's: it goes on without it
+      {4, {{large, "c"}, {config_key(4), "d"}}}, // the walk's own: it ends
+  };
+  for (const auto &row : rows) {
+    forget_process();
+    platform.reset();
+    platform.set_store(k_cfg, records);
+    platform.before(
+        "pss2_getkey", [&row] { scarce_malloc::refuse_nth(row.nth); }, 3);
+    walk(ethpm_convert_config_tlv_pss_list, 1);
+    scarce_malloc::relieve();
+    EXPECT_EQ(row.left, platform.records(k_cfg)) << row.nth;
+    EXPECT_TRUE(platform.open_handles().empty());
+  }
+}
+
+// Only one status of a location means that there is no such record.
+TEST_F(ethpm_walk_test, other_statuses_of_a_location_do_not_end_the_walk) {
+  const records_t records = {{"k1", "v1"}, {config_key(1), "a"}};
+  platform.set_store(k_cfg, records);
+  platform.answer_handles(0x4048000B);
+  EXPECT_EQ("Could not get the first key in the runtime info pss:0x40480003\n",
+            walk(ethpm_convert_config_tlv_pss_list, 1).back());
+
+  platform.set_store(k_cfg, {{bytes("64"), "a"}, {config_key(1), "b"}});
+  platform.clear();
+  platform.answer_handles(0x4048000B, 2); // the cursor stays where it is, once
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_EQ(lines_t({"pss2_open(\"nonvolatile:/cfg/ethpm_runtime_cfg\", 0x3, 0, 0, 0)",
+                     "pss2_move2location([2], PSS_FIRST_KEY)", "pss2_getkey(2)",
+                     "pss2_move2location([2], PSS_NEXT_KEY)", "pss2_getkey(2)", "pss2_close(2)"}),
+            platform.calls()); // the same key again: a circle
+
+  platform.answer_handles(0x40480003);
+  EXPECT_EQ("Could not find the first key in the runtime info pss:0x0, 0x40480003\n",
+            walk(ethpm_convert_config_tlv_pss_list, 1).back());
+  EXPECT_TRUE(platform.open_handles().empty());
 }
 
 TEST_F(ethpm_walk_test, a_first_key_that_cannot_be_reached) {

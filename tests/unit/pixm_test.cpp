@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "support/library_fixture.h"
+#include "support/scarce_malloc.h"
 
 namespace {
 
@@ -296,6 +297,29 @@ TEST_F(pixm_test, the_calls_of_a_renumbering) {
             lines_t(calls.end() - 4, calls.end()));
 }
 
+TEST_F(pixm_test, all_ltls_of_a_store_at_once) {
+  records_t before = {{ltl_key(0x10D9), "below"}, {ltl_key(0x1122), "above"}};
+  records_t after = before;
+  for (const ltl_row &row : k_ltls) { // ascending: the last one of a slot stays
+    before[ltl_key(row.ltl)] = after[ltl_key(row.becomes)] = q8(static_cast<uint8>(row.ltl));
+  }
+  ASSERT_EQ(74u, before.size());
+  ASSERT_EQ(20u, after.size());
+  platform.set_store(k_store, before);
+  ASSERT_EQ(0, rmdir("/mnt/pss"));
+  captured_stderr([] { pixm_data_morph_gsync("/cfg", "s", "4.1(1)", "4.2(2)"); });
+  EXPECT_EQ(after, platform.records(k_store));
+}
+
+// What stands under a new number is replaced, also by itself.
+TEST_F(pixm_test, a_record_under_the_new_number_is_replaced) {
+  platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}, {ltl_key(0x1162), "old"}});
+  renumber();
+  EXPECT_EQ(records_t({{ltl_key(0x1162), q8(1)}}), platform.records(k_store));
+  renumber(); // again: nothing is left to do
+  EXPECT_EQ(records_t({{ltl_key(0x1162), q8(1)}}), platform.records(k_store));
+}
+
 TEST_F(pixm_test, the_highest_number_of_a_slot_wins) {
   platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)},
                                {ltl_key(0x10DB), q8(2)},
@@ -383,6 +407,144 @@ TEST_F(pixm_test, a_renumbering_that_cannot_begin) {
   EXPECT_EQ("Error: status = 0x0\n", lines.at(7));
   EXPECT_EQ("pss2_close(1)", platform.calls().back());
   EXPECT_EQ(3u, platform.calls().size());
+}
+
+TEST_F(pixm_test, a_renumbering_without_memory) {
+  platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}}, {16, 7777, 0, 1});
+  scarce_malloc::refuse_size(7777);
+  const lines_t lines = renumber();
+  EXPECT_TRUE(scarce_malloc::relieve());
+  EXPECT_EQ(lines_t({"pss uri nonvolatile:/cfg/pixm_runtime_info: max val size 7777\n",
+                     "pss uri nonvolatile:/cfg/pixm_runtime_info: malloc failure = 0x1\n",
+                     "Error: status = 0x0\n"}),
+            lines_t(lines.begin() + 6, lines.begin() + 9));
+  EXPECT_EQ(lines_t({"pss2_open(\"nonvolatile:/cfg/pixm_runtime_info\", 0x3, 0, 0, 0)",
+                     "pss2_get_params(1)", "pss2_close(1)"}),
+            platform.calls());
+  EXPECT_EQ(records_t({{ltl_key(0x10DA), q8(1)}}), platform.records(k_store));
+}
+
+// A size is traced as a signed number, and a buffer of a size that nobody has is not had.
+TEST_F(pixm_test, a_maximum_value_size_of_32_bits) {
+  platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}}, {16, 0xFFFFFFFF, 0, 1});
+  scarce_malloc::refuse_size(0xFFFFFFFF);
+  const lines_t lines = renumber();
+  EXPECT_TRUE(scarce_malloc::relieve());
+  EXPECT_EQ("pss uri nonvolatile:/cfg/pixm_runtime_info: max val size -1\n", lines.at(6));
+  EXPECT_EQ(13u, lines.size()); // and nothing is asked for
+}
+
+TEST_F(pixm_test, the_tlv_calls_of_a_record) {
+  platform.set_store(k_store,
+                     {{ltl_key(0x10DA), tlv_array_bytes({{1, "x"}, {2, bytes("00000000fd")}})},
+                      {ltl_key(0x10DB), tlv_array_bytes({{3, ""}})},
+                      {ltl_key(0x10DC), tlv_array_bytes({})},
+                      {ltl_key(0x10DD), bytes("09 00 00 00 01 00 01 00")}}); // claims too much
+  platform.watch_tlvs();
+  renumber();
+  const lines_t calls = platform.calls();
+  EXPECT_EQ(lines_t({"pss2_fetch(1, 36000010da0001)", "tlv_array_size_get(1600000002000100, 1)",
+                     "tlv_array_get_num_tlvs(1600000002000100, 1)",
+                     "tlv_array_get_next_tlv(1600000002000100, 1, 0)",
+                     "tlv_array_get_next_tlv(1600000002000100, 1, 5)",
+                     "pss2_store(1, 36000011620001, 16000000020001000100010078020005000000"
+                     "0000fd)",
+                     "pss2_delete(1, 36000010da0001, 1)", "pss2_fetch(1, 36000010db0001)",
+                     "tlv_array_size_get(0c00000001000100, 1)",
+                     "tlv_array_get_num_tlvs(0c00000001000100, 1)",
+                     "tlv_array_get_next_tlv(0c00000001000100, 1, 0)",
+                     "pss2_fetch(1, 36000010dc0001)", "tlv_array_size_get(0800000000000100, 1)",
+                     "tlv_array_get_num_tlvs(0800000000000100, 1)", "pss2_fetch(1, 36000010dd0001)",
+                     "tlv_array_size_get(0900000001000100, 1)", "pss2_fetch(1, 36000010de0001)"}),
+            lines_t(calls.begin() + 2, calls.begin() + 19));
+}
+
+// A value that has no room for a header is not even looked at.
+TEST_F(pixm_test, no_tlv_call_reads_a_value_without_header) {
+  platform.set_store(k_store,
+                     {{ltl_key(0x10DA), ""}, {ltl_key(0x10DB), bytes("08 00 00 00 00 00 01")}});
+  platform.watch_tlvs();
+  const lines_t lines = renumber();
+  EXPECT_EQ(2, std::count(lines.begin(), lines.end(), "Error ltl-key  is NOT QORN\n"));
+  EXPECT_EQ(75u, platform.calls().size()); // open, parameters, 72 times fetch, close
+}
+
+TEST_F(pixm_test, the_tlv_calls_answers) {
+  const std::string value = tlv_array_bytes({{2, bytes("00 00 00 00 fd")}, {9, "x"}});
+  const struct {
+    const char *function;
+    syserr_t answer; // status, or result
+    bool of_q8;
+  } rows[] = {
+      {"tlv_array_size_get", 22, true},             // all that is stored
+      {"tlv_array_size_get", 23, false},            // a byte more
+      {"tlv_array_size_get", 0xFFFFFFFF, false},    //
+      {"tlv_array_get_num_tlvs", 0, false},         //
+      {"tlv_array_get_num_tlvs", 1, true},          //
+      {"tlv_array_get_num_tlvs", 0xFFFFFFFF, true}, // found before the end
+      {"tlv_array_get_next_tlv", 0x40490001, false},
+      {"tlv_array_get_next_tlv", 0x40490002, false},
+      {"tlv_array_get_next_tlv", 0, true}, // done, but nothing is told: the next call finds it
+  };
+  ASSERT_EQ(22u, value.size());
+  for (const auto &row : rows) {
+    platform.reset();
+    platform.set_store(k_store, {{ltl_key(0x10DA), value}});
+    platform.watch_tlvs();
+    platform.fail(row.function, row.answer);
+    const lines_t lines = renumber();
+    EXPECT_EQ(1u, platform.scripted());
+    EXPECT_EQ(!row.of_q8, has_line(lines, "Error ltl-key  is NOT QORN\n")) << row.function;
+    EXPECT_EQ(records_t({{ltl_key(row.of_q8 ? 0x1162 : 0x10DA), value}}), platform.records(k_store))
+        << row.function << row.answer;
+    EXPECT_TRUE(platform.open_handles().empty());
+  }
+}
+
+// A count that is too high ends where the array does.
+TEST_F(pixm_test, a_count_of_tlvs_that_is_too_high_ends_with_the_array) {
+  platform.set_store(k_store, {{ltl_key(0x10DA), tlv_array_bytes({{9, "x"}})}});
+  platform.watch_tlvs();
+  platform.fail("tlv_array_get_num_tlvs", 0xFFFFFFFF);
+  EXPECT_TRUE(has_line(renumber(), "Error ltl-key  is NOT QORN\n"));
+  EXPECT_EQ(2u, platform.calls("tlv_array_get_next_tlv").size());
+}
+
+TEST_F(pixm_test, every_failing_call_of_a_renumbering) {
+  // open, parameters, fetch, size, number, next, store, delete, 71 times fetch, close
+  const struct {
+    unsigned nth;
+    size_t calls;
+    bool has_old;
+    bool has_new;
+    const char *line;
+  } rows[] = {
+      {1, 1, true, false,
+       "pss uri: nonvolatile:/cfg/pixm_runtime_info does not exist 0x4048000b\n"},
+      {2, 3, true, false,
+       "pss uri nonvolatile:/cfg/pixm_runtime_info: get_params err = 0x4048000b\n"},
+      {3, 75, true, false, "ltl 0x10da fetch err 0x4048000b\n"},
+      {4, 76, true, false, "Error ltl-key  is NOT QORN\n"}, // a size above what is stored
+      {5, 80, false, true, "Deleting old key\n"},           // a number of TLVs above theirs
+      {6, 78, true, false, "Error ltl-key  is NOT QORN\n"},
+      {7, 80, false, false, "Deleting old key\n"}, // what could not be stored is lost all the same
+      {8, 80, true, true, "ltl 0x10db fetch err 0x40480003\n"},
+      {9, 80, false, true, "ltl 0x10db fetch err 0x4048000b\n"},
+      {79, 80, false, true, "ltl 0x1121 fetch err 0x4048000b\n"},
+      {80, 80, true, false, "ltl 0x1121 fetch err 0x40480003\n"}, // a failed close loses all
+  };
+  for (const auto &row : rows) {
+    platform.reset();
+    platform.set_store(k_store, {{ltl_key(0x10DA), q8(1)}});
+    platform.watch_tlvs();
+    platform.fail_any(row.nth, 0x4048000B);
+    EXPECT_TRUE(has_line(renumber(), row.line)) << row.nth;
+    EXPECT_EQ(row.calls, platform.calls().size()) << row.nth;
+    EXPECT_EQ(row.has_old, platform.value(k_store, ltl_key(0x10DA)).has_value()) << row.nth;
+    EXPECT_EQ(row.has_new, platform.value(k_store, ltl_key(0x1162)).has_value()) << row.nth;
+    EXPECT_TRUE(platform.open_handles().empty()) << row.nth;
+    EXPECT_EQ(1u, platform.scripted()) << row.nth;
+  }
 }
 
 TEST_F(pixm_test, failed_writes_are_not_looked_at) {
@@ -510,6 +672,95 @@ TEST_F(pixm_test, a_cleanup_that_fails_on_the_way) {
     EXPECT_EQ(row.left, platform.records(k_store).size()) << row.line;
     EXPECT_TRUE(platform.open_handles().empty());
   }
+}
+
+TEST_F(pixm_test, every_failing_call_of_a_cleanup) {
+  // open, first, key, next, key, delete, next, delete, close
+  const struct {
+    unsigned nth;
+    size_t calls;
+    const char *left; // the last digits of the keys
+    const char *line;
+  } rows[] = {
+      {1, 1, "12", "pss uri: nonvolatile:/cfg/pixm_runtime_info does not exist 0x4048000b\n"},
+      {2, 3, "12", "First key not present pss_fd:0x1, status: 0x4048000b, 0x4048000b\n"},
+      {3, 4, "12", "Cannot get key pss_fd:0x1, status: 0x4048000b\n"},
+      {4, 6, "2", "Move to next location failed pss_fd:0x1, status: 0x4048000b\n"},
+      {5, 7, "2", "key not present pss_fd:0x1, status: 0x4048000b\n"},
+      {6, 9, "1", "Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 1"},
+      {7, 9, "", "Move to next location failed pss_fd:0x1, status: 0x4048000b\n"},
+      {8, 9, "2", "Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 2"},
+      {9, 9, "12", "Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 2"},
+  };
+  for (const auto &row : rows) {
+    platform.reset();
+    platform.set_store(
+        k_store, {{bytes("3a 00 00 00 00 00 01"), "a"}, {bytes("3a 00 00 00 00 00 02"), "b"}});
+    platform.fail_any(row.nth, 0x4048000B);
+    const lines_t lines = clean_up();
+    EXPECT_TRUE(has_line(lines, row.line)) << row.nth;
+    EXPECT_EQ(row.nth == 3, has_line(lines, "check and convert pss failure 0x4048000b\n"));
+    EXPECT_EQ(row.calls, platform.calls().size()) << row.nth;
+    std::string left;
+    for (const auto &[key, value] : platform.records(k_store)) {
+      left += static_cast<char>('0' + key.back());
+    }
+    EXPECT_EQ(row.left, left) << row.nth;
+    EXPECT_TRUE(platform.open_handles().empty()) << row.nth;
+  }
+}
+
+// Only one status of a location means that there is no such key.
+TEST_F(pixm_test, other_statuses_of_a_location_do_not_end_the_walk) {
+  const records_t records = {{bytes("3a 00 00 00 00 00 01"), "a"}, {bytes("3b"), "b"}};
+  platform.set_store(k_store, records);
+  platform.answer_handles(0x4048000B, 2); // the cursor stays, and so does its key
+  clean_up();
+  EXPECT_EQ(2u, platform.calls("pss2_getkey").size());
+  EXPECT_EQ(records_t({{bytes("3b"), "b"}}), platform.records(k_store));
+
+  platform.reset();
+  platform.set_store(k_store, records);
+  platform.answer_handles(0x4048000B); // no key is under the cursor
+  EXPECT_TRUE(has_line(clean_up(), "Cannot get key pss_fd:0x1, status: 0x40480003\n"));
+
+  platform.reset();
+  platform.set_store(k_store, records);
+  platform.answer_handles(0x40480003, 2);
+  EXPECT_TRUE(has_line(clean_up(), "Move to next location failed pss_fd:0x1, status: 0x0\n"));
+  EXPECT_EQ(1u, platform.calls("pss2_getkey").size());
+}
+
+// Every line of a cleanup that finds nothing.
+TEST_F(pixm_test, every_line_of_a_cleanup_of_other_keys) {
+  platform.set_store(k_store, {{bytes("36"), "a"}, {bytes("39 00 00 00 00 00 01"), "b"}});
+  EXPECT_EQ(
+      lines_t({"FROM 4.2(3) TO 4.2(1) Num 2\n",
+               "To_ver: 4.2(1) From_ver: 4.2(3) To_ref: 4.1(2) From_ref:4.1(3)\n",
+               "Compare return from_ver:4.2(3) from_ref: 4.1(3) : from_comp: 1\n",
+               "Compare return to_ref:4.1(2) to_ver: 4.2(1) : to_comp: -1\n",
+               "ISSU Leg Q8_Downgrades From: =>4.1.3 --> To: <=4.1.2: No issu conversion reqd from "
+               "4.2(3) to 4.2(1)\n",
+               "To_ver: 4.2(1) From_ver: 4.2(3) To_ref: 4.2(2) From_ref:4.2(3)\n",
+               "Compare return from_ver:4.2(3) from_ref: 4.2(3) : from_comp: 0\n",
+               "Compare return to_ref:4.2(2) to_ver: 4.2(1) : to_comp: 1\n",
+               "ISSU Leg DUAG Cache Cleanup From: =>4.2.3 --> To: <=4.2.2: issu conversion "
+               "required from 4.2(3) to 4.2(1)\n",
+               "pss uri: nonvolatile:/cfg/pixm_runtime_info\n",
+               "Move to next location failed pss_fd:0x1, status: 0x0\n"}),
+      clean_up());
+  EXPECT_TRUE(platform.calls("pss2_delete").empty());
+}
+
+// A null key behind a cache key: the cache key goes, in the loop, and once.
+TEST_F(pixm_test, a_pending_key_goes_before_a_null_one) {
+  platform.set_store(k_store,
+                     {{bytes("3a 00 00 00 00 00 01"), "a"}, {bytes("3a 00 00 00 00 00 02"), "b"}});
+  platform.answer_null("pss2_getkey", 2);
+  const lines_t lines = clean_up();
+  EXPECT_EQ("Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 1", lines.back());
+  EXPECT_EQ(lines_t({"pss2_delete(1, 3a000000000001, 1)"}), platform.calls("pss2_delete"));
+  EXPECT_EQ(1u, platform.records(k_store).size());
 }
 
 TEST_F(pixm_test, a_key_that_cannot_be_read_ends_the_walk) {

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 constexpr char table_1[] = "/cfg/0/globalpss_table.snp";
@@ -188,6 +191,122 @@ TEST_F(gsdb, every_step_stands_in_the_log_in_order) {
     ASSERT_NE(found, std::string::npos) << line << "not found in order in\n" << log;
     at = found + line.size();
   }
+}
+
+// ---- What is in a snapshot's file ---------------------------------------------------------------
+
+class snapshot_files : public gsdb {
+protected:
+  void SetUp() override {
+    gsdb::SetUp();
+    convert({"--to", "4.2(1)", "--moment", "gsync"});
+  }
+  void expect_refused(const std::string &file, const std::string &message) {
+    const files before = state("sw");
+    const result shown = run({"store", "show", "sw", file});
+    EXPECT_EQ(shown.status, 3) << shown.out;
+    EXPECT_EQ(shown.out, "");
+    EXPECT_EQ(shown.err, "datamorph: 'sw': file '" + file + "': " + message + "\n");
+    EXPECT_EQ(state("sw"), before);
+  }
+  static constexpr char damaged[] = "it is no flat file of records, or is damaged: cut or changed";
+};
+
+TEST_F(snapshot_files, are_shown_with_what_they_mean) {
+  EXPECT_EQ(run({"store", "show", "sw", table_1}).out,
+            "KEY                              VALUE                    MEANING\n"
+            "2f6366672f302f7376695f676c646200 0c0000ff7c01000000000000 snapshot database: database "
+            "\"/cfg/0/svi_gldb\", multicast 0xff00000c, owner SVI, vdc 0\n");
+  EXPECT_EQ(run({"store", "show", "sw", database_2}).out, "KEY VALUE\n");
+  const nlohmann::json expected = {{"switch", "sw"},
+                                   {"file", table_2},
+                                   {"encoding", "hex"},
+                                   {"records",
+                                    {{{"key", "2f6366672f302f322f7376695f676c646200"},
+                                      {"value", "0c0000ff7c01000000000000"},
+                                      {"decoded",
+                                       {{"kind", "snapshot database"},
+                                        {"database", "/cfg/0/2/svi_gldb"},
+                                        {"mcast_info", "0xff00000c"},
+                                        {"owner", "SVI"},
+                                        {"vdc", 0}}}}}}};
+  EXPECT_EQ(run({"store", "show", "sw", table_2, "--format", "json"}).json(), expected);
+  EXPECT_EQ(run({"store", "show", "sw", table_1, "--text", "--format", "json"})
+                .json()["records"][0]["key"],
+            "/cfg/0/svi_gldb\\x00");
+}
+
+TEST_F(snapshot_files, a_record_of_another_owner) {
+  const std::string uri = "volatile:/cfg/0/globalpss_table";
+  ASSERT_EQ(
+      run({"store", "put", "sw", uri, "ff5c00", "010000005e1a000010000000", "--create"}).status, 0);
+  ASSERT_EQ(run({"store", "put", "sw", uri, "6100", "0100000002000000030000"}).status, 0);
+  for (const char *key : {"", "00", "61", "610062", "610000"}) {
+    ASSERT_EQ(run({"store", "put", "sw", uri, key, "010000000200000003000000"}).status, 0);
+  }
+
+  const nlohmann::json shown = run({"store", "show", "sw", uri, "--format", "json"}).json();
+
+  std::map<std::string, nlohmann::json> decoded;
+  for (const nlohmann::json &record : shown["records"]) {
+    if (record.contains("decoded")) {
+      decoded[record["key"]] = record["decoded"];
+    }
+  }
+  const std::map<std::string, nlohmann::json> expected = {
+      {"6100", {{"kind", "snapshot database"}, {"database", "a"}, {"damaged", true}}},
+      {"ff5c00",
+       {{"kind", "snapshot database"},
+        {"database", "\\xff\\\\"},
+        {"mcast_info", "0x00000001"},
+        {"owner", "6750"},
+        {"vdc", 16}}}};
+  EXPECT_EQ(decoded, expected);
+}
+
+TEST_F(snapshot_files, one_that_is_cut_is_refused) {
+  const std::string whole = read(std::string("sw/current") + table_1);
+  for (size_t size = 0; size < whole.size(); ++size) {
+    write(std::string("sw/current") + table_1, whole.substr(0, size));
+    expect_refused(table_1, damaged);
+  }
+  write(std::string("sw/current") + table_1, whole + '\0');
+  expect_refused(table_1, damaged);
+}
+
+TEST_F(snapshot_files, any_flipped_bit_is_found) {
+  const std::string whole = read(std::string("sw/current") + table_1);
+  for (size_t at = 0; at < whole.size(); ++at) {
+    std::string flipped = whole;
+    flipped[at] = static_cast<char>(flipped[at] ^ (1 << at % 8));
+    write(std::string("sw/current") + table_1, flipped);
+    expect_refused(table_1, damaged);
+  }
+}
+
+TEST_F(snapshot_files, what_is_none_is_refused) {
+  write("sw/current/cfg/0/text.snp", "a text that is longer than a header\n");
+  ASSERT_EQ(mkfifo(path("sw/current/cfg/0/fifo.snp").c_str(), 0644), 0);
+  expect_refused("/cfg/0/text.snp", damaged);
+  expect_refused("/cfg/0/fifo.snp", damaged);
+  expect_refused("/cfg/0/vlan_cfg.pss", damaged);
+  expect_refused("/cfg/0", damaged);
+  expect_refused("/cfg/0/none.snp",
+                 "the switch has none; 'datamorph lab show' tells what files there are");
+  for (const char *name : {"/", "//cfg", "/cfg/0/../0/globalpss_table.snp", "/cfg/"}) {
+    expect_refused(name, "a file is named by its path in the switch, /PATH/NAME, without '..', '.' "
+                         "and empty parts");
+  }
+}
+
+// A link of the switch leads to a place in the switch.
+TEST_F(snapshot_files, a_link_does_not_lead_out) {
+  ASSERT_EQ(symlink("/cfg/0/globalpss_table.snp", path("sw/current/tmp/link").c_str()), 0);
+  EXPECT_NE(run({"store", "show", "sw", "/tmp/link"}).out.find("0c0000ff"), std::string::npos);
+  write("outside.snp", read(std::string("sw/current") + table_1));
+  ASSERT_EQ(symlink(path("outside.snp").c_str(), path("sw/current/tmp/out").c_str()), 0);
+  expect_refused("/tmp/out",
+                 "the switch has none; 'datamorph lab show' tells what files there are");
 }
 
 // ---- All requests of a version change ----------------------------------------------------------

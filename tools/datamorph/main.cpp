@@ -167,11 +167,16 @@ private:
     store_verb(store, "list", "All stores with their records, sizes and limits",
                "datamorph store list /tmp/switch", store_list);
     CLI::App *show =
-        store_verb(store, "show", "All records of a store, and what those of a known form mean",
-                   "datamorph store show /tmp/switch volatile:/cfg/0/plugin_debug "
-                   "--text",
+        store_verb(store, "show",
+                   "All records of a store or a snapshot's file, and what those of a known form "
+                   "mean",
+                   "datamorph store show /tmp/switch volatile:/cfg/0/plugin_debug --text\n"
+                   "  datamorph store show /tmp/switch /cfg/0/globalpss_table.snp",
                    store_show);
-    add_uri(show);
+    show->add_option("URI", store_.uri,
+                     "The store, such as volatile:/cfg/0/evms_runtime_cfg, or the path in the "
+                     "switch of a flat file, which a snapshot is kept in")
+        ->required();
     add_text(show);
     CLI::App *get =
         store_verb(store, "get", "The value of one record",

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cstdio>
 #include <cstring>
 
 #include "lab/lab.h"
 #include "platform/tlv_array.h"
+#include "services.h"
 #include "tag_tables.h"
 #include "text.h"
 #include "vrrp_records.h"
@@ -76,6 +78,17 @@ template <char type, char subtype> bool interface_key(std::string_view key, fiel
   }
   const std::string index = "0x" + to_hex(key.substr(2, 4));
   fields->push_back({"interface", index, "interface " + index});
+  return true;
+}
+
+// The URI of a global snapshot database, with its terminator.
+bool database_key(std::string_view key, field_list *fields) {
+  if (key.size() < 2 || key.find('\0') != key.size() - 1) {
+    return false;
+  }
+  key.remove_suffix(1);
+  fields->push_back({"database", is_utf8(key) ? std::string(key) : to_text(key),
+                     "database \"" + to_text(key) + "\""});
   return true;
 }
 
@@ -171,10 +184,31 @@ bool runtime_value(std::string_view value, field_list *fields) {
   return true;
 }
 
+uint32 host_number(std::string_view bytes) {
+  uint32 number = 0;
+  std::memcpy(&number, bytes.data(), sizeof(number));
+  return number;
+}
+
+// Where the database's changes are multicast, its owner, its VDC.
+bool database_value(std::string_view value, field_list *fields) {
+  if (value.size() != 12) {
+    return false;
+  }
+  char multicast[16];
+  std::snprintf(multicast, sizeof multicast, "0x%08x", host_number(value));
+  const std::string owner = service_name(host_number(value.substr(4)));
+  const uint32 vdc = host_number(value.substr(8));
+  fields->push_back({"mcast_info", multicast, std::string("multicast ") + multicast});
+  fields->push_back({"owner", owner, "owner " + owner});
+  fields->push_back({"vdc", vdc, "vdc " + std::to_string(vdc)});
+  return true;
+}
+
 // ---- The kinds ---------------------------------------------------------------------------------
 
-// Stores of a name in any folder; or of a whole path, which starts with a slash, with a star at the
-// end for all that go on from there.
+// Stores, or without a scheme flat files, of a name in any folder; or of a whole path, which starts
+// with a slash, with a star at the end for all that go on from there.
 struct store_set {
   const char *scheme;
   const char *store;
@@ -204,6 +238,8 @@ constexpr record_kind kinds[] = {
     {"interface SI config TLV",   "nonvolatile:", "ethpm_runtime_cfg",        interface_key<0x65, 21>,        opaque},
     {"interface config TLV",      "nonvolatile:", "ethpm_saved_config",       interface_key<0x65, 20>,        opaque},
     {"interface SI config TLV",   "nonvolatile:", "ethpm_saved_config",       interface_key<0x65, 21>,        opaque},
+    {"snapshot database",         "volatile:",    "globalpss_table",          database_key,                   database_value},
+    {"snapshot database",         "",             "globalpss_table.snp",      database_key,                   database_value},
 };
 // clang-format on
 

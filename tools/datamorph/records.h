@@ -26,7 +26,7 @@ struct decoded_record {
   std::string to_text() const;
 };
 
-// What a record of this store is; nothing when its store and key are of no known kind. Any bytes
+// What a record of this store, or of the flat file of this path, is; nothing when its place and key are of no known kind. Any bytes
 // may come.
 std::optional<decoded_record> decode_record(const std::string &uri, std::string_view key,
                                             std::string_view value);

@@ -165,3 +165,30 @@ void send_records(const jail::channel &channel, const std::string &uri) {
   });
   store.close();
 }
+
+bool is_file_path(const std::string &uri) {
+  return uri.starts_with('/');
+}
+
+void send_file_records(const jail::channel &channel, const std::string &file) {
+  const auto fail = [&](syserr_t status, const std::string &what) {
+    throw failure(status_of_failure(status), "file " + in_quotes(file) + ": " + what);
+  };
+  if (!is_contained_path(file)) {
+    fail(SYSERR_PSS_BAD_ARGUMENT, "a file is named by its path in the switch, /PATH/NAME, without "
+                                  "'..', '.' and empty parts");
+  }
+  const syserr_t status =
+      lab::flat_file_read(file, [&](std::string_view key, std::string_view value) {
+        channel.send({{"key", to_hex(key)}, {"value", to_hex(value)}});
+      });
+  if (status == SYSERR_PSS_NO_STORE) {
+    fail(status, "the switch has none; 'datamorph lab show' tells what files there are");
+  }
+  if (status == SYSERR_PSS_DAMAGED) {
+    fail(status, "it is no flat file of records, or is damaged: cut or changed");
+  }
+  if (status != SYSERR_SUCCESS) {
+    fail(status, status_text(status));
+  }
+}

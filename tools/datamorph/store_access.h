@@ -44,6 +44,12 @@ private:
 // A store's name for a document: as to_text writes it when JSON cannot carry its bytes.
 std::string shown_uri(const std::string &uri);
 
+// Whether a store's name is meant as the path of a flat file in the switch.
+bool is_file_path(const std::string &uri);
+// Sends "key" and "value" in hex for each record of a flat file in the switch. Throws failure: 3
+// for what is in the switch (no such file, none that is whole), else 1.
+void send_file_records(const jail::channel &channel, const std::string &file);
+
 // Sends "uri" with the parameters, then "key" and "value" in hex for each record.
 void send_records(const jail::channel &channel, const std::string &uri);
 

@@ -134,7 +134,11 @@ int store_show(const common_options &common, const store_options &options) {
   nlohmann::json records = nlohmann::json::array();
   std::vector<std::string> meanings; // of the same records, for people
   in_switch(
-      target, [&](const jail::channel &channel) { send_records(channel, options.uri); },
+      target,
+      [&](const jail::channel &channel) {
+        is_file_path(options.uri) ? send_file_records(channel, options.uri)
+                                  : send_records(channel, options.uri);
+      },
       [&](const nlohmann::json &message) {
         if (message.contains("key")) {
           records.push_back(
@@ -143,7 +147,7 @@ int store_show(const common_options &common, const store_options &options) {
       });
   if (common.format == output::format::json) {
     output::json({{"switch", options.dir},
-                  {"uri", shown_uri(options.uri)},
+                  {is_file_path(options.uri) ? "file" : "uri", shown_uri(options.uri)},
                   {"encoding", options.text ? "text" : "hex"},
                   {"records", records}});
     return exit_done;

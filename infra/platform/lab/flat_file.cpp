@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <utility>
 
+#include "lab/lab.h"
 #include "lab/store_file.h"
 
 namespace lab {
@@ -261,6 +263,25 @@ syserr_t flat_reader::next(std::string *key, std::string *value) {
   value->resize(value_size);
   status = get(key->data(), key_size);
   return status == SYSERR_SUCCESS ? get(value->data(), value_size) : status;
+}
+
+syserr_t
+flat_file_read(const std::string &file,
+               const std::function<void(std::string_view key, std::string_view value)> &take) {
+  constexpr uint32 any_size = std::numeric_limits<uint32>::max();
+  flat_reader reader;
+  syserr_t status = reader.open(file);
+  status = status == SYSERR_SUCCESS ? reader.check(any_size, any_size) : status;
+  const uint64_t records = status == SYSERR_SUCCESS ? reader.records() : 0;
+  std::string key;
+  std::string value;
+  for (uint64_t i = 0; status == SYSERR_SUCCESS && i < records; ++i) {
+    status = reader.next(&key, &value);
+    if (status == SYSERR_SUCCESS) {
+      take(key, value);
+    }
+  }
+  return status == SYSERR_SUCCESS ? reader.end() : status;
 }
 
 } // namespace lab

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,6 +48,13 @@ syserr_t store_inspect(const std::string &uri, store_info *info);
 // Closes every handle that is still open, which makes its writes durable. The first status that is
 // not 0; *closed (may be null) gets how many were open.
 syserr_t close_all_stores(size_t *closed);
+
+// Gives each record of a flat file, as pss2_kernel2file writes them, in the file's order; none
+// before all of the file was checked. SYSERR_PSS_NO_STORE when there is no such file,
+// SYSERR_PSS_DAMAGED when it is no flat file, or is cut or changed.
+syserr_t
+flat_file_read(const std::string &file,
+               const std::function<void(std::string_view key, std::string_view value)> &take);
 
 // ---- Messages ----------------------------------------------------------------------------------
 

@@ -193,6 +193,28 @@ protected:
     EXPECT_EQ(converted.status, 0) << converted.err;
     return converted;
   }
+  // The conversion would lose these records, and goes no further than its copy.
+  void expect_refused(const words &more, const std::string &records, const std::string &engine) {
+    words arguments = {"convert", "sw"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    const files before = state("sw");
+    const result refused = run(arguments);
+    EXPECT_EQ(refused.status, 3) << refused.err;
+    const size_t at = refused.err.find("datamorph: 'sw': not converted: " + records);
+    ASSERT_NE(at, std::string::npos) << refused.err;
+    EXPECT_NE(refused.err.find(" would be lost; give them back to VRRP's manager first: convert "
+                               "from 4.2(1) or later to an older release with --moment startup "
+                               "--service VRRP_MGR" +
+                                   engine +
+                                   " (--accept-losses keeps the result all the same); the switch "
+                                   "is as it was, still at ",
+                               at),
+              std::string::npos)
+        << refused.err;
+    EXPECT_NE(refused.out.find("sw: not converted, still at "), std::string::npos) << refused.out;
+    EXPECT_EQ(state("sw"), before);
+    expect_tidy("sw");
+  }
   void expect_before_4_2() {
     EXPECT_EQ(stored(manager_1), configuration_1(""));
     EXPECT_EQ(stored(manager_2), configuration_2(""));
@@ -360,7 +382,11 @@ TEST_F(vrrp, the_one_that_would_take_over_has_nothing_to_take) {
 // A boot empties /tmp: the records are then where the state before the conversion is.
 TEST_F(vrrp, records_that_wait_are_lost_by_a_boot) {
   convert({"--to", "4.2(1)", "--moment", "startup", "--service", "VRRP_MGR"});
-  ASSERT_EQ(run({"lab", "reboot", "sw"}).status, 0);
+  const result rebooted = run({"lab", "reboot", "sw"});
+  ASSERT_EQ(rebooted.status, 0);
+  EXPECT_EQ(rebooted.err, "datamorph: 'sw': 8 VRRP records of '" + std::string(hand_over_1) +
+                              "', 4 VRRP records of '" + hand_over_2 +
+                              "' waited for the other service and are gone\n");
 
   convert({"--to", "4.2(1)", "--moment", "startup", "--service", "VRRP_ENG"});
 
@@ -371,12 +397,23 @@ TEST_F(vrrp, records_that_wait_are_lost_by_a_boot) {
 
 // ---- Once more ---------------------------------------------------------------------------------
 
-// What is left with the manager replaces what the engine has: its records are gone, the global info
-// is enabled.
-TEST_F(vrrp, an_upgrade_that_is_repeated_loses_the_engines_records) {
+// What is left with the manager would replace what the engine has.
+TEST_F(vrrp, an_upgrade_that_is_repeated_is_refused) {
   convert({"--to", "4.2(1)"});
 
-  const result again = convert({"--from", "4.1(5)", "--to", "4.2(1)", "--moment", "startup"});
+  expect_refused({"--from", "4.1(5)", "--to", "4.2(1)", "--moment", "startup"},
+                 "8 VRRP records of '" + std::string(engine_1) + "', 4 VRRP records of '" +
+                     engine_2 + "'",
+                 " --service VRRP_ENG");
+
+  expect_at_4_2();
+}
+
+TEST_F(vrrp, an_upgrade_that_is_repeated_loses_the_engines_records_when_that_is_accepted) {
+  convert({"--to", "4.2(1)"});
+
+  const result again =
+      convert({"--from", "4.1(5)", "--to", "4.2(1)", "--moment", "startup", "--accept-losses"});
 
   EXPECT_EQ(stored(engine_1), joined({others_1, {{"04000000", global_info}}}));
   EXPECT_EQ(stored(engine_2), joined({others_2, {{"04000000", global_info}}}));
@@ -384,9 +421,92 @@ TEST_F(vrrp, an_upgrade_that_is_repeated_loses_the_engines_records) {
   expect_no_hand_over();
   const std::string warning = "--from names 4.1(5), the switch ran 4.2(1): converting once more "
                               "what was converted already can lose records";
+  const std::string lost = "8 VRRP records of '" + std::string(engine_1) +
+                           "', 4 VRRP records of '" + engine_2 + "' were lost; accepted as asked";
   EXPECT_NE(again.err.find("datamorph: 'sw': " + warning + "\n"), std::string::npos) << again.err;
+  EXPECT_NE(again.err.find("datamorph: 'sw': " + lost + "\n"), std::string::npos) << again.err;
   const nlohmann::json report = nlohmann::json::parse(read("sw/runs/0002/report.json"));
-  EXPECT_EQ(report["notes"], nlohmann::json::array({warning}));
+  EXPECT_EQ(report["notes"], nlohmann::json::array({warning, lost}));
+}
+
+// The release stays after a part of a version change, so that nothing else tells.
+TEST_F(vrrp, the_whole_change_after_its_startup_moment) {
+  for (const words &part :
+       {words{"--moment", "startup"}, words{"--service", "VRRP_MGR", "--service", "VRRP_ENG"}}) {
+    words up = {"--to", "4.2(1)"};
+    up.insert(up.end(), part.begin(), part.end());
+    convert(up);
+    EXPECT_EQ(show("sw")["release"], "4.1(5)");
+    for (const words &again :
+         {words{"--to", "4.2(1)"}, words{"--to", "5.0(2)", "--whole-table"},
+          words{"--from", "4.1(5)", "--to", "4.2(3)"},
+          words{"--to", "4.2(1)", "--moment", "startup"}, words{"--to", "4.1(2)"}}) {
+      expect_refused(again,
+                     "8 VRRP records of '" + std::string(engine_1) + "', 4 VRRP records of '" +
+                         engine_2 + "'",
+                     " --service VRRP_ENG");
+      EXPECT_EQ(show("sw")["release"], "4.1(5)");
+    }
+    expect_at_4_2();
+
+    convert({"--from", "4.2(1)", "--to", "4.1(5)", "--moment", "startup", "--service", "VRRP_MGR",
+             "--service", "VRRP_ENG"});
+    expect_back();
+  }
+  convert({"--to", "4.2(1)"});
+  expect_at_4_2();
+  EXPECT_EQ(show("sw")["release"], "4.2(1)");
+}
+
+// What waits between the two would be replaced by what is left with the one that gave it away.
+TEST_F(vrrp, the_whole_change_after_the_manager_alone) {
+  const std::string waiting = "8 VRRP records of '" + std::string(hand_over_1) +
+                              "', 4 VRRP records of '" + hand_over_2 + "'";
+  const result alone = convert({"--to", "4.2(1)", "--moment", "startup", "--service", "VRRP_MGR"});
+  EXPECT_NE(alone.err.find("datamorph: 'sw': " + waiting +
+                           " wait for the other service: convert that one before 'lab reboot', "
+                           "which empties /tmp\n"),
+            std::string::npos)
+      << alone.err;
+
+  for (const words &again : {words{"--to", "4.2(1)"}, words{"--to", "4.1(2)"},
+                             words{"--to", "4.2(1)", "--service", "VRRP_MGR"}}) {
+    expect_refused(again, waiting, "");
+  }
+
+  convert({"--from", "4.2(1)", "--to", "4.1(5)", "--moment", "startup", "--service", "VRRP_MGR"});
+  expect_before_4_2();
+  convert({"--to", "4.2(1)"});
+  expect_at_4_2();
+}
+
+TEST_F(vrrp, the_whole_change_after_the_engine_alone) {
+  const std::string waiting = "8 VRRP records of '" + std::string(hand_over_1) +
+                              "', 4 VRRP records of '" + hand_over_2 + "'";
+  convert({"--to", "4.2(1)"});
+  convert({"--to", "4.1(5)", "--moment", "startup", "--service", "VRRP_ENG"});
+
+  expect_refused({"--to", "4.1(5)"}, waiting, "");
+  expect_refused({"--from", "4.1(5)", "--to", "4.2(1)"}, waiting, "");
+
+  convert({"--from", "4.2(1)", "--to", "4.1(5)", "--moment", "startup", "--service", "VRRP_MGR"});
+  expect_back();
+}
+
+// The engine hands over what it has, to nobody.
+TEST_F(vrrp, between_two_old_releases_after_the_startup_moment) {
+  convert({"--to", "4.1(2)"});
+  convert({"--to", "4.2(1)", "--moment", "startup"});
+
+  const result onward = convert({"--to", "4.1(5)"});
+
+  EXPECT_NE(onward.err.find("8 VRRP records of '" + std::string(hand_over_1) + "'"),
+            std::string::npos)
+      << onward.err;
+  EXPECT_EQ(show("sw")["release"], "4.1(5)");
+  expect_refused({"--to", "4.2(1)"}, "8 VRRP records of '" + std::string(hand_over_1), "");
+  convert({"--from", "4.2(1)", "--to", "4.1(5)", "--moment", "startup", "--service", "VRRP_MGR"});
+  expect_back();
 }
 
 TEST_F(vrrp, a_downgrade_that_is_repeated_keeps_the_managers_records) {

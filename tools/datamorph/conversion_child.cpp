@@ -19,6 +19,7 @@
 #include "tag_tables.h"
 #include "text.h"
 #include "unique_fd.h"
+#include "vrrp_hand_over.h"
 
 namespace {
 
@@ -156,6 +157,15 @@ nlohmann::json record_changes(const store_records &before, const store_records &
   return {{"added", added}, {"changed", changed}, {"removed", removed}};
 }
 
+// Whether VRRP's records may change places; nobody reads them otherwise.
+bool converts_vrrp(const conversion_plan &plan) {
+  return std::any_of(plan.requests.begin(), plan.requests.end(), [](const auto &request) {
+    return request.which == moment::startup &&
+           (request.uuid == SRVUUID_NONE || request.uuid == SRVUUID_VRRP_MGR ||
+            request.uuid == SRVUUID_VRRP_ENG);
+  });
+}
+
 void sync_state() {
   const unique_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root.is_open() || syncfs(root.get()) != 0) {
@@ -193,6 +203,8 @@ void run_conversion(const jail::channel &channel, const library &library,
   debug_trace_fac_SYSMGR = {stderr, 0xffffffffu};
   const std::vector<std::string> before = lab::store_uris();
   const store_records tables_before = running_records();
+  const bool vrrp = converts_vrrp(plan);
+  const vrrp_places vrrp_before = vrrp ? vrrp_records_now(plan.state) : vrrp_places();
   running_tags tags = tags_now(plan.state.vdcs);
   lab::journal_start(journal);
   set_environment(plan, 1);
@@ -218,6 +230,7 @@ void run_conversion(const jail::channel &channel, const library &library,
   std::string first;
   const size_t unexpected = lab::journal_unexpected(&first);
   lab::journal_stop();
+  const vrrp_places vrrp_after = vrrp ? vrrp_records_now(plan.state) : vrrp_places();
   const syserr_t saved = lab::sysmgr_save_tables();
   lab::mts_queue_close(queue);
   lab::mts_shutdown();
@@ -227,6 +240,8 @@ void run_conversion(const jail::channel &channel, const library &library,
                   {"close_status", closed},
                   {"tables_status", saved},
                   {"tables_changes", record_changes(tables_before, running_records())},
+                  {"vrrp_lost", vrrp_lost(vrrp_before, vrrp_after)},
+                  {"vrrp_waiting", vrrp_waiting(vrrp_after)},
                   {"unexpected", unexpected},
                   {"first_unexpected", first},
                   {"stores_before", before},

@@ -33,8 +33,8 @@ void examine(const jail::channel &channel, const library &library, const convers
 // Makes the requests of the plan in their order. Sends "start" (the request's index) before and
 // "result" (index, status, milliseconds, "tags_gone": the entries that went from the running tag
 // tables, with their tags in hex) after each, and at the end "closing": what is known of failed
-// writes, open handles, the running tag tables and the stores before and after. All is on disk
-// then.
+// writes, open handles, the running tag tables, the stores before and after, and VRRP's records.
+// All is on disk then.
 void run_conversion(const jail::channel &channel, const library &library,
                     const conversion_plan &plan, int journal);
 

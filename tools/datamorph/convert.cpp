@@ -21,6 +21,7 @@
 #include "switch_dir.h"
 #include "text.h"
 #include "tree.h"
+#include "vrrp_hand_over.h"
 
 namespace {
 
@@ -51,6 +52,8 @@ private:
   void take_message(const nlohmann::json &message);
   void note_end(const jail::outcome &outcome);
   std::string verdict() const;
+  nlohmann::json vrrp_records(const char *which) const;
+  std::string unwanted_losses() const;
   void commit();
   void fail(const std::string &trouble);
   void finish(const run_folder &folder);
@@ -300,6 +303,22 @@ std::string conversion::verdict() const {
   return "";
 }
 
+// "vrrp_lost" or "vrrp_waiting": how many records by their store.
+nlohmann::json conversion::vrrp_records(const char *which) const {
+  return closing_.is_object() ? closing_.value(which, nlohmann::json::object())
+                              : nlohmann::json::object();
+}
+
+// What would be lost and may not be; empty when there is nothing.
+std::string conversion::unwanted_losses() const {
+  const nlohmann::json lost = vrrp_records("vrrp_lost");
+  if (lost.empty() || options_.accept_losses) {
+    return "";
+  }
+  return vrrp_records_text(lost) + " would be lost; " + vrrp_remedy(lost) +
+         " (--accept-losses keeps the result all the same)";
+}
+
 void conversion::commit() {
   switch_state state = switch_.state();
   state.generation += 1;
@@ -317,6 +336,15 @@ void conversion::commit() {
   if (report_.failed_requests() > 0) {
     report_.notes.push_back(counted(report_.failed_requests(), "service") +
                             " failed; accepted as asked");
+  }
+  const std::string lost = vrrp_records_text(vrrp_records("vrrp_lost"));
+  if (!lost.empty()) {
+    report_.notes.push_back(lost + " were lost; accepted as asked");
+  }
+  const std::string waiting = vrrp_records_text(vrrp_records("vrrp_waiting"));
+  if (!waiting.empty()) {
+    report_.notes.push_back(waiting + " wait for the other service: convert that one before 'lab "
+                                      "reboot', which empties /tmp");
   }
 }
 
@@ -410,14 +438,19 @@ void conversion::prepare() {
   }
 }
 
-// Converts the copy and puts it in place, or notes why not. The signal's exit status when one
-// stopped it, else 0.
+// Converts the copy and puts it in place, or notes why not. The exit status when it was refused or
+// stopped by a signal, else 0.
 int conversion::attempt(const run_folder &folder) {
   try {
     convert_copy(folder);
     stop_signal::check();
     const std::string trouble =
         output::reader_gone() ? "the reader of its output is gone" : verdict();
+    const std::string losses = trouble.empty() ? unwanted_losses() : "";
+    if (!losses.empty()) {
+      fail(losses);
+      return exit_refused;
+    }
     if (trouble.empty()) {
       commit();
     } else {
@@ -436,7 +469,7 @@ int conversion::run() {
   prepare();
   const run_folder folder(switch_);
   report_.run = folder.number();
-  const int interrupted = attempt(folder);
+  const int ended = attempt(folder);
   if (!report_.converted) {
     next_.reset();
     const std::string left = switch_.drop_next();
@@ -445,8 +478,8 @@ int conversion::run() {
     }
   }
   finish(folder);
-  if (interrupted != 0) {
-    return interrupted;
+  if (ended != 0) {
+    return ended;
   }
   if (report_.converted && !output::finish()) {
     say("not all of the output could be written; the switch IS converted, see " + options_.dir +

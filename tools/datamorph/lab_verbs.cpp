@@ -22,6 +22,7 @@
 #include "tag_tables.h"
 #include "text.h"
 #include "tree.h"
+#include "vrrp_hand_over.h"
 #include "workshop.h"
 
 namespace {
@@ -302,19 +303,31 @@ std::set<std::string> volatile_stores() {
 struct reboot_report {
   size_t stores = 0; // volatile ones that stood before and do not now
   size_t files = 0;
+  std::string vrrp_lost; // records that waited in /tmp, for a message
   boot_report booted;
 };
+
+// A damaged store keeps no switch from booting.
+vrrp_places vrrp_records_if_readable(const switch_state &state) {
+  try {
+    return vrrp_records_now(state);
+  } catch (const failure &) {
+    return {};
+  }
+}
 
 // In the copy.
 void reboot_state(const jail::channel &channel, const switch_state &state) {
   std::set<std::string> gone = volatile_stores();
+  const vrrp_places vrrp_before = vrrp_records_if_readable(state);
   empty_folder("/dev/shm/volatile");
   const size_t files = empty_folder("/tmp");
   boot(channel, state);
   for (const std::string &uri : volatile_stores()) {
     gone.erase(uri);
   }
-  channel.send({{"stores", gone.size()}, {"files", files}});
+  const nlohmann::json vrrp_gone = vrrp_lost(vrrp_before, vrrp_records_if_readable(state));
+  channel.send({{"stores", gone.size()}, {"files", files}, {"vrrp_lost", vrrp_gone}});
 }
 
 reboot_report reboot_copy(int copy, const switch_state &state) {
@@ -325,6 +338,9 @@ reboot_report reboot_copy(int copy, const switch_state &state) {
   request.on_message = [&](const nlohmann::json &message) {
     done.stores = message.value("stores", done.stores);
     done.files = message.value("files", done.files);
+    if (message.contains("vrrp_lost")) {
+      done.vrrp_lost = vrrp_records_text(message["vrrp_lost"]);
+    }
     done.booted.take(message);
   };
   const jail::outcome outcome = jail::run(request);
@@ -426,6 +442,10 @@ int lab_reboot(const common_options &common, const std::string &dir) {
     switch_dir target(dir, switch_dir::access::write);
     const reboot_report done = reboot(&target);
     done.booted.say(dir);
+    if (!done.vrrp_lost.empty()) {
+      output::message(in_quotes(dir) + ": " + done.vrrp_lost +
+                      " waited for the other service and are gone");
+    }
     if (common.format == output::format::json) {
       output::json({{"switch", dir},
                     {"volatile_stores", done.stores},

@@ -31,9 +31,11 @@ constexpr char top_footer[] =
     "  1   a conversion or the program failed; the switch is as it was, unless the message says\n"
     "      that a conversion's output could not be written or that an import ended midway\n"
     "  2   compare: the releases differ\n"
-    "  3   refused before anything was touched (no switch, unknown release, damaged store, no "
+    "  3   refused; the switch was not touched (no switch, unknown release, damaged store, no "
     "room,\n"
-    "      no rights, a service without a routine in the chosen moments)\n"
+    "      no rights, a service without a routine in the chosen moments, records of VRRP that "
+    "would\n"
+    "      be lost)\n"
     "  5   the switch is in use by another command\n"
     "  64  wrong usage (unknown verb, option, service or moment)\n"
     "  128 and the signal's number: stopped by a signal; the switch is as it was, or an import "
@@ -120,7 +122,8 @@ private:
         "Works on a copy and puts it in the place of the switch's state in one step. The switch's\n"
         "release changes when no moment and no service is left out. An unknown service or moment\n"
         "is wrong usage (64); an unknown release, and a service without a routine in the chosen\n"
-        "moments, is refused (3). What a run leaves behind is kept in DIR/runs/NUMBER.",
+        "moments, is refused (3), and so is a conversion that would lose records of VRRP. What a\n"
+        "run leaves behind is kept in DIR/runs/NUMBER.",
         [this] { return convert(common_, convert_); });
     sub->add_option("DIR", convert_.dir, dir_help)->required();
     sub->add_option("--to", convert_.to, "The release to convert to")->required();
@@ -139,6 +142,9 @@ private:
     sub->add_flag(
         "--accept-failures", convert_.accept_failures,
         "Keep the result although services failed; never after a crash or a failed write");
+    sub->add_flag("--accept-losses", convert_.accept_losses,
+                  "Keep the result although VRRP's records are lost, as by an upgrade that is "
+                  "repeated");
     sub->add_option("--timeout", convert_.timeout, "Seconds that one service may take")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();

@@ -25,6 +25,7 @@ struct convert_options {
   std::vector<std::string> services;
   bool whole_table = false;
   bool accept_failures = false;
+  bool accept_losses = false;
   unsigned timeout = 300; // seconds
 };
 int convert(const common_options &common, const convert_options &options);

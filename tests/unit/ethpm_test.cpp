@@ -2,6 +2,7 @@
 
 #include "libdatamorph_ethpm.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -72,6 +73,13 @@ constexpr uint32 k_down[256] = {
     224, 225, 226, 227, 228, 229, 230, 231, 232, 233, 234, 235, 236, 237, 238, 239, //
     240, 241, 242, 243, 244, 245, 246, 247, 248, 249, 250, 251, 252, 253, 254, 255,
 };
+
+// The lists and a table as the process had them before any test ran.
+const ethpm_pss_type_t g_lists_at_start[] = {ethpm_convert_runtime_pss_list[0],
+                                             ethpm_convert_config_tlv_pss_list[0]};
+const auto g_set_reasons_at_start =
+    std::count_if(upgrade_port_state_reason_table, upgrade_port_state_reason_table + 256,
+                  [](uint32 reason) { return reason != 0; });
 
 // As the process started: nothing marked, no table filled.
 void forget_process() {
@@ -403,6 +411,12 @@ TEST_F(ethpm_test, key_matchers) {
 }
 
 TEST_F(ethpm_test, the_lists_as_they_start) {
+  for (const ethpm_pss_type_t &request : g_lists_at_start) {
+    EXPECT_FALSE(request.b_version_chk) << request.change_request_name;
+    EXPECT_EQ(0, static_cast<int>(request.transition)) << request.change_request_name;
+    EXPECT_EQ(0, static_cast<int>(request.pss_action)) << request.change_request_name;
+  }
+  EXPECT_EQ(0, g_set_reasons_at_start);
   EXPECT_STREQ("Port state reason modification",
                ethpm_convert_runtime_pss_list[0].change_request_name);
   EXPECT_STREQ("Delete config tlv pss key",
@@ -631,6 +645,27 @@ TEST_F(ethpm_walk_test, several_requests_share_a_value_that_is_read_once) {
             walk(list, 2));
   EXPECT_EQ(lines_t({"21 k1=v1", "11 k1=v1", "21 k2=v2", "11 k2=v2"}), g_handled);
   EXPECT_EQ(2u, platform.calls("pss2_getvalue").size());
+}
+
+// A version check sees its own request through the getters, as it was before.
+bool note_request(const char *to, const char *from, ethpm_issu_transition_t *,
+                  ethpm_pss_action_t *) {
+  g_handled.push_back(request_now() + " " + from + " " + to);
+  return false;
+}
+
+TEST_F(ethpm_walk_test, getters_follow_the_version_checks) {
+  platform.set_store(k_cfg);
+  ethpm_pss_type_t list[] = {request_of("one", note_request), request_of("two", note_request)};
+  list[0].transition = ETHPM_TR_DOWNGRADE;
+  list[0].pss_action = ETHPM_PSS_UPDATE;
+  list[1].transition = ETHPM_TR_UPGRADE;
+  list[1].pss_action = ETHPM_PSS_DELETE;
+  g_handled.clear();
+  walk(list, 2);
+  EXPECT_EQ(lines_t({"11 4.1(3) 4.2(2)", "22 4.1(3) 4.2(2)"}), g_handled);
+  platform.set_store(k_info);
+  gsync("4.2(2)", "4.2(2)"); // back to a list that outlives the test
 }
 
 TEST_F(ethpm_walk_test, an_accepted_request_stays_marked) {

@@ -269,6 +269,9 @@ TEST_F(pixm_test, every_ltl_of_a_store) {
 TEST_F(pixm_test, a_renumbered_record) {
   platform.set_store(k_store, {{ltl_key(0x10DD), q8(7)}}, {16, 300, 0, 1});
   const lines_t lines = renumber();
+  EXPECT_EQ(5u + 2u + 72u + 71u + 7u + 4u, lines.size()); // leg, store, queries, absent, one, leg
+  EXPECT_EQ("ltl 0x1121 fetch err 0x40480003\n", lines.at(156));
+  EXPECT_EQ(0u, lines.at(157).find("To_ver: 4.1(1) From_ver: 4.2(2) To_ref: 4.2(2) "));
   EXPECT_EQ(lines_t({"pss uri: nonvolatile:/cfg/pixm_runtime_info\n",
                      "pss uri nonvolatile:/cfg/pixm_runtime_info: max val size 300\n",
                      "Query q8-pss-key = 0x 36 0 0 10 da 0 1", "ltl 0x10da fetch err 0x40480003\n",
@@ -341,6 +344,7 @@ TEST_F(pixm_test, values_that_are_not_of_q8) {
       tlv_array_bytes({{2, bytes("00 00 00 00 fc")}}),    // another generation
       tlv_array_bytes({{2, bytes("fd fd fd fd 00 fd")}}), // at another place
       tlv_array_bytes({{2, bytes("00 00 00 00")}}),       // too short for it
+      tlv_array_bytes({{2, "four"}, {0x00fd, "fifth"}}),  // the next one's head is not its own
       bytes("0d 00 00 00 01 00 01 00 02 00 50 00 fd"),    // a TLV passes the array's end
       bytes("ff ff ff ff 01 00 01 00") + good.substr(8),  // the array passes the value's end
       bytes("08 00 00 00 01 00 01 00") + good.substr(8),  // the array ends before its TLV

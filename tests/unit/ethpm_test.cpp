@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "libdatamorph_private.h"
+#include "libdatamorph_walk.h"
 #include "support/library_fixture.h"
 #include "support/scarce_malloc.h"
 
@@ -484,7 +485,7 @@ TEST_F(ethpm_test, without_a_transition_the_copies_are_as_they_were) {
 // Bytes as a datum of exactly their size, so that a sanitizer finds a read behind them.
 struct exact {
   explicit exact(const std::string &text)
-      : datum{std::malloc(text.size()), static_cast<uint32>(text.size())} {
+      : datum{std::malloc(std::max<size_t>(text.size(), 1)), static_cast<uint32>(text.size())} {
     std::memcpy(datum.ptr, text.data(), text.size());
   }
   ~exact() { std::free(datum.ptr); }
@@ -589,6 +590,13 @@ TEST_F(ethpm_test, a_mark_of_one_converter_is_seen_by_the_other) {
 
 class ethpm_walk_test : public ethpm_test {
 protected:
+  void TearDown() override {
+    platform.reset();
+    platform.set_store(k_info);
+    gsync("4.2(2)", "4.2(2)"); // the list in hand is one that outlives the test
+    ethpm_test::TearDown();
+  }
+
   lines_t walk(ethpm_pss_type_t *list, size_t length, const char *to = "4.2(2)",
                const char *from = "4.1(3)") {
     return traced([&] { ethpm_update_pss_list(to, from, k_cfg, list, length); });
@@ -647,6 +655,39 @@ TEST_F(ethpm_walk_test, several_requests_share_a_value_that_is_read_once) {
   EXPECT_EQ(2u, platform.calls("pss2_getvalue").size());
 }
 
+// A value that cannot be read skips the request only: the next one reads it again.
+TEST_F(ethpm_walk_test, a_value_that_cannot_be_read_is_read_again_by_the_next_request) {
+  for (const bool null : {false, true}) {
+    platform.reset();
+    platform.set_store(k_cfg, {{"k1", "v1"}, {"k2", "v2"}});
+    ethpm_pss_type_t list[] = {request_of("one", accept_update),
+                               request_of("two", accept_sometimes)};
+    g_accepts = true;
+    g_handled.clear();
+    if (null) {
+      platform.answer_null("pss2_getvalue");
+    } else {
+      platform.fail("pss2_getvalue", 0x4048000B);
+    }
+    walk(list, 2);
+    EXPECT_EQ(lines_t({"11 k1=v1", "21 k2=v2", "11 k2=v2"}), g_handled) << null;
+    EXPECT_EQ(3u, platform.calls("pss2_getvalue").size());
+  }
+}
+
+// A deletion whose value change refuses still ends its key: the next one is reached by a step.
+TEST_F(ethpm_walk_test, a_refused_deletion_ends_the_handling_of_its_key) {
+  platform.set_store(k_cfg, {{config_key(1), "a"}, {config_key(2), "b"}});
+  ethpm_pss_type_t list[] = {ethpm_convert_config_tlv_pss_list[0],
+                             request_of("two", accept_update)};
+  list[0].ethpm_change_pss_value = note_value;
+  g_handled.clear();
+  walk(list, 2);
+  EXPECT_EQ(lines_t({"22 " + config_key(1) + "=a", "22 " + config_key(2) + "=b"}), g_handled);
+  EXPECT_EQ(2u, platform.records(k_cfg).size());
+  EXPECT_EQ(4u, platform.calls("pss2_getkey").size()); // each, and again after its handling
+}
+
 // A version check sees its own request through the getters, as it was before.
 bool note_request(const char *to, const char *from, ethpm_issu_transition_t *,
                   ethpm_pss_action_t *) {
@@ -664,8 +705,6 @@ TEST_F(ethpm_walk_test, getters_follow_the_version_checks) {
   g_handled.clear();
   walk(list, 2);
   EXPECT_EQ(lines_t({"11 4.1(3) 4.2(2)", "22 4.1(3) 4.2(2)"}), g_handled);
-  platform.set_store(k_info);
-  gsync("4.2(2)", "4.2(2)"); // back to a list that outlives the test
 }
 
 TEST_F(ethpm_walk_test, an_accepted_request_stays_marked) {
@@ -713,6 +752,15 @@ TEST_F(ethpm_walk_test, a_deletion_ends_the_handling_of_its_key_only) {
   walk(list, 2);
   EXPECT_EQ(lines_t({"21 k1=v1"}), g_handled);
   EXPECT_EQ(records_t({{"k1", "v1"}}), platform.records(k_cfg));
+}
+
+TEST_F(ethpm_walk_test, what_stands_behind_a_list_is_not_its_own) {
+  platform.set_store(k_cfg, {{"k1", "v1"}});
+  ethpm_pss_type_t list[] = {request_of("one", accept_update), request_of("two", accept_update)};
+  list[1].b_version_chk = true;
+  g_handled.clear();
+  EXPECT_EQ(1u, walk(list, 1).size());
+  EXPECT_EQ(lines_t({"21 k1=v1"}), g_handled);
 }
 
 TEST_F(ethpm_walk_test, an_empty_list_fixes_nothing) {
@@ -910,6 +958,64 @@ TEST_F(ethpm_walk_test, a_cursor_that_goes_in_circles_ends_the_walk) {
   calls = static_cast<unsigned>(platform.calls("pss2_getkey").size());
   EXPECT_LT(calls, 40u);
   EXPECT_TRUE(platform.open_handles().empty());
+}
+
+// ---- Keys that are kept
+
+TEST(kept_key_test, a_key_that_there_is_no_memory_for_leaves_the_former_one) {
+  for (const size_t size : {0, 1, 64, 65, 300}) {
+    datamorph_kept_key kept;
+    const exact former(std::string(size, 'f'));
+    ASSERT_TRUE(kept.keep(former.datum));
+    const exact larger(std::string(301, 'l'));
+    scarce_malloc::refuse_nth(1);
+    EXPECT_FALSE(kept.keep(larger.datum));
+    EXPECT_TRUE(scarce_malloc::relieve());
+    EXPECT_TRUE(kept.equals(former.datum)) << size;
+    EXPECT_TRUE(kept.keep(larger.datum));
+    EXPECT_FALSE(kept.equals(former.datum));
+    EXPECT_TRUE(kept.equals(larger.datum));
+    EXPECT_TRUE(kept.keep(former.datum)); // in the room of the larger one
+    EXPECT_TRUE(kept.equals(former.datum));
+  }
+}
+
+TEST(kept_key_test, keys_of_the_usual_sizes_need_no_memory) {
+  datamorph_kept_key kept;
+  const exact usual(std::string(64, 'u'));
+  scarce_malloc::refuse_nth(1);
+  EXPECT_TRUE(kept.keep(usual.datum));
+  EXPECT_FALSE(scarce_malloc::relieve());
+}
+
+TEST(kept_key_test, keys_differ_in_bytes_and_in_size) {
+  datamorph_kept_key kept;
+  const exact key("abc");
+  ASSERT_TRUE(kept.keep(key.datum));
+  for (const char *other : {"", "ab", "abd", "bbc", "abcd"}) {
+    const exact differs(other);
+    EXPECT_FALSE(kept.equals(differs.datum)) << other;
+  }
+  const exact same("abc");
+  EXPECT_TRUE(kept.equals(same.datum));
+}
+
+TEST(circle_guard_test, a_circle_of_any_length_is_noticed_and_a_line_is_none) {
+  for (unsigned length = 1; length <= 40; ++length) {
+    datamorph_circle_guard guard;
+    unsigned steps = 0;
+    for (bool met = false; !met && steps < 1000; ++steps) {
+      const exact key(std::to_string(steps % length));
+      met = guard.has_met(key.datum);
+      EXPECT_TRUE(!met || steps >= length) << length;
+    }
+    EXPECT_LE(steps, 4 * length + 2) << length;
+  }
+  datamorph_circle_guard guard;
+  for (unsigned step = 0; step < 1000; ++step) {
+    const exact key(std::to_string(step));
+    EXPECT_FALSE(guard.has_met(key.datum));
+  }
 }
 
 TEST_F(ethpm_walk_test, getters_follow_the_request_in_hand) {

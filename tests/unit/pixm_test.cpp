@@ -375,10 +375,36 @@ TEST_F(pixm_test, a_value_above_the_stores_limit_is_left_alone) {
   for (const uint32 limit : {67u, 68u, 0u, 1u}) {
     platform.reset();
     platform.set_store(k_store, {{ltl_key(0x10DA), value}}, {16, limit, 0, 1});
-    renumber();
+    const lines_t lines = renumber();
+    EXPECT_EQ(limit == 68, has_line(lines, "q8_current_ltl 0x10da\n")) << limit;
+    EXPECT_FALSE(has_line(lines, "Error ltl-key  is NOT QORN\n")) << limit;
     const uint32 at = limit == 68 ? 0x1162 : 0x10DA;
     EXPECT_EQ(records_t({{ltl_key(at), value}}), platform.records(k_store)) << limit;
   }
+}
+
+// What it holds is looked at first.
+TEST_F(pixm_test, a_value_above_the_stores_limit_may_be_of_another_generation) {
+  platform.set_store(k_store, {{ltl_key(0x10DA), tlv_array_bytes({{1, callback(1)}})}},
+                     {16, 20, 0, 1});
+  EXPECT_TRUE(has_line(renumber(), "Error ltl-key  is NOT QORN\n"));
+}
+
+// What is about to be done is in the log before it is done.
+TEST_F(pixm_test, a_step_is_traced_before_its_call) {
+  platform.set_store(k_store, {{ltl_key(0x1121), q8(1)}, {bytes("3a 00 00 00 00 00 01"), "c"}});
+  lines_t last;
+  const auto note = [&last] { last.push_back(log_lines(true).back()); };
+  platform.before("pss2_open", note);
+  platform.before("pss2_fetch", note, 72);
+  platform.before("pss2_store", note);
+  platform.before("pss2_delete", note, 1);
+  platform.before("pss2_delete", note, 2);
+  convert("4.1(1)", "4.2(3)");
+  EXPECT_EQ(lines_t({"pss uri: nonvolatile:/cfg/pixm_runtime_info\n",
+                     "Query q8-pss-key = 0x 36 0 0 11 21 0 1", "Saving new Q8 key to PSS \n",
+                     "Deleting old key\n", "Delete MCT-DUAG Cache pss-key = 0x 3a 0 0 0 0 0 1"}),
+            last);
 }
 
 TEST_F(pixm_test, keys_of_other_lengths_and_vdcs_are_left_alone) {

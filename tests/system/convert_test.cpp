@@ -5,6 +5,8 @@
 #include <cstring>
 #include <set>
 
+#include <unistd.h>
+
 namespace {
 
 class convert_verb : public command_test {};
@@ -163,6 +165,19 @@ TEST_F(convert_verb, closes_with_tables_and_a_plain_line) {
   EXPECT_TRUE(converted.out.ends_with("\n\nsw: converted from 4.1(5) to 3.3(1)\n"));
   EXPECT_NE(converted.err.find("run folder: sw/runs/0001\n"), std::string::npos);
   EXPECT_EQ(converted.err.find("calling convert function"), std::string::npos);
+}
+
+// As it looks when both are written to one place.
+TEST_F(convert_verb, messages_stand_before_and_behind_the_report) {
+  create("sw");
+  in_child = [] { dup2(STDOUT_FILENO, STDERR_FILENO); };
+
+  const std::string out = run({"convert", "sw", "--to", "4.2(1)"}).out;
+
+  EXPECT_GT(out.size(), 4096u); // more than is kept back
+  EXPECT_TRUE(out.ends_with("\n\nsw: converted from 4.1(5) to 4.2(1)\n"
+                            "datamorph: run folder: sw/runs/0001\n"))
+      << out;
 }
 
 TEST_F(convert_verb, verbose_shows_the_trace_on_standard_error) {

@@ -403,6 +403,7 @@ void conversion::finish(const run_folder &folder) {
     say(note);
   }
   print_report();
+  output::finish(); // what is lost is told by run(); here the message is to stand behind the report
   if (jail::stderr_takes(std::chrono::milliseconds(-1))) {
     output::message("run folder: " + options_.dir + "/runs/" + folder.number());
   }

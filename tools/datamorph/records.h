@@ -26,8 +26,8 @@ struct decoded_record {
   std::string to_text() const;
 };
 
-// What a record of this store, or of the flat file of this path, is; nothing when its place and key are of no known kind. Any bytes
-// may come.
+// What a record of this store, or of the flat file of this path, is; nothing when its place and key
+// are of no known kind. Any bytes may come.
 std::optional<decoded_record> decode_record(const std::string &uri, std::string_view key,
                                             std::string_view value);
 

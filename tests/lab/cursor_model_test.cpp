@@ -137,6 +137,10 @@ private:
   }
 
   void write() {
+    if (random_() % 20 == 0) {
+      write_in_order();
+      return;
+    }
     const std::string key =
         random_() % 3 == 0 && model_.key() != "(none)" ? model_.key() : some_key();
     const pss_datum_t key_datum = datum(key);
@@ -151,6 +155,30 @@ private:
       const std::string value(random_() % 40, static_cast<char>('a' + random_() % 26));
       EXPECT_EQ(put(service_, key, value), 0U);
       records_[key] = value;
+    }
+  }
+
+  // Long runs of writes from one key on, mostly of one kind, as a conversion does them.
+  void write_in_order() {
+    const auto deletes = random_() % 101; // percent; of the other writes half change nothing
+    std::string key = some_key();
+    for (auto n = random_() % 200; n > 0 && key.size() < 60; --n) {
+      const auto stands = records_.lower_bound(key);
+      const bool there = stands != records_.end() && random_() % 16 != 0;
+      if (there) {
+        key = stands->first;
+      } else {
+        key += "1";
+      }
+      if (random_() % 100 < deletes) {
+        EXPECT_EQ(remove(service_, key), model_.erase(key, false));
+      } else {
+        const bool same = there && random_() % 2 == 0;
+        const std::string value = same ? stands->second : std::string(random_() % 40, 'w');
+        EXPECT_EQ(put(service_, key, value), 0U);
+        records_[key] = value;
+      }
+      key += '\0';
     }
   }
 

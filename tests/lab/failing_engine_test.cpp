@@ -18,6 +18,7 @@ constexpr char k_uri[] = "nonvolatile:/mnt/pss/store";
 sqlite3_vfs *real_files = nullptr;
 sqlite3_io_methods methods;
 bool next_read_fails = false; // once
+long writes_left = -1;        // before one that fails, once; below 0: none does
 
 struct wrapped_file {
   sqlite3_file base;
@@ -43,6 +44,9 @@ int open_wrapped(sqlite3_vfs *, const char *name, sqlite3_file *file, int flags,
   methods.name = [] parameters { return real_of(file)->pMethods->name(__VA_ARGS__); }
 
 void wrap_files() {
+  if (real_files != nullptr) {
+    return; // by an earlier test in this process
+  }
   static sqlite3_vfs wrapping;
   sqlite3_initialize();
   real_files = sqlite3_vfs_find(nullptr);
@@ -59,8 +63,12 @@ void wrap_files() {
     }
     return real_of(file)->pMethods->xRead(real_of(file), bytes, size, at);
   };
-  FORWARD(xWrite, (sqlite3_file * file, const void *bytes, int size, sqlite3_int64 at),
-          real_of(file), bytes, size, at);
+  methods.xWrite = [](sqlite3_file *file, const void *bytes, int size, sqlite3_int64 at) {
+    if (reinterpret_cast<wrapped_file *>(file)->of_store && writes_left-- == 0) {
+      return SQLITE_IOERR_WRITE;
+    }
+    return real_of(file)->pMethods->xWrite(real_of(file), bytes, size, at);
+  };
   FORWARD(xClose, (sqlite3_file * file), real_of(file));
   FORWARD(xTruncate, (sqlite3_file * file, sqlite3_int64 size), real_of(file), size);
   FORWARD(xSync, (sqlite3_file * file, int flags), real_of(file), flags);
@@ -236,6 +244,84 @@ TEST_F(lab_test, the_cursor_agrees_with_the_store_whatever_allocation_fails) {
   for (long refused = 0; refused < 300; ++refused) {
     ASSERT_EQ(in_child([refused] { return disagreements_after(refused) == 0 ? 0 : 1; }), 0)
         << refused;
+  }
+}
+
+// Deletes and stores in key order, which the lab does in runs, while the memory gives out. Whatever
+// it said of each call must be what stands in the end, or the close says that nothing does.
+bool told_the_truth(void (*give_out)(long), void (*relieve)(), long when) {
+  constexpr int count = 1500;
+  constexpr int deleted = 1000;
+  constexpr int stored_again = 1300;
+  const std::string same(200, 'v');
+  const contents before = numbered(count, same.size());
+  make(k_uri, before);
+  const pss_service_t service = open(k_uri);
+  const std::string other = "changed";
+  const pss_datum_t values[] = {datum(same), datum(other)};
+  std::string keys[count];
+  bool done[count];
+  for (int n = 0; n < count; ++n) {
+    keys[n] = key_of(n);
+  }
+  give_out(when); // the test itself takes no memory from here on
+  for (int n = 0; n < count; ++n) {
+    const pss_datum_t key = datum(keys[n]);
+    done[n] = n < deleted ? pss_delete(service, &key) == 0
+                          : pss_store(service, 0, &key, &values[n < stored_again ? 0 : 1]) == 0;
+  }
+  relieve();
+  contents expected = before;
+  for (int n = 0; n < count; ++n) {
+    if (done[n] && n < deleted) {
+      expected.erase(keys[n]);
+    } else if (done[n]) {
+      expected[keys[n]] = n < stored_again ? same : other;
+    }
+  }
+  const bool kept = pss_close(service) == 0;
+  return read(k_uri) == (kept ? expected : before);
+}
+
+TEST_F(lab_test, writes_in_key_order_are_done_or_told_whatever_allocation_fails) {
+  for (long refused = 0; refused < 2'500; refused += 73) {
+    ASSERT_EQ(in_child([refused] {
+                return told_the_truth(scarce_memory::refuse_nth, scarce_memory::relieve, refused)
+                           ? 0
+                           : 1;
+              }),
+              0)
+        << refused;
+  }
+}
+
+TEST_F(lab_test, writes_in_key_order_are_done_or_told_whatever_write_of_the_engine_fails) {
+  wrap_files();
+  for (long left = 0; left < 300; left += 7) {
+    ASSERT_EQ(in_child([left] {
+                return told_the_truth([](long writes) { writes_left = writes; },
+                                      [] { writes_left = -1; }, left)
+                           ? 0
+                           : 1;
+              }),
+              0)
+        << left;
+  }
+}
+
+TEST_F(lab_test, writes_in_key_order_are_done_or_told_whatever_memory_the_engine_has) {
+  for (long spare = 0; spare < 300'000; spare += 9'000) {
+    ASSERT_EQ(in_child([spare] {
+                const auto limit = [](long bytes) {
+                  sqlite3_hard_heap_limit64(sqlite3_memory_used() + bytes + 1);
+                };
+                return told_the_truth(
+                           limit, [] { sqlite3_hard_heap_limit64(0); }, spare)
+                           ? 0
+                           : 1;
+              }),
+              0)
+        << spare;
   }
 }
 

@@ -48,10 +48,22 @@ bool read_ahead::append(std::string_view key, std::string_view value) {
 }
 
 size_t read_ahead::lower_bound(std::string_view key) const {
-  const auto found =
-      std::lower_bound(order_.begin(), order_.end(), key,
-                       [this](uint16_t slot, std::string_view k) { return slots_[slot].key < k; });
-  return static_cast<size_t>(found - order_.begin());
+  size_t low = 0;
+  size_t high = size();
+  if (near_ < high) {
+    const bool after = at(near_).key < key;
+    low = after ? near_ + 1 : low;
+    high = after ? high : near_;
+  }
+  if (low < high && at(low).key < key) {
+    const auto begin = order_.begin();
+    const auto found = std::lower_bound(
+        begin + static_cast<ptrdiff_t>(low) + 1, begin + static_cast<ptrdiff_t>(high), key,
+        [this](uint16_t slot, std::string_view k) { return slots_[slot].key < k; });
+    low = static_cast<size_t>(found - begin);
+  }
+  near_ = low;
+  return low;
 }
 
 size_t read_ahead::upper_bound(std::string_view key) const {

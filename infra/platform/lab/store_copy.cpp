@@ -13,20 +13,16 @@ namespace {
 
 // Calls `act(key, value)` for each record that the connection sees, until one fails.
 template <typename action> syserr_t for_each_record(store_db &db, const action &act) {
-  run reading(db.all);
-  int stepped = 0;
-  while ((stepped = reading.step()) == SQLITE_ROW) {
-    std::string_view key;
-    std::string_view value;
-    if (!reading.record(&key, &value)) {
-      return SYSERR_PSS_DAMAGED;
-    }
-    const syserr_t status = act(key, value);
-    if (status != SYSERR_SUCCESS) {
-      return status;
-    }
-  }
-  return stepped == SQLITE_DONE ? SYSERR_SUCCESS : db.last_status();
+  syserr_t done = SYSERR_SUCCESS;
+  bool ended = false;
+  const syserr_t status = db.visit(
+      nullptr,
+      [&](std::string_view key, std::string_view value) {
+        done = act(key, value);
+        return done == SYSERR_SUCCESS;
+      },
+      &ended);
+  return status == SYSERR_SUCCESS ? done : status;
 }
 
 // What stands under a key against what is about to be put there.
@@ -208,7 +204,7 @@ syserr_t copy_from_flat_file(store_handle &to, const char *file, journal_entry *
   status =
       status == SYSERR_SUCCESS ? reader.check(limits.max_key_size, limits.max_value_size) : status;
   bool began = false;
-  status = status == SYSERR_SUCCESS ? to.begin_writing(&began) : status;
+  status = status == SYSERR_SUCCESS ? to.begin_writing_many(&began) : status;
   if (status != SYSERR_SUCCESS) {
     return status;
   }

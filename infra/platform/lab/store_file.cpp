@@ -246,9 +246,10 @@ run &run::bind(int place, int64_t number) {
   return *this;
 }
 
-bool run::column(int place, std::string_view *bytes) const {
-  // Taken out once: each access by column goes through the statement's checks again.
-  sqlite3_value *const found = sqlite3_column_value(raw_, place);
+namespace {
+
+// False for a value that is no bytes: no record of ours is like that.
+bool bytes_in(sqlite3_value *found, std::string_view *bytes) {
   if (sqlite3_value_type(found) != SQLITE_BLOB) {
     return false;
   }
@@ -259,18 +260,23 @@ bool run::column(int place, std::string_view *bytes) const {
   return size == 0 || data != nullptr;
 }
 
-bool run::has_sum(int place, std::string_view key, std::string_view value) const {
-  sqlite3_value *const sum = sqlite3_column_value(raw_, place);
+bool is_sum(sqlite3_value *sum, std::string_view key, std::string_view value) {
   return sqlite3_value_type(sum) == SQLITE_INTEGER &&
          sqlite3_value_int64(sum) == record_sum(key, value);
 }
 
+} // namespace
+
 bool run::record(std::string_view *key, std::string_view *value) const {
-  return column(0, key) && column(1, value) && has_sum(2, *key, *value);
+  // Each column is taken out once: every access goes through the statement's checks again.
+  return bytes_in(sqlite3_column_value(raw_, 0), key) &&
+         bytes_in(sqlite3_column_value(raw_, 1), value) &&
+         is_sum(sqlite3_column_value(raw_, 2), *key, *value);
 }
 
 bool run::value_of(std::string_view key, std::string_view *value) const {
-  return column(0, value) && has_sum(1, key, *value);
+  return bytes_in(sqlite3_column_value(raw_, 0), value) &&
+         is_sum(sqlite3_column_value(raw_, 1), key, *value);
 }
 
 // ---- An open store file ------------------------------------------------------------------------
@@ -288,6 +294,10 @@ syserr_t store_db::connect(const std::string &file, int flags, const char *pragm
   sqlite3_busy_timeout(db_, k_busy_ms);
   sqlite3_db_config(db_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(db_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  if (sqlite3_create_function(db_, "see_record", 3, SQLITE_UTF8 | SQLITE_DIRECTONLY, this,
+                              see_record, nullptr, nullptr) != SQLITE_OK) {
+    return status_of(db_);
+  }
   return execute(pragmas);
 }
 
@@ -345,7 +355,7 @@ syserr_t store_db::open_memory() {
 }
 
 void store_db::close() {
-  for (statement *kept : {&fetch, &from, &before, &all, &last, &insert, &erase}) {
+  for (statement *kept : {&fetch, &all_, &from_, &before, &last, &insert, &erase, &erase_range}) {
     kept->finalize();
   }
   if (db_ != nullptr) {
@@ -381,15 +391,17 @@ syserr_t store_db::prepare_all() {
     const char *sql;
   } rows[] = {
       {&fetch, "SELECT value, sum FROM records WHERE key = ?1"},
-      {&from, "SELECT key, value, sum FROM records WHERE key >= ?1 ORDER BY key"},
+      {&all_, "SELECT 1 FROM records WHERE see_record(key, value, sum) ORDER BY key"},
+      {&from_, "SELECT 1 FROM records WHERE key >= ?1 AND see_record(key, value, sum) "
+               "ORDER BY key"},
       {&before, "SELECT key, value, sum FROM records WHERE key <= ?1 ORDER BY key DESC LIMIT 2"},
-      {&all, "SELECT key, value, sum FROM records ORDER BY key"},
       {&last, "SELECT key, value, sum FROM records ORDER BY key DESC LIMIT 1"},
       // What stands there already is not written again, nor its page brought to disk.
       {&insert, "INSERT INTO records (key, value, sum) VALUES (?1, ?2, ?3) ON CONFLICT (key) "
                 "DO UPDATE SET value = excluded.value, sum = excluded.sum "
                 "WHERE sum IS NOT excluded.sum OR value IS NOT excluded.value"},
       {&erase, "DELETE FROM records WHERE key = ?1"},
+      {&erase_range, "DELETE FROM records WHERE key BETWEEN ?1 AND ?2"},
   };
   for (const auto &row : rows) {
     if (!row.place->prepare(db_, row.sql)) {
@@ -529,21 +541,57 @@ syserr_t store_db::check_all(uint64_t *records) {
   return status == SYSERR_SUCCESS ? check_records(records) : status;
 }
 
+// Quicker than a row of the statement for each record.
+void store_db::see_record(sqlite3_context *context, int /*count*/, sqlite3_value **record) {
+  auto *const going = static_cast<store_db *>(sqlite3_user_data(context))->visit_;
+  bool go_on = false;
+  std::string_view key;
+  std::string_view value;
+  going->damaged =
+      !bytes_in(record[0], &key) || !bytes_in(record[1], &value) || !is_sum(record[2], key, value);
+  if (!going->damaged) {
+    try {
+      go_on = going->each.call(going->each.action, key, value);
+    } catch (...) { // not through the engine
+      going->thrown = std::current_exception();
+    }
+  }
+  sqlite3_result_int(context, go_on ? 0 : 1);
+}
+
+syserr_t store_db::visit_with(const std::string_view *low, const visitor &each, bool *ended) {
+  visit_state going = {each, false, nullptr};
+  visit_ = &going;
+  run reading(low == nullptr ? all_ : from_);
+  if (low != nullptr) {
+    reading.bind(1, *low);
+  }
+  const int stepped = reading.step();
+  visit_ = nullptr;
+  if (going.thrown) {
+    std::rethrow_exception(going.thrown);
+  }
+  *ended = stepped == SQLITE_DONE;
+  if (stepped != SQLITE_DONE && stepped != SQLITE_ROW) {
+    return status_of(db_);
+  }
+  return going.damaged ? SYSERR_PSS_DAMAGED : SYSERR_SUCCESS;
+}
+
 syserr_t store_db::check_records(uint64_t *records) {
   *records = 0;
   std::string last_key;
-  run reading(all);
-  int stepped = 0;
-  while ((stepped = reading.step()) == SQLITE_ROW) {
-    std::string_view key;
-    std::string_view value;
-    if (!reading.record(&key, &value) || (*records > 0 && key <= last_key)) {
-      return SYSERR_PSS_DAMAGED;
-    }
-    last_key = key;
-    ++*records;
-  }
-  return stepped == SQLITE_DONE ? SYSERR_SUCCESS : status_of(db_);
+  bool ended = false;
+  const syserr_t status = visit(
+      nullptr,
+      [&](std::string_view key, std::string_view) {
+        const bool in_order = *records == 0 || key > last_key;
+        last_key = key;
+        *records += in_order ? 1 : 0;
+        return in_order;
+      },
+      &ended);
+  return status == SYSERR_SUCCESS && !ended ? SYSERR_PSS_DAMAGED : status;
 }
 
 syserr_t store_db::worth_copying_file(bool *worth) {

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <compare>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -76,8 +77,6 @@ public:
   run &bind(int place, std::string_view bytes);
   run &bind(int place, int64_t number);
   int step() { return bound_ == SQLITE_OK ? sqlite3_step(raw_) : bound_; }
-  // False for a column that holds no bytes: no record of ours is like that.
-  bool column(int place, std::string_view *bytes) const;
   // The record of a statement that gives key, value and sum; false for one that is damaged.
   bool record(std::string_view *key, std::string_view *value) const;
   // The same for one that gives value and sum of a key that is known.
@@ -85,8 +84,6 @@ public:
   int64_t number(int place) const { return sqlite3_column_int64(raw_, place); }
 
 private:
-  bool has_sum(int place, std::string_view key, std::string_view value) const;
-
   sqlite3_stmt *raw_;
   int bound_ = SQLITE_OK;
 };
@@ -142,6 +139,17 @@ public:
   // That of each record, and their order.
   syserr_t check_records(uint64_t *records);
 
+  // Calls `act(key, value)` for the records from *low on (null: for all) in key order, until it
+  // returns false; *ended says whether it never did. It may throw, and must not call this store.
+  template <typename action>
+  syserr_t visit(const std::string_view *low, const action &act, bool *ended) {
+    const visitor each = {[](const void *which, std::string_view key, std::string_view value) {
+                            return (*static_cast<const action *>(which))(key, value);
+                          },
+                          &act};
+    return visit_with(low, each, ended);
+  }
+
   // Writes the bytes of the store's file; for a connection that holds a read transaction and writes
   // nothing. Quicker than record by record, unless most of the file's pages hold none.
   syserr_t copy_file_to(int target);
@@ -152,21 +160,36 @@ public:
   uint64_t generation() const { return shared_ == nullptr ? 0 : shared_->generation; }
 
   // Each gives the records' sums as well.
-  statement fetch;  // value of key ?1
-  statement from;   // records with key >= ?1
-  statement before; // the two records with the last keys <= ?1
-  statement all;    // all records
-  statement last;   // the last record
-  statement insert; // key ?1, value ?2, sum ?3
-  statement erase;  // key ?1
+  statement fetch;       // value of key ?1
+  statement before;      // the two records with the last keys <= ?1
+  statement last;        // the last record
+  statement insert;      // key ?1, value ?2, sum ?3
+  statement erase;       // key ?1
+  statement erase_range; // keys from ?1 to ?2
 
 private:
+  struct visitor {
+    bool (*call)(const void *action, std::string_view key, std::string_view value);
+    const void *action;
+  };
+  // The visit that is going on: a function in the statement's own condition sees each record.
+  struct visit_state {
+    visitor each;
+    bool damaged;
+    std::exception_ptr thrown;
+  };
+
+  static void see_record(sqlite3_context *context, int count, sqlite3_value **record);
+  syserr_t visit_with(const std::string_view *low, const visitor &each, bool *ended);
   syserr_t connect(const std::string &file, int flags, const char *pragmas);
   syserr_t check_schema();
   syserr_t check_integrity();
   syserr_t prepare_all();
 
   sqlite3 *db_ = nullptr;
+  statement all_;  // all records, each shown to see_record; a row where it ended the visit
+  statement from_; // the same for those with key >= ?1
+  visit_state *visit_ = nullptr;
   open_file *shared_ = nullptr;
   file_id id_;
   pss2_nonvol_params params_ = {};

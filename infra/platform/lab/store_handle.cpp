@@ -6,6 +6,13 @@
 #include <utility>
 
 namespace lab {
+namespace {
+
+constexpr int k_ascending = 8;       // writes in key order before the records ahead are read
+constexpr int k_pause = 1000;        // writes without, where they turned out to be others
+constexpr size_t k_first_ahead = 16; // records
+
+} // namespace
 
 store_handle::store_handle(std::string uri, store_path path, bool writable)
     : uri_(std::move(uri)), path_(std::move(path)), writable_(writable) {}
@@ -39,13 +46,13 @@ syserr_t store_handle::usable_for_writing() {
 // A copy of what is left after a loss must not pass for a copy of what was written.
 syserr_t store_handle::usable_for_copying() {
   const syserr_t status = still_there();
-  return status == SYSERR_SUCCESS ? taken_back() : status;
+  return status == SYSERR_SUCCESS ? flush() : status;
 }
 
 syserr_t store_handle::close(bool *wrote) {
   *wrote = wrote_ || failed_ != SYSERR_SUCCESS;
-  const syserr_t lost = taken_back();
-  const syserr_t status = lost == SYSERR_SUCCESS && wrote_ ? db_.commit() : lost;
+  syserr_t status = flush();
+  status = status == SYSERR_SUCCESS && wrote_ ? db_.commit() : status;
   db_.close();
   return status;
 }
@@ -70,9 +77,19 @@ syserr_t store_handle::begin_writing(bool *began) {
     return there;
   }
   *began = !wrote_;
-  const syserr_t status = *began ? db_.begin() : SYSERR_SUCCESS;
+  if (!*began) {
+    return SYSERR_SUCCESS;
+  }
+  // Only from here on can no other process change the store.
+  run_.clear();
+  const syserr_t status = db_.begin();
   wrote_ = status == SYSERR_SUCCESS;
   return status;
+}
+
+syserr_t store_handle::begin_writing_many(bool *began) {
+  const syserr_t status = flush();
+  return status == SYSERR_SUCCESS ? begin_writing(began) : status;
 }
 
 // The engine takes a transaction back by itself when room, memory or the disk fails it, in a read
@@ -93,6 +110,7 @@ syserr_t store_handle::after_read(syserr_t status) {
 void store_handle::take_back() {
   db_.rollback();
   wrote_ = false;
+  doomed_ = 0;
 }
 
 void store_handle::wrote_many() {
@@ -107,6 +125,58 @@ syserr_t store_handle::failed_write(syserr_t status) {
   return status;
 }
 
+// While this handle is the store's writer its run is exact.
+store_handle::known store_handle::look_up(std::string_view key, size_t *index) const {
+  if (!wrote_ || !run_.covers(key)) {
+    return known::nothing;
+  }
+  *index = run_.lower_bound(key);
+  if (*index == run_.size()) {
+    return run_.at_end() ? known::absent : known::nothing;
+  }
+  return run_.at(*index).key == key ? known::present : known::absent;
+}
+
+// Before each write: a run of the records that come next, when it is worth it. One seek then serves
+// many writes.
+void store_handle::look_ahead(std::string_view key) {
+  ascending_ = key > last_written_ ? ascending_ + 1 : std::min(ascending_, 0);
+  last_written_ = key;
+  size_t index = 0;
+  if (ascending_ < k_ascending || !wrote_ || look_up(key, &index) != known::nothing) {
+    return;
+  }
+  const bool paid = 2 * ahead_met_ >= ahead_size_;
+  ahead_size_ = paid ? std::clamp(2 * ahead_size_, k_first_ahead, read_ahead::k_capacity) : 0;
+  ahead_met_ = 0;
+  try {
+    if (paid && fill(&key, key, ahead_size_, nullptr) == SYSERR_SUCCESS) {
+      return;
+    }
+  } catch (const std::bad_alloc &) {
+    run_.clear(); // the write itself needs none of it
+  }
+  ascending_ = -k_pause;
+}
+
+// The engine deletes the doomed records.
+syserr_t store_handle::flush() {
+  const syserr_t lost = taken_back();
+  if (lost != SYSERR_SUCCESS || doomed_ == 0) {
+    return lost;
+  }
+  const int count = std::exchange(doomed_, 0);
+  run deleting(db_.erase_range);
+  const bool done = deleting.bind(1, doomed_first_).bind(2, doomed_last_).step() == SQLITE_DONE;
+  if (!done || db_.changes() != count) {
+    // They passed for deleted: nothing that this handle wrote may be kept.
+    failed_ = done ? SYSERR_PSS_DAMAGED : db_.last_status();
+    run_.clear();
+    db_.rollback();
+  }
+  return failed_;
+}
+
 syserr_t store_handle::store(std::string_view key, std::string_view value, journal_entry *entry) {
   syserr_t status = usable_for_writing();
   status = status == SYSERR_SUCCESS ? settle() : status; // a snapshot may have brought other limits
@@ -114,11 +184,31 @@ syserr_t store_handle::store(std::string_view key, std::string_view value, journ
   if (status != SYSERR_SUCCESS) {
     return status;
   }
+  look_ahead(key);
   answer old;
   const syserr_t before = journal_on() ? fetch(key, &old) : SYSERR_PSS_NOT_FOUND;
   const bool stood = before == SYSERR_SUCCESS;
   bool began = false;
   status = begin_writing(&began);
+  status = status == SYSERR_SUCCESS ? write_record(key, value) : status;
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  if (stood) {
+    entry->old_size = old.bytes.size();
+  }
+  entry->added = before == SYSERR_PSS_NOT_FOUND ? 1 : 0;
+  entry->changed = entry->added == 0 && (!stood || old.bytes != value) ? 1 : 0;
+  return SYSERR_SUCCESS;
+}
+
+syserr_t store_handle::write_record(std::string_view key, std::string_view value) {
+  size_t index = 0;
+  if (look_up(key, &index) == known::present && run_.at(index).value == value) {
+    ++ahead_met_; // only this was worth knowing
+    return SYSERR_SUCCESS;
+  }
+  syserr_t status = flush();
   if (status != SYSERR_SUCCESS) {
     return status;
   }
@@ -131,17 +221,45 @@ syserr_t store_handle::store(std::string_view key, std::string_view value, journ
   } catch (const std::bad_alloc &) {
     run_.clear(); // the record is written; only what was read ahead is not known any more
   }
-  if (stood) {
-    entry->old_size = old.bytes.size();
+  return SYSERR_SUCCESS;
+}
+
+// Whether nothing stands between the doomed records and the one at `index`.
+bool store_handle::adjoins_doomed(size_t index) const {
+  return doomed_ != 0 && run_.covers(doomed_last_) && run_.at(index).key > doomed_last_ &&
+         run_.lower_bound(doomed_last_) == index;
+}
+
+syserr_t store_handle::doom(size_t index) {
+  if (!adjoins_doomed(index)) {
+    const syserr_t status = flush();
+    if (status != SYSERR_SUCCESS) {
+      return status;
+    }
+    doomed_first_ = run_.at(index).key;
   }
-  entry->added = before == SYSERR_PSS_NOT_FOUND ? 1 : 0;
-  entry->changed = entry->added == 0 && (!stood || old.bytes != value) ? 1 : 0;
+  doomed_last_ = run_.at(index).key;
+  ++doomed_;
   return SYSERR_SUCCESS;
 }
 
 syserr_t store_handle::erase_record(std::string_view key) {
   bool began = false;
-  const syserr_t status = begin_writing(&began);
+  syserr_t status = begin_writing(&began);
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
+  size_t index = 0;
+  switch (look_up(key, &index)) {
+  case known::present:
+    ++ahead_met_;
+    return doom(index);
+  case known::absent:
+    return SYSERR_PSS_NOT_FOUND;
+  default:
+    break;
+  }
+  status = flush();
   if (status != SYSERR_SUCCESS) {
     return status;
   }
@@ -155,6 +273,9 @@ syserr_t store_handle::erase_record(std::string_view key) {
 syserr_t store_handle::erase(std::string_view key, bool follow, journal_entry *entry) {
   syserr_t status = usable_for_writing();
   status = status == SYSERR_SUCCESS ? settle() : status; // the cursor may move along the run
+  if (status == SYSERR_SUCCESS && key.size() <= db_.params().max_key_size) {
+    look_ahead(key);
+  }
   if (status == SYSERR_SUCCESS && (journal_on() || !wrote_)) {
     // A handle that deletes nothing must not become the store's writer.
     answer old;
@@ -191,6 +312,16 @@ syserr_t store_handle::fetch(std::string_view key, answer *value) {
   if (status != SYSERR_SUCCESS) {
     return status;
   }
+  size_t index = 0;
+  const known what = look_up(key, &index);
+  if (what == known::present) {
+    value->bytes = run_.at(index).value;
+    return SYSERR_SUCCESS;
+  }
+  status = what == known::absent ? SYSERR_PSS_NOT_FOUND : flush();
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
   run reading(db_.fetch);
   const int stepped = reading.bind(1, key).step();
   if (stepped != SQLITE_ROW) {
@@ -222,46 +353,43 @@ syserr_t store_handle::settle() {
 // A record that was there is not met again: another process deleted it, or a damaged key led the
 // engine's search astray, past records that nobody would miss.
 syserr_t store_handle::confirm_absence() {
+  const syserr_t status = flush();
+  if (status != SYSERR_SUCCESS) {
+    return status;
+  }
   uint64_t records = 0;
   return after_read(db_.check_records(&records));
 }
 
-// Reads up to `count` records into a new run, which starts at `low`. With `met`, the record of
-// `key` itself is left out, and *met says whether it was there.
-syserr_t store_handle::fill(const statement &from, const std::string_view *key,
-                            std::string_view low, size_t count, bool *met) {
+// Reads up to `count` records into a new run, which starts at `low`; from `key` on, or all when it
+// is null. With `met`, the record of `key` itself is left out, and *met says whether it was there.
+syserr_t store_handle::fill(const std::string_view *key, std::string_view low, size_t count,
+                            bool *met) {
   run_.start(low);
-  const syserr_t there = still_there();
-  if (there != SYSERR_SUCCESS) {
-    return there;
+  syserr_t status = still_there();
+  status = status == SYSERR_SUCCESS ? flush() : status;
+  if (status != SYSERR_SUCCESS) {
+    return status;
   }
-  run reading(from);
-  if (key != nullptr) {
-    reading.bind(1, *key);
+  bool in_order = true;
+  bool ended = false;
+  status = db_.visit(
+      key,
+      [&](std::string_view found, std::string_view value) {
+        if (met != nullptr && !*met && run_.size() == 0 && found == *key) {
+          *met = true;
+          return true;
+        }
+        in_order = run_.size() == 0 ? found >= low : found > run_.at(run_.size() - 1).key;
+        return in_order && run_.append(found, value) && run_.size() < count;
+      },
+      &ended);
+  if (status != SYSERR_SUCCESS || !in_order) {
+    run_.clear();
+    return status == SYSERR_SUCCESS ? SYSERR_PSS_DAMAGED : after_read(status);
   }
-  bool room = true;
-  while (room && run_.size() < count) {
-    const int stepped = reading.step();
-    if (stepped == SQLITE_DONE) {
-      run_.reached_end();
-      return SYSERR_SUCCESS;
-    }
-    std::string_view found;
-    std::string_view value;
-    if (stepped != SQLITE_ROW || !reading.record(&found, &value)) {
-      const syserr_t status = stepped == SQLITE_ROW ? SYSERR_PSS_DAMAGED : failed_read();
-      run_.clear();
-      return status;
-    }
-    if (met != nullptr && !*met && run_.size() == 0 && found == *key) {
-      *met = true;
-      continue;
-    }
-    if (run_.size() == 0 ? found < low : found <= run_.at(run_.size() - 1).key) {
-      run_.clear();
-      return SYSERR_PSS_DAMAGED;
-    }
-    room = run_.append(found, value);
+  if (ended) {
+    run_.reached_end();
   }
   return SYSERR_SUCCESS;
 }
@@ -286,7 +414,7 @@ syserr_t store_handle::first() {
     return step_to(0);
   }
   window_ = 1;
-  const syserr_t status = fill(db_.all, nullptr, {}, window_, nullptr);
+  const syserr_t status = fill(nullptr, {}, window_, nullptr);
   if (status != SYSERR_SUCCESS) {
     return status;
   }
@@ -316,7 +444,7 @@ syserr_t store_handle::next() {
   low += '\0'; // the first key after key_
   const std::string_view own = key_;
   bool met = false;
-  syserr_t status = fill(db_.from, &own, low, window_, &met);
+  syserr_t status = fill(&own, low, window_, &met);
   status = status == SYSERR_SUCCESS && was_there_ && !met ? confirm_absence() : status;
   if (status != SYSERR_SUCCESS) {
     run_.clear();
@@ -327,9 +455,10 @@ syserr_t store_handle::next() {
 
 // One record that a statement finds, as a run of its own; `none` is the cursor's place otherwise.
 syserr_t store_handle::fill_one(const statement &from, const std::string_view *key, place none) {
-  const syserr_t there = still_there();
-  if (there != SYSERR_SUCCESS) {
-    return there;
+  syserr_t status = still_there();
+  status = status == SYSERR_SUCCESS ? flush() : status;
+  if (status != SYSERR_SUCCESS) {
+    return status;
   }
   window_ = 1;
   const bool expected = key != nullptr && was_there_;
@@ -398,6 +527,7 @@ syserr_t store_handle::move(int location) {
   if (status != SYSERR_SUCCESS) {
     return status;
   }
+  ascending_ = std::min(ascending_, 0); // the run is the cursor's
   switch (location) {
   case PSS_FIRST_KEY:
     return first();
@@ -419,6 +549,7 @@ syserr_t store_handle::move_to_key(std::string_view key) {
   if (status != SYSERR_SUCCESS) {
     return status;
   }
+  ascending_ = std::min(ascending_, 0);
   // No stored key is longer, so one byte more decides as well as the rest would.
   key = key.substr(0, size_t{db_.params().max_key_size} + 1);
   if (run_.covers(key)) {
@@ -431,7 +562,7 @@ syserr_t store_handle::move_to_key(std::string_view key) {
     }
   }
   window_ = 1;
-  status = fill(db_.from, &key, key, window_, nullptr);
+  status = fill(&key, key, window_, nullptr);
   if (status != SYSERR_SUCCESS) {
     return status;
   }

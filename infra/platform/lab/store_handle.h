@@ -57,8 +57,10 @@ public:
 
   // For calls that write many records at once: the transaction is begun, and after the writes the
   // cursor's run is thrown away. *began says whether this call began it.
-  syserr_t begin_writing(bool *began);
+  syserr_t begin_writing_many(bool *began);
   void wrote_many();
+  // Before the store's file or connection is used but through this handle.
+  syserr_t flush();
   // After a failed write: the engine may have rolled everything back, and then the handle's earlier
   // writes are lost and nothing more may pass for written.
   syserr_t failed_write(syserr_t status);
@@ -90,6 +92,15 @@ private:
   // differs from "before" in that PREVIOUS is the last record.
   enum class place : uint8_t { nowhere, before, on, past };
 
+  // What is known of a key without asking the engine.
+  enum class known : uint8_t { nothing, absent, present };
+
+  syserr_t begin_writing(bool *began);
+  known look_up(std::string_view key, size_t *index) const;
+  void look_ahead(std::string_view key);
+  syserr_t write_record(std::string_view key, std::string_view value);
+  bool adjoins_doomed(size_t index) const;
+  syserr_t doom(size_t index);
   syserr_t still_there();
   syserr_t taken_back();
   syserr_t failed_read() { return after_read(db_.last_status()); }
@@ -99,8 +110,7 @@ private:
   syserr_t last();
   syserr_t step_to(size_t index);
   syserr_t at_run_end();
-  syserr_t fill(const statement &from, const std::string_view *key, std::string_view low,
-                size_t count, bool *met);
+  syserr_t fill(const std::string_view *key, std::string_view low, size_t count, bool *met);
   syserr_t confirm_absence();
   syserr_t fill_one(const statement &from, const std::string_view *key, place none);
   syserr_t erase_record(std::string_view key);
@@ -118,6 +128,15 @@ private:
   size_t window_ = 1;
   uint64_t generation_ = 0;
   read_ahead run_;
+  // Writes that go through the store in key order have the records ahead of them read in runs too.
+  std::string last_written_;
+  int ascending_ = 0;     // writes in order so far; below 0 where looking ahead did not pay
+  size_t ahead_size_ = 0; // of the last such run
+  size_t ahead_met_ = 0;  // its records that were then deleted, or stored as they stood
+  // Deleted, but not by the engine yet: all that stands from one key to another, in one go.
+  std::string doomed_first_;
+  std::string doomed_last_;
+  int doomed_ = 0; // records
   std::array<answer, static_cast<size_t>(slot::count)> slots_;
 };
 

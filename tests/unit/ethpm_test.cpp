@@ -1000,6 +1000,27 @@ TEST(kept_key_test, keys_differ_in_bytes_and_in_size) {
   EXPECT_TRUE(kept.equals(same.datum));
 }
 
+TEST(kept_key_test, keys_are_in_the_order_of_their_bytes_a_prefix_first) {
+  datamorph_kept_key kept;
+  const exact key("bcd");
+  ASSERT_TRUE(kept.keep(key.datum));
+  const struct {
+    const char *other;
+    bool is_before;
+  } rows[] = {{"", false},     {"bc", false}, {"bcd", false}, {"bcda", true},
+              {"bce", true},   {"c", true},   {"bcc", false}, {"a", false},
+              {"azzz", false}, {"bd", true},  {"\xff", true}};
+  for (const auto &row : rows) {
+    const exact other(row.other);
+    EXPECT_EQ(row.is_before, kept.is_before(other.datum)) << row.other;
+  }
+  const datamorph_kept_key none;
+  const exact empty("");
+  EXPECT_TRUE(none.equals(empty.datum)); // as it begins
+  EXPECT_FALSE(none.is_before(empty.datum));
+  EXPECT_TRUE(none.is_before(key.datum));
+}
+
 TEST(circle_guard_test, a_circle_of_any_length_is_noticed_and_a_line_is_none) {
   for (unsigned length = 1; length <= 40; ++length) {
     datamorph_circle_guard guard;

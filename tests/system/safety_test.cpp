@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <thread>
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -342,6 +344,44 @@ TEST_F(safety, a_file_in_the_place_of_the_runs_is_named) {
   EXPECT_EQ(converted.status, 1);
   EXPECT_EQ(converted.err, "datamorph: 'sw': cannot read the folder runs/: Not a directory; make "
                            "room, or move what stands there out of the way\n");
+}
+
+// Each record has several lines in the journal, which so grows beyond every store.
+TEST_F(safety, a_run_whose_journal_cannot_be_written_says_so) {
+  create("sw");
+  std::string addresses;
+  for (int at = 0; at < 300; ++at) {
+    char address[16];
+    std::snprintf(address, sizeof address, "%08x", at);
+    const std::string rest = std::string(address) + std::string(24, '0');
+    addresses += std::string(at == 0 ? "" : ",") + R"({"key": "02000000010a1a000000)" + rest +
+                 R"(", "value": "0000001a0a01000000)" + rest + R"(0100000001000000"})";
+  }
+  const std::string document =
+      R"({"stores": [{"uri": "nonvolatile:/cfg/startup/bin/vrrp-cfg_config_sav", "records": [)" +
+      addresses + "]}]}";
+  ASSERT_EQ(run({"store", "import", "sw"}, document).status, 0);
+  const files before = state("sw");
+  in_child = [] {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {100000, 100000};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  };
+
+  const result converted = run({"convert", "sw", "--to", "4.2(1)", "--moment", "startup"});
+
+  EXPECT_EQ(converted.status, 1);
+  EXPECT_NE(converted.err.find("datamorph: 'sw': not converted: the run's journal could not be "
+                               "written, from pss_"),
+            std::string::npos)
+      << converted.err;
+  EXPECT_NE(converted.err.find(" by VRRP_ENG on; is there room for it in runs/?; the switch is as "
+                               "it was, still at 4.1(5)\n"),
+            std::string::npos)
+      << converted.err;
+  EXPECT_EQ(fs::file_size(path("sw/runs/0001/journal.jsonl")), 100000u);
+  EXPECT_EQ(state("sw"), before);
+  expect_tidy("sw");
 }
 
 } // namespace

@@ -285,7 +285,7 @@ std::string conversion::verdict() const {
     return report_.trouble;
   }
   if (closing_.value("unexpected", size_t(0)) > 0) {
-    return "a write in the switch failed: " + first_failed_write(closing_);
+    return first_failed_write(closing_);
   }
   const auto closed = closing_.value("close_status", SYSERR_FAILED);
   if (closed != SYSERR_SUCCESS) {

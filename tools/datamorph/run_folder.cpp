@@ -94,11 +94,19 @@ std::string first_failed_write(const nlohmann::json &closing) {
   const nlohmann::json line =
       nlohmann::json::parse(closing.value("first_unexpected", ""), nullptr, false);
   if (!line.is_object()) {
-    return "see the run's journal";
+    return "a write in the switch failed: see the run's journal";
   }
   const std::string uri = line.value("uri", "");
   const unsigned vdc = line.value("table_vdc", 0u);
-  return line.value("call", "a call") + (uri.empty() ? "" : " on the store " + in_quotes(uri)) +
-         (vdc == 0 ? "" : " on the tag table of VDC " + std::to_string(vdc)) + " by " +
-         line.value("service", "?") + " gave " + status_text(line.value("status", SYSERR_FAILED));
+  const std::string what = line.value("call", "a call") +
+                           (uri.empty() ? "" : " on the store " + in_quotes(uri)) +
+                           (vdc == 0 ? "" : " on the tag table of VDC " + std::to_string(vdc)) +
+                           " by " + line.value("service", "?");
+  // A call that went well is named when its line could not be written.
+  if (!line.value("unexpected", true)) {
+    return "the run's journal could not be written, from " + what +
+           " on; is there room for it in runs/?";
+  }
+  return "a write in the switch failed: " + what + " gave " +
+         status_text(line.value("status", SYSERR_FAILED));
 }

@@ -48,7 +48,7 @@ private:
   unique_fd folder_;
 };
 
-// The journal's line on the first write that failed, for a message.
+// The first write that failed, or whose line the journal does not have, for a message.
 std::string first_failed_write(const nlohmann::json &closing);
 
 #endif

@@ -59,7 +59,7 @@ TEST_F(full_disk, a_handle_whose_records_were_taken_back_says_so) {
   const pss_service_t service = open(uri_);
   ASSERT_EQ(put(service, "a", "changed"), 0U);
   syserr_t status = 0;
-  for (int i = 0; i < 80 && status == 0; ++i) {
+  for (int i = 0; i < 200 && status == 0; ++i) {
     status = put(service, "key-" + std::to_string(i), std::string(1'000'000, 'x'));
   }
   ASSERT_EQ(status, 0x4048000CU);

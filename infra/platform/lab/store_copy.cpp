@@ -1,12 +1,20 @@
 #include "lab/store_copy.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <new>
+#include <optional>
+#include <system_error>
+#include <thread>
 
 #include "lab/files.h"
 #include "lab/flat_file.h"
+#include "lab/signals_off.h"
 
 namespace lab {
 namespace {
@@ -75,16 +83,89 @@ syserr_t replace_records(store_db &from, store_db &to, journal_entry *entry) {
   return to.commit();
 }
 
-// The bytes of the store's file. The disk is set to work at once, while the records are checked.
-syserr_t copy_bytes(store_db &from, const store_path &path, const std::string &scratch) {
+// Brings a file to disk while its maker writes it and then does other work. Where no thread is to
+// be had it is done in the end.
+class sync_meanwhile {
+public:
+  explicit sync_meanwhile(int fd) : fd_(fd) {
+    const signals_off guard;
+    try {
+      thread_ = std::thread([this] { work(); });
+    } catch (const std::system_error &) {
+    }
+  }
+  ~sync_meanwhile() { wait(); }
+  sync_meanwhile(const sync_meanwhile &) = delete;
+  sync_meanwhile &operator=(const sync_meanwhile &) = delete;
+
+  void written() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    whole_ = true;
+    changed_.notify_one();
+  }
+  // After written().
+  syserr_t finish() {
+    if (!wait()) {
+      sync();
+    }
+    return error_ == 0 ? SYSERR_SUCCESS : status_of_errno(error_);
+  }
+
+private:
+  static constexpr std::chrono::milliseconds k_look{2};
+
+  void work() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!changed_.wait_for(lock, k_look, [this] { return whole_; })) {
+      lock.unlock();
+      sync_file_range(fd_, 0, 0, SYNC_FILE_RANGE_WRITE); // only a hint
+      lock.lock();
+    }
+    lock.unlock();
+    sync();
+  }
+  void sync() { error_ = fsync(fd_) == 0 ? 0 : errno; }
+  bool wait() {
+    const bool running = thread_.joinable();
+    if (running) {
+      written();
+      thread_.join();
+    }
+    return running;
+  }
+
+  int fd_;
+  int error_ = 0;
+  bool whole_ = false;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::thread thread_;
+};
+
+syserr_t check_copied(store_db &from, journal_entry *entry) {
+  pss2_nonvol_params params = {};
+  const syserr_t status = from.read_params(&params);
+  return status == SYSERR_SUCCESS ? from.check_records(&entry->added) : status;
+}
+
+// The bytes of the store's file; the records are checked while the disk takes them.
+syserr_t copy_bytes(store_db &from, const store_path &path, const std::string &scratch,
+                    journal_entry *entry) {
   unique_fd fd(open(scratch.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
   if (!fd.good()) {
     return status_of_errno(errno);
   }
-  const syserr_t status = from.copy_file_to(fd.get());
-  if (status == SYSERR_SUCCESS && path.durable) {
-    sync_file_range(fd.get(), 0, 0, SYNC_FILE_RANGE_WRITE); // only a hint: the sync comes later
+  std::optional<sync_meanwhile> syncing;
+  if (path.durable) {
+    syncing.emplace(fd.get());
   }
+  syserr_t status = from.copy_file_to(fd.get());
+  if (syncing) {
+    syncing->written();
+  }
+  status = status == SYSERR_SUCCESS ? check_copied(from, entry) : status;
+  const syserr_t synced = syncing ? syncing->finish() : SYSERR_SUCCESS;
+  status = status == SYSERR_SUCCESS ? synced : status;
   return status == SYSERR_SUCCESS && !fd.close_now() ? status_of_errno(errno) : status;
 }
 
@@ -97,10 +178,7 @@ syserr_t copy_file(store_db &from, const store_path &path, const std::string &sc
   syserr_t status = from.execute("BEGIN");
   status = status == SYSERR_SUCCESS ? from.worth_copying_file(copied) : status; // reads: locked
   if (status == SYSERR_SUCCESS && *copied) {
-    pss2_nonvol_params params = {};
-    status = copy_bytes(from, path, scratch);
-    status = status == SYSERR_SUCCESS ? from.read_params(&params) : status;
-    status = status == SYSERR_SUCCESS ? from.check_records(&entry->added) : status;
+    status = copy_bytes(from, path, scratch, entry);
   }
   from.rollback();
   return status;

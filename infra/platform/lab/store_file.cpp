@@ -424,7 +424,7 @@ bool store_db::in_place() const {
 
 syserr_t store_db::begin() {
   // A writer brings no page to disk before the end, as long as there is room; a reader needs few.
-  return execute("PRAGMA cache_size=-32768; BEGIN IMMEDIATE");
+  return execute("PRAGMA cache_size=-131072; BEGIN IMMEDIATE");
 }
 
 syserr_t store_db::begin_exclusive() {

@@ -6,10 +6,16 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 namespace bench {
+
+[[noreturn]] inline void fail(const char *what, unsigned long status) {
+  std::fprintf(stderr, "bench: %s: 0x%lx\n", what, status);
+  std::_Exit(97);
+}
 
 inline double seconds() {
   timespec now = {};

@@ -146,7 +146,7 @@ public:
   explicit direct(const std::string &file) {
     sqlite3_open_v2(file.c_str(), &db_,
                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-    run("PRAGMA synchronous=EXTRA; PRAGMA temp_store=MEMORY; PRAGMA cache_size=-32768;"
+    run("PRAGMA synchronous=EXTRA; PRAGMA temp_store=MEMORY; PRAGMA cache_size=-131072;"
         "PRAGMA cell_size_check=ON");
   }
   ~direct() {

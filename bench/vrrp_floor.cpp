@@ -4,27 +4,13 @@
 
 #include "vrrp_floor.h"
 
-#include <sqlite3.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstring>
-#include <string>
 
+#include "direct_store.h"
 #include "lab/checksum.h"
 #include "vrrp_stores.h"
 
-// A store is made in the transaction that fills it.
-#define SETTINGS(db)                                                                               \
-  "PRAGMA " db "synchronous=EXTRA; PRAGMA temp_store=MEMORY; PRAGMA " db "cache_size=-32768;"      \
-  "PRAGMA cell_size_check=ON;"
-#define MAKE_STORE(db)                                                                             \
-  "PRAGMA " db "application_id=1145925747; PRAGMA " db "user_version=2;"                           \
-  "CREATE TABLE " db "records (key BLOB PRIMARY KEY, value BLOB NOT NULL, sum INTEGER NOT NULL) "  \
-  "WITHOUT ROWID;"                                                                                 \
-  "CREATE TABLE " db "params (name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;"       \
-  "INSERT INTO " db "params VALUES ('max_key_size', 4096), ('max_value_size', 1048576),"           \
-  "('max_node_keys', 0), ('version', 1);"
 #define MOVED "(key >= x'01' AND key < x'03' OR key = x'04000000')"
 #define DELETE_MOVED(db)                                                                           \
   "DELETE FROM " db "records WHERE key = x'04000000';"                                             \
@@ -32,46 +18,6 @@
 
 namespace bench {
 namespace {
-
-class direct {
-public:
-  explicit direct(const char *file) {
-    const int opened = sqlite3_open_v2((std::string("/") + file).c_str(), &db_,
-                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                                           SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE,
-                                       nullptr);
-    if (opened != SQLITE_OK) {
-      fail(file, static_cast<unsigned long>(opened));
-    }
-    run(SETTINGS(""));
-  }
-  ~direct() { sqlite3_close(db_); }
-  direct(const direct &) = delete;
-  direct &operator=(const direct &) = delete;
-
-  void run(const char *sql) {
-    if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-      fail(sql, static_cast<unsigned long>(sqlite3_errcode(db_)));
-    }
-  }
-  sqlite3_stmt *prepare(const char *sql) {
-    sqlite3_stmt *made = nullptr;
-    if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr) != SQLITE_OK) {
-      fail(sql, static_cast<unsigned long>(sqlite3_errcode(db_)));
-    }
-    return made;
-  }
-
-private:
-  sqlite3 *db_ = nullptr;
-};
-
-void step_once(sqlite3_stmt *statement) {
-  if (sqlite3_step(statement) != SQLITE_DONE) {
-    fail("sqlite3_step", 0);
-  }
-  sqlite3_reset(statement);
-}
 
 // Writes each record that `select` gives of `from` to `to`, the VR records in `vr_size` bytes.
 void convert(direct &from, direct &to, size_t vr_size, const char *select) {
@@ -109,7 +55,7 @@ void floor_up() {
   direct manager(manager_file);
   direct engine(engine_file);
   engine.run("BEGIN IMMEDIATE");
-  engine.run(MAKE_STORE(""));
+  engine.run(DIRECT_MAKE_STORE(""));
   manager.run("BEGIN IMMEDIATE");
   convert(manager, engine, new_vr_size, "SELECT key, value, sum FROM records ORDER BY key");
   engine.run("COMMIT");
@@ -130,15 +76,15 @@ void floor_down() {
 }
 
 #define ATTACH_ENGINE                                                                              \
-  SETTINGS("")                                                                                     \
-  "ATTACH 'cfg/0/bin/vrrp-eng_runtime_config.pss' AS engine;" SETTINGS("engine.")
+  DIRECT_SETTINGS("")                                                                              \
+  "ATTACH 'cfg/0/bin/vrrp-eng_runtime_config.pss' AS engine;" DIRECT_SETTINGS("engine.")
 
 const char sql_up[] = ATTACH_ENGINE
-    "BEGIN;" MAKE_STORE("engine.") "INSERT INTO engine.records SELECT key, "
-                                   "CASE substr(key, 1, 1) WHEN x'01' THEN CAST(value || "
-                                   "zeroblob(32) AS BLOB) ELSE value END, "
-                                   "sum FROM main.records ORDER BY key;"
-                                   "COMMIT; BEGIN;" DELETE_MOVED("main.") "COMMIT";
+    "BEGIN;" DIRECT_MAKE_STORE("engine.") "INSERT INTO engine.records SELECT key, "
+                                          "CASE substr(key, 1, 1) WHEN x'01' THEN CAST(value || "
+                                          "zeroblob(32) AS BLOB) ELSE value END, "
+                                          "sum FROM main.records ORDER BY key;"
+                                          "COMMIT; BEGIN;" DELETE_MOVED("main.") "COMMIT";
 
 const char sql_down[] =
     ATTACH_ENGINE "BEGIN; INSERT INTO main.records SELECT key, "

@@ -1,10 +1,8 @@
 // The states on the lab: vrrp_stores.h.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <filesystem>
 
+#include "durable_copy.h"
 #include "lab/lab.h"
 #include "vrrp_stores.h"
 
@@ -17,17 +15,6 @@ void need(const char *what, syserr_t status) {
   if (status != SYSERR_SUCCESS) {
     fail(what, status);
   }
-}
-
-// A file with that content at `to`, and nothing of it left to be written later.
-void copy_durably(const fs::path &from, const fs::path &to) {
-  fs::create_directories(to.parent_path());
-  fs::copy_file(from, to, fs::copy_options::overwrite_existing);
-  const int fd = open(to.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0 || fsync(fd) != 0) {
-    fail("cannot copy a store", 0);
-  }
-  close(fd);
 }
 
 fs::path folder_of(unsigned groups) {

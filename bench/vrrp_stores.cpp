@@ -2,8 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace bench {
@@ -56,11 +54,6 @@ vrrp_record make_vip(uint32_t ifindex, uint8_t vr_id) {
 }
 
 } // namespace
-
-void fail(const char *what, unsigned long status) {
-  std::fprintf(stderr, "bench: %s: 0x%lx\n", what, status);
-  std::_Exit(97);
-}
 
 std::vector<vrrp_record> make_groups(unsigned groups) {
   std::vector<vrrp_record> records;

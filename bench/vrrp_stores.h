@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "figure.h"
 #include "libdatamorph.h"
 
 namespace bench {
@@ -22,8 +23,6 @@ inline constexpr char temporary_file[] = "tmp/vrrp-startup-pss.pss";
 inline constexpr size_t old_vr_size = 85;
 inline constexpr size_t new_vr_size = 117;
 inline constexpr size_t vip_size = 33;
-
-[[noreturn]] void fail(const char *what, unsigned long status);
 
 // The groups of a switch before 4.2(1), with one address each: 2 * groups + 1 records, as the
 // library's callers are given them, keys in no order that a tree could profit from.

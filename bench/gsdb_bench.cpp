@@ -61,7 +61,6 @@ void add_by_library() {
 // The flat file's layout: infra/platform/lab/flat_file.h.
 constexpr char k_mark[] = "LABFLAT\n\2\0\0";
 constexpr size_t k_mark_size = 12;
-constexpr size_t k_head_size = k_mark_size + sizeof(uint64_t);
 
 template <typename integer> void append(std::string *bytes, integer value) {
   bytes->append(reinterpret_cast<const char *>(&value), sizeof(value));

@@ -2,6 +2,7 @@
 // cached keys that older releases do not know, the reasons of port states, and configuration that
 // does not cross 4.2(0). The real library on the example switch.
 #include "command.h"
+#include "support/port_tables.h"
 
 namespace {
 
@@ -225,6 +226,98 @@ TEST_F(port_managers, each_leg_alone) {
 TEST_F(port_managers, going_up_changes_no_index) {
   convert({"--from", "4.1(1)", "--to", "4.2(3)"});
   expect_indices({other_indices, q8_of_4_1, cache});
+}
+
+// ---- Whole tables, and runs of records ---------------------------------------------------------
+
+std::string hex(unsigned number, int digits) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%0*x", digits, number);
+  return text;
+}
+
+class port_tables : public port_managers {
+protected:
+  // Adds the records to the store.
+  void import(const char *uri, const records &all) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const auto &[key, value] : all) {
+      list.push_back({{"key", key}, {"value", value}});
+    }
+    const nlohmann::json store = {{"uri", uri}, {"records", list}};
+    write("records.json", nlohmann::json({{"stores", {store}}}).dump());
+    const result done = run({"store", "import", "sw", "--file", "records.json"});
+    ASSERT_EQ(done.status, 0) << done.err;
+  }
+};
+
+TEST_F(port_tables, every_reason) {
+  records before;
+  records after_up;
+  records after_down;
+  for (unsigned reason = 0; reason < 256; ++reason) {
+    const std::string key = "33061a0" + hex(reason, 2) + "000";
+    before[key] = port(hex(reason, 2).c_str());
+    after_up[key] = port(hex(k_up[reason], 2).c_str());
+    after_down[key] = port(hex(k_down[reason], 2).c_str());
+  }
+  import(ports, before);
+  convert({"--to", "4.2(1)"});
+  EXPECT_EQ(stored(ports), after_up);
+
+  import(ports, before);
+  convert({"--to", "4.1(5)"});
+  EXPECT_EQ(stored(ports), after_down);
+}
+
+TEST_F(port_tables, every_ltl) {
+  records before = {{"36000010d90001", index_of("ffff0000", "fd")},
+                    {"36000011220001", index_of("fefe0000", "fd")}};
+  records after = before;
+  for (const ltl_row &row : k_ltls) { // ascending: the last one of a slot stays
+    const std::string value = index_of((hex(row.ltl, 4) + "0000").c_str(), "fd");
+    before["360000" + hex(row.ltl, 4) + "0001"] = value;
+    after["360000" + hex(row.becomes, 4) + "0001"] = value;
+  }
+  ASSERT_EQ(before.size(), 74U);
+  import(indices, before);
+  convert({"--from", "4.2(3)", "--to", "4.1(2)", "--service", "PIXM"});
+  EXPECT_EQ(stored(indices), before); // a target that is 4.1(2) itself keeps the numbers
+
+  convert({"--from", "4.2(3)", "--to", "4.1(1)", "--service", "PIXM"});
+  EXPECT_EQ(stored(indices), after);
+}
+
+// More records than are read ahead at once.
+TEST_F(port_tables, whichever_records_go_the_others_stay) {
+  constexpr unsigned count = 3'000;
+  const struct {
+    const char *which;
+    bool (*goes)(unsigned n);
+  } patterns[] = {
+      {"all", [](unsigned) { return true; }},
+      {"none", [](unsigned) { return false; }},
+      {"the first", [](unsigned n) { return n == 0; }},
+      {"the last", [](unsigned n) { return n == count - 1; }},
+      {"both ends", [](unsigned n) { return n == 0 || n == count - 1; }},
+      {"alternate", [](unsigned n) { return n % 2 == 1; }},
+      {"runs", [](unsigned n) { return n / 700 % 2 == 0; }},
+      {"all but one in the middle", [](unsigned n) { return n != 1'500; }},
+  };
+  for (const auto &pattern : patterns) {
+    SCOPED_TRACE(pattern.which);
+    records before;
+    records after;
+    for (unsigned n = 0; n < count; ++n) {
+      // A key that is a byte too short stays, and stands where the whole one would.
+      const std::string key = "6514" + hex(n, 6) + (pattern.goes(n) ? "00" : "");
+      (pattern.goes(n) ? before : after)[key] = "6d7475";
+    }
+    before.insert(after.begin(), after.end());
+    import(running, before);
+    convert({"--from", "4.1(5)", "--to", "4.2(1)", "--service", "TEST_ETHPM"});
+    EXPECT_EQ(stored(running), after);
+  }
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Reads the built library: check_library.sh CHECK LIBRARY SOURCE_FOLDER
+# Reads the built library: check_library.sh CHECK LIBRARY [SOURCE_FOLDER BUILD_FOLDER]
 set -eu
 check=$1
 library=$2
@@ -21,6 +21,12 @@ case $check in
     nm -D --defined-only "$library" | awk '$2 != "A" { print $3 }' | LC_ALL=C sort >"$work/found"
     sed 's/$/@@LIBDATAMORPH_1/' "$here/exported_symbols.txt" | LC_ALL=C sort >"$work/expected"
     same "$work/expected" "$work/found" 'exports another set of names'
+    ;;
+  types) # each of the listed names stands in exports_checks.h, once
+    sed -n 's/.*CHECK_\(ADDRESS\|FUNCTION\|ROUTINE\)(\([a-z0-9_]*\).*/\2/p' "$here/exports_checks.h" |
+      grep -vx name | LC_ALL=C sort >"$work/found"
+    LC_ALL=C sort "$here/exported_symbols.txt" >"$work/expected"
+    same "$work/expected" "$work/found" 'exports names whose types are not checked'
     ;;
   undefined) # from the platform only what its interface has; the rest from the C library
     nm -D --undefined-only "$library" | awk '$1 == "U" { print $2 }' >"$work/all"
@@ -49,7 +55,12 @@ case $check in
     [ "$size" -lt 153600 ] || fail "has $size bytes when stripped"
     ;;
   paths) # nothing of the machine that built it
-    ! grep -qF "$3" "$library" || fail "holds the path $3"
+    for folder in "$3" "$4"; do
+      ! grep -qF "$folder" "$library" || fail "holds the path $folder"
+    done
+    # A message names its source file as the project's tree has it.
+    module=infra/convert_libs/comps/libdatamorph/libdatamorph_psshlpr.cpp
+    tr '\0' '\n' <"$library" | grep -axqF "$module" || fail "does not name $module"
     ;;
   *) fail "no such check: $check" ;;
 esac

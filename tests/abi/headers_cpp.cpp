@@ -1,4 +1,5 @@
 // The platform's and the library's headers, as C++20 sees them.
+#include "exports_checks.h"
 #include "headers_checks.h"
 
 int headers_cpp_signatures();

@@ -137,6 +137,18 @@ TEST_F(psshlpr_test, a_meta_snapshot_that_cannot_be_read_is_gone_on_from) {
   }
 }
 
+TEST_F(psshlpr_test, any_flipped_bit_of_the_meta_snapshot_is_gone_on_from) {
+  const std::string good = file({{key("/cfg/old"), svi_record()}});
+  for (size_t bit = 0; bit < 8 * good.size(); bit += 3) {
+    std::string flipped = good;
+    flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ (1 << bit % 8));
+    switch_root::write_file(k_meta_file, flipped);
+    add("/cfg/svi_gldb");
+    EXPECT_EQ(0u, status) << bit;
+    EXPECT_EQ(file({{key("/cfg/svi_gldb"), svi_record()}}), meta()) << bit;
+  }
+}
+
 TEST_F(psshlpr_test, a_failed_dump_is_only_traced) {
   platform.fail_from("pss2_kernel2file", 0x4048000C);
   const lines_t lines = add("/cfg/svi_gldb");
@@ -187,11 +199,22 @@ TEST_F(psshlpr_test, a_failed_close_is_told_with_the_message_of_the_destroy) {
 TEST_F(psshlpr_test, every_failing_call_of_an_addition) {
   // open, read, store, dump, close, destroy; open, dump, close, destroy
   const syserr_t failed = 0x4048000B;
+  const lines_t meta_stays = {"volatile:/conv/globalpss_table"};
+  const lines_t database_stays = {"volatile:/conv/svi_gldb"};
   const struct {
     syserr_t status;
     size_t calls;
-  } rows[] = {{failed, 1}, {0, 10},     {0, 10}, {0, 10},     {failed, 5},
-              {failed, 6}, {failed, 7}, {0, 10}, {failed, 9}, {failed, 10}};
+    lines_t stores; // left in memory
+  } rows[] = {{failed, 1, {}},
+              {0, 10, {}},
+              {0, 10, {}},
+              {0, 10, {}},
+              {failed, 5, meta_stays},
+              {failed, 6, meta_stays},
+              {failed, 7, {}},
+              {0, 10, {}},
+              {failed, 9, database_stays},
+              {failed, 10, database_stays}};
   unsigned nth = 0;
   for (const auto &row : rows) {
     platform.reset();
@@ -199,6 +222,7 @@ TEST_F(psshlpr_test, every_failing_call_of_an_addition) {
     const lines_t lines = add("/cfg/svi_gldb");
     EXPECT_EQ(row.status, status) << nth;
     EXPECT_EQ(row.calls, platform.calls().size()) << nth;
+    EXPECT_EQ(row.stores, platform.store_uris()) << nth;
     EXPECT_TRUE(platform.open_handles().empty()) << nth;
     if (nth == 1 || nth == 7) {
       EXPECT_EQ("datamorph_gsdb_add: pss2_open failed with error code 0x4048000b [input or output "
@@ -272,25 +296,97 @@ TEST_F(psshlpr_test, a_database_that_is_not_registered) {
 TEST_F(psshlpr_test, every_failing_call_of_a_deletion) {
   // open, read, delete, dump, close, destroy
   const syserr_t failed = 0x4048000B;
+  const std::string code = " failed with error code 0x4048000b [input or output error in a store]";
+  const std::string opening = "datamorph_gsdb_delete: pss2_open" + code + " \n";
+  const std::string destroying = "datamorph_gsdb_delete: pss2_destroy" + code + "\n";
+  const std::string last =
+      "datamorph_write_to_snapshot: snapshot uri is /conv/globalpss_table.snp\n";
+  const std::string dumping = "datamorph_write_to_snapshot: /conv/globalpss_table.snp "
+                              "pss2_kernel2file failed. err input or output error in a store\n";
+  const lines_t meta_stays = {"volatile:/conv/globalpss_table"};
   const struct {
     syserr_t status;
     size_t calls;
-  } rows[] = {{failed, 1}, {0, 6}, {0, 6}, {0, 6}, {failed, 5}, {failed, 6}};
+    lines_t stores;   // left in memory
+    std::string line; // traced last
+  } rows[] = {{failed, 1, {}, opening},
+              {0, 6, {}, last},
+              {0, 6, {}, last},
+              {0, 6, {}, dumping},
+              {failed, 5, meta_stays, destroying},
+              {failed, 6, meta_stays, destroying}};
   unsigned nth = 0;
   for (const auto &row : rows) {
     platform.reset();
     write_meta({{key("/cfg/svi_gldb"), svi_record()}});
     platform.fail_any(++nth, failed);
-    remove("/cfg/svi_gldb");
+    EXPECT_EQ(row.line, remove("/cfg/svi_gldb").back()) << nth;
     EXPECT_EQ(row.status, status) << nth;
     EXPECT_EQ(row.calls, platform.calls().size()) << nth;
+    EXPECT_EQ(row.stores, platform.store_uris()) << nth;
     EXPECT_TRUE(platform.open_handles().empty()) << nth;
   }
 }
 
+// ---- The steps on an open store
+
+TEST_F(psshlpr_test, steps_give_the_platforms_status) {
+  syserr_t error = 0;
+  platform.set_store("volatile:/x");
+  const pss2_service_t store = pss2_open("volatile:/x", 3, SRVUUID_NONE, 0, 0, &error);
+  platform.fail("pss2_store", 0x4048000C);
+  platform.fail("pss2_delete", 0x4048000B);
+  traced([&] {
+    EXPECT_EQ(0x4048000Cu, add_gsdb(store, "/cfg/x", 0, SRVUUID_NONE, 0));
+    EXPECT_EQ(0x4048000Bu, delete_gsdb_table_entry(store, "/cfg/x"));
+    EXPECT_EQ(0x40480002u, datamorph_read_from_snapshot(store, "/conv", "none"));
+    EXPECT_EQ(0u, add_gsdb(store, "/cfg/x", 0, SRVUUID_NONE, 0));
+    EXPECT_EQ(0u, delete_gsdb_table_entry(store, "/cfg/x"));
+    write_meta({});
+    EXPECT_EQ(0u, datamorph_read_from_snapshot(store, "/conv", "globalpss_table"));
+  });
+}
+
+TEST_F(psshlpr_test, a_handle_of_0_reaches_the_platform_but_for_the_deletion) {
+  platform.clear();
+  EXPECT_EQ(lines_t(),
+            traced([] { EXPECT_EQ(0x40480008u, delete_gsdb_table_entry(0, "/cfg/x")); }));
+  EXPECT_EQ(
+      lines_t({"add_gsdb: failed to store '/cfg/x' to globalpss_table\n",
+               "datamorph_read_from_snapshot: snapshot uri is /conv/x.snp\n",
+               "datamorph_read_from_snapshot: /conv/x.snp pss2_file2kernel failed. err bad store "
+               "handle\n"}),
+      traced([] {
+        EXPECT_EQ(0x40480008u, add_gsdb(0, "/cfg/x", 0, SRVUUID_NONE, 0));
+        EXPECT_EQ(0x40480008u, datamorph_read_from_snapshot(0, "/conv", "x"));
+      }));
+  EXPECT_EQ(lines_t({"pss2_store(0, 2f6366672f7800, 000000000000000000000000)",
+                     "pss2_file2kernel(\"/conv/x.snp\", 0, 0)"}),
+            platform.calls());
+}
+
+// ---- Long names
+
+// The store's URI is cut, but the file is named after the database's own.
+TEST_F(psshlpr_test, a_long_name_is_told_whole_and_cut_in_uri_and_file) {
+  const std::string name(300, 'n');
+  const lines_t lines = add(("/cfg/" + name).c_str());
+  EXPECT_EQ(0u, status);
+  const lines_t last(lines.end() - 3, lines.end());
+  EXPECT_EQ("GSDB name is " + name + "\n", last.at(0));
+  EXPECT_EQ("datamorph_write_to_snapshot: GSDB name is " + name + "\n", last.at(1));
+  EXPECT_EQ("datamorph_write_to_snapshot: snapshot uri is /conv/" + std::string(248, 'n') + "\n",
+            last.at(2));
+  EXPECT_EQ("pss2_open(\"volatile:/conv/" + std::string(239, 'n') + "\", 0x13, 390, 0, 0)",
+            platform.calls("pss2_open").back());
+}
+
 TEST_F(psshlpr_test, names_are_cut) {
   const std::string path(4000, 'p');
-  traced([&] { status = datamorph_gsdb_add(path.c_str(), "/x", 0, SRVUUID_NONE, 0); });
+  const lines_t lines =
+      traced([&] { status = datamorph_gsdb_add(path.c_str(), "/x", 0, SRVUUID_NONE, 0); });
+  // The meta table's URI has lost its last '/'.
+  EXPECT_EQ("datamorph_write_to_snapshot: GSDB name is (null)\n", lines.at(5));
   EXPECT_EQ("pss2_open(\"volatile:" + std::string(245, 'p') + "\", 0x13, 390, 0, 0)",
             platform.calls().front());
   platform.clear();
@@ -354,7 +450,7 @@ TEST_F(svi_test, which_changes_convert) {
   const struct {
     const char *from;
     const char *to;
-    const char *does; // the first platform call's line, by what comes third
+    const char *does; // the third line
   } rows[] = {
       {"4.1(2)", "4.2(1)", "issu upgrade conversion required from 4.1(2) to 4.2(1)\n"},
       {"4.2(0)", "5.0(1)", "issu upgrade conversion required from 4.2(0) to 5.0(1)\n"},
@@ -382,6 +478,20 @@ TEST_F(svi_test, failures_are_only_traced) {
   EXPECT_EQ("svi_delete_gsdb: return value is [no access to the store]\n",
             convert("4.1(2)", "4.2(1)").back());
   EXPECT_EQ(0u, status);
+}
+
+TEST_F(svi_test, no_failing_call_fails_it) {
+  for (const char *from : {"4.1(2)", "4.2(1)"}) {
+    const char *to = from[2] == '1' ? "4.2(1)" : "4.1(2)";
+    for (unsigned nth = 1; nth <= 10; ++nth) {
+      platform.reset();
+      platform.fail_any(nth, 0x4048000B);
+      convert(to, from);
+      EXPECT_EQ(0u, status) << nth;
+      EXPECT_EQ(nth <= platform.calls().size() ? 1u : 0u, platform.scripted()) << nth;
+      EXPECT_TRUE(platform.open_handles().empty()) << nth;
+    }
+  }
 }
 
 TEST_F(svi_test, the_database_of_another_vdc_or_of_none) {
@@ -427,6 +537,10 @@ TEST_F(svi_test, the_sample) {
   lines = traced([this] { status = foo_data_morph_psshlpr_upg("/conv", "p", "t", "f"); });
   EXPECT_EQ("foo_data_morph_psshlpr_upg: return value is [no access to the store]\n", lines.back());
   EXPECT_EQ(0u, status);
+  setenv("SYSMGR_RUNNING_CFG_DIR", std::string(250, 'd').c_str(), 1);
+  lines = traced([this] { status = foo_data_morph_psshlpr_upg("/conv", "p", "t", "f"); });
+  EXPECT_EQ("foo_data_morph_psshlpr_upg: uri is [" + std::string(250, 'd') + "/foo_]\n",
+            lines.at(1));
 }
 
 TEST_F(svi_test, the_helpers_gsync_runs_it_and_never_fails) {

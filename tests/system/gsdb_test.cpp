@@ -147,6 +147,49 @@ TEST_F(gsdb, going_down_without_one) {
   EXPECT_FALSE(exists(std::string("sw/current") + database_2));
 }
 
+// The library would go on from an empty table. The lab's journal has the failed read, and the
+// switch keeps what it has.
+TEST_F(gsdb, a_table_that_cannot_be_read_refuses_the_conversion) {
+  convert({"--to", "4.2(1)"});
+  const std::string whole = read(std::string("sw/current") + table_2);
+  std::string flipped = whole;
+  flipped[30] = static_cast<char>(flipped[30] ^ 1);
+  for (const std::string &bytes : {std::string(), whole.substr(0, whole.size() - 1), flipped,
+                                   std::string("a text that is longer than a header\n")}) {
+    write(std::string("sw/current") + table_2, bytes);
+    const files before = state("sw");
+
+    const result refused = run({"convert", "sw", "--to", "4.1(5)", "--moment", "gsync"});
+
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("datamorph: 'sw': not converted: a write in the switch failed: "
+                               "pss2_file2kernel on the store 'volatile:/cfg/0/vdc_2/"
+                               "globalpss_table' by PSS_HELPER gave 0x40480009 (store or record "
+                               "damaged); the switch is as it was, still at 4.2(1)\n"),
+              std::string::npos)
+        << refused.err;
+    EXPECT_EQ(state("sw"), before);
+  }
+  write(std::string("sw/current") + table_2, whole);
+  convert({"--to", "4.1(5)", "--moment", "gsync"});
+  EXPECT_EQ(snapshot(table_2), empty);
+}
+
+TEST_F(gsdb, a_snapshot_that_cannot_be_written_refuses_the_conversion) {
+  ASSERT_EQ(mkdir(path(std::string("sw/current") + database_1).c_str(), 0755), 0);
+  const files before = state("sw");
+
+  const result refused = run({"convert", "sw", "--to", "4.2(1)", "--moment", "gsync"});
+
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("pss2_kernel2file"), std::string::npos) << refused.err;
+  EXPECT_NE(refused.err.find("gave 0x40480009 (store or record damaged); the switch is as it was, "
+                             "still at 4.1(5)\n"),
+            std::string::npos)
+      << refused.err;
+  EXPECT_EQ(state("sw"), before);
+}
+
 TEST_F(gsdb, the_report_tells_its_stores_as_temporary) {
   const nlohmann::json report =
       convert({"--to", "4.2(1)", "--moment", "gsync", "--format", "json"}).json();

@@ -171,6 +171,21 @@ TEST_F(failing_read, of_a_snapshot_loses_no_write_unnoticed) {
   expect_lost();
 }
 
+TEST_F(failing_read, what_was_read_ahead_is_not_taken_for_the_store_after_a_loss) {
+  ASSERT_EQ(move(service_, PSS_FIRST_KEY), key_of(0));
+  ASSERT_EQ(move(service_, PSS_NEXT_KEY), key_of(1));
+  ASSERT_EQ(put(service_, key_of(1), "changed"), 0U);
+  syserr_t status = 0;
+  const std::string far = key_of(1500);
+  const pss_datum_t far_datum = datum(far);
+  fail_during([&] { pss_fetch(service_, &far_datum, &status); });
+  EXPECT_EQ(status, 0x4048000BU);
+  const std::string key = key_of(1);
+  const pss_datum_t key_datum = datum(key);
+  EXPECT_EQ(text(pss_fetch(service_, &key_datum, &status)), records_.at(key));
+  expect_lost();
+}
+
 TEST_F(failing_read, before_a_write_with_the_journal_on_loses_nothing_unnoticed) {
   lab::journal_start(-1);
   fail_during([&] { EXPECT_EQ(put(service_, key_of(1500), "changed"), 0x4048000BU); });

@@ -127,7 +127,7 @@ syserr_t store_handle::failed_write(syserr_t status) {
 
 // While this handle is the store's writer its run is exact.
 store_handle::known store_handle::look_up(std::string_view key, size_t *index) const {
-  if (!wrote_ || !run_.covers(key)) {
+  if (!db_.in_transaction() || !run_.covers(key)) {
     return known::nothing;
   }
   *index = run_.lower_bound(key);
@@ -159,13 +159,12 @@ void store_handle::look_ahead(std::string_view key) {
   ascending_ = -k_pause;
 }
 
-// The engine deletes the doomed records.
-syserr_t store_handle::flush() {
-  const syserr_t lost = taken_back();
-  if (lost != SYSERR_SUCCESS || doomed_ == 0) {
-    return lost;
-  }
+// Before a read: the engine deletes the doomed records. After a loss there are none any more.
+syserr_t store_handle::erase_doomed() {
   const int count = std::exchange(doomed_, 0);
+  if (count == 0 || !db_.in_transaction()) {
+    return SYSERR_SUCCESS;
+  }
   run deleting(db_.erase_range);
   const bool done = deleting.bind(1, doomed_first_).bind(2, doomed_last_).step() == SQLITE_DONE;
   if (!done || db_.changes() != count) {
@@ -175,6 +174,12 @@ syserr_t store_handle::flush() {
     db_.rollback();
   }
   return failed_;
+}
+
+// Before a write.
+syserr_t store_handle::flush() {
+  const syserr_t lost = taken_back();
+  return lost == SYSERR_SUCCESS ? erase_doomed() : lost;
 }
 
 syserr_t store_handle::store(std::string_view key, std::string_view value, journal_entry *entry) {
@@ -318,7 +323,7 @@ syserr_t store_handle::fetch(std::string_view key, answer *value) {
     value->bytes = run_.at(index).value;
     return SYSERR_SUCCESS;
   }
-  status = what == known::absent ? SYSERR_PSS_NOT_FOUND : flush();
+  status = what == known::absent ? SYSERR_PSS_NOT_FOUND : erase_doomed();
   if (status != SYSERR_SUCCESS) {
     return status;
   }
@@ -353,7 +358,7 @@ syserr_t store_handle::settle() {
 // A record that was there is not met again: another process deleted it, or a damaged key led the
 // engine's search astray, past records that nobody would miss.
 syserr_t store_handle::confirm_absence() {
-  const syserr_t status = flush();
+  const syserr_t status = erase_doomed();
   if (status != SYSERR_SUCCESS) {
     return status;
   }
@@ -367,7 +372,7 @@ syserr_t store_handle::fill(const std::string_view *key, std::string_view low, s
                             bool *met) {
   run_.start(low);
   syserr_t status = still_there();
-  status = status == SYSERR_SUCCESS ? flush() : status;
+  status = status == SYSERR_SUCCESS ? erase_doomed() : status;
   if (status != SYSERR_SUCCESS) {
     return status;
   }
@@ -456,7 +461,7 @@ syserr_t store_handle::next() {
 // One record that a statement finds, as a run of its own; `none` is the cursor's place otherwise.
 syserr_t store_handle::fill_one(const statement &from, const std::string_view *key, place none) {
   syserr_t status = still_there();
-  status = status == SYSERR_SUCCESS ? flush() : status;
+  status = status == SYSERR_SUCCESS ? erase_doomed() : status;
   if (status != SYSERR_SUCCESS) {
     return status;
   }

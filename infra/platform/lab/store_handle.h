@@ -101,6 +101,7 @@ private:
   syserr_t write_record(std::string_view key, std::string_view value);
   bool adjoins_doomed(size_t index) const;
   syserr_t doom(size_t index);
+  syserr_t erase_doomed();
   syserr_t still_there();
   syserr_t taken_back();
   syserr_t failed_read() { return after_read(db_.last_status()); }

@@ -28,9 +28,12 @@
 
 // Global synchronisation between the supervisors.
 const data_morph_gsync data_morph_gsync_table[] = {
-    {SRVUUID_PSS_HELPER, psshlpr_data_morph_gsync}, {SRVUUID_IKE, ike_data_morph_gsync},
-    {SRVUUID_AIC_DBG, cond_srv1_data_morph_gsync},  {SRVUUID_PIXM, pixm_data_morph_gsync},
-    {SRVUUID_TEST_ETHPM, ethpm_data_morph_gsync},   {SRVUUID_NONE, nullptr},
+    {SRVUUID_PSS_HELPER, psshlpr_data_morph_gsync}, // runs the table of its own below
+    {SRVUUID_IKE, ike_data_morph_gsync},
+    {SRVUUID_AIC_DBG, cond_srv1_data_morph_gsync},
+    {SRVUUID_PIXM, pixm_data_morph_gsync},
+    {SRVUUID_TEST_ETHPM, ethpm_data_morph_gsync},
+    {SRVUUID_NONE, nullptr},
 };
 
 // Conversion of the startup configuration. The VRRP rows are nested: going up, the manager hands
@@ -814,6 +817,37 @@ syserr_t sysmgr_add_tag_startup(const char *path, uuid_t srv_uuid, uint8 *srv_ta
   return status;
 }
 
+// ---- Requests ----------------------------------------------------------------------------------
+
+namespace {
+
+// The arguments of a converter, under the name that it traces.
+struct request_t {
+  const char *self;
+  const char *path;
+  const char *pkg_name;
+  const char *to_ver;
+  const char *from_ver;
+};
+
+void trace_arguments(const request_t &request) {
+  DATAMORPH_TRACE("%s: path = %s, pkg_name = %s, to_ver = %s, from_ver = %s\n", request.self,
+                  datamorph_text(request.path), datamorph_text(request.pkg_name),
+                  datamorph_text(request.to_ver), datamorph_text(request.from_ver));
+}
+
+// Whether an argument is missing, which is traced for the service of that label.
+bool lacks_an_argument(const request_t &request, const char *label) {
+  if (request.path != nullptr && request.pkg_name != nullptr && request.to_ver != nullptr &&
+      request.from_ver != nullptr) {
+    return false;
+  }
+  DATAMORPH_TRACE("%s service: NULL arguments in (%s)\n", label, request.self);
+  return true;
+}
+
+} // namespace
+
 // ---- Conditional services ----------------------------------------------------------------------
 
 namespace {
@@ -846,13 +880,6 @@ void plant_conditional_store(const char *self, const char *path) {
   DATAMORPH_TRACE("%s: Done creating dummy pss %s\n", self, uri);
 }
 
-void trace_arguments(const char *self, const char *path, const char *pkg_name, const char *to_ver,
-                     const char *from_ver) {
-  DATAMORPH_TRACE("%s: path = %s, pkg_name = %s, to_ver = %s, from_ver = %s\n", self,
-                  datamorph_text(path), datamorph_text(pkg_name), datamorph_text(to_ver),
-                  datamorph_text(from_ver));
-}
-
 } // namespace
 
 // QUIRK: both releases are read and traced, but the store is planted whatever they are, and only a
@@ -860,7 +887,7 @@ void trace_arguments(const char *self, const char *path, const char *pkg_name, c
 // Pinned by conditional_test, store_failures_are_success.
 syserr_t cond_srv1_data_morph_gsync(const char *path, const char *pkg_name, const char *to_ver,
                                     const char *from_ver) {
-  trace_arguments(__func__, path, pkg_name, to_ver, from_ver);
+  trace_arguments({__func__, path, pkg_name, to_ver, from_ver});
   if (path == nullptr) {
     return SYSERR_FAILED;
   }
@@ -882,7 +909,7 @@ syserr_t cond_srv1_data_morph_gsync(const char *path, const char *pkg_name, cons
 
 syserr_t cond_srv1_data_morph_running_fs_upg(const char *path, const char *pkg_name,
                                              const char *to_ver, const char *from_ver) {
-  trace_arguments(__func__, path, pkg_name, to_ver, from_ver);
+  trace_arguments({__func__, path, pkg_name, to_ver, from_ver});
   return SYSERR_SUCCESS;
 }
 
@@ -1021,24 +1048,13 @@ int was_running_compulsory_conditional(const char *path, uuid_t srv_uuid, const 
 
 namespace {
 
-// The arguments of a converter, under the name that it traces.
-struct feature_request {
-  const char *self;
-  const char *path;
-  const char *pkg_name;
-  const char *to_ver;
-  const char *from_ver;
-};
-
 enum class change { none, some, error };
 
 // Whether the releases differ. The arguments are traced and checked first; *status is set on an
 // error.
-change examine(const feature_t &feature, const feature_request &request, syserr_t *status) {
-  trace_arguments(request.self, request.path, request.pkg_name, request.to_ver, request.from_ver);
-  if (request.path == nullptr || request.pkg_name == nullptr || request.to_ver == nullptr ||
-      request.from_ver == nullptr) {
-    DATAMORPH_TRACE("%s service: NULL arguments in (%s)\n", feature.label, request.self);
+change examine(const feature_t &feature, const request_t &request, syserr_t *status) {
+  trace_arguments(request);
+  if (lacks_an_argument(request, feature.label)) {
     *status = SYSERR_NULL_ARGUMENT;
     return change::error;
   }
@@ -1050,14 +1066,13 @@ change examine(const feature_t &feature, const feature_request &request, syserr_
   return order == 0 ? change::none : change::some;
 }
 
-bool becomes_optional(const feature_t &feature, const feature_request &request,
+bool becomes_optional(const feature_t &feature, const request_t &request,
                       const char *configuration) {
   return was_running_compulsory_conditional(configuration, feature.uuid, request.from_ver) != 0 &&
          is_optional_conditional(feature.uuid, request.to_ver) != 0;
 }
 
-syserr_t tell_system_manager(const feature_t &feature, const feature_request &request,
-                             vdc_id_t vdc) {
+syserr_t tell_system_manager(const feature_t &feature, const request_t &request, vdc_id_t vdc) {
   uint8 no_tag[] = {0};
   const syserr_t status = sysmgr_add_tag_info_req(feature.uuid, no_tag, vdc);
   if (status != SYSERR_SUCCESS) {
@@ -1067,7 +1082,7 @@ syserr_t tell_system_manager(const feature_t &feature, const feature_request &re
   return status;
 }
 
-syserr_t save_tag(const feature_t &feature, const feature_request &request, vdc_id_t vdc) {
+syserr_t save_tag(const feature_t &feature, const request_t &request, vdc_id_t vdc) {
   uint8 no_tag[] = {0};
   const syserr_t status = sysmgr_add_tag_startup(request.path, feature.uuid, no_tag, vdc);
   if (status != SYSERR_SUCCESS) {
@@ -1080,13 +1095,15 @@ syserr_t save_tag(const feature_t &feature, const feature_request &request, vdc_
 // QUIRK: this moment reads the feature's store in `path` itself and always speaks of VDC 1; the
 // startup moment reads it in "bin" below and takes the VDC from the path.
 // Pinned by feature_converter_test, the_two_moments_differ_in_directory_and_vdc.
-syserr_t convert_running_fs(const feature_t &feature, const feature_request &request) {
+syserr_t convert_running_fs(const feature_t &feature, const char *path, const char *pkg_name,
+                            const char *to_ver, const char *from_ver) {
+  const request_t request = {feature.running_fs_name, path, pkg_name, to_ver, from_ver};
   syserr_t status = SYSERR_SUCCESS;
   const change found = examine(feature, request, &status);
   if (found != change::some) {
     return status;
   }
-  if (becomes_optional(feature, request, request.path)) {
+  if (becomes_optional(feature, request, path)) {
     status = tell_system_manager(feature, request, k_default_vdc);
     if (status != SYSERR_SUCCESS) {
       return status;
@@ -1096,19 +1113,21 @@ syserr_t convert_running_fs(const feature_t &feature, const feature_request &req
   return SYSERR_SUCCESS;
 }
 
-syserr_t convert_startup(const feature_t &feature, const feature_request &request) {
+syserr_t convert_startup(const feature_t &feature, const char *path, const char *pkg_name,
+                         const char *to_ver, const char *from_ver) {
+  const request_t request = {feature.startup_name, path, pkg_name, to_ver, from_ver};
   syserr_t status = SYSERR_SUCCESS;
   const change found = examine(feature, request, &status);
   if (found != change::some) {
     return status;
   }
-  const vdc_id_t vdc = datamorph_path_vdc(request.path, nullptr);
+  const vdc_id_t vdc = datamorph_path_vdc(path, nullptr);
   if (vdc == 0) {
     DATAMORPH_TRACE("%s: Could not get vdc from path\n", request.self);
     return SYSERR_NO_SUCH_VDC;
   }
   char configuration[255] = {};
-  snprintf(configuration, sizeof configuration, "%s/bin", request.path);
+  snprintf(configuration, sizeof configuration, "%s/bin", path);
   if (becomes_optional(feature, request, configuration)) {
     status = save_tag(feature, request, vdc);
     if (status == SYSERR_SUCCESS) {
@@ -1126,32 +1145,32 @@ syserr_t convert_startup(const feature_t &feature, const feature_request &reques
 
 syserr_t dot1x_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
                                          const char *from_ver) {
-  return convert_running_fs(k_dot1x, {k_dot1x.running_fs_name, path, pkg_name, to_ver, from_ver});
+  return convert_running_fs(k_dot1x, path, pkg_name, to_ver, from_ver);
 }
 
 syserr_t dot1x_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
                                   const char *from_ver) {
-  return convert_startup(k_dot1x, {k_dot1x.startup_name, path, pkg_name, to_ver, from_ver});
+  return convert_startup(k_dot1x, path, pkg_name, to_ver, from_ver);
 }
 
 syserr_t kps_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
                                        const char *from_ver) {
-  return convert_running_fs(k_kps, {k_kps.running_fs_name, path, pkg_name, to_ver, from_ver});
+  return convert_running_fs(k_kps, path, pkg_name, to_ver, from_ver);
 }
 
 syserr_t kps_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
                                 const char *from_ver) {
-  return convert_startup(k_kps, {k_kps.startup_name, path, pkg_name, to_ver, from_ver});
+  return convert_startup(k_kps, path, pkg_name, to_ver, from_ver);
 }
 
 syserr_t psec_data_morph_running_fs_upg(const char *path, const char *pkg_name, const char *to_ver,
                                         const char *from_ver) {
-  return convert_running_fs(k_psec, {k_psec.running_fs_name, path, pkg_name, to_ver, from_ver});
+  return convert_running_fs(k_psec, path, pkg_name, to_ver, from_ver);
 }
 
 syserr_t psec_data_morph_startup(const char *path, const char *pkg_name, const char *to_ver,
                                  const char *from_ver) {
-  return convert_startup(k_psec, {k_psec.startup_name, path, pkg_name, to_ver, from_ver});
+  return convert_startup(k_psec, path, pkg_name, to_ver, from_ver);
 }
 
 // ---- Store-removing converters -----------------------------------------------------------------
@@ -1195,8 +1214,7 @@ const char *target_version(const removal_t &service, const char *to_ver,
 
 syserr_t remove_runtime_state(const removal_t &service, const char *path, const char *pkg_name,
                               const char *to_ver, const char *from_ver) {
-  if (path == nullptr || pkg_name == nullptr || to_ver == nullptr || from_ver == nullptr) {
-    DATAMORPH_TRACE("%s service: NULL arguments in (%s)\n", service.label, service.name);
+  if (lacks_an_argument({service.name, path, pkg_name, to_ver, from_ver}, service.label)) {
     return SYSERR_FAILED;
   }
   // QUIRK: no blank behind the comma, and no such message from the two that read the image.

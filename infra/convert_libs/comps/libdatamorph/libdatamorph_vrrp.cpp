@@ -222,10 +222,17 @@ void vrrp_trace(vrrp_side_t &side, const char *routine, int line, const char *fo
 
 // ---- What both sides do ------------------------------------------------------------------------
 
-void vrrp_bin_path(const char *path, char (&bin_path)[vrrp_path_size]) {
+syserr_t vrrp_convert_startup(decltype(&vrrp_handle_generic_convert) convert, const char *path,
+                              const char *pkg_name, const char *to_ver, const char *from_ver,
+                              uint8 flag) {
+  if (path == nullptr) {
+    return SYSERR_FAILED;
+  }
   constexpr char bin[] = "/bin";
   constexpr int room = static_cast<int>(vrrp_path_size - sizeof bin);
-  snprintf(bin_path, vrrp_path_size, "%.*s%s", room, path, bin);
+  char bin_path[vrrp_path_size] = {};
+  snprintf(bin_path, sizeof bin_path, "%.*s%s", room, path, bin);
+  return convert(bin_path, pkg_name, to_ver, from_ver, vrrp_startup_conversion, flag);
 }
 
 syserr_t vrrp_read_vdc(const vrrp_routine_t &self, const char *path, vrrp_vdc_t *vdc) {
@@ -288,6 +295,30 @@ pss_datum_t datum_of(void *bytes, size_t size) {
   return {bytes, static_cast<uint32>(size)};
 }
 
+// False, traced, when that failed.
+bool delete_record(const vrrp_routine_t &self, pss_service_t table, void *key_bytes, size_t size) {
+  const pss_datum_t key = datum_of(key_bytes, size);
+  const syserr_t status = pss_delete(table, &key);
+  if (status != SYSERR_SUCCESS) {
+    // QUIRK: "VR record" for a VIP record too. The trace's wording is a contract.
+    // Pinned by vrrp_mgr_test, failed_deletes_are_only_traced.
+    VRRP_TRACE(self.side, self.name, "Error deleting PSS VR record; Ret_val = 0x%x, %s\n", status,
+               syserr2str(status));
+  }
+  return status == SYSERR_SUCCESS;
+}
+
+// The same.
+bool store_record(const vrrp_routine_t &self, pss_service_t table, uint32 flag,
+                  const pss_datum_t &key, const pss_datum_t &value) {
+  const syserr_t status = pss_store(table, flag, &key, &value);
+  if (status != SYSERR_SUCCESS) {
+    VRRP_TRACE(self.side, self.name, "Error storing record in PSS: Ret_val = 0x%x, %s\n", status,
+               syserr2str(status));
+  }
+  return status == SYSERR_SUCCESS;
+}
+
 void delete_vr_record(const vrrp_routine_t &self, pss_service_t table, const uint8 *slot) {
   vrrp_old_config_record_t record = {};
   memcpy(&record, slot, vrrp_vr_key_fields);
@@ -298,12 +329,7 @@ void delete_vr_record(const vrrp_routine_t &self, pss_service_t table, const uin
   vrrp_make_vr_key(key_bytes, VRRP_KEY_VR, record.ifindex, record.vr_id, record.addr_type);
   VRRP_TRACE(self.side, self.name, "Deleting PSS VR record : VR %d , intf 0x%x\n", record.vr_id,
              record.ifindex);
-  const pss_datum_t key = datum_of(key_bytes, sizeof key_bytes);
-  const syserr_t status = pss_delete(table, &key);
-  if (status != SYSERR_SUCCESS) {
-    VRRP_TRACE(self.side, self.name, "Error deleting PSS VR record; Ret_val = 0x%x, %s\n", status,
-               syserr2str(status));
-  } else {
+  if (delete_record(self, table, key_bytes, sizeof key_bytes)) {
     VRRP_TRACE(self.side, self.name, "Deleted PSS VR record : VR %d, interface 0x%x\n",
                record.vr_id, record.ifindex);
   }
@@ -314,14 +340,7 @@ void delete_vip_record(const vrrp_routine_t &self, pss_service_t table, const ui
   memcpy(&record, slot, vrrp_vip_key_fields);
   uint8 key_bytes[sizeof(vrrp_vip_key_t)] = {};
   vrrp_make_assoc_key(key_bytes, record.ifindex, record.vr_id, record.inet_addr);
-  const pss_datum_t key = datum_of(key_bytes, sizeof key_bytes);
-  const syserr_t status = pss_delete(table, &key);
-  if (status != SYSERR_SUCCESS) {
-    // QUIRK: "VR record", although it is a VIP record. The trace's wording is a contract.
-    // Pinned by vrrp_mgr_test, failed_deletes_are_only_traced.
-    VRRP_TRACE(self.side, self.name, "Error deleting PSS VR record; Ret_val = 0x%x, %s\n", status,
-               syserr2str(status));
-  } else {
+  if (delete_record(self, table, key_bytes, sizeof key_bytes)) {
     VRRP_TRACE(self.side, self.name, "Deleted PSS VIP record : VR %d, interface 0x%x\n",
                record.vr_id, record.ifindex);
   }
@@ -371,13 +390,12 @@ syserr_t vrrp_store_global_info(pss_service_t table, uint32 flag) {
   return pss_store(table, flag, &key, &value);
 }
 
-syserr_t vrrp_store_vr(pss_service_t table, uint32 flag, const vrrp_old_config_record_t &record,
-                       void *value, size_t size) {
+bool vrrp_store_vr(const vrrp_routine_t &self, pss_service_t table, uint32 flag,
+                   const vrrp_old_config_record_t &record, void *value, size_t size) {
   uint8 key_bytes[sizeof(vrrp_vr_key_t)] = {};
   vrrp_make_vr_key(key_bytes, VRRP_KEY_VR, record.ifindex, record.vr_id, record.addr_type);
-  const pss_datum_t key = datum_of(key_bytes, sizeof key_bytes);
-  const pss_datum_t stored = datum_of(value, size);
-  return pss_store(table, flag, &key, &stored);
+  return store_record(self, table, flag, datum_of(key_bytes, sizeof key_bytes),
+                      datum_of(value, size));
 }
 
 void vrrp_store_addresses(const vrrp_routine_t &self, pss_service_t table, uint32 flag,
@@ -388,13 +406,8 @@ void vrrp_store_addresses(const vrrp_routine_t &self, pss_service_t table, uint3
     memcpy(&record, addresses.slot(i), sizeof record);
     uint8 key_bytes[sizeof(vrrp_vip_key_t)] = {};
     vrrp_make_assoc_key(key_bytes, record.ifindex, record.vr_id, record.inet_addr);
-    const pss_datum_t key = datum_of(key_bytes, sizeof key_bytes);
-    const pss_datum_t value = datum_of(&record, sizeof record);
-    const syserr_t status = pss_store(table, flag, &key, &value);
-    if (status != SYSERR_SUCCESS) {
-      VRRP_TRACE(self.side, self.name, "Error storing record in PSS: Ret_val = 0x%x, %s\n", status,
-                 syserr2str(status));
-    } else {
+    if (store_record(self, table, flag, datum_of(key_bytes, sizeof key_bytes),
+                     datum_of(&record, sizeof record))) {
       VRRP_TRACE(self.side, self.name, "Added new IP record for VR %d on interface 0x%x\n",
                  record.vr_id, record.ifindex);
     }

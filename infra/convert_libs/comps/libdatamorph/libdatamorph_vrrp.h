@@ -206,8 +206,11 @@ struct vrrp_routine_t {
   const char *name;
 };
 
-// `path` with "/bin" behind it, cut so that this always fits.
-void vrrp_bin_path(const char *path, char (&bin_path)[vrrp_path_size]);
+// The startup conversion of a side: its generic one (vrrp_handle_generic_convert or the engine's)
+// in the directory "bin" of `path`, which is cut so that this always fits. -1 without a path.
+syserr_t vrrp_convert_startup(decltype(&vrrp_handle_generic_convert) convert, const char *path,
+                              const char *pkg_name, const char *to_ver, const char *from_ver,
+                              uint8 flag);
 
 // The VDC of a path and the first 8 characters behind "/vdc_"; VDC 1 and no text without "/vdc_".
 // 0x401E0076, traced, for a "/vdc_" without a number.
@@ -236,11 +239,11 @@ bool vrrp_read_change(const vrrp_routine_t &self, const char *to_ver, const char
 syserr_t vrrp_delete_records(const vrrp_routine_t &self, pss_service_t table, size_t vr_size);
 
 // Stores of a side that takes the records over; `flag` is pss_store's. The VR record is keyed by
-// its first fields; `value` is what is stored under it. The VIP records go in one after the other,
-// and failures of single ones are only traced.
+// its first fields; `value` is what is stored under it: false, traced, when that failed. The VIP
+// records go in one after the other, and failures of single ones are only traced.
 syserr_t vrrp_store_global_info(pss_service_t table, uint32 flag);
-syserr_t vrrp_store_vr(pss_service_t table, uint32 flag, const vrrp_old_config_record_t &record,
-                       void *value, size_t size);
+bool vrrp_store_vr(const vrrp_routine_t &self, pss_service_t table, uint32 flag,
+                   const vrrp_old_config_record_t &record, void *value, size_t size);
 void vrrp_store_addresses(const vrrp_routine_t &self, pss_service_t table, uint32 flag,
                           const vrrp_values &addresses);
 

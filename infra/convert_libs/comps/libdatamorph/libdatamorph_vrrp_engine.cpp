@@ -12,21 +12,6 @@ vrrp_side_t vrrp_eng_side = {"/bootflash/data_morph_vrrp_eng.log", -1, {}, 0};
 
 // ---- Startup entries ---------------------------------------------------------------------------
 
-namespace {
-
-syserr_t start(const char *path, const char *pkg_name, const char *to_pkg_version,
-               const char *from_pkg_version, uint8 id) {
-  if (path == nullptr) {
-    return SYSERR_FAILED;
-  }
-  char bin_path[vrrp_path_size] = {};
-  vrrp_bin_path(path, bin_path);
-  return vrrp_eng_handle_generic_convert(bin_path, pkg_name, to_pkg_version, from_pkg_version,
-                                         vrrp_startup_conversion, id);
-}
-
-} // namespace
-
 syserr_t vrrp_eng_data_morph_startup_for_upgrade(const char *path, const char *pkg_name,
                                                  const char *to_pkg_version,
                                                  const char *from_pkg_version) {
@@ -34,7 +19,8 @@ syserr_t vrrp_eng_data_morph_startup_for_upgrade(const char *path, const char *p
   VRRP_TRACE(vrrp_eng_side, __func__, "%s: start conversion for vrrp\n", __func__);
   VRRP_TRACE(vrrp_eng_side, __func__, "Convert startup called with path %s\n",
              datamorph_text(path));
-  return start(path, pkg_name, to_pkg_version, from_pkg_version, vrrp_upgrade);
+  return vrrp_convert_startup(vrrp_eng_handle_generic_convert, path, pkg_name, to_pkg_version,
+                              from_pkg_version, vrrp_upgrade);
 }
 
 syserr_t vrrp_eng_data_morph_startup_for_downgrade(const char *path, const char *pkg_name,
@@ -45,7 +31,8 @@ syserr_t vrrp_eng_data_morph_startup_for_downgrade(const char *path, const char 
   // QUIRK: "wit". The trace's wording is a contract.
   // Pinned by vrrp_engine_test, the_downgrade_entry_is_misspelt.
   VRRP_TRACE(vrrp_eng_side, __func__, "Convert startup called wit path %s\n", datamorph_text(path));
-  return start(path, pkg_name, to_pkg_version, from_pkg_version, vrrp_downgrade);
+  return vrrp_convert_startup(vrrp_eng_handle_generic_convert, path, pkg_name, to_pkg_version,
+                              from_pkg_version, vrrp_downgrade);
 }
 
 // ---- Both directions ---------------------------------------------------------------------------
@@ -214,19 +201,15 @@ vrrp_config_record_t widened(const vrrp_old_config_record_t &old) {
   return wide;
 }
 
-void store_widened(const char *self, pss_service_t dst, const uint8 *slot) {
+void store_widened(const vrrp_routine_t &self, pss_service_t dst, const uint8 *slot) {
   vrrp_old_config_record_t old = {};
   memcpy(&old, slot, sizeof old);
-  VRRP_TRACE(vrrp_eng_side, self,
+  VRRP_TRACE(self.side, self.name,
              "Retrieved PSS record for VR %d on interface 0x%x and addr type %d\n", old.vr_id,
              old.ifindex, static_cast<int>(old.addr_type));
   vrrp_config_record_t wide = widened(old);
-  const syserr_t status = vrrp_store_vr(dst, 1, old, &wide, sizeof wide);
-  if (status != SYSERR_SUCCESS) {
-    VRRP_TRACE(vrrp_eng_side, self, "Error storing record in PSS: Ret_val = 0x%x, %s\n", status,
-               syserr2str(status));
-  } else {
-    VRRP_TRACE(vrrp_eng_side, self, "Added new record for VR %d on interface 0x%x\n", old.vr_id,
+  if (vrrp_store_vr(self, dst, 1, old, &wide, sizeof wide)) {
+    VRRP_TRACE(self.side, self.name, "Added new record for VR %d on interface 0x%x\n", old.vr_id,
                old.ifindex);
   }
 }
@@ -249,7 +232,7 @@ syserr_t vrrp_eng_copy_and_convert_rc_pss_recs_for_upgrade(pss_service_t mgr_rc_
   }
   VRRP_TRACE(vrrp_eng_side, __func__, "Number of VR records = %d\n", routers.count());
   for (int32 i = 0; i < routers.count(); ++i) {
-    store_widened(__func__, eng_rc_pss_table, routers.slot(i));
+    store_widened({vrrp_eng_side, __func__}, eng_rc_pss_table, routers.slot(i));
   }
   vrrp_values addresses;
   status = addresses.get(mgr_rc_pss_table, VRRP_KEY_VIP, sizeof(vrrp_ip_assoc_record_t));

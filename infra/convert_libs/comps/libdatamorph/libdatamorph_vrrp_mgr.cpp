@@ -19,13 +19,8 @@ syserr_t start(const char *name, const char *path, const char *pkg_name, const c
   vrrp_open_trace(vrrp_mgr_side);
   VRRP_TRACE(vrrp_mgr_side, name, "%s: Convert startup called with path %s\n", name,
              datamorph_text(path));
-  if (path == nullptr) {
-    return SYSERR_FAILED;
-  }
-  char bin_path[vrrp_path_size] = {};
-  vrrp_bin_path(path, bin_path);
-  return vrrp_handle_generic_convert(bin_path, pkg_name, to_pkg_version, from_pkg_version,
-                                     vrrp_startup_conversion, flag);
+  return vrrp_convert_startup(vrrp_handle_generic_convert, path, pkg_name, to_pkg_version,
+                              from_pkg_version, flag);
 }
 
 } // namespace
@@ -213,14 +208,10 @@ vrrp_old_config_record_t narrowed(const uint8 *slot) {
   return wide.old; // the thresholds and the forwarding state have no place there
 }
 
-void store_narrowed(const char *self, pss_service_t dst, const uint8 *slot) {
+void store_narrowed(const vrrp_routine_t &self, pss_service_t dst, const uint8 *slot) {
   vrrp_old_config_record_t record = narrowed(slot);
-  const syserr_t status = vrrp_store_vr(dst, 0, record, &record, sizeof record);
-  if (status != SYSERR_SUCCESS) {
-    VRRP_TRACE(vrrp_mgr_side, self, "Error storing record in PSS: Ret_val = 0x%x, %s\n", status,
-               syserr2str(status));
-  } else {
-    VRRP_TRACE(vrrp_mgr_side, self,
+  if (vrrp_store_vr(self, dst, 0, record, &record, sizeof record)) {
+    VRRP_TRACE(self.side, self.name,
                "Added new record for VR %d on interface 0x%x and addr type %d\n", record.vr_id,
                record.ifindex, static_cast<int>(record.addr_type));
   }
@@ -243,7 +234,7 @@ syserr_t vrrp_copy_and_convert_rc_pss_recs_for_downgrade(pss_service_t pss_eng_r
   }
   VRRP_TRACE(vrrp_mgr_side, __func__, "Number of VR records = %d\n", routers.count());
   for (int32 i = 0; i < routers.count(); ++i) {
-    store_narrowed(__func__, pss_mgr_rc_table, routers.slot(i));
+    store_narrowed({vrrp_mgr_side, __func__}, pss_mgr_rc_table, routers.slot(i));
   }
   vrrp_values addresses;
   status = addresses.get(pss_eng_rc_table, VRRP_KEY_VIP, sizeof(vrrp_ip_assoc_record_t));

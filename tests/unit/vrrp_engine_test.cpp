@@ -4,10 +4,6 @@
 
 namespace {
 
-constexpr char k_eng[] = "nonvolatile:/cfg/bin/vrrp-eng_runtime_config";
-constexpr char k_mgr[] = "nonvolatile:/cfg/bin/vrrp-cfg_config_sav";
-constexpr char k_temp[] = "nonvolatile:/tmp/vrrp-startup-pss";
-
 class vrrp_engine_test : public vrrp_fixture {
 protected:
   void up(const char *path = "/cfg", const char *to = "4.2(1)", const char *from = "4.1(5)") {
@@ -18,13 +14,7 @@ protected:
   }
 
   // What the engine holds after it went up.
-  static records_t converted() {
-    records_t all = old_records();
-    all[global_key()] = global_info();
-    all[vr_key("0a", "00 00 00 01")] = new_vr("0a", "01 00 00 00");
-    all[vr_key("0b", "00 00 00 02")] = new_vr("0b", "02 00 00 00");
-    return all;
-  }
+  static records_t converted() { return with_others(two_groups(new_vr, global_info())); }
 };
 
 const std::string k_self = "vrrp_eng_handle_generic_convert: ";
@@ -69,27 +59,17 @@ TEST_F(vrrp_engine_test, the_calls_going_up) {
                      {{vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)}});
   traced([this] { up(); });
   EXPECT_EQ(
-      lines_t({"pss_open(\"nonvolatile:/tmp/vrrp-startup-pss\")",
-               "pss_snapshot(1, 0, \"nonvolatile:/cfg/bin/vrrp-eng_runtime_config\")",
-               "pss_open(\"nonvolatile:/cfg/bin/vrrp-eng_runtime_config\")",
-               "pss_store(2, 1, 04000000, 010000000000000000000000000000000000000000)",
-               "pss_move2key(1, 01)", "pss_move2key(1, 02)", "pss_move2location(1, PSS_NEXT_KEY)",
-               "pss_move2key(1, 02)", "pss_getvalue(1)", "pss_move2location(1, PSS_NEXT_KEY)",
-               "pss_store(2, 1, 02000000010a1a0000000a0101fe000000000000000000000000, "
-               "0000001a0a010000000a0101fe0000000000000000000000000100000004000000)",
-               "pss_close(1)", "pss_destroy(\"nonvolatile:/tmp/vrrp-startup-pss\")",
-               "pss_close(2)"}),
+      calls_taking_over({"pss_open(\"nonvolatile:/tmp/vrrp-startup-pss\")",
+                         "pss_snapshot(1, 0, \"nonvolatile:/cfg/bin/vrrp-eng_runtime_config\")",
+                         "pss_open(\"nonvolatile:/cfg/bin/vrrp-eng_runtime_config\")"},
+                        "1"),
       platform.calls());
 }
 
 TEST_F(vrrp_engine_test, the_flag_of_every_store_going_up) {
   platform.set_store(k_temp, old_records());
   traced([this] { up(); });
-  const lines_t stores = platform.calls("pss_store");
-  EXPECT_EQ(5u, stores.size());
-  for (const std::string &call : stores) {
-    EXPECT_EQ("pss_store(2, 1, ", call.substr(0, 16));
-  }
+  expect_flag_of_every_store("1");
 }
 
 TEST_F(vrrp_engine_test, without_a_trace_file_the_work_is_the_same) {
@@ -163,9 +143,7 @@ TEST_F(vrrp_engine_test, every_failing_call_going_up) {
   unsigned nth = 0;
   for (const auto &row : rows) {
     platform.reset();
-    platform.set_store(k_temp,
-                       {{vr_key("0a", "00 00 00 01"), old_vr("0a", "01 00 00 00")},
-                        {vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)}});
+    platform.set_store(k_temp, one_group(old_vr("0a", "01 00 00 00")));
     platform.fail_any(++nth, 0x4048000B);
     const lines_t lines = eng_lines([this] { up(); });
     EXPECT_EQ(0u, status) << nth;
@@ -189,29 +167,18 @@ TEST_F(vrrp_engine_test, going_down) {
   before[vr_key("0a", "00 00 00 01")] = full_vr("0a", "01 00 00 00");
   platform.set_store(k_eng, before);
   EXPECT_EQ(
-      lines_t(
-          {"vrrp_eng_data_morph_startup_for_downgrade: "
-           "vrrp_eng_data_morph_startup_for_downgrade: start conversion for vrrp\n",
-           "vrrp_eng_data_morph_startup_for_downgrade: Convert startup called wit path /cfg\n",
-           k_self + "Entering upgrade/downgrade path in Engine\n",
-           k_self + "eng_rc_url = nonvolatile:/cfg/bin/vrrp-eng_runtime_config\n",
-           k_self + "mgr_rc_url = nonvolatile:/tmp/vrrp-startup-pss\n",
-           k_self + "from_ver 4.2(1):from_comp 0, to_ver 4.1(5):to_comp 1\n",
-           k_self + "ISSU conversion required from 4.2(1) to 4.1(5)\n",
-           k_self + "Opened Engine's RC PSS File\n",
-           k_self + "Taken snapshot to temp startup PSS\n",
-           k_delete + "Deleted global info\n",
-           k_delete + "Number of VR records = 2\n",
-           k_delete + "Retrieved PSS record for VR 10 on interface 0x1a000000 and addr type 1\n",
-           k_delete + "Deleting PSS VR record : VR 10 , intf 0x1a000000\n",
-           k_delete + "Deleted PSS VR record : VR 10, interface 0x1a000000\n",
-           k_delete + "Retrieved PSS record for VR 11 on interface 0x1a000000 and addr type 2\n",
-           k_delete + "Deleting PSS VR record : VR 11 , intf 0x1a000000\n",
-           k_delete + "Deleted PSS VR record : VR 11, interface 0x1a000000\n",
-           k_delete + "Number of VIP records = 2\n",
-           k_delete + "Deleted PSS VIP record : VR 10, interface 0x1a000000\n",
-           k_delete + "Deleted PSS VIP record : VR 11, interface 0x1a000000\n",
-           k_self + "Completed conversion in Engine\n"}),
+      joined({{"vrrp_eng_data_morph_startup_for_downgrade: "
+               "vrrp_eng_data_morph_startup_for_downgrade: start conversion for vrrp\n",
+               "vrrp_eng_data_morph_startup_for_downgrade: Convert startup called wit path /cfg\n",
+               k_self + "Entering upgrade/downgrade path in Engine\n",
+               k_self + "eng_rc_url = nonvolatile:/cfg/bin/vrrp-eng_runtime_config\n",
+               k_self + "mgr_rc_url = nonvolatile:/tmp/vrrp-startup-pss\n",
+               k_self + "from_ver 4.2(1):from_comp 0, to_ver 4.1(5):to_comp 1\n",
+               k_self + "ISSU conversion required from 4.2(1) to 4.1(5)\n",
+               k_self + "Opened Engine's RC PSS File\n",
+               k_self + "Taken snapshot to temp startup PSS\n"},
+              deletions(k_delete),
+              {k_self + "Completed conversion in Engine\n"}}),
       eng_lines([this] { down(); }));
   EXPECT_EQ(0u, status);
   EXPECT_EQ(others(), platform.records(k_eng));
@@ -220,21 +187,9 @@ TEST_F(vrrp_engine_test, going_down) {
 }
 
 TEST_F(vrrp_engine_test, the_calls_going_down) {
-  platform.set_store(k_eng,
-                     {{vr_key("0a", "00 00 00 01"), full_vr("0a", "01 00 00 00")},
-                      {vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)}});
+  platform.set_store(k_eng, one_group(full_vr("0a", "01 00 00 00")));
   traced([this] { down(); });
-  EXPECT_EQ(lines_t({"pss_open(\"nonvolatile:/cfg/bin/vrrp-eng_runtime_config\")",
-                     "pss_snapshot(1, 0, \"nonvolatile:/tmp/vrrp-startup-pss\")",
-                     "pss_delete(1, 04000000)", "pss_move2key(1, 01)",
-                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2key(1, 01)", "pss_getvalue(1)",
-                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2location(1, PSS_NEXT_KEY)",
-                     "pss_delete(1, 01000000010a1a000000)", "pss_move2key(1, 02)",
-                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2key(1, 02)", "pss_getvalue(1)",
-                     "pss_move2location(1, PSS_NEXT_KEY)",
-                     "pss_delete(1, 02000000010a1a0000000a0101fe000000000000000000000000)",
-                     "pss_close(1)"}),
-            platform.calls());
+  EXPECT_EQ(calls_giving_away("nonvolatile:/cfg/bin/vrrp-eng_runtime_config"), platform.calls());
 }
 
 TEST_F(vrrp_engine_test, the_downgrade_entry_is_misspelt) {
@@ -276,10 +231,8 @@ TEST_F(vrrp_engine_test, every_failing_call_going_down) {
   unsigned nth = 0;
   for (const auto &row : rows) {
     platform.reset();
-    platform.set_store(k_eng,
-                       {{vr_key("0a", "00 00 00 01"), full_vr("0a", "01 00 00 00")},
-                        {vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)},
-                        {global_key(), global_info()}});
+    platform.set_store(k_eng, one_group(full_vr("0a", "01 00 00 00")));
+    platform.put(k_eng, global_key(), global_info());
     platform.fail_any(++nth, 0x4048000B);
     const lines_t lines = eng_lines([this] { down(); });
     EXPECT_EQ(0u, status) << nth;
@@ -472,8 +425,7 @@ TEST_F(vrrp_engine_test, there_and_back) {
     EXPECT_EQ(0u, datamorph_startup(SRVUUID_VRRP_MGR, &result, &args));
   });
   EXPECT_EQ(std::vector<std::string>({mgr, eng}), platform.store_uris());
-  records_t expected = old_records();
-  expected[global_key()] = global_info();
+  const records_t expected = with_others(two_groups(old_vr, global_info()));
   EXPECT_EQ(expected, platform.records(mgr));
   EXPECT_EQ(others(), platform.records(eng));
 }
@@ -485,8 +437,7 @@ TEST_F(vrrp_engine_test, the_whole_table_there_and_back) {
   EXPECT_EQ(converted(), platform.records(k_eng));
   args = {"/cfg", "system", "4.1(5)", "4.2(1)"};
   traced([&] { EXPECT_EQ(0u, datamorph_startup_all(&args)); });
-  records_t expected = old_records();
-  expected[global_key()] = global_info();
+  const records_t expected = with_others(two_groups(old_vr, global_info()));
   EXPECT_EQ(expected, platform.records(k_mgr));
   EXPECT_FALSE(platform.has_store(k_temp));
 }

@@ -14,6 +14,10 @@ class vrrp_fixture : public library_fixture {
 protected:
   using records_t = platform_double::records_t;
 
+  static constexpr char k_mgr[] = "nonvolatile:/cfg/bin/vrrp-cfg_config_sav";
+  static constexpr char k_eng[] = "nonvolatile:/cfg/bin/vrrp-eng_runtime_config";
+  static constexpr char k_temp[] = "nonvolatile:/tmp/vrrp-startup-pss";
+
   void SetUp() override {
     library_fixture::SetUp();
     forget_traces();
@@ -116,16 +120,28 @@ protected:
   static std::string global_key() { return bytes("04 00 00 00"); }
   static std::string global_info() { return bytes("01") + std::string(20, '\0'); }
 
-  // What stands in a store up to 4.1: two groups, an address each, global info, and others'
-  // records.
-  static records_t old_records() {
-    records_t all = others();
-    all[global_key()] = bytes("00") + std::string(20, '\x55');
-    all[vr_key("0a", "00 00 00 01")] = old_vr("0a", "01 00 00 00");
-    all[vr_key("0b", "00 00 00 02")] = old_vr("0b", "02 00 00 00");
-    all[vip_key("0a", "00 00 00 01", k_ipv4)] = vip("0a", "01 00 00 00", k_ipv4);
+  // One group with one address, without global info.
+  static records_t one_group(const std::string &vr) {
+    return {{vr_key("0a", "00 00 00 01"), vr},
+            {vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)}};
+  }
+  // Two groups in one layout, an address each, and this global info.
+  static records_t two_groups(std::string (*layout)(const std::string &vr_id,
+                                                    const std::string &addr_type),
+                              const std::string &global) {
+    records_t all = one_group(layout("0a", "01 00 00 00"));
+    all[global_key()] = global;
+    all[vr_key("0b", "00 00 00 02")] = layout("0b", "02 00 00 00");
     all[vip_key("0b", "00 00 00 02", k_ipv6)] = vip("0b", "02 00 00 00", k_ipv6);
     return all;
+  }
+  static records_t with_others(records_t all) {
+    all.merge(others());
+    return all;
+  }
+  // What stands in a store up to 4.1: the groups, and others' records.
+  static records_t old_records() {
+    return with_others(two_groups(old_vr, bytes("00") + std::string(20, '\x55')));
   }
   // Records of other key types.
   static records_t others() {
@@ -133,6 +149,69 @@ protected:
             {bytes("03 01"), "three"},
             {bytes("05 00 00 00 01 0a 1a 00 00 00"), "five"},
             {bytes("ff"), "last"}};
+  }
+
+  // What a routine traces while it deletes two groups and their addresses.
+  static lines_t deletions(const std::string &self) {
+    return {self + "Deleted global info\n",
+            self + "Number of VR records = 2\n",
+            self + "Retrieved PSS record for VR 10 on interface 0x1a000000 and addr type 1\n",
+            self + "Deleting PSS VR record : VR 10 , intf 0x1a000000\n",
+            self + "Deleted PSS VR record : VR 10, interface 0x1a000000\n",
+            self + "Retrieved PSS record for VR 11 on interface 0x1a000000 and addr type 2\n",
+            self + "Deleting PSS VR record : VR 11 , intf 0x1a000000\n",
+            self + "Deleted PSS VR record : VR 11, interface 0x1a000000\n",
+            self + "Number of VIP records = 2\n",
+            self + "Deleted PSS VIP record : VR 10, interface 0x1a000000\n",
+            self + "Deleted PSS VIP record : VR 11, interface 0x1a000000\n"};
+  }
+  // The platform calls of a side that gives one group away.
+  static lines_t calls_giving_away(const std::string &store) {
+    return {"pss_open(\"" + store + "\")",
+            "pss_snapshot(1, 0, \"nonvolatile:/tmp/vrrp-startup-pss\")",
+            "pss_delete(1, 04000000)",
+            "pss_move2key(1, 01)",
+            "pss_move2location(1, PSS_NEXT_KEY)",
+            "pss_move2key(1, 01)",
+            "pss_getvalue(1)",
+            "pss_move2location(1, PSS_NEXT_KEY)",
+            "pss_move2location(1, PSS_NEXT_KEY)",
+            "pss_delete(1, 01000000010a1a000000)",
+            "pss_move2key(1, 02)",
+            "pss_move2location(1, PSS_NEXT_KEY)",
+            "pss_move2key(1, 02)",
+            "pss_getvalue(1)",
+            "pss_move2location(1, PSS_NEXT_KEY)",
+            "pss_delete(1, 02000000010a1a0000000a0101fe000000000000000000000000)",
+            "pss_close(1)"};
+  }
+  // The calls of a side that takes one address over with that flag; `before` come first.
+  static lines_t calls_taking_over(const lines_t &before, const std::string &flag) {
+    return joined(
+        {before,
+         {"pss_store(2, " + flag + ", 04000000, 010000000000000000000000000000000000000000)",
+          "pss_move2key(1, 01)", "pss_move2key(1, 02)", "pss_move2location(1, PSS_NEXT_KEY)",
+          "pss_move2key(1, 02)", "pss_getvalue(1)", "pss_move2location(1, PSS_NEXT_KEY)",
+          "pss_store(2, " + flag +
+              ", 02000000010a1a0000000a0101fe000000000000000000000000, "
+              "0000001a0a010000000a0101fe0000000000000000000000000100000004000000)",
+          "pss_close(1)", "pss_destroy(\"nonvolatile:/tmp/vrrp-startup-pss\")", "pss_close(2)"}});
+  }
+  static lines_t joined(const std::vector<lines_t> &parts) {
+    lines_t all;
+    for (const lines_t &part : parts) {
+      all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+  }
+  // Every record of two groups was stored through the second handle with that flag.
+  void expect_flag_of_every_store(const std::string &flag) {
+    const lines_t stores = platform.calls("pss_store");
+    EXPECT_EQ(5u, stores.size());
+    const std::string start = "pss_store(2, " + flag + ", ";
+    for (const std::string &call : stores) {
+      EXPECT_EQ(start, call.substr(0, start.size()));
+    }
   }
 
   syserr_t status = 0xdead;

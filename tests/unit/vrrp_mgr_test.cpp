@@ -4,9 +4,6 @@
 
 namespace {
 
-constexpr char k_mgr[] = "nonvolatile:/cfg/bin/vrrp-cfg_config_sav";
-constexpr char k_temp[] = "nonvolatile:/tmp/vrrp-startup-pss";
-
 class vrrp_mgr_test : public vrrp_fixture {
 protected:
   void up(const char *path = "/cfg", const char *to = "4.2(1)", const char *from = "4.1(5)") {
@@ -17,11 +14,7 @@ protected:
   }
 
   static records_t wide_records() {
-    records_t all = others();
-    all[global_key()] = bytes("00") + std::string(20, '\x55');
-    all[vr_key("0a", "00 00 00 01")] = full_vr("0a", "01 00 00 00");
-    all[vr_key("0b", "00 00 00 02")] = full_vr("0b", "02 00 00 00");
-    all[vip_key("0a", "00 00 00 01", k_ipv4)] = vip("0a", "01 00 00 00", k_ipv4);
+    records_t all = with_others(two_groups(full_vr, bytes("00") + std::string(20, '\x55')));
     all[vip_key("0b", "00 00 00 02", k_ipv6)] =
         vip("0b", "02 00 00 00", k_ipv6) + std::string(20, '\x66');
     return all;
@@ -34,30 +27,18 @@ TEST_F(vrrp_mgr_test, going_up) {
   platform.set_store(k_mgr, old_records());
   const std::string self = "vrrp_handle_generic_convert: ";
   const std::string step = "vrrp_handle_upgrade_to_4_2_1: ";
-  const std::string del = "datamorph_vrrp_mgr_delete_rc_pss_recs_for_upgrade: ";
   EXPECT_EQ(
-      lines_t({"vrrp_mgr_data_morph_startup_for_upgrade: vrrp_mgr_data_morph_startup_for_upgrade: "
+      joined({{"vrrp_mgr_data_morph_startup_for_upgrade: vrrp_mgr_data_morph_startup_for_upgrade: "
                "Convert startup called with path /cfg\n",
                self + "Entering upgrade/downgrade code path in Mgr\n",
                self + "from_ver 4.1(5):from_comp -1, to_ver 4.2(1):to_comp 0\n",
                self + "ISSU conversion required from 4.1(5) to 4.2(1)\n",
                self + "Opened Mgr's PSS File nonvolatile:/cfg/bin/vrrp-cfg_config_sav\n",
-               step + "Entered Upgrade path\n",
-               del + "Deleted global info\n",
-               del + "Number of VR records = 2\n",
-               del + "Retrieved PSS record for VR 10 on interface 0x1a000000 and addr type 1\n",
-               del + "Deleting PSS VR record : VR 10 , intf 0x1a000000\n",
-               del + "Deleted PSS VR record : VR 10, interface 0x1a000000\n",
-               del + "Retrieved PSS record for VR 11 on interface 0x1a000000 and addr type 2\n",
-               del + "Deleting PSS VR record : VR 11 , intf 0x1a000000\n",
-               del + "Deleted PSS VR record : VR 11, interface 0x1a000000\n",
-               del + "Number of VIP records = 2\n",
-               del + "Deleted PSS VIP record : VR 10, interface 0x1a000000\n",
-               del + "Deleted PSS VIP record : VR 11, interface 0x1a000000\n",
-               step + "Deleted RC recs in Mgr for upgrade\n",
+               step + "Entered Upgrade path\n"},
+              deletions("datamorph_vrrp_mgr_delete_rc_pss_recs_for_upgrade: "),
+              {step + "Deleted RC recs in Mgr for upgrade\n",
                step + "Taken snapshot of Mgr PSS to temp file nonvolatile:/tmp/vrrp-startup-pss\n",
-               self + "Closed RC PSS file in Mgr\n",
-               self + "Done with conversion in Mgr\n"}),
+               self + "Closed RC PSS file in Mgr\n", self + "Done with conversion in Mgr\n"}}),
       mgr_lines([this] { up(); }));
   EXPECT_EQ(0u, status);
   EXPECT_EQ(others(), platform.records(k_mgr));
@@ -66,21 +47,9 @@ TEST_F(vrrp_mgr_test, going_up) {
 }
 
 TEST_F(vrrp_mgr_test, the_calls_going_up) {
-  platform.set_store(k_mgr,
-                     {{vr_key("0a", "00 00 00 01"), old_vr("0a", "01 00 00 00")},
-                      {vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)}});
+  platform.set_store(k_mgr, one_group(old_vr("0a", "01 00 00 00")));
   traced([this] { up(); });
-  EXPECT_EQ(lines_t({"pss_open(\"nonvolatile:/cfg/bin/vrrp-cfg_config_sav\")",
-                     "pss_snapshot(1, 0, \"nonvolatile:/tmp/vrrp-startup-pss\")",
-                     "pss_delete(1, 04000000)", "pss_move2key(1, 01)",
-                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2key(1, 01)", "pss_getvalue(1)",
-                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2location(1, PSS_NEXT_KEY)",
-                     "pss_delete(1, 01000000010a1a000000)", "pss_move2key(1, 02)",
-                     "pss_move2location(1, PSS_NEXT_KEY)", "pss_move2key(1, 02)", "pss_getvalue(1)",
-                     "pss_move2location(1, PSS_NEXT_KEY)",
-                     "pss_delete(1, 02000000010a1a0000000a0101fe000000000000000000000000)",
-                     "pss_close(1)"}),
-            platform.calls());
+  EXPECT_EQ(calls_giving_away("nonvolatile:/cfg/bin/vrrp-cfg_config_sav"), platform.calls());
 }
 
 TEST_F(vrrp_mgr_test, without_a_trace_file_the_work_is_the_same) {
@@ -239,12 +208,8 @@ TEST_F(vrrp_mgr_test, going_down) {
            self + "Done with conversion in Mgr\n"}),
       mgr_lines([this] { down(); }));
   EXPECT_EQ(0u, status);
-  records_t expected = {{bytes("03 01"), "three"}};
-  expected[global_key()] = global_info();
-  expected[vr_key("0a", "00 00 00 01")] = old_vr("0a", "01 00 00 00");
-  expected[vr_key("0b", "00 00 00 02")] = old_vr("0b", "02 00 00 00");
-  expected[vip_key("0a", "00 00 00 01", k_ipv4)] = vip("0a", "01 00 00 00", k_ipv4);
-  expected[vip_key("0b", "00 00 00 02", k_ipv6)] = vip("0b", "02 00 00 00", k_ipv6);
+  records_t expected = two_groups(old_vr, global_info());
+  expected[bytes("03 01")] = "three";
   EXPECT_EQ(expected, platform.records(k_mgr));
   EXPECT_FALSE(platform.has_store(k_temp));
   EXPECT_TRUE(platform.open_handles().empty());
@@ -255,28 +220,17 @@ TEST_F(vrrp_mgr_test, the_calls_going_down) {
   platform.set_store(k_temp,
                      {{vip_key("0a", "00 00 00 01", k_ipv4), vip("0a", "01 00 00 00", k_ipv4)}});
   traced([this] { down(); });
-  EXPECT_EQ(
-      lines_t({"pss_open(\"nonvolatile:/tmp/vrrp-startup-pss\")",
-               "pss_open(\"nonvolatile:/cfg/bin/vrrp-cfg_config_sav\")",
-               "pss_store(2, 0, 04000000, 010000000000000000000000000000000000000000)",
-               "pss_move2key(1, 01)", "pss_move2key(1, 02)", "pss_move2location(1, PSS_NEXT_KEY)",
-               "pss_move2key(1, 02)", "pss_getvalue(1)", "pss_move2location(1, PSS_NEXT_KEY)",
-               "pss_store(2, 0, 02000000010a1a0000000a0101fe000000000000000000000000, "
-               "0000001a0a010000000a0101fe0000000000000000000000000100000004000000)",
-               "pss_close(1)", "pss_destroy(\"nonvolatile:/tmp/vrrp-startup-pss\")",
-               "pss_close(2)"}),
-      platform.calls());
+  EXPECT_EQ(calls_taking_over({"pss_open(\"nonvolatile:/tmp/vrrp-startup-pss\")",
+                               "pss_open(\"nonvolatile:/cfg/bin/vrrp-cfg_config_sav\")"},
+                              "0"),
+            platform.calls());
 }
 
 TEST_F(vrrp_mgr_test, the_flag_of_every_store_going_down) {
   platform.set_store(k_mgr);
   platform.set_store(k_temp, wide_records());
   traced([this] { down(); });
-  const lines_t stores = platform.calls("pss_store");
-  EXPECT_EQ(5u, stores.size());
-  for (const std::string &call : stores) {
-    EXPECT_EQ("pss_store(2, 0, ", call.substr(0, 16));
-  }
+  expect_flag_of_every_store("0");
 }
 
 TEST_F(vrrp_mgr_test, values_of_other_lengths_going_down) {
@@ -438,8 +392,7 @@ TEST_F(vrrp_mgr_test, between_two_old_releases_both_directions_run) {
   traced([this] { up("/cfg", "4.1(5)", "4.1(2)"); });
   EXPECT_EQ(others(), platform.records(k_mgr));
   traced([this] { down("/cfg", "4.1(5)", "4.1(2)"); });
-  records_t expected = old_records();
-  expected[global_key()] = global_info();
+  const records_t expected = with_others(two_groups(old_vr, global_info()));
   EXPECT_EQ(expected, platform.records(k_mgr));
 }
 

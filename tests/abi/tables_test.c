@@ -1,6 +1,7 @@
 /* Prints each dispatch table of the built library, a row per line with the name that the routine
  * has in the library, and holds it against the literal list. */
 #include <dlfcn.h>
+#include <link.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -64,10 +65,20 @@ static void take_row(const char *table, uint32 uuid, convert_gsync_fn fn) {
   }
 }
 
+/* Bytes of a table, as the library says, so that rows behind a terminator, or a missing one, are
+ * found without reading past its end. */
+static size_t table_size(const void *table) {
+  Dl_info found;
+  void *symbol = NULL;
+  if (dladdr1(table, &found, &symbol, RTLD_DL_SYMENT) == 0 || found.dli_saddr != table) {
+    return 0;
+  }
+  return (size_t)((const ElfW(Sym) *)symbol)->st_size;
+}
+
 #define TAKE_TABLE(name, table)                                                                    \
-  for (size_t at = 0, last = 0; last == 0; ++at) {                                                 \
+  for (size_t at = 0; at < table_size(table) / sizeof(table)[0]; ++at) {                           \
     take_row(name, (table)[at].uuid, (table)[at].fn);                                              \
-    last = (table)[at].uuid == 0 || failures > 0;                                                  \
   }
 
 int main(void) {

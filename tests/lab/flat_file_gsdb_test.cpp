@@ -33,7 +33,7 @@ protected:
     return traced([&] { return datamorph_gsdb_delete("/mnt/pss/conv", uri); });
   }
   lines_t traced(const std::function<syserr_t()> &call) {
-    const lines_t lines = trace_messages(captured_stderr([&] { status_ = call(); }));
+    lines_t lines = trace_messages(captured_stderr([&] { status_ = call(); }));
     size_t open_handles = 1;
     EXPECT_EQ(lab::close_all_stores(&open_handles), 0U);
     EXPECT_EQ(open_handles, 0U);

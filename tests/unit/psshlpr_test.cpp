@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr char k_meta[] = "volatile:/conv/globalpss_table";
 constexpr char k_meta_file[] = "/conv/globalpss_table.snp";
 
 class psshlpr_test : public library_fixture {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <xxhash.h>
 
@@ -164,19 +165,27 @@ TEST_F(flat_file_read, one_that_may_not_be_read_is_no_access) {
             0);
 }
 
-// Closing a second descriptor of a store would drop the locks of its handle.
+// Closing a second descriptor of a store would drop the locks of its handle. The other process is
+// there before the handle is, so that it knows of the store from its locks only.
 TEST_F(flat_file_read, a_store_that_is_open_stays_locked) {
   make("nonvolatile:/mnt/pss/store", {{"a", "b"}});
+  int start[2] = {};
+  ASSERT_EQ(pipe(start), 0);
+  const pid_t other = fork();
+  if (other == 0) {
+    char byte = 0;
+    const bool started = ::read(start[0], &byte, 1) == 1;
+    _exit(started && put(open("nonvolatile:/mnt/pss/store"), "a", "d") == 0x4048000D ? 0 : 1);
+  }
   const pss_service_t writer = open("nonvolatile:/mnt/pss/store");
   ASSERT_EQ(put(writer, "a", "c"), 0U);
 
   EXPECT_EQ(read_file("/mnt/pss/store.pss"), 0x40480009U);
 
-  EXPECT_EQ(in_child([] {
-              const pss_service_t other = open("nonvolatile:/mnt/pss/store");
-              return put(other, "a", "d") == 0x4048000D ? 0 : 1;
-            }),
-            0);
+  ASSERT_EQ(write(start[1], "", 1), 1);
+  int exit_status = 1;
+  EXPECT_EQ(waitpid(other, &exit_status, 0), other);
+  EXPECT_EQ(exit_status, 0);
   EXPECT_EQ(pss_close(writer), 0U);
   EXPECT_EQ(read("nonvolatile:/mnt/pss/store"), (contents{{"a", "c"}}));
 }

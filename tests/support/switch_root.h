@@ -14,7 +14,8 @@ namespace switch_root {
 int run_inside(int argc, char **argv, int (*run)(int argc, char **argv));
 
 // Empties the root again to what a freshly started switch has: /tmp, /mnt/pss, /bootflash,
-// /dev/shm, /var/run/mts, /images, all empty. Mounts made below them are released.
+// /dev/shm, /var/run/mts, /images, all empty. Mounts made below them are released; one that
+// a test makes elsewhere it must release itself.
 void reset();
 
 // Files. Failures end the test program with a message.

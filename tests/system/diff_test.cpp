@@ -6,6 +6,7 @@
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -200,6 +201,42 @@ TEST_F(diff_of_states, what_cannot_be_read_is_told_and_not_guessed) {
   EXPECT_TRUE(turned[0]["a"].contains("trouble"));
   // Nobody can tell whether two damaged ones are the same.
   EXPECT_EQ(run({"diff", "b", "b"}).status, 3);
+}
+
+TEST_F(diff_of_states, a_store_that_ends_in_damage_loses_no_records_to_it) {
+  const std::string value(60, '7');
+  for (const char *name : {"a", "b"}) {
+    for (const char *key : {"01", "02", "03"}) {
+      put(name, "nonvolatile:/damaged", key, key == std::string("02") ? value : "00");
+    }
+  }
+  put("a", "nonvolatile:/damaged", "0001", "00");
+  const std::string file = "b/current/damaged.pss";
+  std::string bytes = read(file);
+  const size_t at = bytes.find(std::string(30, '\x77'));
+  ASSERT_NE(at, std::string::npos);
+  bytes[at] = 0;
+  write(file, bytes);
+
+  // What stands before the damage is compared, what comes behind it is no removed record.
+  const nlohmann::json changes = diff(3)["changes"];
+  ASSERT_GE(changes.size(), 1u);
+  EXPECT_EQ(changes.back()["change"], "unreadable") << changes.dump(1);
+  for (const nlohmann::json &one : changes) {
+    EXPECT_TRUE(one["change"] == "unreadable" || one["key"] == "0001") << one;
+  }
+  const nlohmann::json turned = run({"diff", "b", "a", "--format", "json"}).json()["changes"];
+  for (const nlohmann::json &one : turned) {
+    EXPECT_TRUE(one["change"] == "unreadable" || one["key"] == "0001") << one;
+  }
+}
+
+TEST_F(diff_of_states, side_that_cannot_be_entered) {
+  in_child = [] { deny_system_calls({SYS_chroot, SYS_unshare}, EPERM); };
+  const result done = run({"diff", "a", "b"});
+  EXPECT_EQ(done.status, 3);
+  EXPECT_NE(done.err.find("no rights to work inside the switch"), std::string::npos) << done.err;
+  EXPECT_EQ(std::count(done.err.begin(), done.err.end(), '\n'), 1) << done.err;
 }
 
 TEST_F(diff_of_states, two_named_stores) {

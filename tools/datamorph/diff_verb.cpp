@@ -213,10 +213,8 @@ std::string value_text(const state_change &change, const side_value &side) {
     return side.value;
   }
   std::string text;
-  for (const auto &[name, value] : side.facts.items()) {
-    append_word(text,
-                name + " " + to_text(value.is_string() ? value.get<std::string>() : value.dump()),
-                ", ");
+  for (const decoded_field &fact : *side.facts) {
+    append_word(text, fact.text, ", ");
   }
   return text;
 }

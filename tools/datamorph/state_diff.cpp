@@ -452,13 +452,23 @@ private:
     return change;
   }
 
+  static std::vector<decoded_field> facts_of(const nlohmann::json &facts) {
+    std::vector<decoded_field> fields;
+    for (const auto &[name, value] : facts.items()) {
+      std::string text = name;
+      append_word(text, to_text(value.is_string() ? value.get<std::string>() : value.dump()));
+      fields.push_back({name, value, text});
+    }
+    return fields;
+  }
+
   void give_thing(what how, const nlohmann::json *a, const nlohmann::json *b) {
     state_change change = named(how);
     if (a != nullptr) {
-      change.a.emplace().facts = *a;
+      change.a.emplace().facts = facts_of(*a);
     }
     if (b != nullptr) {
-      change.b.emplace().facts = *b;
+      change.b.emplace().facts = facts_of(*b);
     }
     take_(change);
   }
@@ -473,11 +483,12 @@ private:
 
   void give_record(what how, const nlohmann::json *a, const nlohmann::json *b) {
     state_change change = named(how);
-    change.key = (a != nullptr ? *a : *b)["key"].get<std::string>();
     if (a != nullptr) {
+      change.key = (*a)["key"].get<std::string>();
       change.a = value_of(uri_a_.empty() ? name_ : uri_a_, *a);
     }
     if (b != nullptr) {
+      change.key = (*b)["key"].get<std::string>();
       change.b = value_of(uri_b_.empty() ? name_ : uri_b_, *b);
     }
     take_(change);
@@ -502,10 +513,8 @@ std::vector<decoded_field> fields_of(const side_value &side) {
     fields.push_back({"damaged", side.decoded->damaged, side.decoded->damaged ? "damaged" : ""});
     fields.insert(fields.end(), side.decoded->fields.begin(), side.decoded->fields.end());
   }
-  if (side.facts.is_object()) {
-    for (const auto &[name, value] : side.facts.items()) {
-      fields.push_back({name, value, ""});
-    }
+  if (side.facts) {
+    fields.insert(fields.end(), side.facts->begin(), side.facts->end());
   }
   return fields;
 }
@@ -533,10 +542,14 @@ nlohmann::json side_value::to_json() const {
   if (!trouble.empty()) {
     return {{"trouble", trouble}};
   }
-  if (facts.is_object()) {
-    return facts;
+  nlohmann::json document = nlohmann::json::object();
+  if (facts) {
+    for (const decoded_field &fact : *facts) {
+      document[fact.name] = fact.value;
+    }
+    return document;
   }
-  nlohmann::json document = {{"value", value}};
+  document["value"] = value;
   if (decoded) {
     document["decoded"] = decoded->to_json();
   }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -19,8 +20,8 @@ struct state_side {
 
 // What stands on one side of a change.
 struct side_value {
-  nlohmann::json facts; // of a thing: its members
-  std::string value;    // of a record, in hex
+  std::optional<std::vector<decoded_field>> facts; // of a thing: its members
+  std::string value;                               // of a record, in hex
   std::optional<decoded_record> decoded;
   std::string trouble; // of a thing that cannot be read: why
 

@@ -30,7 +30,7 @@ constexpr char top_footer[] =
     "  0   done, or nothing to change\n"
     "  1   a conversion or the program failed; the switch is as it was, unless the message says\n"
     "      that a conversion's output could not be written or that an import ended midway\n"
-    "  2   compare: the releases differ\n"
+    "  2   compare: the releases differ; diff: the states do\n"
     "  3   refused; the switch was not touched (no switch, unknown release, damaged store, no "
     "room,\n"
     "      no rights, a service without a routine in the chosen moments, records of VRRP that "
@@ -56,6 +56,7 @@ public:
     add_lab();
     add_convert();
     add_stores();
+    add_diff();
     add_library_verbs();
   }
 
@@ -231,6 +232,25 @@ private:
     in->add_flag("--merge", store_.merge, "Keep records that the document does not name");
   }
 
+  void add_diff() {
+    CLI::App *sub =
+        verb(&app_, "diff", "How two switches, states of one, or stores differ",
+             "datamorph diff /tmp/switch/previous /tmp/switch\n"
+             "  datamorph diff /tmp/switch:volatile:/a/x /tmp/other:volatile:/b/x\n\n"
+             "What B has more is added, what A has more is removed. Not compared: the conversion\n"
+             "logs and their marker, the generation of a state, folders, and when files were\n"
+             "written. Exit status: 0 same, 2 different, 3 something could not be read. With\n"
+             "--expect 0 says that the differences are exactly the known ones; the others, and\n"
+             "known ones that are missing, are shown.",
+             [this] { return diff(common_, diff_); });
+    sub->add_option("A", diff_.a,
+                    "A lab switch, a folder with a state of one, or a store as DIR:URI")
+        ->required();
+    sub->add_option("B", diff_.b, "Another one")->required();
+    sub->add_option("--expect", diff_.expect,
+                    "Known differences: a file with what --format json has written");
+  }
+
   void add_library_verbs() {
     verb(&app_, "services", "The library's dispatch tables, in call order",
          "datamorph services --format json", [this] { return services(common_); });
@@ -290,6 +310,7 @@ private:
   common_options common_;
   convert_options convert_;
   store_options store_;
+  diff_options diff_;
   std::string format_ = "table";
   std::string dir_;
   std::string from_;

@@ -51,6 +51,13 @@ int store_delete(const common_options &common, const store_options &options);
 int store_export(const common_options &common, const store_options &options);
 int store_import(const common_options &common, const store_options &options);
 
+struct diff_options {
+  std::string a;
+  std::string b;
+  std::string expect; // the file of known differences; empty: none
+};
+int diff(const common_options &common, const diff_options &options);
+
 int services(const common_options &common);
 int compare(const common_options &common, const std::string &a, const std::string &b);
 

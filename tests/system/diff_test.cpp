@@ -1,0 +1,356 @@
+// diff tells how two states differ, exactly that, and leaves both as they are.
+#include "command.h"
+
+#include <filesystem>
+#include <fstream>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kps[] = "nonvolatile:/cfg/0/kps_saved_config";
+
+class diff_of_states : public command_test {
+protected:
+  void SetUp() override {
+    command_test::SetUp();
+    create("a");
+    fs::copy(path("a"), path("b"), fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  }
+  void put(const std::string &name, const std::string &uri, const std::string &key,
+           const std::string &value) {
+    const result done = run({"store", "put", name, uri, key, value, "--create"});
+    ASSERT_EQ(done.status, 0) << done.err;
+  }
+  nlohmann::json diff(int status) {
+    const result done = run({"diff", "a", "b", "--format", "json"});
+    EXPECT_EQ(done.status, status) << done.err;
+    return done.json();
+  }
+  // The only difference.
+  nlohmann::json change() {
+    const nlohmann::json changes = diff(2)["changes"];
+    EXPECT_EQ(changes.size(), 1u) << changes.dump(1);
+    return changes.empty() ? nlohmann::json() : changes[0];
+  }
+};
+
+nlohmann::json parsed(const char *text) {
+  return nlohmann::json::parse(text);
+}
+
+TEST_F(diff_of_states, none) {
+  EXPECT_EQ(diff(0), parsed(R"j({"a": {"path": "a", "release": "4.1(5)"},
+      "b": {"path": "b", "release": "4.1(5)"}, "changes": [], "missing": [],
+      "summary": {
+  "same" : true,
+           "as_expected" : true,
+                           "unreadable" : 0,
+                           "undecoded" : 0,
+                           "expected" : 0,
+                           "missing" : 0,
+                           "things" : {"added" : 0, "removed" : 0, "changed" : 0},
+                                      "records" : {
+    "added" : 0, "removed" : 0, "changed" : 0
+  }
+}
+})j"));
+  EXPECT_EQ(run({"diff", "a", "a"}).out,
+            "A: a at 4.1(5)\nB: a at 4.1(5)\n"
+            "same: stores, files and the like: 0 added, 0 removed, 0 changed; records: 0 added, 0 "
+            "removed, 0 changed, 0 undecoded; 0 unreadable; 0 as expected, 0 expected and "
+            "missing\n");
+}
+
+TEST_F(diff_of_states, records) {
+  put("b", kps, "f0000001", "00"); // behind the last one
+  EXPECT_EQ(change(), parsed(R"j({"change": "added", "kind": "store",
+      "name": "nonvolatile:/cfg/0/kps_saved_config", "key": "f0000001", "b": {"value": "00"}})j"));
+  put("a", kps, "f0000001", "0001");
+  EXPECT_EQ(change(), parsed(R"j({"change": "changed", "kind": "store",
+      "name": "nonvolatile:/cfg/0/kps_saved_config", "key": "f0000001",
+      "a": {"value": "0001"}, "b": {"value": "00"}})j"));
+  put("a", kps, "f0000001", "00");
+  put("a", kps, "", ""); // before the first one
+  EXPECT_EQ(change(), parsed(R"j({"change": "removed", "kind": "store",
+      "name": "nonvolatile:/cfg/0/kps_saved_config", "key": "", "a": {"value": ""}})j"));
+  EXPECT_EQ(diff(2)["summary"]["undecoded"], 1);
+  EXPECT_EQ(diff(2)["summary"]["records"]["removed"], 1);
+}
+
+TEST_F(diff_of_states, fields_of_known_records) {
+  const char *uri = "nonvolatile:/cfg/0/ethpm_runtime_info";
+  put("a", uri, "33061a00ffff", "01001000000000000000000000fe");
+  put("b", uri, "33061a00ffff", "010010000000000000000000000101");
+
+  EXPECT_EQ(change(), parsed(R"j({"change": "changed", "kind": "store",
+      "name": "nonvolatile:/cfg/0/ethpm_runtime_info", "key": "33061a00ffff",
+      "a": {"value": "01001000000000000000000000fe", "decoded": {
+            "kind": "interface runtime info", "interface": "0x1a00ffff", "reason": 254}},
+      "b": {"value": "010010000000000000000000000101", "decoded": {
+            "kind": "interface runtime info", "interface": "0x1a00ffff", "reason": 1}},
+      "fields": {"reason": {"a": 254, "b": 1}}})j"));
+  EXPECT_EQ(diff(2)["summary"]["undecoded"], 0);
+  EXPECT_NE(run({"diff", "a", "b"})
+                .out.find("\nstore nonvolatile:/cfg/0/ethpm_runtime_info\n"
+                          "CHANGE  KEY          WHAT\n"
+                          "changed 33061a00ffff reason 254 -> reason 1\n\n"),
+            std::string::npos);
+
+  put("b", uri, "33061a00ffff", "01"); // too short for a reason
+  const nlohmann::json damaged = change();
+  EXPECT_EQ(damaged["fields"], parsed(R"j({"reason": {"a": 254, "b": null},
+                                          "damaged": {"a": false, "b": true}})j"));
+  EXPECT_EQ(damaged["b"]["value"], "01");
+  EXPECT_EQ(diff(2)["summary"]["undecoded"], 1);
+  EXPECT_NE(run({"diff", "a", "b"}).out.find(", 01001000000000000000000000fe -> 01\n"),
+            std::string::npos);
+  // Known, but what differs is not.
+  put("a", uri, "33061a00ffff", "01001000000000000000000000fe");
+  put("b", uri, "33061a00ffff", "02001000000000000000000000fe");
+  EXPECT_FALSE(change().contains("fields"));
+  EXPECT_NE(run({"diff", "a", "b"})
+                .out.find(" 01001000000000000000000000fe -> 02001000000000000000000000fe\n"),
+            std::string::npos);
+}
+
+TEST_F(diff_of_states, stores_of_one_side_come_with_their_records) {
+  put("a", "volatile:/zz", "01", "02");
+  const nlohmann::json changes = diff(2)["changes"];
+  EXPECT_EQ(changes, parsed(R"j([
+      {"change": "removed", "kind": "store", "name": "volatile:/zz", "a": {"max_key_size": 4096,
+       "max_node_keys": 0, "max_value_size": 1048576, "version": 1}},
+      {"change": "removed", "kind": "store", "name": "volatile:/zz", "key": "01",
+       "a": {"value": "02"}}])j"));
+  nlohmann::json turned = run({"diff", "b", "a", "--format", "json"}).json()["changes"];
+  ASSERT_EQ(turned.size(), 2u);
+  EXPECT_EQ(turned[1], parsed(R"j({"change": "added", "kind": "store", "name": "volatile:/zz",
+                                  "key": "01", "b": {"value": "02"}})j"));
+}
+
+TEST_F(diff_of_states, files_links_and_access_points) {
+  write("a/current/etc/x", "one");
+  write("b/current/etc/x", "two");
+  fs::permissions(path("a/current/etc/x"), fs::perms(0600));
+  fs::permissions(path("b/current/etc/x"), fs::perms(0644));
+  fs::create_symlink("/x", path("a/current/etc/y"));
+  fs::create_symlink("/z", path("b/current/etc/y"));
+  write("b/current/var/run/mts/sap-9999", "lab\n\n");
+  // The journal of the conversions' side and folders do not count.
+  write("a/current/mnt/pss/data_morph.log", "line");
+  write("b/current/mnt/pss/data_morph.last", "line");
+  write("b/current/tmp/datamorphcheck", "");
+  fs::create_directories(path("b/current/tmp/empty"));
+
+  nlohmann::json changes = diff(2)["changes"];
+  ASSERT_EQ(changes.size(), 3u) << changes.dump(1);
+  EXPECT_NE(changes[0]["fields"]["xxh3"]["a"], changes[0]["fields"]["xxh3"]["b"]);
+  changes[0]["fields"].erase("xxh3");
+  EXPECT_EQ(changes[0]["name"], "/etc/x");
+  EXPECT_EQ(changes[0]["fields"], parsed(R"j({"mode": {"a": "0600", "b": "0644"}})j"));
+  EXPECT_EQ(changes[1]["fields"], parsed(R"j({"target": {"a": "/x", "b": "/z"}})j"));
+  EXPECT_EQ(changes[2], parsed(R"j({"change": "added", "kind": "access point", "name": "9999",
+                                   "b": {"owner": "lab"}})j"));
+}
+
+TEST_F(diff_of_states, flat_files_by_record_and_the_release) {
+  ASSERT_EQ(run({"convert", "b", "--to", "4.2(1)"}).status, 0);
+  const result done = run({"diff", "b/previous", "b", "--format", "json"});
+  EXPECT_EQ(done.status, 2) << done.err;
+  const nlohmann::json changes = done.json()["changes"];
+
+  ASSERT_FALSE(changes.empty());
+  EXPECT_EQ(changes[0]["kind"], "switch");
+  EXPECT_EQ(changes[0]["fields"], parsed(R"j({"release": {"a": "4.1(5)", "b": "4.2(1)"
+}
+})j"));
+  size_t flat = 0;
+  for (const nlohmann::json &one : changes) {
+    if (one["name"] == "/cfg/0/globalpss_table.snp" && one.contains("key")) {
+      ++flat;
+      EXPECT_EQ(one["b"]["decoded"]["database"], "/cfg/0/svi_gldb");
+    }
+  }
+  EXPECT_EQ(flat, 1u);
+  EXPECT_EQ(run({"diff", "a/current", "b/previous"}).status, 0);
+  // A flat file that was cut is a file of other bytes, not one with fewer records.
+  fs::copy(path("b"), path("c"), fs::copy_options::recursive);
+  fs::resize_file(path("c/current/cfg/0/globalpss_table.snp"), 30);
+  const nlohmann::json cut = run({"diff", "b", "c", "--format", "json"}).json()["changes"];
+  ASSERT_EQ(cut.size(), 1u) << cut.dump(1);
+  EXPECT_EQ(cut[0]["fields"]["type"], parsed(R"j({"a": "flat file", "b": "file"})j"));
+}
+
+TEST_F(diff_of_states, what_cannot_be_read_is_told_and_not_guessed) {
+  write("b/current/cfg/0/kps_saved_config.pss", "garbage");
+  const nlohmann::json told = diff(3);
+  ASSERT_EQ(told["changes"].size(), 1u) << told.dump(1);
+  EXPECT_EQ(told["changes"][0]["change"], "unreadable");
+  EXPECT_EQ(told["changes"][0]["name"], kps);
+  EXPECT_TRUE(told["changes"][0]["b"].contains("trouble"));
+  EXPECT_FALSE(told["changes"][0].contains("a"));
+  EXPECT_EQ(told["summary"]["unreadable"], 1);
+  EXPECT_EQ(told["summary"]["same"], false);
+  const nlohmann::json turned = run({"diff", "b", "a", "--format", "json"}).json()["changes"];
+  ASSERT_EQ(turned.size(), 1u);
+  EXPECT_TRUE(turned[0]["a"].contains("trouble"));
+  // Nobody can tell whether two damaged ones are the same.
+  EXPECT_EQ(run({"diff", "b", "b"}).status, 3);
+}
+
+TEST_F(diff_of_states, a_store_that_ends_in_damage_loses_no_records_to_it) {
+  const std::string value(60, '7');
+  for (const char *name : {"a", "b"}) {
+    for (const char *key : {"01", "02", "03"}) {
+      put(name, "nonvolatile:/damaged", key, key == std::string("02") ? value : "00");
+    }
+  }
+  put("a", "nonvolatile:/damaged", "0001", "00");
+  const std::string file = "b/current/damaged.pss";
+  std::string bytes = read(file);
+  const size_t at = bytes.find(std::string(30, '\x77'));
+  ASSERT_NE(at, std::string::npos);
+  bytes[at] = 0;
+  write(file, bytes);
+
+  // What stands before the damage is compared, what comes behind it is no removed record.
+  const nlohmann::json changes = diff(3)["changes"];
+  ASSERT_GE(changes.size(), 1u);
+  EXPECT_EQ(changes.back()["change"], "unreadable") << changes.dump(1);
+  for (const nlohmann::json &one : changes) {
+    EXPECT_TRUE(one["change"] == "unreadable" || one["key"] == "0001") << one;
+  }
+  const nlohmann::json turned = run({"diff", "b", "a", "--format", "json"}).json()["changes"];
+  for (const nlohmann::json &one : turned) {
+    EXPECT_TRUE(one["change"] == "unreadable" || one["key"] == "0001") << one;
+  }
+}
+
+TEST_F(diff_of_states, side_that_cannot_be_entered) {
+  in_child = [] { deny_system_calls({SYS_chroot, SYS_unshare}, EPERM); };
+  const result done = run({"diff", "a", "b"});
+  EXPECT_EQ(done.status, 3);
+  EXPECT_NE(done.err.find("no rights to work inside the switch"), std::string::npos) << done.err;
+  EXPECT_EQ(std::count(done.err.begin(), done.err.end(), '\n'), 1) << done.err;
+}
+
+TEST_F(diff_of_states, two_named_stores) {
+  put("a", "volatile:/x/dot1x", "01", "01");
+  put("b", "nonvolatile:/y/dot1x", "01", "02");
+  const words named = {"diff", "a:volatile:/x/dot1x", "b:nonvolatile:/y/dot1x", "--format", "json"};
+  const result done = run(named);
+  EXPECT_EQ(done.status, 2) << done.err;
+  EXPECT_EQ(done.json()["a"],
+            parsed(R"j({"path": "a", "release": "4.1(5)", "uri": "volatile:/x/dot1x"
+})j"));
+  EXPECT_EQ(done.json()["changes"],
+            parsed(R"j([{"change": "changed", "kind": "store", "name": "volatile:/x/dot1x",
+                        "key": "01", "a": {"value": "01"}, "b": {"value": "02"}}])j"));
+  put("b", "nonvolatile:/y/dot1x", "01", "01");
+  EXPECT_EQ(run(named).status, 0);
+}
+
+TEST_F(diff_of_states, a_table_shows_twenty_changes_of_a_store) {
+  std::string records;
+  for (int at = 10; at < 35; ++at) {
+    records += (at == 10 ? "" : ",") + std::string(R"({"key": ")") + std::to_string(at) +
+               R"(", "value": "00"})";
+  }
+  const result loaded = run({"store", "import", "b", "--merge"},
+                            R"({"stores": [{"uri": "nonvolatile:/cfg/0/kps_saved_config",
+                                            "records": [)" +
+                                records + "]}]}");
+  ASSERT_EQ(loaded.status, 0) << loaded.err;
+
+  const std::string out = run({"diff", "a", "b"}).out;
+
+  EXPECT_NE(out.find("\nadded  29  00\n5 more\n\ndifferent: "), std::string::npos) << out;
+  EXPECT_EQ(out.find("added  30 "), std::string::npos);
+  EXPECT_NE(out.find("records: 25 added, 0 removed, 0 changed, 25 undecoded;"), std::string::npos);
+  EXPECT_EQ(diff(2)["changes"].size(), 25u);
+}
+
+TEST_F(diff_of_states, expected_ones) {
+  put("b", kps, "01", "00");
+  put("b", kps, "02", "00");
+  write("known.json", run({"diff", "a", "b", "--format", "json"}).out);
+  const words expecting = {"diff", "a", "b", "--format", "json", "--expect", "known.json"};
+
+  result done = run(expecting);
+  EXPECT_EQ(done.status, 0) << done.err;
+  EXPECT_EQ(done.json()["changes"], nlohmann::json::array());
+  EXPECT_EQ(done.json()["summary"]["expected"], 2);
+  EXPECT_EQ(done.json()["summary"]["same"], false);
+  EXPECT_EQ(done.json()["summary"]["as_expected"], true);
+  EXPECT_NE(run({"diff", "a", "b", "--expect", "known.json"}).out.find("\nas expected: "),
+            std::string::npos);
+  put("b", kps, "02", "01"); // another one instead
+  done = run(expecting);
+  EXPECT_EQ(done.status, 2);
+  ASSERT_EQ(done.json()["changes"].size(), 1u);
+  EXPECT_EQ(done.json()["changes"][0]["b"]["value"], "01");
+  ASSERT_EQ(done.json()["missing"].size(), 1u);
+  EXPECT_EQ(done.json()["missing"][0]["b"]["value"], "00");
+  ASSERT_EQ(run({"store", "delete", "b", kps, "02"}).status, 0);
+  done = run({"diff", "a", "b", "--expect", "known.json"});
+  EXPECT_EQ(done.status, 2);
+  EXPECT_NE(done.out.find("\nexpected and missing\n"), std::string::npos) << done.out;
+
+  for (const char *wrong : {"", "[]", "{}", R"({"changes": 1})"}) {
+    write("known.json", wrong);
+    EXPECT_EQ(run(expecting).status, 3) << wrong;
+  }
+  EXPECT_EQ(run({"diff", "a", "b", "--expect", "nothing"}).status, 3);
+}
+
+TEST_F(diff_of_states, refused) {
+  fs::create_directories(path("empty"));
+  write("broken/switch.json", "{}");
+  for (const char *other :
+       {"none", "empty", "broken", "none:volatile:/x", "a:volatile:/no", "a:volatile:/../x"}) {
+    const bool store = std::string(other).find(':') != std::string::npos;
+    const std::string good = store ? std::string("a:") + kps : "a";
+    EXPECT_EQ(run({"diff", good, other}).status, 3) << other;
+    const result turned = run({"diff", other, good});
+    EXPECT_EQ(turned.status, 3) << other;
+    EXPECT_EQ(std::count(turned.err.begin(), turned.err.end(), '\n'), 1) << turned.err;
+  }
+  EXPECT_EQ(run({"diff", "a", std::string("a:") + kps}).status, 64);
+  EXPECT_EQ(run({"diff", "a"}).status, 64);
+}
+
+TEST_F(diff_of_states, nothing_is_written) {
+  put("b", kps, "01", "00");
+  ASSERT_EQ(run({"convert", "b", "--to", "4.2(1)"}).status, 0);
+  const files a = state("a");
+  const files b = state("b");
+  EXPECT_EQ(run({"diff", "a", "b"}).status, 2);
+  EXPECT_EQ(run({"diff", "b/previous", "b"}).status, 2);
+  EXPECT_EQ(state("a"), a);
+  EXPECT_EQ(state("b"), b);
+  expect_tidy("b");
+  if (geteuid() != 0) {
+    return; // mounting is root's
+  }
+  ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+  ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  for (const char *name : {"a", "b"}) {
+    const std::string at = path(name);
+    ASSERT_EQ(mount(at.c_str(), at.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount(nullptr, at.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  }
+  const result done = run({"diff", "a", "b"});
+  EXPECT_EQ(done.status, 2) << done.err;
+  EXPECT_NE(done.out.find("\ndifferent: "), std::string::npos);
+  EXPECT_NE(done.out.find("0 unreadable;"), std::string::npos) << done.out;
+  for (const char *name : {"a", "b"}) {
+    umount2(path(name).c_str(), MNT_DETACH);
+  }
+}
+
+} // namespace

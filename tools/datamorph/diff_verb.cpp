@@ -1,0 +1,322 @@
+// diff: two states side by side.
+#include "verbs.h"
+
+#include <array>
+#include <memory>
+#include <set>
+
+#include <fcntl.h>
+
+#include "failure.h"
+#include "state_diff.h"
+#include "store_access.h"
+#include "strict_json.h"
+#include "switch_dir.h"
+#include "text.h"
+#include "tree.h"
+
+namespace {
+
+constexpr size_t largest_document = size_t(1) << 30;
+constexpr size_t largest_switch_file = 1 << 20;
+constexpr size_t shown_of_each = 20; // changes of one thing, in a table
+
+// ---- What is compared --------------------------------------------------------------------------
+
+// A state that was named, with the lock of the switch that it belongs to.
+struct operand {
+  std::string path;
+  std::unique_ptr<switch_dir> owner; // null: a state folder that lies in no switch
+  unique_fd folder;                  // of the state, when it is not the owner's current one
+  switch_state state;
+  std::string uri;
+
+  int root() const { return folder.is_open() ? folder.get() : owner->current(); }
+};
+
+bool has_switch_file(const std::string &folder) {
+  return tree::exists(AT_FDCWD, folder + "/" + switch_file);
+}
+
+void open_state_folder(operand *found) {
+  // previous/ goes with the next conversion.
+  if (has_switch_file(found->path + "/../current")) {
+    found->owner = std::make_unique<switch_dir>(found->path + "/..", switch_dir::access::read);
+  }
+  found->folder.reset(open(found->path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  try {
+    const std::string text = tree::read_file(found->folder.get(), switch_file, largest_switch_file);
+    found->state = switch_state::from_json(nlohmann::json::parse(text, nullptr, false));
+  } catch (const failure &error) {
+    throw failure(error.status(), in_quotes(found->path) + ": " + error.what());
+  }
+}
+
+// DIR, a state's folder, or one of them with ":URI" behind it.
+operand open_operand(const std::string &text) {
+  operand found;
+  const size_t uri = std::min(text.find(":nonvolatile:"), text.find(":volatile:"));
+  found.path = text.substr(0, uri);
+  found.uri = uri == std::string::npos ? "" : text.substr(uri + 1);
+  if (has_switch_file(found.path) && !has_switch_file(found.path + "/current")) {
+    open_state_folder(&found);
+  } else {
+    found.owner = std::make_unique<switch_dir>(found.path, switch_dir::access::read);
+    found.state = found.owner->state();
+  }
+  return found;
+}
+
+nlohmann::json operand_json(const operand &side) {
+  nlohmann::json document = {{"path", side.path}, {"release", side.state.release}};
+  if (!side.uri.empty()) {
+    document["uri"] = shown_uri(side.uri);
+  }
+  return document;
+}
+
+std::string operand_text(const operand &side) {
+  return to_text(side.path + (side.uri.empty() ? "" : ":" + side.uri)) + " at " +
+         side.state.release;
+}
+
+// ---- What is known -----------------------------------------------------------------------------
+
+class known_changes {
+public:
+  explicit known_changes(const std::string &file) {
+    if (file.empty()) {
+      return;
+    }
+    const nlohmann::json document =
+        parse_json(tree::read_file(AT_FDCWD, file, largest_document), file);
+    if (!document.is_object() || !document.value("changes", nlohmann::json()).is_array()) {
+      throw failure(exit_refused, in_quotes(file) + ": no list \"changes\", as 'datamorph diff "
+                                                    "--format json' writes it");
+    }
+    for (const nlohmann::json &change : document["changes"]) {
+      known_.insert(change.dump());
+    }
+  }
+  // Whether it was one, which it is once.
+  bool take(const state_change &change) {
+    if (known_.empty()) {
+      return false;
+    }
+    const auto found = known_.find(output::json_text(change.to_json(), -1));
+    const bool is_known = found != known_.end();
+    if (is_known) {
+      known_.erase(found);
+    }
+    return is_known;
+  }
+  const std::multiset<std::string> &missing() const { return known_; }
+
+private:
+  std::multiset<std::string> known_;
+};
+
+// ---- Counting ----------------------------------------------------------------------------------
+
+using what = state_change::what;
+
+struct summary {
+  std::array<size_t, 3> things = {}; // added, removed, changed
+  std::array<size_t, 3> records = {};
+  size_t unreadable = 0;
+  size_t undecoded = 0;
+  size_t expected = 0;
+  size_t missing = 0;
+
+  void count(const state_change &change) {
+    if (change.how == what::unreadable) {
+      ++unreadable;
+      return;
+    }
+    ++(change.key ? records : things)[static_cast<size_t>(change.how)];
+    undecoded += change.undecoded() ? 1 : 0;
+  }
+  // Nothing is left to tell of.
+  bool settled() const {
+    return things == std::array<size_t, 3>{} && records == std::array<size_t, 3>{} &&
+           unreadable == 0 && missing == 0;
+  }
+  int status() const {
+    return unreadable > 0 ? exit_refused : settled() ? exit_done : exit_different;
+  }
+  nlohmann::json to_json() const {
+    const auto counts = [](const std::array<size_t, 3> &of) {
+      return nlohmann::json({{"added", of[0]}, {"removed", of[1]}, {"changed", of[2]}});
+    };
+    return {{"same", settled() && expected == 0},
+            {"as_expected", settled()},
+            {"things", counts(things)},
+            {"records", counts(records)},
+            {"unreadable", unreadable},
+            {"undecoded", undecoded},
+            {"expected", expected},
+            {"missing", missing}};
+  }
+  std::string to_text() const {
+    const auto counts = [](const std::array<size_t, 3> &of) {
+      return std::to_string(of[0]) + " added, " + std::to_string(of[1]) + " removed, " +
+             std::to_string(of[2]) + " changed";
+    };
+    return std::string(!settled()      ? "different"
+                       : expected == 0 ? "same"
+                                       : "as expected") +
+           ": stores, files and the like: " + counts(things) + "; records: " + counts(records) +
+           ", " + std::to_string(undecoded) + " undecoded; " + std::to_string(unreadable) +
+           " unreadable; " + std::to_string(expected) + " as expected, " + std::to_string(missing) +
+           " expected and missing\n";
+  }
+};
+static_assert(static_cast<size_t>(what::added) == 0 && static_cast<size_t>(what::removed) == 1 &&
+              static_cast<size_t>(what::changed) == 2);
+
+// ---- JSON --------------------------------------------------------------------------------------
+
+// Written change by change, so that nothing has to be held.
+class json_writer {
+public:
+  json_writer(const operand &a, const operand &b) {
+    output::text("{\n \"a\": " + output::json_text(operand_json(a), -1) +
+                 ",\n \"b\": " + output::json_text(operand_json(b), -1) + ",\n \"changes\": [");
+  }
+  void take(const state_change &change) {
+    output::text(std::string(written_++ == 0 ? "\n  " : ",\n  ") +
+                 output::json_text(change.to_json(), -1));
+  }
+  void end(const known_changes &known, const summary &counts) {
+    output::text(std::string(written_ == 0 ? "]" : "\n ]") + ",\n \"missing\": [");
+    const char *between = "\n  ";
+    for (const std::string &change : known.missing()) {
+      output::text(between + change);
+      between = ",\n  ";
+    }
+    output::text(std::string(known.missing().empty() ? "]" : "\n ]") +
+                 ",\n \"summary\": " + output::json_text(counts.to_json(), -1) + "\n}\n");
+  }
+
+private:
+  size_t written_ = 0;
+};
+
+// ---- A table -----------------------------------------------------------------------------------
+
+// What a value that stands alone is.
+std::string value_text(const state_change &change, const side_value &side) {
+  if (side.decoded) {
+    return side.decoded->to_text() + (side.decoded->damaged ? ", " + side.value : "");
+  }
+  if (change.key) {
+    return side.value;
+  }
+  std::string text;
+  for (const decoded_field &fact : *side.facts) {
+    append_word(text, fact.text, ", ");
+  }
+  return text;
+}
+
+std::string meaning_of(const state_change &change) {
+  if (change.how == what::unreadable) {
+    const side_value &side = change.a ? *change.a : *change.b;
+    return std::string(change.a ? "A: " : "B: ") + to_text(side.trouble);
+  }
+  if (change.how != what::changed) {
+    return value_text(change, change.a ? *change.a : *change.b);
+  }
+  std::string text;
+  for (const field_change &field : change.fields()) {
+    append_word(text, field.text, ", ");
+  }
+  if (text.empty() || change.undecoded()) {
+    append_word(text, change.a->value + " -> " + change.b->value, ", ");
+  }
+  return text;
+}
+
+// One table per thing, written when its last change has come.
+class table_writer {
+public:
+  table_writer(const operand &a, const operand &b) {
+    output::text("A: " + operand_text(a) + "\nB: " + operand_text(b) + "\n");
+  }
+  void take(const state_change &change) {
+    if (change.kind != kind_ || change.name != name_) {
+      end_thing();
+      kind_ = change.kind;
+      name_ = change.name;
+    }
+    if (rows_.size() == shown_of_each) {
+      ++more_;
+      return;
+    }
+    const bool bad = change.how == what::unreadable;
+    rows_.push_back({bad ? output::cell::bad(change.word()) : output::cell(change.word()),
+                     change.key ? *change.key : "-", meaning_of(change)});
+  }
+  void end(const known_changes &known, const summary &counts) {
+    end_thing();
+    size_t listed = 0;
+    for (const std::string &change : known.missing()) {
+      if (listed++ == shown_of_each) {
+        output::text("\n" + std::to_string(counts.missing - shown_of_each) + " more");
+        break;
+      }
+      output::text((listed == 1 ? "\nexpected and missing\n" : "\n") + to_text(change));
+    }
+    output::text((counts.settled() ? "" : counts.missing > 0 ? "\n\n" : "\n") + counts.to_text());
+  }
+
+private:
+  void end_thing() {
+    if (rows_.empty()) {
+      return;
+    }
+    output::text("\n" + kind_ + " " + to_text(name_) + "\n");
+    output::table({{"CHANGE"}, {"KEY"}, {"WHAT"}}, rows_);
+    if (more_ > 0) {
+      output::text(std::to_string(more_) + " more\n");
+    }
+    rows_.clear();
+    more_ = 0;
+  }
+
+  std::string kind_;
+  std::string name_;
+  std::vector<std::vector<output::cell>> rows_;
+  size_t more_ = 0;
+};
+
+template <typename writer_t>
+int write_diff(const operand &a, const operand &b, known_changes *known) {
+  writer_t writer(a, b);
+  summary counts;
+  diff_states({a.path, a.root(), a.uri}, {b.path, b.root(), b.uri},
+              [&](const state_change &change) {
+                if (known->take(change)) {
+                  ++counts.expected;
+                  return;
+                }
+                counts.count(change);
+                writer.take(change);
+              });
+  counts.missing = known->missing().size();
+  writer.end(*known, counts);
+  return counts.status();
+}
+
+} // namespace
+
+int diff(const common_options &common, const diff_options &options) {
+  known_changes known(options.expect);
+  const operand a = open_operand(options.a);
+  const operand b = open_operand(options.b);
+  if (a.uri.empty() != b.uri.empty()) {
+    throw failure(exit_usage, "diff wants two states or two stores, not one of each");
+  }
+  return common.format == output::format::json ? write_diff<json_writer>(a, b, &known)
+                                               : write_diff<table_writer>(a, b, &known);
+}

@@ -1,0 +1,637 @@
+#include "state_diff.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "child_process.h"
+#include "failure.h"
+#include "jail.h"
+#include "lab/checksum.h"
+#include "lab/lab.h"
+#include "store_access.h"
+#include "switch_state.h"
+#include "text.h"
+#include "tree.h"
+#include "unique_fd.h"
+
+namespace {
+
+// In the order in which a side tells of them.
+constexpr const char *kinds[] = {"switch", "store", "file", "access point"};
+enum kind : size_t { switch_kind, store_kind, file_kind, point_kind };
+
+constexpr size_t largest_switch_file = 1 << 20;
+
+// ---- In a side's root: what there is, as messages ----------------------------------------------
+//
+// "kind", "name" (hex) and "facts" begin a thing; "key" and "value" (hex) are a record of it, with
+// rising keys; "trouble" says that there is more of it which cannot be read.
+
+class teller {
+public:
+  explicit teller(const jail::channel &channel) : channel_(channel) {}
+  void thing(kind which, const std::string &name, const nlohmann::json &facts) const {
+    channel_.send({{"kind", which}, {"name", to_hex(name)}, {"facts", facts}});
+  }
+  void record(std::string_view key, std::string_view value) const {
+    channel_.send({{"key", to_hex(key)}, {"value", to_hex(value)}});
+  }
+  void trouble(const std::string &text) const { channel_.send({{"trouble", text}}); }
+
+private:
+  const jail::channel &channel_;
+};
+
+void tell_switch(const teller &tell) {
+  const std::string text = tree::read_file(AT_FDCWD, switch_file, largest_switch_file);
+  nlohmann::json facts =
+      switch_state::from_json(nlohmann::json::parse(text, nullptr, false)).to_json();
+  facts.erase("generation");
+  tell.thing(switch_kind, switch_file, facts);
+}
+
+void tell_store(const teller &tell, const std::string &uri, const std::string &name) {
+  bool begun = false;
+  try {
+    store_handle store(uri, PSS2_MODE_READ);
+    const pss2_nonvol_params params = store.params();
+    tell.thing(store_kind, name,
+               {{"max_key_size", params.max_key_size},
+                {"max_value_size", params.max_value_size},
+                {"max_node_keys", params.max_node_keys},
+                {"version", params.version}});
+    begun = true;
+    store.for_each([&](std::string_view key, std::string_view value) { tell.record(key, value); });
+    store.close();
+  } catch (const failure &error) {
+    if (!begun) {
+      tell.thing(store_kind, name, nlohmann::json::object());
+    }
+    tell.trouble(error.what());
+  }
+}
+
+// Whether it is a flat file whose keys rise, as those that were written from a store do.
+bool is_ordered_flat_file(const std::string &path) {
+  std::optional<std::string> last;
+  bool rising = true;
+  const syserr_t status = lab::flat_file_read(path, [&](std::string_view key, std::string_view) {
+    rising = rising && (!last || *last < key);
+    last = key;
+  });
+  return status == SYSERR_SUCCESS && rising;
+}
+
+// The checksum of what is in a file, in hex; empty and errno when it cannot be read.
+std::string sum_of(const std::string &path) {
+  const unique_fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file.is_open()) {
+    return "";
+  }
+  lab::running_sum sum;
+  std::vector<char> buffer(size_t(1) << 16);
+  for (;;) {
+    const ssize_t got = read(file.get(), buffer.data(), buffer.size());
+    if (got < 0 && errno != EINTR) {
+      return "";
+    }
+    if (got == 0) {
+      char text[17];
+      std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(sum.digest()));
+      return text;
+    }
+    sum.add(buffer.data(), got > 0 ? static_cast<size_t>(got) : 0);
+  }
+}
+
+void tell_regular_file(const teller &tell, const std::string &path, nlohmann::json facts,
+                       off_t bytes) {
+  if (is_ordered_flat_file(path)) {
+    facts["type"] = "flat file";
+    tell.thing(file_kind, path, facts);
+    const syserr_t status = lab::flat_file_read(
+        path, [&](std::string_view key, std::string_view value) { tell.record(key, value); });
+    if (status != SYSERR_SUCCESS) {
+      tell.trouble("it changed while it was read");
+    }
+    return;
+  }
+  const std::string sum = sum_of(path);
+  const int error = errno;
+  if (sum.empty()) {
+    tell.thing(file_kind, path, nlohmann::json::object());
+    tell.trouble(error_text(error));
+    return;
+  }
+  facts["type"] = "file";
+  facts["bytes"] = bytes;
+  facts["xxh3"] = sum;
+  tell.thing(file_kind, path, facts);
+}
+
+void tell_file(const teller &tell, const std::string &path) {
+  struct stat about = {};
+  if (lstat(path.c_str(), &about) != 0) {
+    const int error = errno;
+    tell.thing(file_kind, path, nlohmann::json::object());
+    tell.trouble(error_text(error));
+    return;
+  }
+  char mode[8];
+  std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(about.st_mode & 07777));
+  if (S_ISREG(about.st_mode)) {
+    tell_regular_file(tell, path, {{"mode", mode}}, about.st_size);
+    return;
+  }
+  nlohmann::json facts = {{"type", "special file"}, {"mode", mode}};
+  if (S_ISLNK(about.st_mode)) {
+    std::error_code error;
+    facts = {{"type", "link"},
+             {"target", to_text(std::filesystem::read_symlink(path, error).native())}};
+  }
+  tell.thing(file_kind, path, facts);
+  if (S_ISDIR(about.st_mode)) {
+    tell.trouble("the folder cannot be read");
+  }
+}
+
+// What other things stand for, and what a conversion writes about itself.
+std::set<std::string> hidden_files(const std::vector<std::string> &uris) {
+  std::set<std::string> hidden = {std::string("/") + switch_file, "/var/run/mts",
+                                  "/mnt/pss/data_morph.log", "/mnt/pss/data_morph.last",
+                                  "/tmp/datamorphcheck"};
+  for (const std::string &uri : uris) {
+    hidden.insert(lab::store_file(uri));
+    hidden.insert(lab::store_file(uri) + "-journal");
+  }
+  return hidden;
+}
+
+// Every file; a folder that cannot be read too.
+void collect_files(const std::string &folder, const std::set<std::string> &hidden,
+                   std::vector<std::string> *paths) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator at(folder, error), end; !error && at != end;
+       at.increment(error)) {
+    const std::string path = at->path();
+    if (hidden.contains(path)) {
+      continue;
+    }
+    std::error_code unknown;
+    if (!at->is_symlink(unknown) && at->is_directory(unknown)) {
+      collect_files(path, hidden, paths);
+    } else {
+      paths->push_back(path);
+    }
+  }
+  if (error) {
+    paths->push_back(folder);
+  }
+}
+
+void tell_files(const teller &tell, const std::vector<std::string> &uris) {
+  std::vector<std::string> paths;
+  collect_files("/", hidden_files(uris), &paths);
+  std::sort(paths.begin(), paths.end());
+  for (const std::string &path : paths) {
+    tell_file(tell, path);
+  }
+}
+
+void tell_points(const teller &tell) {
+  std::vector<std::pair<std::string, std::string>> points;
+  for (const lab::access_point &point : lab::mts_saps()) {
+    points.emplace_back(std::to_string(point.sap), shown_uri(point.owner));
+  }
+  std::sort(points.begin(), points.end());
+  for (const auto &[number, owner] : points) {
+    tell.thing(point_kind, number, {{"owner", owner}});
+  }
+}
+
+void tell_state(const teller &tell) {
+  tell_switch(tell);
+  std::vector<std::string> uris = lab::store_uris();
+  std::sort(uris.begin(), uris.end());
+  for (const std::string &uri : uris) {
+    tell_store(tell, uri, uri);
+  }
+  tell_files(tell, uris);
+  tell_points(tell);
+}
+
+// `name`: under which one named store meets the other.
+void tell_side(const jail::channel &channel, const std::string &uri, const std::string &name) {
+  const teller tell(channel);
+  if (uri.empty()) {
+    tell_state(tell);
+    return;
+  }
+  store_handle(uri, PSS2_MODE_READ).close(); // one that was asked for has to be there
+  tell_store(tell, uri, name);
+}
+
+void hear_side(const state_side &side, const std::string &name,
+               std::function<void(const nlohmann::json &)> take) {
+  jail::request request;
+  request.root = side.root;
+  request.body = [&](const jail::channel &channel) { tell_side(channel, side.uri, name); };
+  request.on_message = std::move(take);
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    throw failure(exit_failed, "looking into the state " + outcome.text());
+  }
+}
+
+// ---- The side that is asked for its next message -----------------------------------------------
+
+// Heard by a process of its own, which waits while nobody takes its messages.
+class asked_side {
+public:
+  asked_side(const state_side &side, const std::string &name) : label_(side.label) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+      throw failure(exit_failed, "cannot open a pipe: " + error_text(errno));
+    }
+    in_ = fdopen(ends[0], "r");
+    const unique_fd writing(ends[1]);
+    std::fflush(nullptr);
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ < 0) {
+      throw failure(exit_failed, "cannot start a process: " + error_text(errno));
+    }
+    if (pid_ == 0) {
+      live(side, name, writing.get(), parent);
+    }
+  }
+  ~asked_side() {
+    kill(pid_, SIGTERM);
+    if (in_ != nullptr) {
+      std::fclose(in_);
+    }
+    std::free(line_);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+  asked_side(const asked_side &) = delete;
+  asked_side &operator=(const asked_side &) = delete;
+
+  // Null at the end, and before the first advance().
+  const nlohmann::json &next() const { return next_; }
+  void advance() {
+    const ssize_t got = in_ == nullptr ? -1 : getline(&line_, &room_, in_);
+    next_ = got <= 0 ? nlohmann::json() : nlohmann::json::parse(line_, line_ + got, nullptr, false);
+    if (!next_.is_object()) {
+      throw failure(exit_failed, in_quotes(label_) + ": looking into the state ended early");
+    }
+    if (next_.contains("failure")) {
+      throw failure(next_["failure"].get<int>(),
+                    in_quotes(label_) + ": " + next_["message"].get<std::string>());
+    }
+    if (next_.contains("end")) {
+      next_ = nullptr;
+    }
+  }
+
+private:
+  [[noreturn]] static void live(const state_side &side, const std::string &name, int to,
+                                pid_t parent) {
+    start_child(parent, SIGKILL);
+    const jail::channel channel(to);
+    try {
+      hear_side(side, name, [&](const nlohmann::json &message) { channel.send(message); });
+      channel.send({{"end", true}});
+    } catch (const failure &error) {
+      channel.send({{"failure", error.status()}, {"message", error.what()}});
+    } catch (const std::exception &error) {
+      channel.send({{"failure", int(exit_failed)}, {"message", error.what()}});
+    }
+    _exit(exit_done);
+  }
+
+  std::string label_;
+  pid_t pid_ = -1;
+  FILE *in_ = nullptr;
+  char *line_ = nullptr;
+  size_t room_ = 0;
+  nlohmann::json next_;
+};
+
+// ---- Merging -----------------------------------------------------------------------------------
+
+using what = state_change::what;
+
+// Takes the messages of A as they come, and those of B where they belong.
+class merger {
+public:
+  merger(const state_side &a, const state_side &b, asked_side *asked,
+         const std::function<void(const state_change &)> &take)
+      : uri_a_(a.uri), uri_b_(b.uri), b_(*asked), take_(take) {}
+
+  void hear(const nlohmann::json &message) {
+    if (message.contains("kind")) {
+      end_thing();
+      begin_thing(message);
+    } else if (message.contains("trouble")) {
+      unreadable(message, true);
+    } else if (compared_) {
+      hear_record(message);
+    }
+  }
+  void end() {
+    end_thing();
+    while (!b_.next().is_null()) {
+      only_in_b();
+    }
+  }
+
+private:
+  // Things in the order in which they come.
+  static bool before(const nlohmann::json &one, const nlohmann::json &other) {
+    return one["kind"] != other["kind"] ? one["kind"] < other["kind"] : one["name"] < other["name"];
+  }
+  bool b_in_thing() const { return !b_.next().is_null() && !b_.next().contains("kind"); }
+
+  void begin_thing(const nlohmann::json &thing) {
+    while (!b_.next().is_null() && before(b_.next(), thing)) {
+      only_in_b();
+    }
+    set_thing(thing);
+    both_ = !b_.next().is_null() && !before(thing, b_.next());
+    if (!both_) {
+      give_thing(what::removed, &thing["facts"], nullptr);
+      return;
+    }
+    const nlohmann::json facts = b_.next()["facts"];
+    b_.advance();
+    compare_facts(thing["facts"], facts);
+  }
+
+  void compare_facts(const nlohmann::json &a, const nlohmann::json &b) {
+    compared_ = a.value("type", "") == b.value("type", "");
+    // Without facts it could not be opened, which is told next.
+    if (a != b && !a.empty() && !b.empty()) {
+      give_thing(what::changed, &a, &b);
+    }
+  }
+
+  void end_thing() {
+    while (both_ && b_in_thing()) {
+      hear_b();
+    }
+    both_ = false;
+  }
+
+  void only_in_b() {
+    set_thing(b_.next());
+    give_thing(what::added, nullptr, &b_.next()["facts"]);
+    b_.advance();
+    while (b_in_thing()) {
+      hear_b();
+    }
+  }
+
+  // What B has more of the thing.
+  void hear_b() {
+    if (b_.next().contains("trouble")) {
+      unreadable(b_.next(), false);
+    } else if (compared_) {
+      give_record(what::added, nullptr, &b_.next());
+    }
+    b_.advance();
+  }
+
+  void hear_record(const nlohmann::json &record) {
+    while (both_ && compared_ && b_in_thing() &&
+           (b_.next().contains("trouble") || b_.next()["key"] < record["key"])) {
+      hear_b();
+    }
+    if (!compared_) {
+      return;
+    }
+    if (!both_ || !b_in_thing() || b_.next()["key"] != record["key"]) {
+      give_record(what::removed, &record, nullptr);
+      return;
+    }
+    if (b_.next()["value"] != record["value"]) {
+      give_record(what::changed, &record, &b_.next());
+    }
+    b_.advance();
+  }
+
+  // What follows would look as if it were not there on the side that cannot be read.
+  void unreadable(const nlohmann::json &message, bool of_a) {
+    state_change change = named(what::unreadable);
+    (of_a ? change.a : change.b).emplace().trouble = message["trouble"].get<std::string>();
+    take_(change);
+    compared_ = false;
+  }
+
+  void set_thing(const nlohmann::json &thing) {
+    kind_ = kinds[thing["kind"].get<size_t>()];
+    name_ = from_hex(thing["name"].get<std::string>()).value_or("");
+    compared_ = true;
+  }
+
+  state_change named(what how) const {
+    state_change change;
+    change.how = how;
+    change.kind = kind_;
+    change.name = name_;
+    return change;
+  }
+
+  static std::vector<decoded_field> facts_of(const nlohmann::json &facts) {
+    std::vector<decoded_field> fields;
+    for (const auto &[name, value] : facts.items()) {
+      std::string text = name;
+      append_word(text, to_text(value.is_string() ? value.get<std::string>() : value.dump()));
+      fields.push_back({name, value, text});
+    }
+    return fields;
+  }
+
+  void give_thing(what how, const nlohmann::json *a, const nlohmann::json *b) {
+    state_change change = named(how);
+    if (a != nullptr) {
+      change.a.emplace().facts = facts_of(*a);
+    }
+    if (b != nullptr) {
+      change.b.emplace().facts = facts_of(*b);
+    }
+    take_(change);
+  }
+
+  static side_value value_of(const std::string &uri, const nlohmann::json &record) {
+    side_value side;
+    side.value = record["value"].get<std::string>();
+    side.decoded = decode_record(uri, from_hex(record["key"].get<std::string>()).value_or(""),
+                                 from_hex(side.value).value_or(""));
+    return side;
+  }
+
+  void give_record(what how, const nlohmann::json *a, const nlohmann::json *b) {
+    state_change change = named(how);
+    if (a != nullptr) {
+      change.key = (*a)["key"].get<std::string>();
+      change.a = value_of(uri_a_.empty() ? name_ : uri_a_, *a);
+    }
+    if (b != nullptr) {
+      change.key = (*b)["key"].get<std::string>();
+      change.b = value_of(uri_b_.empty() ? name_ : uri_b_, *b);
+    }
+    take_(change);
+  }
+
+  std::string uri_a_;
+  std::string uri_b_;
+  asked_side &b_;
+  const std::function<void(const state_change &)> &take_;
+  const char *kind_ = "";
+  std::string name_;
+  bool both_ = false;     // the thing that A tells of is on both sides
+  bool compared_ = false; // its records are
+};
+
+// ---- Fields ------------------------------------------------------------------------------------
+
+std::vector<decoded_field> fields_of(const side_value &side) {
+  std::vector<decoded_field> fields;
+  if (side.decoded) {
+    fields.push_back({"kind", side.decoded->kind, ""});
+    fields.push_back({"damaged", side.decoded->damaged, side.decoded->damaged ? "damaged" : ""});
+    fields.insert(fields.end(), side.decoded->fields.begin(), side.decoded->fields.end());
+  }
+  if (side.facts) {
+    fields.insert(fields.end(), side.facts->begin(), side.facts->end());
+  }
+  return fields;
+}
+
+const decoded_field *find_field(const std::vector<decoded_field> &fields, const std::string &name) {
+  const auto found = std::find_if(fields.begin(), fields.end(),
+                                  [&](const decoded_field &one) { return one.name == name; });
+  return found == fields.end() ? nullptr : &*found;
+}
+
+std::string field_text(const decoded_field *field) {
+  if (field == nullptr) {
+    return "none";
+  }
+  if (!field->text.empty()) {
+    return field->text;
+  }
+  const nlohmann::json &value = field->value;
+  return field->name + " " + to_text(value.is_string() ? value.get<std::string>() : value.dump());
+}
+
+} // namespace
+
+nlohmann::json side_value::to_json() const {
+  if (!trouble.empty()) {
+    return {{"trouble", trouble}};
+  }
+  nlohmann::json document = nlohmann::json::object();
+  if (facts) {
+    for (const decoded_field &fact : *facts) {
+      document[fact.name] = fact.value;
+    }
+    return document;
+  }
+  document["value"] = value;
+  if (decoded) {
+    document["decoded"] = decoded->to_json();
+  }
+  return document;
+}
+
+const char *state_change::word() const {
+  switch (how) {
+  case what::added:
+    return "added";
+  case what::removed:
+    return "removed";
+  case what::changed:
+    return "changed";
+  case what::unreadable:
+    break;
+  }
+  return "unreadable";
+}
+
+std::vector<field_change> state_change::fields() const {
+  std::vector<field_change> changes;
+  if (how != what::changed) {
+    return changes;
+  }
+  const std::vector<decoded_field> of_a = fields_of(*a);
+  const std::vector<decoded_field> of_b = fields_of(*b);
+  const auto compare = [&](const std::string &field) {
+    const decoded_field *const one = find_field(of_a, field);
+    const decoded_field *const other = find_field(of_b, field);
+    const nlohmann::json before = one == nullptr ? nlohmann::json() : one->value;
+    const nlohmann::json after = other == nullptr ? nlohmann::json() : other->value;
+    if (before != after) {
+      changes.push_back({field, before, after, field_text(one) + " -> " + field_text(other)});
+    }
+  };
+  for (const decoded_field &field : of_a) {
+    compare(field.name);
+  }
+  for (const decoded_field &field : of_b) {
+    if (find_field(of_a, field.name) == nullptr) {
+      compare(field.name);
+    }
+  }
+  return changes;
+}
+
+bool state_change::undecoded() const {
+  const auto unknown = [](const std::optional<side_value> &side) {
+    return side && (!side->decoded || side->decoded->damaged);
+  };
+  return key && (unknown(a) || unknown(b));
+}
+
+nlohmann::json state_change::to_json() const {
+  nlohmann::json document = {{"change", word()}, {"kind", kind}, {"name", shown_uri(name)}};
+  if (key) {
+    document["key"] = *key;
+  }
+  if (a) {
+    document["a"] = a->to_json();
+  }
+  if (b) {
+    document["b"] = b->to_json();
+  }
+  for (const field_change &field : fields()) {
+    document["fields"][field.name] = {{"a", field.a}, {"b", field.b}};
+  }
+  return document;
+}
+
+void diff_states(const state_side &a, const state_side &b,
+                 const std::function<void(const state_change &)> &take) {
+  asked_side asked(b, a.uri);
+  asked.advance();
+  merger merged(a, b, &asked, take);
+  try {
+    hear_side(a, a.uri, [&](const nlohmann::json &message) { merged.hear(message); });
+  } catch (const failure &error) {
+    const std::string message = error.what();
+    const bool placed = message.starts_with(in_quotes(b.label) + ": ");
+    throw failure(error.status(), placed ? message : in_quotes(a.label) + ": " + message);
+  }
+  merged.end();
+}

@@ -1,0 +1,65 @@
+// How two states of switches differ: two processes, each in one of them, walk in the same order,
+// and what they meet is merged. No more is held than one record of each side.
+#ifndef DATAMORPH_STATE_DIFF_H
+#define DATAMORPH_STATE_DIFF_H
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "records.h"
+
+struct state_side {
+  std::string label; // in quotes before what went wrong there
+  int root = -1;     // the state's folder; stays the caller's
+  std::string uri;   // one store; empty for all of the state
+};
+
+// What stands on one side of a change.
+struct side_value {
+  std::optional<std::vector<decoded_field>> facts; // of a thing: its members
+  std::string value;                               // of a record, in hex
+  std::optional<decoded_record> decoded;
+  std::string trouble; // of a thing that cannot be read: why
+
+  nlohmann::json to_json() const;
+};
+
+struct field_change {
+  std::string name;
+  nlohmann::json a; // null where that side does not have it
+  nlohmann::json b;
+  std::string text; // "priority 100 -> priority 120"
+};
+
+// A thing (switch.json, a store, a file, an access point), or a record of a store or a flat file.
+struct state_change {
+  enum class what { added, removed, changed, unreadable };
+
+  what how = what::changed;
+  std::string kind;               // of the thing: "switch", "store", "file", "access point"
+  std::string name;               // its bytes; of two stores that were named, the first one's
+  std::optional<std::string> key; // of a record, in hex
+  std::optional<side_value> a;    // absent when it is not there, or can be read
+  std::optional<side_value> b;
+
+  const char *word() const;
+  // Facts or decoded fields that differ. None for records that only bytes tell apart.
+  std::vector<field_change> fields() const;
+  // Whether one of its values is of no known form, or is damaged.
+  bool undecoded() const;
+  nlohmann::json to_json() const;
+};
+
+// Gives each difference, things by kind and name and the records of each by key, behind their
+// thing. A thing on one side only comes with all of its records. Left out: the conversion logs and
+// their marker, the generation of the state, folders, the times of files. What cannot be read is a
+// change of its own; the rest of that thing is not compared. Both stores of two named ones must be
+// there. Writes nothing. Throws failure: 3 for what a side is, else 1 or 128 and the signal.
+void diff_states(const state_side &a, const state_side &b,
+                 const std::function<void(const state_change &)> &take);
+
+#endif

@@ -61,8 +61,7 @@ private:
   std::vector<record> slots_;   // their memory is used again and again
   std::vector<uint16_t> order_; // slots in key order
   std::vector<uint16_t> free_;
-  mutable size_t near_ =
-      0; // where the last look-up ended: the next one mostly ends there or beside
+  mutable size_t near_ = 0; // where the last look-up ended; the next one mostly ends beside it
 };
 
 } // namespace lab

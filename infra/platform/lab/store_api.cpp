@@ -266,9 +266,7 @@ syserr_t remove_store(const store_path &path, journal_entry *entry) {
       ours.begin(), ours.end(), [](store_handle *handle) { return handle->db().in_transaction(); });
   syserr_t status = SYSERR_SUCCESS;
   if (writer != ours.end()) {
-    status = journal_on() ? (*writer)->flush() : SYSERR_SUCCESS;
-    status =
-        journal_on() && status == SYSERR_SUCCESS ? (*writer)->db().count(&entry->removed) : status;
+    status = journal_on() ? (*writer)->count(&entry->removed) : SYSERR_SUCCESS;
   } else if (found == SYSERR_SUCCESS) {
     status = lock_out_others(path, &guard, entry);
   }

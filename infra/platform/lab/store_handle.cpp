@@ -182,6 +182,11 @@ syserr_t store_handle::flush() {
   return lost == SYSERR_SUCCESS ? erase_doomed() : lost;
 }
 
+syserr_t store_handle::count(uint64_t *records) {
+  const syserr_t status = flush();
+  return status == SYSERR_SUCCESS ? db_.count(records) : status;
+}
+
 syserr_t store_handle::store(std::string_view key, std::string_view value, journal_entry *entry) {
   syserr_t status = usable_for_writing();
   status = status == SYSERR_SUCCESS ? settle() : status; // a snapshot may have brought other limits

@@ -59,8 +59,8 @@ public:
   // cursor's run is thrown away. *began says whether this call began it.
   syserr_t begin_writing_many(bool *began);
   void wrote_many();
-  // Before the store's file or connection is used but through this handle.
-  syserr_t flush();
+  // The records as this handle sees them.
+  syserr_t count(uint64_t *records);
   // After a failed write: the engine may have rolled everything back, and then the handle's earlier
   // writes are lost and nothing more may pass for written.
   syserr_t failed_write(syserr_t status);
@@ -102,6 +102,7 @@ private:
   bool adjoins_doomed(size_t index) const;
   syserr_t doom(size_t index);
   syserr_t erase_doomed();
+  syserr_t flush();
   syserr_t still_there();
   syserr_t taken_back();
   syserr_t failed_read() { return after_read(db_.last_status()); }

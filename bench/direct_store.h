@@ -25,17 +25,22 @@ namespace bench {
 
 class direct {
 public:
-  explicit direct(const char *file) {
-    const int opened = sqlite3_open_v2((std::string("/") + file).c_str(), &db_,
+  explicit direct(const std::string &file) {
+    const int opened = sqlite3_open_v2(file.c_str(), &db_,
                                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
                                            SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE,
                                        nullptr);
     if (opened != SQLITE_OK) {
-      fail(file, static_cast<unsigned long>(opened));
+      fail(file.c_str(), static_cast<unsigned long>(opened));
     }
     run(DIRECT_SETTINGS(""));
   }
-  ~direct() { sqlite3_close(db_); }
+  ~direct() {
+    while (sqlite3_stmt *const left = sqlite3_next_stmt(db_, nullptr)) {
+      sqlite3_finalize(left);
+    }
+    sqlite3_close(db_);
+  }
   direct(const direct &) = delete;
   direct &operator=(const direct &) = delete;
 

@@ -75,7 +75,7 @@ template <typename integer> integer take(const char *&at) {
 
 class filled_store {
 public:
-  explicit filled_store(const char *file) : file_(std::string("/") + file), store_(file) {
+  explicit filled_store(const char *file) : file_(std::string("/") + file), store_(file_) {
     store_.run("PRAGMA synchronous=OFF; BEGIN IMMEDIATE;" DIRECT_MAKE_STORE(""));
     put_ = store_.prepare("INSERT INTO records (key, value, sum) VALUES (?1, ?2, ?3)");
   }

@@ -3,7 +3,6 @@
 // step of a walk costs in stores of different sizes.
 //
 // Works in the folder that BENCH_DIR names (the current one otherwise), which should lie on a disk.
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -13,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "direct_store.h"
 #include "figure.h"
 #include "lab/lab.h"
 
@@ -25,10 +25,7 @@ constexpr double k_size_limit = 1.5; // a step in the largest store / in the sma
 constexpr size_t k_key_size = 10;
 constexpr size_t k_value_size = 75;
 
-[[noreturn]] void fail(const char *what, unsigned long status) {
-  std::fprintf(stderr, "stores_bench: %s: 0x%lx\n", what, status);
-  std::exit(97);
-}
+using bench::fail;
 
 void need(const char *what, syserr_t status) {
   if (status != SYSERR_SUCCESS) {
@@ -141,59 +138,20 @@ void lab_delete(const std::string &uri, const std::vector<record> &records) {
 
 // ---- The floor ---------------------------------------------------------------------------------
 
-class direct {
-public:
-  explicit direct(const std::string &file) {
-    sqlite3_open_v2(file.c_str(), &db_,
-                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-    run("PRAGMA synchronous=EXTRA; PRAGMA temp_store=MEMORY; PRAGMA cache_size=-131072;"
-        "PRAGMA cell_size_check=ON");
-  }
-  ~direct() {
-    sqlite3_finalize(statement_);
-    sqlite3_close(db_);
-  }
-  direct(const direct &) = delete;
-  direct &operator=(const direct &) = delete;
-
-  void run(const char *sql) {
-    if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-      fail(sql, static_cast<unsigned long>(sqlite3_errcode(db_)));
-    }
-  }
-  sqlite3_stmt *prepare(const char *sql) {
-    if (sqlite3_prepare_v2(db_, sql, -1, &statement_, nullptr) != SQLITE_OK) {
-      fail(sql, static_cast<unsigned long>(sqlite3_errcode(db_)));
-    }
-    return statement_;
-  }
-
-private:
-  sqlite3 *db_ = nullptr;
-  sqlite3_stmt *statement_ = nullptr;
-};
-
-void step_once(sqlite3_stmt *statement) {
-  if (sqlite3_step(statement) != SQLITE_DONE) {
-    fail("sqlite3_step", 0);
-  }
-  sqlite3_reset(statement);
-}
-
 void direct_store(const std::string &file, const std::vector<record> &records) {
-  direct db(file);
+  bench::direct db(file);
   db.run("BEGIN IMMEDIATE");
   sqlite3_stmt *const put = db.prepare("INSERT OR REPLACE INTO records VALUES (?1, ?2)");
   for (const record &one : records) {
     sqlite3_bind_blob(put, 1, one.key, k_key_size, SQLITE_STATIC);
     sqlite3_bind_blob(put, 2, one.value, k_value_size, SQLITE_STATIC);
-    step_once(put);
+    bench::step_once(put);
   }
   db.run("COMMIT");
 }
 
 void direct_walk(const std::string &file, unsigned records) {
-  direct db(file);
+  bench::direct db(file);
   sqlite3_stmt *const all = db.prepare("SELECT key, value FROM records ORDER BY key");
   walked seen;
   while (sqlite3_step(all) == SQLITE_ROW) {
@@ -206,12 +164,12 @@ void direct_walk(const std::string &file, unsigned records) {
 }
 
 void direct_delete(const std::string &file, const std::vector<record> &records) {
-  direct db(file);
+  bench::direct db(file);
   db.run("BEGIN IMMEDIATE");
   sqlite3_stmt *const erase = db.prepare("DELETE FROM records WHERE key = ?1");
   for (const record &one : records) {
     sqlite3_bind_blob(erase, 1, one.key, k_key_size, SQLITE_STATIC);
-    step_once(erase);
+    bench::step_once(erase);
   }
   db.run("COMMIT");
 }
@@ -232,7 +190,7 @@ bool compare_phases(const scratch_folder &folder) {
   const std::string uri = folder.uri("lab");
   const std::string file = folder.file("direct");
   need("pss_create", pss_create(uri.c_str()));
-  direct(file).run(
+  bench::direct(file).run(
       "CREATE TABLE records (key BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID");
   std::vector<double> lab[3];
   std::vector<double> floor[3];

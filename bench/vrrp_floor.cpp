@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 #include "direct_store.h"
 #include "lab/checksum.h"
@@ -52,8 +53,8 @@ void convert(direct &from, direct &to, size_t vr_size, const char *select) {
 } // namespace
 
 void floor_up() {
-  direct manager(manager_file);
-  direct engine(engine_file);
+  direct manager(std::string("/") + manager_file);
+  direct engine(std::string("/") + engine_file);
   engine.run("BEGIN IMMEDIATE");
   engine.run(DIRECT_MAKE_STORE(""));
   manager.run("BEGIN IMMEDIATE");
@@ -64,8 +65,8 @@ void floor_up() {
 }
 
 void floor_down() {
-  direct manager(manager_file);
-  direct engine(engine_file);
+  direct manager(std::string("/") + manager_file);
+  direct engine(std::string("/") + engine_file);
   manager.run("BEGIN IMMEDIATE");
   engine.run("BEGIN IMMEDIATE");
   convert(engine, manager, old_vr_size,

@@ -90,7 +90,7 @@ void write_renumbered(sqlite3_stmt *update, read_record *record) {
 
 // Reads the records in order, a run at a time, and updates each. No checksum is verified.
 void floor_rewrite() {
-  bench::direct store("cfg/0/ethpm_runtime_info.pss");
+  bench::direct store("/cfg/0/ethpm_runtime_info.pss");
   store.run("BEGIN IMMEDIATE");
   sqlite3_stmt *const select =
       store.prepare("SELECT key, value FROM records WHERE key > ?1 ORDER BY key");
@@ -111,7 +111,7 @@ void floor_rewrite() {
 
 // One statement for all records of the two subtypes.
 void floor_delete() {
-  bench::direct store("cfg/0/ethpm_runtime_cfg.pss");
+  bench::direct store("/cfg/0/ethpm_runtime_cfg.pss");
   store.run("BEGIN IMMEDIATE");
   sqlite3_stmt *const erase =
       store.prepare("DELETE FROM records WHERE key >= x'6514' AND key < x'6516'");

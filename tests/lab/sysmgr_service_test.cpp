@@ -588,6 +588,13 @@ public:
   manager_process(const manager_process &) = delete;
   manager_process &operator=(const manager_process &) = delete;
   void signal(int which) const { EXPECT_EQ(kill(process_, which), 0); }
+  // Returns when none of its threads runs any more: kill() returns before.
+  void stop() const {
+    signal(SIGSTOP);
+    int status = 0;
+    EXPECT_EQ(waitpid(process_, &status, WUNTRACED), process_);
+    EXPECT_TRUE(WIFSTOPPED(status)) << status;
+  }
   void end() {
     if (process_ != 0) {
       signal(SIGKILL);
@@ -633,7 +640,7 @@ TEST_F(lab_test, a_system_manager_that_hangs_refuses_a_stranger_and_lets_the_tim
   const manager_process manager;
   const mts_q_handle_t queue = lab::mts_queue_open();
   ASSERT_EQ(ask(queue, tag_request(381, 1, "")), "00 00 00 00");
-  manager.signal(SIGSTOP);
+  manager.stop();
 
   EXPECT_EQ(ask(queue, tag_request(381, 1, ""), 2690, 1), "recv: errno 110");
   EXPECT_EQ(ask(lab::mts_queue_open(), tag_request(381, 1, ""), 2690, 1), "send: errno 11");

@@ -10,10 +10,12 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "failure.h"
 #include "lab/lab.h"
+#include "running_routine.h"
 #include "services.h"
 #include "statuses.h"
 #include "tag_tables.h"
@@ -166,6 +168,19 @@ bool converts_vrrp(const conversion_plan &plan) {
   });
 }
 
+// Until the parent has read what the library wrote, so that it knows what belongs to which request.
+// One that reads nothing for so long does not hold the conversion up.
+void drain_trace() {
+  std::fflush(nullptr);
+  int unread = 0;
+  for (int waited = 0; waited < 20000; ++waited) {
+    if (ioctl(STDERR_FILENO, FIONREAD, &unread) != 0 || unread == 0) {
+      return;
+    }
+    usleep(100);
+  }
+}
+
 void sync_state() {
   const unique_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root.is_open() || syncfs(root.get()) != 0) {
@@ -207,23 +222,28 @@ void run_conversion(const jail::channel &channel, const library &library,
   const vrrp_places vrrp_before = vrrp ? vrrp_records_now(plan.state) : vrrp_places();
   running_tags tags = tags_now(plan.state.vdcs);
   lab::journal_start(journal);
+  lab::journal_routine(running_routine::name);
   set_environment(plan, 1);
   library.init(queue);
   for (size_t at = 0; at < plan.requests.size(); ++at) {
     const conversion_request &request = plan.requests[at];
+    drain_trace();
     channel.send({{"start", at}});
     set_environment(plan, request.vdc);
+    running_routine::expect(library, request);
     lab::journal_request(moment_name(request.which), request.vdc, request.service());
     const clock::time_point start = clock::now();
     const syserr_t status = make_request(library, plan, request);
     const std::chrono::duration<double, std::milli> took = clock::now() - start;
     const running_tags tags_before = std::exchange(tags, tags_now(plan.state.vdcs));
+    drain_trace();
     channel.send({{"result", at},
                   {"status", status},
                   {"milliseconds", took.count()},
                   {"tags_gone", tags_gone(tags_before, tags)}});
   }
   stop_system_manager(); // what it enters last is the last request's
+  lab::journal_routine(nullptr);
   lab::journal_request("closing", 0, "");
   size_t left_open = 0;
   const syserr_t closed = lab::close_all_stores(&left_open);

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 
+#include "change_tables.h"
 #include "failure.h"
 #include "state_diff.h"
 #include "store_access.h"
@@ -19,7 +20,6 @@ namespace {
 
 constexpr size_t largest_document = size_t(1) << 30;
 constexpr size_t largest_switch_file = 1 << 20;
-constexpr size_t shown_of_each = 20; // changes of one thing, in a table
 
 // ---- What is compared --------------------------------------------------------------------------
 
@@ -204,65 +204,18 @@ private:
 
 // ---- A table -----------------------------------------------------------------------------------
 
-// What a value that stands alone is.
-std::string value_text(const state_change &change, const side_value &side) {
-  if (side.decoded) {
-    return side.decoded->to_text() + (side.decoded->damaged ? ", " + side.value : "");
-  }
-  if (change.key) {
-    return side.value;
-  }
-  std::string text;
-  for (const decoded_field &fact : *side.facts) {
-    append_word(text, fact.text, ", ");
-  }
-  return text;
-}
-
-std::string meaning_of(const state_change &change) {
-  if (change.how == what::unreadable) {
-    const side_value &side = change.a ? *change.a : *change.b;
-    return std::string(change.a ? "A: " : "B: ") + to_text(side.trouble);
-  }
-  if (change.how != what::changed) {
-    return value_text(change, change.a ? *change.a : *change.b);
-  }
-  std::string text;
-  for (const field_change &field : change.fields()) {
-    append_word(text, field.text, ", ");
-  }
-  if (text.empty() || change.undecoded()) {
-    append_word(text, change.a->value + " -> " + change.b->value, ", ");
-  }
-  return text;
-}
-
-// One table per thing, written when its last change has come.
 class table_writer {
 public:
   table_writer(const operand &a, const operand &b) {
     output::text("A: " + operand_text(a) + "\nB: " + operand_text(b) + "\n");
   }
-  void take(const state_change &change) {
-    if (change.kind != kind_ || change.name != name_) {
-      end_thing();
-      kind_ = change.kind;
-      name_ = change.name;
-    }
-    if (rows_.size() == shown_of_each) {
-      ++more_;
-      return;
-    }
-    const bool bad = change.how == what::unreadable;
-    rows_.push_back({bad ? output::cell::bad(change.word()) : output::cell(change.word()),
-                     change.key ? *change.key : "-", meaning_of(change)});
-  }
+  void take(const state_change &change) { tables_.take(change); }
   void end(const known_changes &known, const summary &counts) {
-    end_thing();
+    tables_.end();
     size_t listed = 0;
     for (const std::string &change : known.missing()) {
-      if (listed++ == shown_of_each) {
-        output::text("\n" + std::to_string(counts.missing - shown_of_each) + " more");
+      if (listed++ == change_tables::shown) {
+        output::text("\n" + std::to_string(counts.missing - change_tables::shown) + " more");
         break;
       }
       output::text((listed == 1 ? "\nexpected and missing\n" : "\n") + to_text(change));
@@ -271,23 +224,7 @@ public:
   }
 
 private:
-  void end_thing() {
-    if (rows_.empty()) {
-      return;
-    }
-    output::text("\n" + kind_ + " " + to_text(name_) + "\n");
-    output::table({{"CHANGE"}, {"KEY"}, {"WHAT"}}, rows_);
-    if (more_ > 0) {
-      output::text(std::to_string(more_) + " more\n");
-    }
-    rows_.clear();
-    more_ = 0;
-  }
-
-  std::string kind_;
-  std::string name_;
-  std::vector<std::vector<output::cell>> rows_;
-  size_t more_ = 0;
+  change_tables tables_{false};
 };
 
 template <typename writer_t>

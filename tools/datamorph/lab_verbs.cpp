@@ -91,7 +91,7 @@ boot_report build(const workshop &shop, const description &wanted) {
   if (!outcome.finished()) {
     throw failure(exit_failed, "building the switch " + outcome.text());
   }
-  tree::replace_file(current.get(), switch_file, wanted.state.to_json().dump(2) + "\n");
+  wanted.state.save(current.get());
   if (syncfs(folder) != 0) {
     throw failure(exit_failed, "cannot sync the switch: " + error_text(errno));
   }

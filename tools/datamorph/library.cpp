@@ -52,7 +52,8 @@ public:
       if (rows.size() == most_rows) {
         throw failure(exit_refused, in_quotes(file_) + ": " + name + " has no end row");
       }
-      rows.push_back({row->uuid, routine_name(reinterpret_cast<void *>(row->fn))});
+      void *const routine = reinterpret_cast<void *>(row->fn);
+      rows.push_back({row->uuid, routine_name(routine), routine});
     }
     return rows;
   }

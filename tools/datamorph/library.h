@@ -12,6 +12,7 @@
 struct table_row {
   uint32 uuid = 0;
   std::string routine; // its name, or its address where it has none
+  const void *address = nullptr;
 };
 
 struct library {

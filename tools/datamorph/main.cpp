@@ -54,6 +54,7 @@ public:
     app_.set_version_flag("--version", std::string("datamorph ") + DATAMORPH_VERSION);
     app_.footer(top_footer);
     add_lab();
+    add_rehearse();
     add_convert();
     add_stores();
     add_diff();
@@ -86,11 +87,13 @@ private:
     sub->add_option("--library", common_.library,
                     "The conversion library (default: DATAMORPH_LIBRARY, beside the program, where "
                     "it was installed)");
-    sub->callback([this, act] {
-      common_.format = format_ == "json" ? output::format::json : output::format::table;
-      chosen_ = act;
-    });
+    sub->callback([this, act] { choose(act); });
     return sub;
+  }
+
+  void choose(const action &act) {
+    common_.format = format_ == "json" ? output::format::json : output::format::table;
+    chosen_ = act;
   }
 
   void add_lab() {
@@ -127,28 +130,72 @@ private:
         "run leaves behind is kept in DIR/runs/NUMBER.",
         [this] { return convert(common_, convert_); });
     sub->add_option("DIR", convert_.dir, dir_help)->required();
-    sub->add_option("--to", convert_.to, "The release to convert to")->required();
-    sub->add_option("--from", convert_.from,
-                    "The release to come from (default: the one that the switch runs)");
-    sub->add_option("--moment", convert_.moments,
-                    "gsync, running-fs or startup; may be repeated (default: all three)")
-        ->check(CLI::IsMember({"gsync", "running-fs", "startup"}))
-        ->allow_extra_args(false);
-    CLI::Option *service = sub->add_option("--service", convert_.services,
+    CLI::Option *to = sub->add_option("--to", convert_.to, "The release to convert to");
+    CLI::Option *plan =
+        sub->add_option("--plan", convert_.plan,
+                        "Do what 'datamorph rehearse --save' has written there, if the switch is "
+                        "still the same, and keep it only if it reaches the same state");
+    sub->callback([this, to, plan, act = [this] { return convert(common_, convert_); }] {
+      if (to->empty() && plan->empty()) {
+        throw CLI::RequiredError("--to (or --plan)");
+      }
+      choose(act);
+    });
+    for (CLI::Option *option : add_selection(sub, &convert_)) {
+      plan->excludes(option);
+    }
+    plan->excludes(to);
+  }
+
+  void add_rehearse() {
+    CLI::App *sub = verb(
+        &app_, "rehearse", "Show what a conversion would do, on a copy",
+        "datamorph rehearse /tmp/switch --to '4.2(1)'\n"
+        "  datamorph rehearse /tmp/switch --to '4.2(1)' --save plan.json\n\n"
+        "Converts a copy, in TMPDIR or /tmp, shows every store, record and field that changed and\n"
+        "the step that did it, and what is lost; then the copy goes. Nothing of the switch is\n"
+        "written. A step is a service at a moment in a VDC. Exit status: 0 as convert would do "
+        "it,\n"
+        "1 it would fail or records are unaccounted for, 3 refused, as by convert.",
+        [this] { return rehearse(common_, rehearse_); });
+    sub->add_option("DIR", rehearse_.work.dir, dir_help)->required();
+    sub->add_option("--to", rehearse_.work.to, "The release to convert to")->required();
+    add_selection(sub, &rehearse_.work);
+    sub->add_option("--save", rehearse_.save,
+                    "Write a plan for 'datamorph convert --plan' into this file");
+    sub->add_flag("--round-trip", rehearse_.round_trip,
+                  "Go back as well, and list what did not return");
+    sub->add_option("--via", rehearse_.via,
+                    "Go over this release as well, and list what comes out otherwise");
+  }
+
+  // The options that choose what is converted, and how.
+  static std::vector<CLI::Option *> add_selection(CLI::App *sub, convert_options *work) {
+    CLI::Option *from = sub->add_option(
+        "--from", work->from, "The release to come from (default: the one that the switch runs)");
+    CLI::Option *moment =
+        sub->add_option("--moment", work->moments,
+                        "gsync, running-fs or startup; may be repeated (default: all three)")
+            ->check(CLI::IsMember({"gsync", "running-fs", "startup"}))
+            ->allow_extra_args(false);
+    CLI::Option *service = sub->add_option("--service", work->services,
                                            "A service's name; may be repeated (default: all)")
                                ->allow_extra_args(false);
-    sub->add_flag("--whole-table", convert_.whole_table,
-                  "Call the entry points that run a whole table (gsync has none: per service)")
-        ->excludes(service);
-    sub->add_flag(
-        "--accept-failures", convert_.accept_failures,
+    CLI::Option *table =
+        sub->add_flag("--whole-table", work->whole_table,
+                      "Call the entry points that run a whole table (gsync has none: per service)")
+            ->excludes(service);
+    CLI::Option *failures = sub->add_flag(
+        "--accept-failures", work->accept_failures,
         "Keep the result although services failed; never after a crash or a failed write");
-    sub->add_flag("--accept-losses", convert_.accept_losses,
-                  "Keep the result although VRRP's records are lost, as by an upgrade that is "
-                  "repeated");
-    sub->add_option("--timeout", convert_.timeout, "Seconds that one service may take")
+    CLI::Option *losses =
+        sub->add_flag("--accept-losses", work->accept_losses,
+                      "Keep the result although VRRP's records are lost, as by an upgrade that is "
+                      "repeated");
+    sub->add_option("--timeout", work->timeout, "Seconds that one service may take")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
+    return {from, moment, service, table, failures, losses};
   }
 
   CLI::App *store_verb(CLI::App *parent, const char *name, const char *what, const char *example,
@@ -309,6 +356,7 @@ private:
   CLI::App app_;
   common_options common_;
   convert_options convert_;
+  rehearse_options rehearse_;
   store_options store_;
   diff_options diff_;
   std::string format_ = "table";

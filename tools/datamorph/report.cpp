@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
-#include <sstream>
 
+#include "journal_lines.h"
 #include "lab/lab.h"
 #include "output.h"
 #include "services.h"
@@ -13,16 +13,6 @@
 #include "text.h"
 
 namespace {
-
-uint64_t count_of(const nlohmann::json &line, const char *name) {
-  const auto found = line.find(name);
-  return found != line.end() && found->is_number_unsigned() ? found->get<uint64_t>() : 0;
-}
-
-std::string text_of(const nlohmann::json &line, const char *name) {
-  const auto found = line.find(name);
-  return found != line.end() && found->is_string() ? found->get<std::string>() : "";
-}
 
 std::string milliseconds_text(double milliseconds) {
   char text[32];
@@ -103,9 +93,9 @@ nlohmann::json gone_json(const std::vector<tag_report> &tags) {
 
 tag_report tag_of(const nlohmann::json &line) {
   tag_report tag;
-  tag.vdc = static_cast<vdc_id_t>(count_of(line, "table_vdc"));
-  tag.uuid = static_cast<uint32>(count_of(line, "uuid"));
-  tag.tag = from_hex(text_of(line, "tag")).value_or("");
+  tag.vdc = static_cast<vdc_id_t>(number_member(line, "table_vdc"));
+  tag.uuid = static_cast<uint32>(number_member(line, "uuid"));
+  tag.tag = from_hex(text_member(line, "tag")).value_or("");
   const auto old = line.find("old_tag");
   if (old != line.end() && old->is_string()) {
     tag.old = from_hex(old->get<std::string>());
@@ -124,13 +114,14 @@ const char *what_happened(const record_counts &records, bool before, bool after)
 }
 
 record_counts counts_of(const nlohmann::json &line) {
-  return {count_of(line, "added"), count_of(line, "changed"), count_of(line, "removed")};
+  return {number_member(line, "added"), number_member(line, "changed"),
+          number_member(line, "removed")};
 }
 
 request_report *request_of(std::vector<request_report> *requests, const nlohmann::json &line) {
-  const std::string moment = text_of(line, "moment");
-  const std::string service = text_of(line, "service");
-  const uint64_t vdc = count_of(line, "vdc");
+  const std::string moment = text_member(line, "moment");
+  const std::string service = text_member(line, "service");
+  const uint64_t vdc = number_member(line, "vdc");
   for (request_report &report : *requests) {
     if (moment == moment_name(report.request.which) && vdc == report.request.vdc &&
         service == report.request.service()) {
@@ -214,46 +205,43 @@ void request_report::take_tags_gone(const nlohmann::json &entries) {
   }
 }
 
-void conversion_report::take_journal(const std::string &journal, bool ended,
-                                     const std::set<std::string> &before,
-                                     const std::set<std::string> &after) {
-  std::map<std::string, store_report> touched;
-  std::istringstream lines(journal);
-  for (std::string text; std::getline(lines, text);) {
-    const nlohmann::json line = nlohmann::json::parse(text, nullptr, false);
-    if (!line.is_object() || count_of(line, "status") != 0) {
-      continue;
-    }
-    request_report *report = request_of(&requests, line);
-    if (report != nullptr && text_of(line, "call") == "mts_sap_destroy") {
-      report->access_points.push_back(static_cast<uint32>(count_of(line, "sap")));
-    }
-    if (report != nullptr && text_of(line, "call") == "sysmgr_srv_tag_info_add") {
-      report->take_tag(tag_of(line));
-    }
-    const std::string uri = text_of(line, "uri");
-    if (uri.empty()) {
-      continue;
-    }
-    const record_counts counts = counts_of(line);
-    store_report &store = touched[uri];
-    store.records.add(counts);
-    if (report != nullptr) {
-      report->stores.insert(uri);
-      report->records.add(counts);
-      const std::string service = report->request.service();
-      if (std::find(store.services.begin(), store.services.end(), service) ==
-          store.services.end()) {
-        store.services.push_back(service);
-      }
+void conversion_report::take_line(const nlohmann::json &line) {
+  if (number_member(line, "status") != 0) {
+    return;
+  }
+  request_report *const report = request_of(&requests, line);
+  if (report != nullptr && text_member(line, "call") == "mts_sap_destroy") {
+    report->access_points.push_back(static_cast<uint32>(number_member(line, "sap")));
+  }
+  if (report != nullptr && text_member(line, "call") == "sysmgr_srv_tag_info_add") {
+    report->take_tag(tag_of(line));
+  }
+  const std::string uri = text_member(line, "uri");
+  if (uri.empty()) {
+    return;
+  }
+  const record_counts counts = counts_of(line);
+  store_report &store = touched[uri];
+  store.records.add(counts);
+  if (report != nullptr) {
+    report->stores.insert(uri);
+    report->records.add(counts);
+    const std::string service = report->request.service();
+    if (std::find(store.services.begin(), store.services.end(), service) == store.services.end()) {
+      store.services.push_back(service);
     }
   }
+}
+
+void conversion_report::end_journal(bool ended, const std::set<std::string> &before,
+                                    const std::set<std::string> &after) {
   for (auto &[uri, store] : touched) {
     store.uri = uri;
     store.what =
         ended ? what_happened(store.records, before.contains(uri), after.contains(uri)) : "touched";
     stores.push_back(store);
   }
+  touched.clear();
 }
 
 void conversion_report::take_tables(const nlohmann::json &changes,

@@ -4,6 +4,7 @@
 #define DATAMORPH_REPORT_H
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -69,13 +70,15 @@ struct conversion_report {
   std::vector<std::string> notes;
   std::vector<request_report> requests;
   std::vector<store_report> stores;
+  std::map<std::string, store_report> touched; // until the journal's end
 
-  // Reads the journal's lines. `before` and `after` are the stores that stood there, known when the
-  // run came to its end.
-  void take_journal(const std::string &journal, bool ended, const std::set<std::string> &before,
-                    const std::set<std::string> &after);
+  // A line of the journal, and its end. `before` and `after` are the stores that stood there, known
+  // when the run came to its end.
+  void take_line(const nlohmann::json &line);
+  void end_journal(bool ended, const std::set<std::string> &before,
+                   const std::set<std::string> &after);
   // What became of the running tag tables' store, which is written when the journal is over:
-  // "added", "changed", "removed". After take_journal.
+  // "added", "changed", "removed". After end_journal.
   void take_tables(const nlohmann::json &changes, const std::set<std::string> &before,
                    const std::set<std::string> &after);
   size_t failed_requests() const;

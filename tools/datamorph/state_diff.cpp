@@ -39,17 +39,18 @@ constexpr size_t largest_switch_file = 1 << 20;
 
 class teller {
 public:
-  explicit teller(const jail::channel &channel) : channel_(channel) {}
+  using sink = std::function<void(const nlohmann::json &)>;
+  explicit teller(sink send) : send_(std::move(send)) {}
   void thing(kind which, const std::string &name, const nlohmann::json &facts) const {
-    channel_.send({{"kind", which}, {"name", to_hex(name)}, {"facts", facts}});
+    send_({{"kind", which}, {"name", to_hex(name)}, {"facts", facts}});
   }
   void record(std::string_view key, std::string_view value) const {
-    channel_.send({{"key", to_hex(key)}, {"value", to_hex(value)}});
+    send_({{"key", to_hex(key)}, {"value", to_hex(value)}});
   }
-  void trouble(const std::string &text) const { channel_.send({{"trouble", text}}); }
+  void trouble(const std::string &text) const { send_({{"trouble", text}}); }
 
 private:
-  const jail::channel &channel_;
+  sink send_;
 };
 
 void tell_switch(const teller &tell) {
@@ -92,6 +93,12 @@ bool is_ordered_flat_file(const std::string &path) {
   return status == SYSERR_SUCCESS && rising;
 }
 
+std::string sum_text(const lab::running_sum &sum) {
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(sum.digest()));
+  return text;
+}
+
 // The checksum of what is in a file, in hex; empty and errno when it cannot be read.
 std::string sum_of(const std::string &path) {
   const unique_fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -106,9 +113,7 @@ std::string sum_of(const std::string &path) {
       return "";
     }
     if (got == 0) {
-      char text[17];
-      std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(sum.digest()));
-      return text;
+      return sum_text(sum);
     }
     sum.add(buffer.data(), got > 0 ? static_cast<size_t>(got) : 0);
   }
@@ -232,7 +237,7 @@ void tell_state(const teller &tell) {
 
 // `name`: under which one named store meets the other.
 void tell_side(const jail::channel &channel, const std::string &uri, const std::string &name) {
-  const teller tell(channel);
+  const teller tell([&](const nlohmann::json &message) { channel.send(message); });
   if (uri.empty()) {
     tell_state(tell);
     return;
@@ -332,6 +337,14 @@ private:
 
 using what = state_change::what;
 
+side_value value_of(const std::string &uri, const nlohmann::json &record) {
+  side_value side;
+  side.value = record["value"].get<std::string>();
+  side.decoded = decode_record(uri, from_hex(record["key"].get<std::string>()).value_or(""),
+                               from_hex(side.value).value_or(""));
+  return side;
+}
+
 // Takes the messages of A as they come, and those of B where they belong.
 class merger {
 public:
@@ -345,10 +358,12 @@ public:
       begin_thing(message);
     } else if (message.contains("trouble")) {
       unreadable(message, true);
-    } else if (compared_) {
+    } else {
+      ++totals_.a;
       hear_record(message);
     }
   }
+  const record_totals &totals() const { return totals_; }
   void end() {
     end_thing();
     while (!b_.next().is_null()) {
@@ -360,6 +375,10 @@ private:
   // Things in the order in which they come.
   static bool before(const nlohmann::json &one, const nlohmann::json &other) {
     return one["kind"] != other["kind"] ? one["kind"] < other["kind"] : one["name"] < other["name"];
+  }
+  void pass_b() {
+    totals_.b += b_.next().contains("key") ? 1 : 0;
+    b_.advance();
   }
   bool b_in_thing() const { return !b_.next().is_null() && !b_.next().contains("kind"); }
 
@@ -374,7 +393,7 @@ private:
       return;
     }
     const nlohmann::json facts = b_.next()["facts"];
-    b_.advance();
+    pass_b();
     compare_facts(thing["facts"], facts);
   }
 
@@ -396,7 +415,7 @@ private:
   void only_in_b() {
     set_thing(b_.next());
     give_thing(what::added, nullptr, &b_.next()["facts"]);
-    b_.advance();
+    pass_b();
     while (b_in_thing()) {
       hear_b();
     }
@@ -409,7 +428,7 @@ private:
     } else if (compared_) {
       give_record(what::added, nullptr, &b_.next());
     }
-    b_.advance();
+    pass_b();
   }
 
   void hear_record(const nlohmann::json &record) {
@@ -427,7 +446,7 @@ private:
     if (b_.next()["value"] != record["value"]) {
       give_record(what::changed, &record, &b_.next());
     }
-    b_.advance();
+    pass_b();
   }
 
   // What follows would look as if it were not there on the side that cannot be read.
@@ -473,14 +492,6 @@ private:
     take_(change);
   }
 
-  static side_value value_of(const std::string &uri, const nlohmann::json &record) {
-    side_value side;
-    side.value = record["value"].get<std::string>();
-    side.decoded = decode_record(uri, from_hex(record["key"].get<std::string>()).value_or(""),
-                                 from_hex(side.value).value_or(""));
-    return side;
-  }
-
   void give_record(what how, const nlohmann::json *a, const nlohmann::json *b) {
     state_change change = named(how);
     if (a != nullptr) {
@@ -494,6 +505,7 @@ private:
     take_(change);
   }
 
+  record_totals totals_;
   std::string uri_a_;
   std::string uri_b_;
   asked_side &b_;
@@ -621,8 +633,8 @@ nlohmann::json state_change::to_json() const {
   return document;
 }
 
-void diff_states(const state_side &a, const state_side &b,
-                 const std::function<void(const state_change &)> &take) {
+record_totals diff_states(const state_side &a, const state_side &b,
+                          const std::function<void(const state_change &)> &take) {
   asked_side asked(b, a.uri);
   asked.advance();
   merger merged(a, b, &asked, take);
@@ -634,4 +646,47 @@ void diff_states(const state_side &a, const state_side &b,
     throw failure(error.status(), placed ? message : in_quotes(a.label) + ": " + message);
   }
   merged.end();
+  return merged.totals();
+}
+
+void for_each_record(const state_side &side,
+                     const std::function<void(const state_change &)> &take) {
+  hear_side(side, side.uri, [&](const nlohmann::json &message) {
+    if (!message.contains("key")) {
+      return;
+    }
+    state_change change;
+    change.how = what::removed;
+    change.kind = kinds[store_kind];
+    change.name = side.uri;
+    change.key = message["key"].get<std::string>();
+    change.a = value_of(side.uri, message);
+    take(change);
+  });
+}
+
+std::string state_digest(const state_side &side) {
+  std::string digest;
+  std::string trouble;
+  jail::request request;
+  request.root = side.root;
+  request.body = [](const jail::channel &channel) {
+    lab::running_sum sum;
+    tell_state(teller([&](const nlohmann::json &message) {
+      if (message.contains("trouble")) {
+        throw failure(exit_refused, message["trouble"].get<std::string>());
+      }
+      const std::string text =
+          message.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+      sum.add(text.data(), text.size());
+    }));
+    channel.send({{"digest", sum_text(sum)}});
+  };
+  request.on_message = [&](const nlohmann::json &message) { digest = message.value("digest", ""); };
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    throw failure(exit_failed,
+                  in_quotes(side.label) + ": looking into the state " + outcome.text());
+  }
+  return digest;
 }

@@ -3,6 +3,7 @@
 #ifndef DATAMORPH_STATE_DIFF_H
 #define DATAMORPH_STATE_DIFF_H
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -54,12 +55,25 @@ struct state_change {
   nlohmann::json to_json() const;
 };
 
+// How many records each side has, those of flat files included.
+struct record_totals {
+  uint64_t a = 0;
+  uint64_t b = 0;
+};
+
 // Gives each difference, things by kind and name and the records of each by key, behind their
 // thing. A thing on one side only comes with all of its records. Left out: the conversion logs and
 // their marker, the generation of the state, folders, the times of files. What cannot be read is a
 // change of its own; the rest of that thing is not compared. Both stores of two named ones must be
 // there. Writes nothing. Throws failure: 3 for what a side is, else 1 or 128 and the signal.
-void diff_states(const state_side &a, const state_side &b,
-                 const std::function<void(const state_change &)> &take);
+record_totals diff_states(const state_side &a, const state_side &b,
+                          const std::function<void(const state_change &)> &take);
+
+// Gives each record of one store as if it were removed. Throws as diff_states does.
+void for_each_record(const state_side &side, const std::function<void(const state_change &)> &take);
+
+// A checksum (16 hex digits) of all that diff_states compares: two states of which it tells no
+// difference have the same one. Throws failure as diff_states does, 3 also for what cannot be read.
+std::string state_digest(const state_side &side);
 
 #endif

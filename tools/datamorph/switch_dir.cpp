@@ -150,8 +150,26 @@ std::string switch_dir::holder() const {
   return number && !start.empty() && start == start_of(pid) ? pid : "";
 }
 
+// Of one who only reads, whose number stands in no file; "" when the system does not tell.
+std::string switch_dir::locking_process() const {
+  struct stat about = {};
+  std::ifstream locks("/proc/locks");
+  const std::string inode =
+      fstat(folder_.get(), &about) == 0 ? ":" + std::to_string(about.st_ino) : "";
+  for (std::string line; std::getline(locks, line);) {
+    std::istringstream words(line);
+    std::string number, kind, advisory, mode, pid, file;
+    words >> number >> kind >> advisory >> mode >> pid >> file;
+    if (kind == "FLOCK" && !inode.empty() && file.ends_with(inode) && !start_of(pid).empty()) {
+      return pid;
+    }
+  }
+  return "";
+}
+
 void switch_dir::in_use() const {
-  const std::string pid = holder();
+  const std::string named = holder();
+  const std::string pid = named.empty() ? locking_process() : named;
   throw failure(exit_in_use, "in use by another command" +
                                  (pid.empty() ? "" : " (process " + pid + ")") +
                                  "; wait until it is done");
@@ -159,8 +177,10 @@ void switch_dir::in_use() const {
 
 void switch_dir::open_lock_file(access how) {
   constexpr int flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  lock_.reset(openat(folder_.get(), lock_name, flags | O_RDWR | O_CREAT, 0644));
-  if (!lock_.is_open() && how == access::read) {
+  if (how != access::look) {
+    lock_.reset(openat(folder_.get(), lock_name, flags | O_RDWR | O_CREAT, 0644));
+  }
+  if (!lock_.is_open() && how != access::write) {
     lock_.reset(openat(folder_.get(), lock_name, flags | O_RDONLY));
     if (!lock_.is_open() && (errno == ENOENT || errno == EACCES || errno == EROFS)) {
       return; // it only tells who works there
@@ -232,7 +252,11 @@ void switch_dir::recover(access how) {
   for (const char *name : leftovers) {
     any = any || tree::exists(folder, name);
   }
-  if (!any || (how == access::read && !may_recover())) {
+  if (any && how == access::look) {
+    output::message(in_quotes(path_) + ": a command was stopped here; the next one that may write "
+                                       "tidies up");
+  }
+  if (!any || how == access::look || (how == access::read && !may_recover())) {
     return;
   }
   const std::string what = recover_next();
@@ -337,13 +361,10 @@ void switch_dir::check_exchange() const {
 }
 
 void switch_dir::check_room() const {
-  const uint64_t used = tree::bytes_used(folder_.get(), current_name);
-  const uint64_t free = tree::bytes_free(folder_.get());
-  const uint64_t wanted = used + used / 16 + (1 << 20);
-  if (free < wanted) {
-    throw failure(exit_refused, in_quotes(path_) + ": no room for a copy of its state: " +
-                                    std::to_string(wanted >> 10) + " KiB are wanted, " +
-                                    std::to_string(free >> 10) + " KiB are free; make room there");
+  try {
+    tree::check_room(folder_.get(), current_name, folder_.get(), "there");
+  } catch (const failure &error) {
+    throw failure(error.status(), in_quotes(path_) + ": " + error.what());
   }
 }
 
@@ -390,7 +411,7 @@ void switch_dir::exchange(unique_fd next, const switch_state &state) {
   const int folder = folder_.get();
   // All that the converters' processes could do is done: what stands in the file now is this
   // program's.
-  tree::replace_file(next.get(), switch_file, state.to_json().dump(2) + "\n");
+  state.save(next.get());
   if (syncfs(next.get()) != 0) {
     throw failure(exit_failed, "cannot sync the copy of the state: " + error_text(errno));
   }

@@ -26,7 +26,8 @@
 
 class switch_dir {
 public:
-  enum class access { read, write };
+  // `look` writes nothing at all, not even what a stopped command left.
+  enum class access { look, read, write };
 
   // Opens, locks and, where a command was cut short, recovers the switch, saying so on standard
   // error. Throws failure: 3 when there is no switch or no right to it, 5 when it is in use.
@@ -76,6 +77,7 @@ private:
   void keep_previous() const;
   void exchange(unique_fd next, const switch_state &state);
   std::string holder() const;
+  std::string locking_process() const;
   [[noreturn]] void in_use() const;
   void open_current();
 

@@ -4,6 +4,7 @@
 
 #include "failure.h"
 #include "text.h"
+#include "tree.h"
 
 namespace {
 
@@ -68,6 +69,10 @@ nlohmann::json switch_state::to_json() const {
   return {{"format", format_number},  {"name", name},      {"release", release},
           {"generation", generation}, {"vdcs", vdcs},      {"running_cfg_dir", running_cfg_dir},
           {"paths", by_moment},       {"package", package}};
+}
+
+void switch_state::save(int folder) const {
+  tree::replace_file(folder, switch_file, to_json().dump(2) + "\n");
 }
 
 switch_state switch_state::from_json(const nlohmann::json &document) {

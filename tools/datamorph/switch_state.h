@@ -30,6 +30,8 @@ struct switch_state {
   std::string path_of(moment which, vdc_id_t vdc) const;
 
   nlohmann::json to_json() const;
+  // Writes the file of a state's folder, all or nothing. Throws failure(1).
+  void save(int folder) const;
   // Throws failure(3) saying which member is wrong.
   static switch_state from_json(const nlohmann::json &document);
 };

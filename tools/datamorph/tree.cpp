@@ -198,6 +198,12 @@ bool write_content(int file, const std::string &content) {
   return true;
 }
 
+// With what a conversion may add.
+uint64_t copy_wants(int folder, const std::string &name) {
+  const uint64_t used = tree::bytes_used(folder, name);
+  return used + used / 16 + (1 << 20);
+}
+
 } // namespace
 
 namespace tree {
@@ -231,6 +237,16 @@ uint64_t bytes_free(int folder) {
   return static_cast<uint64_t>(about.f_bavail) * about.f_frsize;
 }
 
+void check_room(int folder, const std::string &name, int where, const std::string &advice) {
+  const uint64_t free = bytes_free(where);
+  const uint64_t wanted = copy_wants(folder, name);
+  if (free < wanted) {
+    throw failure(exit_refused, "no room for a copy of its state: " + std::to_string(wanted >> 10) +
+                                    " KiB are wanted, " + std::to_string(free >> 10) +
+                                    " KiB are free; make room " + advice);
+  }
+}
+
 void copy(int folder, const std::string &from, const std::string &to) {
   std::string errors;
   const int status =
@@ -239,6 +255,11 @@ void copy(int folder, const std::string &from, const std::string &to) {
     return;
   }
   const std::string first = errors.substr(0, errors.find('\n'));
+  if (errors.find(error_text(ENOSPC)) != std::string::npos) {
+    throw failure(exit_refused, "the disk became full while its state was copied: " +
+                                    std::to_string(copy_wants(folder, from) >> 10) +
+                                    " KiB are wanted; make room");
+  }
   throw failure(exit_failed,
                 "cannot copy the switch's state: " +
                     (first.empty() ? "cp ended with " + std::to_string(status) : first));

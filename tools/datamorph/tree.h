@@ -17,8 +17,12 @@ bool exists(int folder, const std::string &name);
 uint64_t bytes_used(int folder, const std::string &name);
 uint64_t bytes_free(int folder);
 
+// Throws failure(3) when the file system of the folder `where` has no room for a copy of the tree;
+// `advice` ends its message.
+void check_room(int folder, const std::string &name, int where, const std::string &advice);
+
 // Copies the tree `from` to `to` (not there yet), sharing blocks where the file system can. Throws
-// failure(1), the copy then as far as it came.
+// failure, 3 when the disk is full and else 1, the copy then as far as it came.
 void copy(int folder, const std::string &from, const std::string &to);
 
 // Writes a file beside its place, syncs it and puts it there, all or nothing. Throws failure(1).

@@ -27,8 +27,17 @@ struct convert_options {
   bool accept_failures = false;
   bool accept_losses = false;
   unsigned timeout = 300; // seconds
+  std::string plan;       // the file of a saved plan, which chooses all but dir; empty: none
 };
 int convert(const common_options &common, const convert_options &options);
+
+struct rehearse_options {
+  convert_options work;
+  std::string save; // where a plan is written to; empty: nowhere
+  std::string via;  // the release of another way; empty: none
+  bool round_trip = false;
+};
+int rehearse(const common_options &common, const rehearse_options &options);
 
 struct store_options {
   std::string dir;

@@ -1,6 +1,5 @@
 #include "vrrp_hand_over.h"
 
-#include <array>
 #include <filesystem>
 
 #include "lab/lab.h"
@@ -11,23 +10,23 @@ namespace {
 
 constexpr char between[] = "nonvolatile:/tmp/vrrp-startup-pss";
 
-// Those that may be overwritten last: a record is told where it is safest.
-std::array<std::string, 3> stores_of(const switch_state &state, vdc_id_t vdc) {
-  const std::string bin = "nonvolatile:" + state.path_of(moment::startup, vdc) + "/bin/";
-  return {bin + "vrrp-cfg_config_sav", bin + "vrrp-eng_runtime_config",
-          between + (vdc == 1 ? std::string() : std::to_string(vdc) + "/bin")};
-}
-
 bool is_vr_or_vip(std::string_view key) {
   return key.starts_with('\1') || key.starts_with('\2');
 }
 
 } // namespace
 
+// Those that may be overwritten last: a record is told where it is safest.
+std::array<std::string, 3> vrrp_stores(const switch_state &state, vdc_id_t vdc) {
+  const std::string bin = "nonvolatile:" + state.path_of(moment::startup, vdc) + "/bin/";
+  return {bin + "vrrp-cfg_config_sav", bin + "vrrp-eng_runtime_config",
+          between + (vdc == 1 ? std::string() : std::to_string(vdc) + "/bin")};
+}
+
 vrrp_places vrrp_records_now(const switch_state &state) {
   vrrp_places places;
   for (const vdc_id_t vdc : state.vdcs) {
-    for (const std::string &uri : stores_of(state, vdc)) {
+    for (const std::string &uri : vrrp_stores(state, vdc)) {
       std::error_code error;
       if (!std::filesystem::exists(lab::store_file(uri), error) && !error) {
         continue;

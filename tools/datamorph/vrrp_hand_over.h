@@ -4,12 +4,16 @@
 #ifndef DATAMORPH_VRRP_HAND_OVER_H
 #define DATAMORPH_VRRP_HAND_OVER_H
 
+#include <array>
 #include <map>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
 #include "switch_state.h"
+
+// The stores that VRRP's records of a VDC may be in: the manager's, the engine's, the one between.
+std::array<std::string, 3> vrrp_stores(const switch_state &state, vdc_id_t vdc);
 
 // Where the VR and VIP records of a VDC stand, by their key: the store's URI.
 using vrrp_places = std::map<vdc_id_t, std::map<std::string, std::string>>;

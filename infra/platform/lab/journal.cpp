@@ -21,6 +21,7 @@ struct journal_state {
   std::string moment;
   vdc_id_t vdc = 0;
   std::string service;
+  journal_caller caller = nullptr;
   size_t unexpected = 0;
   std::string first_unexpected;
 };
@@ -112,9 +113,16 @@ std::string line_of(const journal_state &journal, const journal_entry &entry, bo
   append_text(&line, "moment", journal.moment);
   append_number(&line, "vdc", journal.vdc);
   append_text(&line, "service", journal.service);
+  const char *const routine = journal.caller == nullptr ? nullptr : journal.caller();
+  if (routine != nullptr) {
+    append_text(&line, "routine", routine);
+  }
   append_text(&line, "call", entry.call);
   if (entry.uri) {
     append_text(&line, "uri", *entry.uri);
+  }
+  if (entry.file) {
+    append_text(&line, "file", *entry.file);
   }
   if (entry.table_vdc) {
     append_number(&line, "table_vdc", *entry.table_vdc);
@@ -210,6 +218,12 @@ void journal_request(const std::string &moment, vdc_id_t vdc, const std::string 
   journal.moment = moment;
   journal.vdc = vdc;
   journal.service = service;
+}
+
+void journal_routine(journal_caller caller) {
+  journal_state &journal = state();
+  const std::lock_guard<std::mutex> lock(journal.mutex);
+  journal.caller = caller;
 }
 
 size_t journal_unexpected(std::string *first) {

@@ -144,8 +144,8 @@ syserr_t sysmgr_save_tables();
 // ---- Journal -----------------------------------------------------------------------------------
 //
 // While a journal is on, each platform call that changes something is written to it as one line of
-// JSON: n, moment, vdc, service (the request that was running), call, and where they apply uri,
-// key (hex), old and new (bytes of the value, null when absent), added, changed, removed (records
+// JSON: n, moment, vdc, service (the request that was running), routine (whose call it is, where
+// somebody knows), call, and where they apply uri, file (a flat file), key (hex), old and new (bytes of the value, null when absent), added, changed, removed (records
 // of that store), sap, table_vdc, uuid, tag, old_tag (an entry of a tag table; hex), status, and
 // unexpected (true for a write that failed for another reason than that the thing was not there).
 
@@ -155,6 +155,11 @@ void journal_stop();
 
 // The request that the following calls belong to.
 void journal_request(const std::string &moment, vdc_id_t vdc, const std::string &service);
+
+// Asked at each line, on the thread of the call, for the routine that makes the call: its name, or
+// null. Null for `caller`: nobody is asked.
+using journal_caller = const char *(*)();
+void journal_routine(journal_caller caller);
 
 // Writes that failed unexpectedly since journal_start, and the line of the first one.
 size_t journal_unexpected(std::string *first);

@@ -498,6 +498,7 @@ pss_datum_t *pss2_getvalue(pss2_service_t service, syserr_t *status) {
 syserr_t pss2_kernel2file(pss2_service_t service, const char *file, uint32 /*flags*/) {
   lab::journal_entry entry;
   entry.call = __func__;
+  entry.file = file == nullptr ? "" : file;
   return lab::change(entry, service, [file](store_handle &handle, lab::journal_entry * /*line*/) {
     const syserr_t status = handle.usable_for_copying();
     return status == SYSERR_SUCCESS ? lab::copy_to_flat_file(handle, file) : status;
@@ -507,6 +508,7 @@ syserr_t pss2_kernel2file(pss2_service_t service, const char *file, uint32 /*fla
 syserr_t pss2_file2kernel(const char *file, pss2_service_t service, uint32 /*flags*/) {
   lab::journal_entry entry;
   entry.call = __func__;
+  entry.file = file == nullptr ? "" : file;
   entry.has_counts = true;
   return lab::change(entry, service, [file](store_handle &handle, lab::journal_entry *line) {
     const syserr_t status = lab::copy_from_flat_file(handle, file, line);

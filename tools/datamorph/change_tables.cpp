@@ -1,0 +1,77 @@
+#include "change_tables.h"
+
+#include "text.h"
+
+namespace {
+
+using what = state_change::what;
+
+// What a value that stands alone is.
+std::string value_text(const state_change &change, const side_value &side) {
+  if (side.decoded) {
+    return side.decoded->to_text() + (side.decoded->damaged ? ", " + side.value : "");
+  }
+  if (change.key) {
+    return side.value;
+  }
+  std::string text;
+  for (const decoded_field &fact : *side.facts) {
+    append_word(text, fact.text, ", ");
+  }
+  return text;
+}
+
+std::string meaning_of(const state_change &change) {
+  if (change.how == what::unreadable) {
+    const side_value &side = change.a ? *change.a : *change.b;
+    return std::string(change.a ? "A: " : "B: ") + to_text(side.trouble);
+  }
+  if (change.how != what::changed) {
+    return value_text(change, change.a ? *change.a : *change.b);
+  }
+  std::string text;
+  for (const field_change &field : change.fields()) {
+    append_word(text, field.text, ", ");
+  }
+  if (text.empty() || change.undecoded()) {
+    append_word(text, change.a->value + " -> " + change.b->value, ", ");
+  }
+  return text;
+}
+
+} // namespace
+
+void change_tables::take(const state_change &change, const std::string &author) {
+  if (change.kind != kind_ || change.name != name_) {
+    end();
+    kind_ = change.kind;
+    name_ = change.name;
+  }
+  if (rows_.size() == shown) {
+    ++more_;
+    return;
+  }
+  const bool bad = change.how == what::unreadable;
+  rows_.push_back({bad ? output::cell::bad(change.word()) : output::cell(change.word()),
+                   change.key ? *change.key : "-", meaning_of(change)});
+  if (with_author_) {
+    rows_.back().insert(rows_.back().begin() + 2, author);
+  }
+}
+
+void change_tables::end() {
+  if (rows_.empty()) {
+    return;
+  }
+  output::text("\n" + kind_ + " " + to_text(name_) + "\n");
+  std::vector<output::column> columns = {{"CHANGE"}, {"KEY"}, {"WHAT"}};
+  if (with_author_) {
+    columns.insert(columns.begin() + 2, {"BY"});
+  }
+  output::table(columns, rows_);
+  if (more_ > 0) {
+    output::text(std::to_string(more_) + " more\n");
+  }
+  rows_.clear();
+  more_ = 0;
+}

@@ -1,0 +1,93 @@
+// What a version change discards: records that are in no store afterwards and fields that the new
+// layout does not have. Each record that goes has a rule that tells why, is found in another store,
+// or is unaccounted for.
+#ifndef DATAMORPH_LOSSES_H
+#define DATAMORPH_LOSSES_H
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "journal_authors.h"
+#include "state_diff.h"
+#include "switch_state.h"
+
+struct lost_record {
+  std::string store;
+  std::string key;      // hex
+  nlohmann::json value; // as of a change's side
+  std::string text;
+  std::optional<size_t> step;
+  std::string why; // empty: unaccounted for
+
+  nlohmann::json to_json() const;
+};
+
+struct lost_field {
+  std::string store;
+  std::string key; // hex
+  std::string name;
+  nlohmann::json value;
+  std::string text;
+  std::optional<size_t> step;
+
+  nlohmann::json to_json() const;
+};
+
+struct record_balance {
+  uint64_t in = 0;
+  uint64_t converted = 0; // there afterwards, here or in another store, changed or as it was
+  uint64_t by_rule = 0;
+  uint64_t unaccounted() const { return in - converted - by_rule; }
+
+  nlohmann::json to_json() const;
+  // "52 records in, 49 converted, 3 removed by rule, 0 unaccounted"
+  std::string to_text() const;
+};
+
+// Of each list the first 1000 are kept, of those without a rule another 1000; all are counted.
+class loss_report {
+public:
+  // `before` and `after` are the stores that were there, as the conversion tells.
+  loss_report(const switch_state &state, std::set<std::string> before, std::set<std::string> after);
+
+  // A change of the state, of those that diff_states gives.
+  void take(const state_change &change, const change_author &author);
+  // After the last one: looks for the records that changed stores. Throws failure as diff_states.
+  void end(const state_side &before, const state_side &after, const record_totals &totals);
+
+  const std::vector<lost_record> &records() const { return records_; }
+  const std::vector<lost_field> &fields() const { return fields_; }
+  uint64_t records_total() const { return records_total_; }
+  uint64_t fields_total() const { return fields_total_; }
+  const record_balance &balance() const { return balance_; }
+
+private:
+  struct moving_store {
+    std::string uri;
+    std::vector<std::string> places; // where its records may be afterwards; itself first
+    change_author author;
+    bool lost_some = false;
+  };
+  void take_record(const state_change &change, const std::string &why, const change_author &author);
+  void take_fields(const state_change &change, const change_author &author);
+  moving_store *moving(const std::string &uri);
+  void look_for(const moving_store &store, const state_side &before, const state_side &after);
+
+  std::vector<moving_store> moving_;
+  std::set<std::string> before_;
+  std::set<std::string> after_;
+  std::vector<lost_record> records_;
+  std::vector<lost_field> fields_;
+  uint64_t records_total_ = 0;
+  uint64_t fields_total_ = 0;
+  uint64_t known_kept_ = 0;
+  uint64_t removed_ = 0; // that are in no store any more
+  record_balance balance_;
+};
+
+#endif

@@ -1,0 +1,437 @@
+// rehearse: a version change on a copy, and all that it does, change by change.
+#include "verbs.h"
+
+#include <memory>
+
+#include "change_tables.h"
+#include "failure.h"
+#include "losses.h"
+#include "rehearsal.h"
+#include "saved_plan.h"
+#include "state_diff.h"
+#include "statuses.h"
+#include "stop_signal.h"
+#include "switch_dir.h"
+#include "text.h"
+
+namespace {
+
+constexpr size_t shown_losses = 20; // in a table
+constexpr size_t most_lines = 1000; // of a step's trace, in a document
+
+using what = state_change::what;
+
+// ---- Counting ----------------------------------------------------------------------------------
+
+struct change_counts {
+  uint64_t things[3] = {}; // added, removed, changed
+  uint64_t records[3] = {};
+  uint64_t undecoded = 0;
+  uint64_t unreadable = 0;
+
+  void take(const state_change &change) {
+    if (change.how == what::unreadable) {
+      ++unreadable;
+      return;
+    }
+    ++(change.key ? records : things)[static_cast<size_t>(change.how)];
+    undecoded += change.undecoded() ? 1 : 0;
+  }
+  nlohmann::json to_json() const {
+    const auto counts = [](const uint64_t(&of)[3]) {
+      return nlohmann::json({{"added", of[0]}, {"removed", of[1]}, {"changed", of[2]}});
+    };
+    return {{"things", counts(things)},
+            {"records", counts(records)},
+            {"undecoded", undecoded},
+            {"unreadable", unreadable}};
+  }
+  std::string to_text() const {
+    const auto counts = [](const uint64_t(&of)[3]) {
+      return std::to_string(of[0]) + " added, " + std::to_string(of[1]) + " removed, " +
+             std::to_string(of[2]) + " changed";
+    };
+    return "stores, files and the like: " + counts(things) + "; records: " + counts(records) +
+           ", " + std::to_string(undecoded) + " of no known form; " + std::to_string(unreadable) +
+           " unreadable";
+  }
+};
+
+// ---- Two rehearsed states side by side ---------------------------------------------------------
+
+// What a way there and back, or over another release, left different.
+struct comparison {
+  const char *name = ""; // in documents
+  std::string title;
+  std::string trouble; // why there is nothing to compare
+  std::vector<nlohmann::json> changes;
+  uint64_t total = 0;
+
+  void take(const state_change &change) {
+    if (total++ < most_lines) {
+      changes.push_back(change.to_json());
+    }
+  }
+  nlohmann::json to_json() const {
+    return {{"title", title}, {"trouble", trouble}, {"total", total}, {"changes", changes}};
+  }
+};
+
+// ---- The verb ----------------------------------------------------------------------------------
+
+class rehearse_run {
+public:
+  rehearse_run(const common_options &common, const rehearse_options &options)
+      : common_(common), options_(options), switch_(options.work.dir, switch_dir::access::look) {}
+
+  int run();
+
+private:
+  bool as_json() const { return common_.format == output::format::json; }
+  std::unique_ptr<rehearsal> rehearse(const char *name, int root, const switch_state &state,
+                                      const std::string &to, const std::string &from) const;
+  void print_head(const rehearsal &main) const;
+  void print_change(const state_change &change, const change_author &author);
+  void compare(const rehearsal &main);
+  void there_and_back(const rehearsal &main);
+  void over_another(const rehearsal &main);
+  void print_end(const rehearsal &main);
+  void print_losses() const;
+  void print_document_end(const rehearsal &main) const;
+  void save(const rehearsal &main) const;
+
+  const common_options &common_;
+  const rehearse_options &options_;
+  switch_dir switch_;
+  scratch_folder scratch_;
+  change_tables tables_{true};
+  size_t written_ = 0;
+  change_counts counts_;
+  std::unique_ptr<loss_report> losses_;
+  std::vector<comparison> others_;
+};
+
+std::unique_ptr<rehearsal> rehearse_run::rehearse(const char *name, int root,
+                                                  const switch_state &state, const std::string &to,
+                                                  const std::string &from) const {
+  convert_options work = options_.work;
+  work.to = to;
+  work.from = from;
+  return std::make_unique<rehearsal>(common_, work, scratch_, name, root, state);
+}
+
+// ---- Steps -------------------------------------------------------------------------------------
+
+nlohmann::json step_json(const rehearsal &main, size_t step) {
+  const request_report &report = main.done().report().requests[step];
+  size_t more = 0;
+  const std::vector<std::string> lines = main.trace_of(step, most_lines, &more);
+  nlohmann::json trace = nlohmann::json::array();
+  for (const std::string &line : lines) {
+    trace.push_back(to_text(line));
+  }
+  return {
+      {"moment", moment_name(report.request.which)},
+      {"vdc", report.request.vdc},
+      {"service", report.request.service()},
+      {"routines", main.authors().routines_of(step)},
+      {"status", report.status ? nlohmann::json(status_number(*report.status)) : nlohmann::json()},
+      {"status_text", report.status ? syserr2str(*report.status) : ""},
+      {"trouble", report.trouble},
+      {"milliseconds", report.milliseconds},
+      {"records",
+       {{"added", report.records.added},
+        {"changed", report.records.changed},
+        {"removed", report.records.removed}}},
+      {"trace", trace},
+      {"trace_more", more}};
+}
+
+nlohmann::json steps_json(const rehearsal &main) {
+  nlohmann::json steps = nlohmann::json::array();
+  for (size_t step = 0; step < main.done().report().requests.size(); ++step) {
+    steps.push_back(step_json(main, step));
+  }
+  return steps;
+}
+
+bool is_worth_a_row(const rehearsal &main, size_t step) {
+  const request_report &report = main.done().report().requests[step];
+  return report.status.value_or(SYSERR_FAILED) != SYSERR_SUCCESS ||
+         !main.authors().routines_of(step).empty();
+}
+
+void print_steps(const rehearsal &main) {
+  using output::align;
+  std::vector<std::vector<output::cell>> rows;
+  const std::vector<request_report> &requests = main.done().report().requests;
+  for (size_t step = 0; step < requests.size(); ++step) {
+    const request_report &report = requests[step];
+    if (!is_worth_a_row(main, step)) {
+      continue;
+    }
+    std::string routines;
+    for (const std::string &routine : main.authors().routines_of(step)) {
+      append_word(routines, routine);
+    }
+    const bool bad = report.status.value_or(SYSERR_FAILED) != SYSERR_SUCCESS;
+    const std::string text = report.status ? syserr2str(*report.status) : report.trouble;
+    rows.push_back({"#" + std::to_string(step), moment_name(report.request.which),
+                    report.request.vdc, report.request.service(),
+                    bad ? output::cell::bad(text) : output::cell(text),
+                    static_cast<unsigned long>(report.records.added),
+                    static_cast<unsigned long>(report.records.changed),
+                    static_cast<unsigned long>(report.records.removed), routines});
+  }
+  output::table({{"STEP"},
+                 {"MOMENT"},
+                 {"VDC", align::right},
+                 {"SERVICE"},
+                 {"STATUS"},
+                 {"ADDED", align::right},
+                 {"CHANGED", align::right},
+                 {"REMOVED", align::right},
+                 {"ROUTINE"}},
+                rows);
+  const size_t others = requests.size() - rows.size();
+  if (others > 0) {
+    output::text(counted(others, "step") + " of " + std::to_string(requests.size()) +
+                 " wrote nothing\n");
+  }
+}
+
+std::string author_text(const change_author &author) {
+  return author.step ? "#" + std::to_string(*author.step) : "-";
+}
+
+nlohmann::json change_json(const rehearsal &main, const state_change &change,
+                           const change_author &author) {
+  nlohmann::json document = change.to_json();
+  document["step"] = nullptr;
+  if (author.step) {
+    const conversion_request &request = main.done().plan().requests[*author.step];
+    document["step"] = *author.step;
+    document["moment"] = moment_name(request.which);
+    document["vdc"] = request.vdc;
+    document["service"] = request.service();
+  }
+  if (!author.routine.empty()) {
+    document["routine"] = author.routine;
+  }
+  return document;
+}
+
+// ---- Output ------------------------------------------------------------------------------------
+
+nlohmann::json head_json(const rehearsal &main, const std::string &dir) {
+  const conversion_plan &plan = main.done().plan();
+  return {{"switch", dir},
+          {"from", plan.from},
+          {"to", plan.to},
+          {"library", main.done().report().library}};
+}
+
+void rehearse_run::print_head(const rehearsal &main) const {
+  const conversion_plan &plan = main.done().plan();
+  if (as_json()) {
+    std::string head = output::json_text(head_json(main, options_.work.dir), -1);
+    head.pop_back(); // the document goes on
+    output::text(head + ",\n \"steps\": " + output::json_text(steps_json(main), -1) +
+                 ",\n \"changes\": [");
+    return;
+  }
+  output::text(options_.work.dir + ": from " + plan.from + " to " + plan.to +
+               ", rehearsed on a copy; the switch is as it was\n\n");
+  print_steps(main);
+}
+
+void rehearse_run::print_end(const rehearsal &main) {
+  if (as_json()) {
+    print_document_end(main);
+    return;
+  }
+  tables_.end();
+  print_losses();
+  for (const comparison &other : others_) {
+    output::text("\n" + other.title + ": " +
+                 (other.trouble.empty() ? counted(other.total, "difference") : other.trouble) +
+                 "\n");
+    for (size_t at = 0; at < other.changes.size() && at < shown_losses; ++at) {
+      const nlohmann::json &change = other.changes[at];
+      output::text("  " + change["change"].get<std::string>() + " " +
+                   change["kind"].get<std::string>() + " " + change["name"].get<std::string>() +
+                   " " + change.value("key", "") + "\n");
+    }
+    if (other.total > shown_losses) {
+      output::text("  " + std::to_string(other.total - shown_losses) + " more\n");
+    }
+  }
+  output::text("\n" + counts_.to_text() + "\n" + losses_->balance().to_text() + "\n");
+}
+
+void rehearse_run::print_document_end(const rehearsal &main) const {
+  nlohmann::json records = nlohmann::json::array();
+  for (const lost_record &lost : losses_->records()) {
+    records.push_back(lost.to_json());
+  }
+  nlohmann::json fields = nlohmann::json::array();
+  for (const lost_field &lost : losses_->fields()) {
+    fields.push_back(lost.to_json());
+  }
+  nlohmann::json summary = counts_.to_json();
+  summary.update(losses_->balance().to_json());
+  nlohmann::json end = {{"losses",
+                         {{"records", records},
+                          {"records_total", losses_->records_total()},
+                          {"fields", fields},
+                          {"fields_total", losses_->fields_total()}}},
+                        {"notes", main.done().report().notes},
+                        {"trouble", main.trouble()},
+                        {"summary", summary}};
+  for (const comparison &other : others_) {
+    end[other.name] = other.to_json();
+  }
+  output::text(std::string(written_ == 0 ? "]" : "\n ]") + ",\n " +
+               output::json_text(end, -1).substr(1) + "\n");
+}
+
+void rehearse_run::print_losses() const {
+  std::vector<std::vector<output::cell>> rows;
+  const auto add = [&](const std::string &store, const std::string &key,
+                       const std::optional<size_t> &step, const std::string &text,
+                       const output::cell &why) {
+    if (rows.size() < shown_losses) {
+      rows.push_back({to_text(store), key, author_text({step, ""}), to_text(text), why});
+    }
+  };
+  for (const bool known : {false, true}) {
+    for (const lost_record &lost : losses_->records()) {
+      if (lost.why.empty() != known) {
+        add(lost.store, lost.key, lost.step, lost.text,
+            known ? output::cell(lost.why) : output::cell::bad("UNACCOUNTED"));
+      }
+    }
+  }
+  for (const lost_field &lost : losses_->fields()) {
+    add(lost.store, lost.key, lost.step, lost.text, "the layout has no such field");
+  }
+  const uint64_t total = losses_->records_total() + losses_->fields_total();
+  output::text("\nLost: " + counted(losses_->records_total(), "record") + ", " +
+               counted(losses_->fields_total(), "field") + "\n");
+  if (total > 0) {
+    output::table({{"STORE"}, {"KEY"}, {"BY"}, {"WHAT"}, {"WHY"}}, rows);
+  }
+  if (total > rows.size()) {
+    output::text(std::to_string(total - rows.size()) + " more; --format json has them\n");
+  }
+}
+
+void rehearse_run::print_change(const state_change &change, const change_author &author) {
+  tables_.take(change, author_text(author));
+}
+
+// ---- What is compared --------------------------------------------------------------------------
+
+void rehearse_run::compare(const rehearsal &main) {
+  const state_side before = {options_.work.dir, switch_.current(), ""};
+  const state_side after = {"the copy", main.root(), ""};
+  losses_ = std::make_unique<loss_report>(switch_.state(), main.done().stores("stores_before"),
+                                          main.done().stores("stores_after"));
+  const record_totals totals = diff_states(before, after, [&](const state_change &change) {
+    const change_author author = main.authors().of(change);
+    counts_.take(change);
+    losses_->take(change, author);
+    if (as_json()) {
+      output::text(std::string(written_++ == 0 ? "\n  " : ",\n  ") +
+                   output::json_text(change_json(main, change, author), -1));
+    } else {
+      print_change(change, author);
+    }
+  });
+  losses_->end(before, after, totals);
+}
+
+void rehearse_run::there_and_back(const rehearsal &main) {
+  comparison other;
+  other.name = "round_trip";
+  other.title = "There and back to " + main.done().plan().from;
+  const std::unique_ptr<rehearsal> back =
+      rehearse("back", main.root(), main.state(), main.done().plan().from, main.done().plan().to);
+  other.trouble = back->trouble();
+  if (other.trouble.empty()) {
+    diff_states({options_.work.dir, switch_.current(), ""}, {"the copy", back->root(), ""},
+                [&](const state_change &change) { other.take(change); });
+  }
+  others_.push_back(std::move(other));
+}
+
+void rehearse_run::over_another(const rehearsal &main) {
+  comparison other;
+  other.name = "via";
+  other.title = "Over " + options_.via + " instead";
+  const std::unique_ptr<rehearsal> first =
+      rehearse("via", switch_.current(), switch_.state(), options_.via, main.done().plan().from);
+  other.trouble = first->trouble();
+  if (other.trouble.empty()) {
+    const std::unique_ptr<rehearsal> second =
+        rehearse("via-to", first->root(), first->state(), main.done().plan().to, options_.via);
+    other.trouble = second->trouble();
+    if (other.trouble.empty()) {
+      diff_states({"the copy", main.root(), ""}, {"the other copy", second->root(), ""},
+                  [&](const state_change &change) { other.take(change); });
+    }
+  }
+  others_.push_back(std::move(other));
+}
+
+void rehearse_run::save(const rehearsal &main) const {
+  saved_plan plan;
+  plan.options = options_.work;
+  plan.options.from = main.done().plan().from;
+  plan.before = state_digest({options_.work.dir, switch_.current(), ""});
+  plan.after = state_digest({"the copy", main.root(), ""});
+  plan.write(options_.save);
+  output::message("plan: " + options_.save + "; commit it with 'datamorph convert " +
+                  options_.work.dir + " --plan " + options_.save + "'");
+}
+
+int rehearse_run::run() {
+  const std::unique_ptr<rehearsal> main = rehearse("rehearsal", switch_.current(), switch_.state(),
+                                                   options_.work.to, options_.work.from);
+  print_head(*main);
+  compare(*main);
+  const bool good = main->status() == 0;
+  if (options_.round_trip && good) {
+    there_and_back(*main);
+  }
+  if (!options_.via.empty() && good) {
+    over_another(*main);
+  }
+  print_end(*main);
+  for (const std::string &note : main->done().report().notes) {
+    output::message(in_quotes(options_.work.dir) + ": " + note);
+  }
+  if (!good) {
+    output::message(in_quotes(options_.work.dir) +
+                    ": it would not be converted: " + main->trouble());
+    return main->status();
+  }
+  if (losses_->balance().unaccounted() > 0) {
+    output::message(in_quotes(options_.work.dir) + ": " +
+                    counted(losses_->balance().unaccounted(), "record") +
+                    " would be lost for no known reason");
+    return exit_failed;
+  }
+  if (!options_.save.empty()) {
+    save(*main);
+  }
+  return exit_done;
+}
+
+} // namespace
+
+int rehearse(const common_options &common, const rehearse_options &options) {
+  check_service_names(options.work);
+  const stop_signal::guard guard;
+  return rehearse_run(common, options).run();
+}

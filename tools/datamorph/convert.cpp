@@ -15,6 +15,7 @@
 #include "lab/lab.h"
 #include "report.h"
 #include "run_folder.h"
+#include "run_record.h"
 #include "services.h"
 #include "statuses.h"
 #include "stop_signal.h"
@@ -56,7 +57,9 @@ private:
   std::string unwanted_losses() const;
   void commit();
   void fail(const std::string &trouble);
-  void finish(const run_folder &folder);
+  run_facts facts() const;
+  const char *result(int ended) const;
+  void finish(const run_folder &folder, run_record *record, int ended);
   void take_journal(const run_folder &folder);
   void say(const std::string &message) const;
   void print_report() const;
@@ -387,7 +390,34 @@ void conversion::print_report() const {
   }
 }
 
-void conversion::finish(const run_folder &folder) {
+// What the run writes down of itself when it begins.
+run_facts conversion::facts() const {
+  run_facts facts;
+  facts.verb = "convert";
+  facts.from = plan_.from;
+  facts.to = plan_.to;
+  facts.generation = switch_.state().generation;
+  facts.moments.emplace();
+  for (const moment which : all_moments) {
+    if (selected(which)) {
+      facts.moments->push_back(moment_name(which));
+    }
+  }
+  facts.services.emplace();
+  for (const uint32 uuid : wanted_services()) {
+    facts.services->push_back(service_name(uuid));
+  }
+  return facts;
+}
+
+const char *conversion::result(int ended) const {
+  if (report_.converted) {
+    return run_result::done;
+  }
+  return ended == exit_refused ? run_result::refused : run_result::failed;
+}
+
+void conversion::finish(const run_folder &folder, run_record *record, int ended) {
   take_journal(folder);
   const size_t left_open = closing_.is_object() ? closing_.value("left_open", size_t(0)) : 0;
   if (left_open > 0) {
@@ -395,6 +425,7 @@ void conversion::finish(const run_folder &folder) {
                             " left open by routines, closed at the end");
   }
   folder.write_report(report_.to_json());
+  record->finish(result(ended), report_.trouble);
   if (!report_.converted) {
     say("not converted: " + report_.trouble + "; the switch is as it was, still at " +
         report_.release);
@@ -470,6 +501,7 @@ int conversion::run() {
   prepare();
   const run_folder folder(switch_);
   report_.run = folder.number();
+  run_record record(folder, facts());
   const int ended = attempt(folder);
   if (!report_.converted) {
     next_.reset();
@@ -478,7 +510,7 @@ int conversion::run() {
       report_.notes.push_back(left);
     }
   }
-  finish(folder);
+  finish(folder, &record, ended);
   if (ended != 0) {
     return ended;
   }

@@ -30,6 +30,9 @@ struct convert_options {
 };
 int convert(const common_options &common, const convert_options &options);
 
+int history(const common_options &common, const std::string &dir);
+int rollback(const common_options &common, const std::string &dir, bool yes);
+
 struct store_options {
   std::string dir;
   std::string uri;

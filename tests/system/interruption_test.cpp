@@ -141,6 +141,8 @@ TEST_F(interruption, a_second_command_is_told_who_works_there) {
   for (const words &arguments : std::vector<words>{{"convert", "sw", "--to", "4.2(1)"},
                                                    {"lab", "show", "sw"},
                                                    {"lab", "reboot", "sw"},
+                                                   {"history", "sw"},
+                                                   {"rollback", "sw", "--yes"},
                                                    {"store", "list", "sw"}}) {
     const result second = run(arguments);
     EXPECT_EQ(second.status, 5) << arguments[0];

@@ -19,8 +19,9 @@ protected:
 
 TEST_F(usage, words_that_are_no_verbs) {
   expect_one_line({}, 64, "A subcommand is required");
-  expect_one_line({"frobnicate"}, 64,
-                  "unknown verb 'frobnicate'; verbs: lab convert store diff services compare");
+  expect_one_line(
+      {"frobnicate"}, 64,
+      "unknown verb 'frobnicate'; verbs: lab convert history rollback store diff services compare");
   expect_one_line({""}, 64, "unknown verb ''");
   expect_one_line({std::string(4000, 'x')}, 64, "unknown verb 'xxx");
   expect_one_line({"lab", "destroy", "x"}, 64, "unknown verb 'destroy'; verbs: create show reboot");
@@ -42,8 +43,12 @@ TEST_F(usage, options_that_are_none_or_missing) {
 TEST_F(usage, directories_that_are_no_switches) {
   std::filesystem::create_directory(path("empty"));
   write("file", "x");
-  for (const words &verb : std::vector<words>{
-           {"lab", "show"}, {"lab", "reboot"}, {"store", "list"}, {"store", "export"}}) {
+  for (const words &verb : std::vector<words>{{"lab", "show"},
+                                              {"lab", "reboot"},
+                                              {"history"},
+                                              {"rollback"},
+                                              {"store", "list"},
+                                              {"store", "export"}}) {
     for (const std::string &dir : {std::string("missing"), std::string("empty"),
                                    std::string("file"), std::string(""), std::string(4000, 'x')}) {
       words arguments = verb;
@@ -64,6 +69,8 @@ TEST_F(usage, help_has_an_example_for_each_verb) {
                                               {"lab", "show"},
                                               {"lab", "reboot"},
                                               {"convert"},
+                                              {"history"},
+                                              {"rollback"},
                                               {"store", "list"},
                                               {"store", "show"},
                                               {"store", "get"},

@@ -45,6 +45,7 @@ public:
   // Remarks on what was converted.
   void note_remainders();
 
+  bool selected(moment which) const;
   bool whole_change() const;
   const conversion_plan &plan() const { return plan_; }
   conversion_report &report() { return report_; }
@@ -55,7 +56,6 @@ public:
 
 private:
   [[noreturn]] void refuse(const std::string &message) const;
-  bool selected(moment which) const;
   std::vector<uint32> wanted_services() const;
   nlohmann::json look(int current);
   void check_release(const nlohmann::json &images, const std::string &release,

@@ -6,7 +6,9 @@
 #include "failure.h"
 #include "jail.h"
 #include "run_folder.h"
+#include "run_record.h"
 #include "saved_plan.h"
+#include "services.h"
 #include "state_diff.h"
 #include "stop_signal.h"
 #include "switch_dir.h"
@@ -29,7 +31,9 @@ private:
   std::string verdict();
   void commit();
   void fail(const std::string &trouble);
-  void finish(const run_folder &folder);
+  run_facts facts() const;
+  const char *result(int ended) const;
+  void finish(const run_folder &folder, run_record *record, int ended);
   void take_journal();
   void say(const std::string &message) const;
   void print_report() const;
@@ -121,9 +125,37 @@ void version_change::print_report() const {
   }
 }
 
-void version_change::finish(const run_folder &folder) {
+// What the run writes down of itself when it begins.
+run_facts version_change::facts() const {
+  run_facts facts;
+  facts.verb = "convert";
+  facts.from = conversion_.plan().from;
+  facts.to = conversion_.plan().to;
+  facts.generation = switch_.state().generation;
+  facts.moments.emplace();
+  for (const moment which : all_moments) {
+    if (conversion_.selected(which)) {
+      facts.moments->push_back(moment_name(which));
+    }
+  }
+  facts.services.emplace();
+  for (const std::string &name : options_.services) {
+    facts.services->push_back(service_name(*service_number(name)));
+  }
+  return facts;
+}
+
+const char *version_change::result(int ended) const {
+  if (report_.converted) {
+    return run_result::done;
+  }
+  return ended == exit_refused ? run_result::refused : run_result::failed;
+}
+
+void version_change::finish(const run_folder &folder, run_record *record, int ended) {
   take_journal();
   folder.write_report(report_.to_json());
+  record->finish(result(ended), report_.trouble);
   if (!report_.converted) {
     say("not converted: " + report_.trouble + "; the switch is as it was, still at " +
         report_.release);
@@ -170,6 +202,7 @@ int version_change::run(const saved_plan *plan) {
   prepare();
   const run_folder folder(switch_);
   report_.run = folder.number();
+  run_record record(folder, facts());
   const int ended = attempt(folder);
   if (!report_.converted) {
     next_.reset();
@@ -178,7 +211,7 @@ int version_change::run(const saved_plan *plan) {
       report_.notes.push_back(left);
     }
   }
-  finish(folder);
+  finish(folder, &record, ended);
   if (ended != 0) {
     return ended;
   }

@@ -16,6 +16,8 @@
 #include "jail.h"
 #include "lab/lab.h"
 #include "populate.h"
+#include "run_folder.h"
+#include "run_record.h"
 #include "statuses.h"
 #include "stop_signal.h"
 #include "switch_dir.h"
@@ -355,13 +357,22 @@ reboot_report reboot_copy(int copy, const switch_state &state) {
 reboot_report reboot(switch_dir *target) {
   target->check_exchange();
   target->check_room();
+  const run_folder folder(*target);
+  run_facts facts;
+  facts.verb = "reboot";
+  facts.from = target->state().release;
+  facts.to = target->state().release;
+  facts.generation = target->state().generation;
+  run_record record(folder, facts);
   try {
     unique_fd next = target->make_next();
     reboot_report done = reboot_copy(next.get(), target->state());
     target->replace(std::move(next));
+    record.finish(run_result::done, "");
     return done;
   } catch (const failure &error) {
     const std::string left = target->drop_next();
+    record.finish(run_result::failed, error.what());
     throw failure(error.status(), std::string("not rebooted: ") + error.what() +
                                       "; the switch is as it was" +
                                       (left.empty() ? "" : "; " + left));

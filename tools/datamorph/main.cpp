@@ -35,7 +35,7 @@ constexpr char top_footer[] =
     "room,\n"
     "      no rights, a service without a routine in the chosen moments, records of VRRP that "
     "would\n"
-    "      be lost)\n"
+    "      be lost, nothing to roll back to, nobody to ask)\n"
     "  5   the switch is in use by another command\n"
     "  64  wrong usage (unknown verb, option, service or moment)\n"
     "  128 and the signal's number: stopped by a signal; the switch is as it was, or an import "
@@ -56,6 +56,7 @@ public:
     add_lab();
     add_rehearse();
     add_convert();
+    add_runs();
     add_stores();
     add_diff();
     add_library_verbs();
@@ -196,6 +197,25 @@ private:
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
     return {from, moment, service, table, failures, losses};
+  }
+
+  void add_runs() {
+    CLI::App *list = verb(
+        &app_, "history", "The conversions, reboots and rollbacks of a lab switch, oldest first",
+        "datamorph history /tmp/switch\n\n"
+        "Tells what each run wrote down in DIR/runs/NUMBER; \"-\" is what it did not. Records\n"
+        "are counted of conversions that were done, SECONDS is how long a run took.",
+        [this] { return history(common_, dir_); });
+    list->add_option("DIR", dir_, dir_help)->required();
+    CLI::App *back =
+        verb(&app_, "rollback", "Put the state before the last conversion or rollback back",
+             "datamorph rollback /tmp/switch --yes\n\n"
+             "The switch's state and the one in previous/ change places in one step, release and\n"
+             "all; rollback once more takes it back. What was stored since then, and every reboot\n"
+             "since then, is of the state that goes to previous/.",
+             [this] { return rollback(common_, dir_, yes_); });
+    back->add_option("DIR", dir_, dir_help)->required();
+    back->add_flag("-y,--yes", yes_, "Do not ask");
   }
 
   CLI::App *store_verb(CLI::App *parent, const char *name, const char *what, const char *example,
@@ -364,6 +384,7 @@ private:
   std::string from_;
   std::string a_;
   std::string b_;
+  bool yes_ = false;
   action chosen_;
 };
 

@@ -59,9 +59,13 @@ std::string run_folder::read(const char *name, size_t limit) const {
   return tree::exists(folder_.get(), name) ? tree::read_file(folder_.get(), name, limit) : "";
 }
 
+void run_folder::replace(const char *name, const std::string &content) const {
+  tree::replace_file(folder_.get(), name, content);
+}
+
 void run_folder::write_report(const nlohmann::json &report) const {
   try {
-    tree::replace_file(folder_.get(), "report.json", output::json_text(report) + "\n");
+    replace("report.json", output::json_text(report) + "\n");
   } catch (const failure &error) {
     output::message(std::string("the run's report could not be kept: ") + error.what());
   }

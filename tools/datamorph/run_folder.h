@@ -1,5 +1,5 @@
 // The folder that keeps what a run leaves behind, whether it ends well or not:
-// report.json, trace.log, journal.jsonl, conversion.log.
+// run.json and, of a conversion, report.json, trace.log, journal.jsonl, conversion.log.
 #ifndef DATAMORPH_RUN_FOLDER_H
 #define DATAMORPH_RUN_FOLDER_H
 
@@ -38,6 +38,9 @@ public:
   // The content of a file in it; "" when it is not there. Throws failure(3) when it cannot be read
   // or is larger than `limit` bytes.
   std::string read(const char *name, size_t limit) const;
+
+  // Writes a file in it, all or nothing. Throws failure(1).
+  void replace(const char *name, const std::string &content) const;
 
   void write_report(const nlohmann::json &report) const;
   // Copies the state's conversion log; nothing when the state has none.

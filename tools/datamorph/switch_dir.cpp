@@ -456,6 +456,39 @@ void switch_dir::replace(unique_fd next) {
   }
 }
 
+switch_state switch_dir::previous_state() const {
+  if (!tree::exists(folder_.get(), previous_name)) {
+    throw failure(exit_refused, "there is nothing to go back to: no state of before a conversion "
+                                "stands in previous/; 'datamorph history' lists what was done");
+  }
+  const char *const remedy = "; it is no state to go back to, move it elsewhere";
+  const unique_fd previous = open_state(folder_.get(), previous_name);
+  if (!previous.is_open()) {
+    throw failure(exit_refused, "cannot open previous/: " + error_text(errno) + remedy);
+  }
+  try {
+    return read_state(previous.get());
+  } catch (const failure &error) {
+    throw failure(exit_refused, std::string("previous/: ") + error.what() + remedy);
+  }
+}
+
+void switch_dir::exchange_previous() {
+  const int folder = folder_.get();
+  unique_fd previous = open_state(folder, previous_name);
+  const switch_state state = previous_state();
+  if (renameat2(folder, current_name, folder, previous_name, RENAME_EXCHANGE) != 0) {
+    throw failure(exit_failed, "cannot exchange the states: " + error_text(errno));
+  }
+  current_ = std::move(previous);
+  state_ = state;
+  try {
+    sync_folder(folder);
+  } catch (const failure &error) {
+    output::message(in_quotes(path_) + ": the states are exchanged, but " + error.what());
+  }
+}
+
 unique_fd switch_dir::make_run(std::string *number) const {
   if (mkdirat(folder_.get(), runs_name, 0755) != 0 && errno != EEXIST) {
     throw failure(exit_failed, "cannot make the folder runs/: " + error_text(errno) + runs_advice);

@@ -3,7 +3,7 @@
 //
 //   current/    the state; the root of everything that works inside the switch
 //   next/       while a conversion or a reboot runs: the copy that it works on
-//   previous/   the state before the last conversion
+//   previous/   the state before the last conversion or rollback
 //   discard/    while the step is tidied up: the state that previous/ held before
 //   runs/       one folder per run
 //   .lock       who works on the switch; the lock itself is on the switch's folder
@@ -16,6 +16,7 @@
 // stopped: next/ is a copy when it is of current's generation or a later one, and the state before
 // the conversion when it is of an earlier one. A reboot leaves the generation alone: next/ without
 // .copy and of current's own is a state that nobody needs, on either side of its step.
+// A rollback is one exchange of current/ and previous/, each with the generation that it has.
 #ifndef DATAMORPH_SWITCH_DIR_H
 #define DATAMORPH_SWITCH_DIR_H
 
@@ -58,6 +59,11 @@ public:
   // The same for what is no conversion: the state keeps its generation, the old one goes, and
   // previous/ stays as it is.
   void replace(unique_fd next);
+
+  // The state in previous/. Throws failure(3) when there is none, or none that can be read.
+  switch_state previous_state() const;
+  // Lets current/ and previous/ change places. Throws failure(1): the switch is as it was.
+  void exchange_previous();
 
   // A new folder for a run; its number in *number.
   unique_fd make_run(std::string *number) const;

@@ -38,6 +38,8 @@ struct rehearse_options {
   bool round_trip = false;
 };
 int rehearse(const common_options &common, const rehearse_options &options);
+int history(const common_options &common, const std::string &dir);
+int rollback(const common_options &common, const std::string &dir, bool yes);
 
 struct store_options {
   std::string dir;

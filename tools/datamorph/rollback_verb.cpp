@@ -1,0 +1,117 @@
+// rollback: current/ and previous/ change places in one step, so nothing is copied and nothing
+// lost.
+#include "verbs.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include "failure.h"
+#include "output.h"
+#include "run_folder.h"
+#include "run_record.h"
+#include "stop_signal.h"
+#include "switch_dir.h"
+#include "text.h"
+
+namespace {
+
+bool can_ask() {
+  return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+}
+
+// A line of standard input, as far as it fits. A signal that asks the program to stop ends the
+// wait.
+std::string answer() {
+  pollfd in = {STDIN_FILENO, POLLIN, 0};
+  while (ppoll(&in, 1, nullptr, stop_signal::mask_while_waiting()) < 0 && errno == EINTR &&
+         !stop_signal::has_come()) {
+  }
+  stop_signal::check();
+  char line[64];
+  const ssize_t got = read(STDIN_FILENO, line, sizeof line);
+  const std::string text(line, got > 0 ? static_cast<size_t>(got) : 0);
+  return text.substr(0, text.find('\n'));
+}
+
+void confirm(const std::string &what) {
+  if (!can_ask()) {
+    throw failure(exit_refused, "not rolled back: there is no terminal to ask on; --yes would " +
+                                    what + " without asking");
+  }
+  std::fputs((upper_case(what.substr(0, 1)) + what.substr(1) + "? [y/N] ").c_str(), stderr);
+  const std::string said = upper_case(answer());
+  if (said != "Y" && said != "YES") {
+    throw failure(exit_refused, "not rolled back, as asked; the switch is as it was");
+  }
+}
+
+std::string releases(const switch_state &from, const switch_state &to) {
+  return from.release == to.release ? "at " + to.release + " as before"
+                                    : "from " + from.release + " to " + to.release;
+}
+
+// Puts previous/ in place; the number of the run that did it.
+std::string put_back(switch_dir *target, const switch_state &back) {
+  const run_folder folder(*target);
+  run_facts facts;
+  facts.verb = "rollback";
+  facts.from = target->state().release;
+  facts.to = back.release;
+  facts.generation = target->state().generation;
+  run_record record(folder, facts);
+  try {
+    stop_signal::check();
+    target->exchange_previous();
+  } catch (const failure &error) {
+    record.finish(run_result::failed, error.what());
+    throw failure(error.status(),
+                  std::string("not rolled back: ") + error.what() + "; the switch is as it was");
+  }
+  record.finish(run_result::done, "");
+  return folder.number();
+}
+
+int roll_back(const common_options &common, const std::string &dir, bool yes) {
+  switch_dir target(dir, switch_dir::access::write);
+  const switch_state now = target.state();
+  const switch_state back = target.previous_state();
+  target.check_exchange();
+  if (!yes) {
+    confirm("put the state of " + back.release + " in previous/ back in the place of the one of " +
+            now.release + " in " + in_quotes(dir));
+  }
+  const std::string run = put_back(&target, back);
+  const std::string closing = dir + ": rolled back, " + releases(now, back) +
+                              "; what was replaced is in previous/: rollback once more to take it "
+                              "back";
+  if (common.format == output::format::json) {
+    output::json({{"switch", dir},
+                  {"run", run},
+                  {"run_folder", dir + "/runs/" + run},
+                  {"from", now.release},
+                  {"to", back.release},
+                  {"message", closing}});
+  } else {
+    output::text(closing + "\n");
+  }
+  if (!output::finish()) {
+    throw failure(exit_failed, "not all of the output could be written; the switch IS rolled back");
+  }
+  return exit_done;
+}
+
+} // namespace
+
+int rollback(const common_options &common, const std::string &dir, bool yes) {
+  const stop_signal::guard guard;
+  try {
+    return roll_back(common, dir, yes);
+  } catch (const failure &error) {
+    const std::string message = error.what();
+    const bool placed = message.starts_with(in_quotes(dir));
+    throw failure(error.status(), placed ? message : in_quotes(dir) + ": " + message);
+  }
+}

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -45,10 +46,50 @@ void redirect(const std::string &path, int flags, int to) {
 
 } // namespace
 
-nlohmann::json result::json() const {
-  const nlohmann::json document = nlohmann::json::parse(out, nullptr, false);
-  EXPECT_FALSE(document.is_discarded()) << out;
+nlohmann::json result::envelope() const {
+  const nlohmann::json document = nlohmann::json::parse(out.substr(lines_end()), nullptr, false);
+  if (!document.is_object()) {
+    ADD_FAILURE() << "no envelope: " << out;
+    return nlohmann::json::object();
+  }
+  std::vector<std::string> members;
+  for (const auto &member : document.items()) {
+    members.push_back(member.key());
+  }
+  EXPECT_EQ(members,
+            (std::vector<std::string>{"datamorph", "error", "exit_code", "result", "verb"}));
+  EXPECT_EQ(document["datamorph"], nlohmann::json::parse(R"({"envelope": 1, "version": "1.0.0"})"));
+  EXPECT_EQ(document["exit_code"], status);
+  EXPECT_EQ(document["error"].is_null(), status == 0 || status == 2) << out;
   return document;
+}
+
+nlohmann::json result::json() const {
+  // store export's own document, which is bare.
+  if (out.starts_with("{\n \"stores\": ")) {
+    return nlohmann::json::parse(out, nullptr, false);
+  }
+  return envelope().value("result", nlohmann::json());
+}
+
+std::vector<nlohmann::json> result::items() const {
+  std::vector<nlohmann::json> found;
+  std::istringstream text(out.substr(0, lines_end()));
+  for (std::string line; std::getline(text, line);) {
+    const nlohmann::json item = nlohmann::json::parse(line, nullptr, false);
+    EXPECT_TRUE(item.is_object() && item.size() == 1 && item.contains("item")) << line;
+    found.push_back(item.value("item", nlohmann::json()));
+  }
+  return found;
+}
+
+size_t result::lines_end() const {
+  constexpr char item[] = R"({"item": )";
+  size_t at = 0;
+  while (out.compare(at, std::strlen(item), item) == 0 && out.find('\n', at) != std::string::npos) {
+    at = out.find('\n', at) + 1;
+  }
+  return at;
 }
 
 background::background(pid_t pid, std::string out, std::string err)

@@ -18,7 +18,15 @@ struct result {
   int status = -1; // the exit status; 1000 and the signal's number
   std::string out;
   std::string err;
-  nlohmann::json json() const; // of `out`; fails the test when it is none
+
+  // The envelope in `out`, behind the items of --format jsonl; fails the test when there is none,
+  // or one that disagrees with the exit status.
+  nlohmann::json envelope() const;
+  nlohmann::json json() const; // the envelope's result
+  std::vector<nlohmann::json> items() const;
+
+private:
+  size_t lines_end() const; // of the items
 };
 
 // A running command; killed when its owner goes.

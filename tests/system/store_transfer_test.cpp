@@ -97,10 +97,12 @@ TEST_F(store_transfer, other_parameters_are_refused_and_not_passed_over) {
   ASSERT_EQ(run({"store", "import", "sw"}, with_limit(2)).status, 0);
   const files before = state("sw");
 
-  expect_refused(run({"store", "import", "sw"}, with_limit(50)),
-                 "store 'nonvolatile:/cfg/p': it has max_key_size 4096, max_value_size 1048576, "
-                 "max_node_keys 2, version 1, the document wants max_key_size 4096, "
-                 "max_value_size 1048576, max_node_keys 50, version 1; keep its own with --merge");
+  expect_refused(
+      run({"store", "import", "sw"}, with_limit(50)),
+      "store 'nonvolatile:/cfg/p': it has max_key_size 4096, max_value_size 1048576, "
+      "max_node_keys 2, version 1, the document wants max_key_size 4096, "
+      "max_value_size 1048576, max_node_keys 50, version 1; none of its stores was replaced; "
+      "keep its own with --merge");
   expect_refused(run({"store", "import", "sw"},
                      document(store("nonvolatile:/cfg/p", one + R"(, {"key": "02", "value": ""},
                                     {"key": "03", "value": ""})"))),

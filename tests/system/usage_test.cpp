@@ -33,9 +33,9 @@ TEST_F(usage, options_that_are_none_or_missing) {
   expect_one_line({"convert", "sw"}, 64, "--to is required");
   expect_one_line({"convert", "sw", "--to", "4.2(1)", "--bogus"}, 64, "");
   expect_one_line({"lab", "show", "sw", "extra"}, 64, "");
-  expect_one_line({"services", "--format", "xml"}, 64, "--format: xml not in {table,json}");
+  expect_one_line({"services", "--format", "xml"}, 64, "--format: xml not in {table,json,jsonl}");
   expect_one_line({"--bogus"}, 64, "'--bogus' stands before the verb");
-  expect_one_line({"--format", "json", "services"}, 64,
+  expect_one_line({"--format", "table", "services"}, 64,
                   "'--format' stands before the verb, where only --help and --version may; options "
                   "stand after the verb");
 }

@@ -45,8 +45,8 @@ conversion::conversion(const common_options &common, const convert_options &opti
 
 // ---- What is refused ---------------------------------------------------------------------------
 
-[[noreturn]] void conversion::refuse(const std::string &message) const {
-  throw failure(exit_refused, in_quotes(options_.dir) + ": " + message);
+[[noreturn]] void conversion::refuse(const std::string &message, const std::string &next) const {
+  throw failure(exit_refused, in_quotes(options_.dir) + ": " + message, next);
 }
 
 bool conversion::selected(moment which) const {
@@ -83,7 +83,8 @@ nlohmann::json conversion::look(int current) {
   const jail::outcome outcome = jail::run(request);
   if (outcome.how == jail::outcome::kind::silent) {
     refuse("the library gave no answer within " + counted(options_.timeout, "second") +
-           " while the switch was examined; raise --timeout");
+               " while the switch was examined",
+           "raise --timeout");
   }
   if (!outcome.finished()) {
     refuse("the library, while the switch was examined with it: " + outcome.text());
@@ -104,8 +105,8 @@ void conversion::check_release(const nlohmann::json &images, const std::string &
            "it; images: " + (known.empty() ? "none" : known));
   }
   if (!found->is_string()) {
-    refuse("the version of the image " + in_quotes(release) +
-           " cannot be read; put the release's " + "text into images/" + release + "/version");
+    refuse("the version of the image " + in_quotes(release) + " cannot be read",
+           "put the release's text into images/" + release + "/version");
   }
 }
 
@@ -118,20 +119,19 @@ void conversion::check_damage(const nlohmann::json &found) const {
   const std::string what = "the store " + in_quotes(uri) +
                            " cannot be read: " + status_text(damaged.at("status").get<syserr_t>());
   if (uri != lab::running_tag_tables) {
-    refuse(what + "; remove it with 'datamorph store delete --all' and bring it back with "
-                  "'datamorph store import'");
+    refuse(what, "remove it with 'datamorph store delete --all' and bring it back with "
+                 "'datamorph store import'");
   }
   const std::string remove = "datamorph store delete " + options_.dir + " " + uri + " ";
   const std::string reboot =
       ", 'datamorph lab reboot' makes it anew from the saved tag tables, but empties /tmp and the "
       "other volatile stores too";
   if (!damaged.contains("key")) {
-    refuse(what + "; '" + remove + "--all' removes it" + reboot);
+    refuse(what, "'" + remove + "--all' removes it" + reboot);
   }
   const std::string key = damaged["key"].get<std::string>();
-  refuse(what + ": the record with the key '" + key +
-         "': " + damaged.at("text").get<std::string>() + "; '" + remove +
-         (key.empty() ? "\"\"" : key) + "' removes that one" + reboot);
+  refuse(what + ": the record with the key '" + key + "': " + damaged.at("text").get<std::string>(),
+         "'" + remove + (key.empty() ? "\"\"" : key) + "' removes that one" + reboot);
 }
 
 void conversion::make_plan(const nlohmann::json &found) {
@@ -163,8 +163,8 @@ void conversion::make_plan(const nlohmann::json &found) {
   }
   for (const uint32 uuid : wanted) {
     if (std::find(met.begin(), met.end(), uuid) == met.end()) {
-      refuse("the service " + service_name(uuid) +
-             " has no routine in the chosen moments; 'datamorph services' lists them");
+      refuse("the service " + service_name(uuid) + " has no routine in the chosen moments",
+             "'datamorph services' lists them");
     }
   }
 }
@@ -351,8 +351,8 @@ void conversion::note_remainders() {
 void check_service_names(const convert_options &options) {
   for (const std::string &name : options.services) {
     if (!service_number(name)) {
-      throw failure(exit_usage,
-                    "unknown service " + in_quotes(name) + "; services: " + service_names());
+      throw failure(exit_usage, "unknown service " + in_quotes(name),
+                    "services: " + service_names());
     }
   }
 }

@@ -55,7 +55,7 @@ public:
   std::set<std::string> stores(const char *when) const;
 
 private:
-  [[noreturn]] void refuse(const std::string &message) const;
+  [[noreturn]] void refuse(const std::string &message, const std::string &next = "") const;
   std::vector<uint32> wanted_services() const;
   nlohmann::json look(int current);
   void check_release(const nlohmann::json &images, const std::string &release,

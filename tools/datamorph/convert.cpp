@@ -51,9 +51,9 @@ private:
 // All that is refused, and the plan of what is done.
 void version_change::prepare() {
   if (saved_ != nullptr && state_digest({options_.dir, switch_.current(), ""}) != saved_->before) {
-    throw failure(exit_refused, in_quotes(options_.dir) +
-                                    ": the switch has changed since the plan was made; rehearse "
-                                    "again, and look at 'datamorph history'");
+    throw failure(exit_refused,
+                  in_quotes(options_.dir) + ": the switch has changed since the plan was made",
+                  "rehearse again; 'datamorph history' may tell what was done");
   }
   conversion_.prepare(switch_.current());
   switch_.check_exchange();
@@ -159,6 +159,8 @@ void version_change::finish(const run_folder &folder, run_record *record, int en
   if (!report_.converted) {
     say("not converted: " + report_.trouble + "; the switch is as it was, still at " +
         report_.release);
+    output::explain(in_quotes(options_.dir) + ": not converted: " + report_.trouble +
+                    "; the switch is as it was, still at " + report_.release);
   }
   for (const std::string &note : report_.notes) {
     say(note);
@@ -237,8 +239,6 @@ int convert(const common_options &common, const convert_options &wanted) {
   try {
     return version_change(common, options).run(options.plan.empty() ? nullptr : &plan);
   } catch (const failure &error) {
-    const std::string message = error.what();
-    const bool placed = message.starts_with(in_quotes(options.dir));
-    throw failure(error.status(), placed ? message : in_quotes(options.dir) + ": " + message);
+    throw error.placed(in_quotes(options.dir));
   }
 }

@@ -9,6 +9,7 @@
 #include "failure.h"
 #include "lab/lab.h"
 #include "layout.h"
+#include "output.h"
 #include "platform/tlv_array.h"
 #include "services.h"
 #include "strict_json.h"
@@ -539,7 +540,7 @@ bool is_described_uri(const std::string &uri) {
 }
 
 std::vector<store_description> parse_stores(const std::string &text, const std::string &origin) {
-  const nlohmann::json document = parse_json(text, origin);
+  const nlohmann::json document = output::result_in(parse_json(text, origin), origin);
   const node top(document, "", origin);
   top.expect_object({"stores"});
   top.member("stores");

@@ -48,7 +48,7 @@ void open_state_folder(operand *found) {
     const std::string text = tree::read_file(found->folder.get(), switch_file, largest_switch_file);
     found->state = switch_state::from_json(nlohmann::json::parse(text, nullptr, false));
   } catch (const failure &error) {
-    throw failure(error.status(), in_quotes(found->path) + ": " + error.what());
+    throw error.placed(in_quotes(found->path));
   }
 }
 
@@ -88,8 +88,8 @@ public:
     if (file.empty()) {
       return;
     }
-    const nlohmann::json document =
-        parse_json(tree::read_file(AT_FDCWD, file, largest_document), file);
+    const nlohmann::json document = output::result_in(
+        parse_json(tree::read_file(AT_FDCWD, file, largest_document), file), file);
     if (!document.is_object() || !document.value("changes", nlohmann::json()).is_array()) {
       throw failure(exit_refused, in_quotes(file) + ": no list \"changes\", as 'datamorph diff "
                                                     "--format json' writes it");
@@ -176,30 +176,21 @@ static_assert(static_cast<size_t>(what::added) == 0 && static_cast<size_t>(what:
 
 // ---- JSON --------------------------------------------------------------------------------------
 
-// Written change by change, so that nothing has to be held.
 class json_writer {
 public:
-  json_writer(const operand &a, const operand &b) {
-    output::text("{\n \"a\": " + output::json_text(operand_json(a), -1) +
-                 ",\n \"b\": " + output::json_text(operand_json(b), -1) + ",\n \"changes\": [");
-  }
-  void take(const state_change &change) {
-    output::text(std::string(written_++ == 0 ? "\n  " : ",\n  ") +
-                 output::json_text(change.to_json(), -1));
-  }
+  json_writer(const operand &a, const operand &b)
+      : result_({{"a", operand_json(a)}, {"b", operand_json(b)}}, "changes") {}
+  void take(const state_change &change) { result_.item(change.to_json()); }
   void end(const known_changes &known, const summary &counts) {
-    output::text(std::string(written_ == 0 ? "]" : "\n ]") + ",\n \"missing\": [");
-    const char *between = "\n  ";
+    nlohmann::json missing = nlohmann::json::array();
     for (const std::string &change : known.missing()) {
-      output::text(between + change);
-      between = ",\n  ";
+      missing.push_back(nlohmann::json::parse(change));
     }
-    output::text(std::string(known.missing().empty() ? "]" : "\n ]") +
-                 ",\n \"summary\": " + output::json_text(counts.to_json(), -1) + "\n}\n");
+    result_.end({{"missing", missing}, {"summary", counts.to_json()}});
   }
 
 private:
-  size_t written_ = 0;
+  output::document result_;
 };
 
 // ---- A table -----------------------------------------------------------------------------------
@@ -242,6 +233,10 @@ int write_diff(const operand &a, const operand &b, known_changes *known) {
               });
   counts.missing = known->missing().size();
   writer.end(*known, counts);
+  if (counts.unreadable > 0) {
+    output::explain(counted(counts.unreadable, "thing") + " could not be read",
+                    "the unreadable ones among the changes tell which and why");
+  }
   return counts.status();
 }
 

@@ -70,9 +70,9 @@ bool write_proc(const char *path, const std::string &text) {
 [[noreturn]] void no_rights(const char *step, int error) {
   throw failure(exit_refused,
                 std::string("no rights to work inside the switch: ") + step + " failed (" +
-                    error_text(error) +
-                    "); run it as root, or allow user namespaces on this machine (sysctl "
-                    "user.max_user_namespaces above 0)");
+                    error_text(error) + ")",
+                "run it as root, or allow user namespaces on this machine (sysctl "
+                "user.max_user_namespaces above 0)");
 }
 
 // A user namespace in which this user may change its root; only its own id exists there.
@@ -91,8 +91,8 @@ void enter_user_namespace() {
 
 void enter_root(int root) {
   if (fchdir(root) != 0) {
-    throw failure(exit_refused, "cannot enter the switch's state: " + error_text(errno) +
-                                    "; run as the user that the switch belongs to");
+    throw failure(exit_refused, "cannot enter the switch's state: " + error_text(errno),
+                  "run as the user that the switch belongs to");
   }
   if (chroot(".") != 0) {
     if (errno != EPERM) {
@@ -119,8 +119,11 @@ void close_folders() {
   }
 }
 
-void send_failure(const jail::channel &channel, int status, const std::string &message) {
-  channel.send({{"failure", {{"status", status}, {"message", message}}}});
+void send_failure(const jail::channel &channel, const failure &error) {
+  channel.send({{"failure",
+                 {{"status", error.status()},
+                  {"message", error.message()},
+                  {"next_action", error.next_action()}}}});
 }
 
 [[noreturn]] void live_in_child(const jail::request &request, pid_t parent, int trace,
@@ -142,10 +145,10 @@ void send_failure(const jail::channel &channel, int status, const std::string &m
     request.body(channel);
     channel.send({{"finished", true}});
   } catch (const failure &error) {
-    send_failure(channel, error.status(), error.what());
+    send_failure(channel, error);
     status = exit_failed;
   } catch (const std::exception &error) {
-    send_failure(channel, exit_failed, error.what());
+    send_failure(channel, failure(exit_failed, error.what()));
     status = exit_failed;
   }
   std::fflush(nullptr);
@@ -185,7 +188,7 @@ public:
 
   void throw_failure() const {
     if (status_ != 0) {
-      throw failure(status_, text_);
+      throw failure(status_, text_, next_action_);
     }
   }
 
@@ -197,6 +200,7 @@ private:
       const int status = message["failure"].at("status").get<int>();
       const bool known = status == exit_refused || status == exit_in_use || status == exit_usage;
       text_ = message["failure"].at("message").get<std::string>();
+      next_action_ = message["failure"].value("next_action", "");
       status_ = known ? status : exit_failed;
     } else {
       request_.on_message(message);
@@ -207,6 +211,7 @@ private:
   bool finished_ = false;
   int status_ = 0;
   std::string text_;
+  std::string next_action_;
 };
 
 } // namespace

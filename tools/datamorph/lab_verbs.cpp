@@ -393,8 +393,10 @@ int lab_create(const common_options &common, const std::string &dir, const std::
     booted = build(shop, wanted);
   } catch (const failure &error) {
     const bool full = error.status() == exit_failed && is_full(shop.folder());
-    throw failure(error.status(), in_quotes(dir) + ": " + error.what() +
-                                      (full ? "; its file system is full: make room there" : ""));
+    throw full
+        ? failure(error.status(), in_quotes(dir) + ": " + error.what(),
+                  "its file system is full: make room there")
+        : failure(error.status(), in_quotes(dir) + ": " + error.message(), error.next_action());
   }
   stop_signal::check();
   shop.become_switch();
@@ -467,9 +469,7 @@ int lab_reboot(const common_options &common, const std::string &dir) {
                    counted(done.files, "file") + " of /tmp are gone\n");
     }
   } catch (const failure &error) {
-    const std::string message = error.what();
-    const bool placed = message.starts_with(in_quotes(dir));
-    throw failure(error.status(), placed ? message : in_quotes(dir) + ": " + message);
+    throw error.placed(in_quotes(dir));
   }
   return exit_done;
 }

@@ -39,8 +39,8 @@ public:
   void *address(const char *name) const {
     void *found = dlsym(handle_, name);
     if (found == nullptr) {
-      throw failure(exit_refused, in_quotes(file_) + " is no conversion library: it has no " +
-                                      name + "; name another one with --library");
+      throw failure(exit_refused, in_quotes(file_) + " is no conversion library: it has no " + name,
+                    "name another one with --library");
     }
     return found;
   }
@@ -100,9 +100,10 @@ library load_library(const std::string &wanted) {
   void *handle = dlopen(result.file.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
     const char *why = dlerror();
-    throw failure(exit_refused, std::string("cannot load the conversion library: ") +
-                                    (why == nullptr ? "unknown error" : why) +
-                                    "; name it with --library or DATAMORPH_LIBRARY");
+    throw failure(exit_refused,
+                  std::string("cannot load the conversion library: ") +
+                      (why == nullptr ? "unknown error" : why),
+                  "name it with --library or DATAMORPH_LIBRARY");
   }
   const symbols symbols(handle, result.file);
   symbols.get("libdatamorph_init", &result.init);

@@ -27,7 +27,9 @@ nlohmann::json answer_to(const std::string &wanted, const question &ask) {
   try {
     return {{"answer", ask(load_library(wanted))}};
   } catch (const failure &error) {
-    return {{"status", error.status()}, {"message", error.what()}};
+    return {{"status", error.status()},
+            {"message", error.message()},
+            {"next_action", error.next_action()}};
   }
 }
 
@@ -93,11 +95,13 @@ nlohmann::json ask_library(const std::string &wanted, const question &ask) {
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   if (!answer.is_object()) {
-    throw failure(exit_refused, in_quotes(find_library(wanted)) + ": the library " +
-                                    end_text(status) + "; name another one with --library");
+    throw failure(exit_refused,
+                  in_quotes(find_library(wanted)) + ": the library " + end_text(status),
+                  "name another one with --library");
   }
   if (answer.contains("message")) {
-    throw failure(answer["status"].get<int>(), answer["message"].get<std::string>());
+    throw failure(answer["status"].get<int>(), answer["message"].get<std::string>(),
+                  answer["next_action"].get<std::string>());
   }
   return answer["answer"];
 }
@@ -149,7 +153,7 @@ int order_of(const library &library, const std::string &a, const std::string &b)
 int services(const common_options &common) {
   const nlohmann::json document = ask_library(common.library, rows_of);
   if (common.format == output::format::json) {
-    output::json(document);
+    output::json(document, "rows");
     return exit_done;
   }
   std::vector<std::vector<output::cell>> rows;

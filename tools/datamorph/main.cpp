@@ -68,32 +68,40 @@ public:
     } catch (const CLI::Success &asked) {
       return app_.exit(asked); // help or version, on standard output
     } catch (const CLI::ParseError &error) {
-      throw failure(exit_usage, usage_message(argc, argv, error));
+      const words typed(argv + 1, argv + argc);
+      const std::vector<const CLI::App *> path = path_of(typed);
+      output::begin(name_of(path), style_of(asked_format(typed)));
+      throw usage_failure(typed, path, error);
     }
     return chosen_();
   }
 
 private:
   using action = std::function<int()>;
+  using words = std::vector<std::string>;
 
   // A verb with the options that all of them have.
   CLI::App *verb(CLI::App *parent, const char *name, const char *what, const char *example,
                  const action &act) {
     CLI::App *sub = parent->add_subcommand(name, what);
     sub->footer(std::string("Example:\n  ") + example + "\n");
-    sub->add_option("--format", format_, "How data is written: table or json")
-        ->check(CLI::IsMember({"table", "json"}))
+    sub->add_option("--format", format_,
+                    "How data is written: table, json (one document) or jsonl (a line per item of "
+                    "a list, then the rest)")
+        ->check(CLI::IsMember({"table", "json", "jsonl"}))
         ->capture_default_str();
     sub->add_flag("-v,--verbose", common_.verbose, "Show the library's trace");
     sub->add_option("--library", common_.library,
                     "The conversion library (default: DATAMORPH_LIBRARY, beside the program, where "
                     "it was installed)");
-    sub->callback([this, act] { choose(act); });
+    const std::string path = parent == &app_ ? name : parent->get_name() + " " + name;
+    sub->callback([this, act, path] { choose(path, act); });
     return sub;
   }
 
-  void choose(const action &act) {
-    common_.format = format_ == "json" ? output::format::json : output::format::table;
+  void choose(const std::string &path, const action &act) {
+    common_.format = format_ == "table" ? output::format::table : output::format::json;
+    output::begin(path, style_of(format_));
     chosen_ = act;
   }
 
@@ -140,7 +148,7 @@ private:
       if (to->empty() && plan->empty()) {
         throw CLI::RequiredError("--to (or --plan)");
       }
-      choose(act);
+      choose("convert", act);
     });
     for (CLI::Option *option : add_selection(sub, &convert_)) {
       plan->excludes(option);
@@ -345,32 +353,69 @@ private:
     return nullptr;
   }
 
-  // The first word that is no verb where one is wanted, if that is what is wrong.
-  std::string usage_message(int argc, char **argv, const CLI::ParseError &error) const {
-    const CLI::App *app = &app_;
-    std::string path = "datamorph";
-    for (int at = 1; at < argc; ++at) {
-      const std::string word = argv[at];
-      if (verbs_of(*app).empty()) {
-        break;
+  static output::style style_of(const std::string &format) {
+    return format == "json"    ? output::style::document
+           : format == "jsonl" ? output::style::lines
+                               : output::style::none;
+  }
+
+  // The format in words that cannot be parsed.
+  static std::string asked_format(const words &typed) {
+    constexpr std::string_view option = "--format";
+    std::string format;
+    for (size_t at = 0; at < typed.size() && typed[at] != "--"; ++at) {
+      if (typed[at] == option && at + 1 < typed.size()) {
+        format = typed[at + 1];
+      } else if (typed[at].starts_with(std::string(option) + "=")) {
+        format = typed[at].substr(option.size() + 1);
       }
-      const CLI::App *sub = verb_of(*app, word);
-      if (sub == nullptr && word.starts_with("-")) {
-        break;
-      }
-      if (sub == nullptr) {
-        return "unknown verb " + in_quotes(word) + "; verbs: " + verbs_of(*app);
-      }
-      app = sub;
-      path += " " + word;
     }
-    if (app == &app_ && argc > 1 && std::string_view(argv[1]).starts_with("-")) {
-      return in_quotes(argv[1]) + " stands before the verb, where only --help and --version may; "
-                                  "options stand after the verb";
+    return format;
+  }
+
+  // The program and the verbs that the first words name.
+  std::vector<const CLI::App *> path_of(const words &typed) const {
+    std::vector<const CLI::App *> path = {&app_};
+    for (const std::string &word : typed) {
+      const CLI::App *sub = verb_of(*path.back(), word);
+      if (sub == nullptr) {
+        break;
+      }
+      path.push_back(sub);
+    }
+    return path;
+  }
+
+  static std::string name_of(const std::vector<const CLI::App *> &path) {
+    std::string name;
+    for (size_t at = 1; at < path.size(); ++at) {
+      append_word(name, path[at]->get_name());
+    }
+    return name;
+  }
+
+  // Names the first word that is no verb where one is wanted, if that is what is wrong.
+  static failure usage_failure(const words &typed, const std::vector<const CLI::App *> &path,
+                               const CLI::ParseError &error) {
+    const size_t at = path.size() - 1; // of the first word that is no verb
+    const std::string word = at < typed.size() ? typed[at] : "";
+    const std::string verbs = verbs_of(*path.back());
+    if (at < typed.size() && !verbs.empty() && !word.starts_with("-")) {
+      return failure(exit_usage, "unknown verb " + in_quotes(word), "verbs: " + verbs);
+    }
+    if (at == 0 && word.starts_with("-")) {
+      return failure(exit_usage,
+                     in_quotes(word) + " stands before the verb, where only --help and --version "
+                                       "may",
+                     "options stand after the verb");
+    }
+    std::string help = "see 'datamorph ";
+    for (size_t verb = 1; verb < path.size(); ++verb) {
+      help += path[verb]->get_name() + " ";
     }
     const std::string what = error.what();
-    return to_text(what.size() > 500 ? what.substr(0, 500) + "..." : what) + "; see '" + path +
-           " --help'";
+    return failure(exit_usage, to_text(what.size() > 500 ? what.substr(0, 500) + "..." : what),
+                   help + "--help'");
   }
 
   CLI::App app_;
@@ -413,12 +458,10 @@ int main(int argc, char **argv) {
   } catch (const failure &error) {
     status = error.status();
     output::message(error.what());
+    output::explain(error.message(), error.next_action());
   } catch (const std::exception &error) {
     output::message(error.what());
+    output::explain(error.what());
   }
-  if (!output::finish() && status == exit_done) {
-    output::message("not all of the output could be written");
-    status = exit_failed;
-  }
-  return status;
+  return output::end(status);
 }

@@ -150,12 +150,6 @@ void add_row(libscols_table *table, const std::vector<output::cell> &cells) {
   }
 }
 
-void write_all(const std::string &text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-    lost = true;
-  }
-}
-
 } // namespace
 
 namespace output {
@@ -166,7 +160,7 @@ void table(const std::vector<column> &columns, const std::vector<std::vector<cel
     for (const column &column : columns) {
       append_word(head, column.name);
     }
-    write_all(head + "\n");
+    raw(head + "\n");
     return;
   }
   const table_ptr table(scols_new_table());
@@ -190,19 +184,13 @@ void table(const std::vector<column> &columns, const std::vector<std::vector<cel
   if (!text.empty() && text.back() != '\n') {
     text += '\n';
   }
-  write_all(text);
+  raw(text);
 }
 
-std::string json_text(const nlohmann::json &document, int indent) {
-  return document.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
-void json(const nlohmann::json &document) {
-  write_all(json_text(document) + "\n");
-}
-
-void text(const std::string &text) {
-  write_all(text);
+void raw(std::string_view bytes) {
+  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) {
+    lost = true;
+  }
 }
 
 bool reader_gone() {

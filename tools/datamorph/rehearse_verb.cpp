@@ -63,17 +63,33 @@ struct change_counts {
 struct comparison {
   const char *name = ""; // in documents
   std::string title;
-  std::string trouble; // why there is nothing to compare
-  std::vector<nlohmann::json> changes;
+  std::string trouble;               // why there is nothing to compare
+  std::vector<state_change> changes; // the first ones
   uint64_t total = 0;
 
   void take(const state_change &change) {
     if (total++ < most_lines) {
-      changes.push_back(change.to_json());
+      changes.push_back(change);
     }
   }
   nlohmann::json to_json() const {
-    return {{"title", title}, {"trouble", trouble}, {"total", total}, {"changes", changes}};
+    nlohmann::json listed = nlohmann::json::array();
+    for (const state_change &change : changes) {
+      listed.push_back(change.to_json());
+    }
+    return {{"title", title}, {"trouble", trouble}, {"total", total}, {"changes", listed}};
+  }
+  void print() const {
+    output::text("\n" + title + ": " + (trouble.empty() ? counted(total, "difference") : trouble) +
+                 "\n");
+    change_tables tables(false);
+    for (const state_change &change : changes) {
+      tables.take(change);
+    }
+    tables.end();
+    if (total > changes.size()) {
+      output::text(std::to_string(total - changes.size()) + " more\n");
+    }
   }
 };
 
@@ -90,7 +106,7 @@ private:
   bool as_json() const { return common_.format == output::format::json; }
   std::unique_ptr<rehearsal> rehearse(const char *name, int root, const switch_state &state,
                                       const std::string &to, const std::string &from) const;
-  void print_head(const rehearsal &main) const;
+  void print_head(const rehearsal &main);
   void print_change(const state_change &change, const change_author &author);
   void compare(const rehearsal &main);
   void there_and_back(const rehearsal &main);
@@ -99,13 +115,14 @@ private:
   void print_losses() const;
   void print_document_end(const rehearsal &main) const;
   void save(const rehearsal &main) const;
+  int complain(int status, const std::string &what) const;
 
   const common_options &common_;
   const rehearse_options &options_;
   switch_dir switch_;
   scratch_folder scratch_;
   change_tables tables_{true};
-  size_t written_ = 0;
+  std::unique_ptr<output::document> document_;
   change_counts counts_;
   std::unique_ptr<loss_report> losses_;
   std::vector<comparison> others_;
@@ -231,13 +248,12 @@ nlohmann::json head_json(const rehearsal &main, const std::string &dir) {
           {"library", main.done().report().library}};
 }
 
-void rehearse_run::print_head(const rehearsal &main) const {
+void rehearse_run::print_head(const rehearsal &main) {
   const conversion_plan &plan = main.done().plan();
   if (as_json()) {
-    std::string head = output::json_text(head_json(main, options_.work.dir), -1);
-    head.pop_back(); // the document goes on
-    output::text(head + ",\n \"steps\": " + output::json_text(steps_json(main), -1) +
-                 ",\n \"changes\": [");
+    nlohmann::json head = head_json(main, options_.work.dir);
+    head["steps"] = steps_json(main);
+    document_ = std::make_unique<output::document>(head, "changes");
     return;
   }
   output::text(options_.work.dir + ": from " + plan.from + " to " + plan.to +
@@ -253,18 +269,7 @@ void rehearse_run::print_end(const rehearsal &main) {
   tables_.end();
   print_losses();
   for (const comparison &other : others_) {
-    output::text("\n" + other.title + ": " +
-                 (other.trouble.empty() ? counted(other.total, "difference") : other.trouble) +
-                 "\n");
-    for (size_t at = 0; at < other.changes.size() && at < shown_losses; ++at) {
-      const nlohmann::json &change = other.changes[at];
-      output::text("  " + change["change"].get<std::string>() + " " +
-                   change["kind"].get<std::string>() + " " + change["name"].get<std::string>() +
-                   " " + change.value("key", "") + "\n");
-    }
-    if (other.total > shown_losses) {
-      output::text("  " + std::to_string(other.total - shown_losses) + " more\n");
-    }
+    other.print();
   }
   output::text("\n" + counts_.to_text() + "\n" + losses_->balance().to_text() + "\n");
 }
@@ -291,8 +296,7 @@ void rehearse_run::print_document_end(const rehearsal &main) const {
   for (const comparison &other : others_) {
     end[other.name] = other.to_json();
   }
-  output::text(std::string(written_ == 0 ? "]" : "\n ]") + ",\n " +
-               output::json_text(end, -1).substr(1) + "\n");
+  document_->end(end);
 }
 
 void rehearse_run::print_losses() const {
@@ -342,8 +346,7 @@ void rehearse_run::compare(const rehearsal &main) {
     counts_.take(change);
     losses_->take(change, author);
     if (as_json()) {
-      output::text(std::string(written_++ == 0 ? "\n  " : ",\n  ") +
-                   output::json_text(change_json(main, change, author), -1));
+      document_->item(change_json(main, change, author));
     } else {
       print_change(change, author);
     }
@@ -395,6 +398,13 @@ void rehearse_run::save(const rehearsal &main) const {
                   options_.work.dir + " --plan " + options_.save + "'");
 }
 
+int rehearse_run::complain(int status, const std::string &what) const {
+  const std::string message = in_quotes(options_.work.dir) + ": " + what;
+  output::message(message);
+  output::explain(message);
+  return status;
+}
+
 int rehearse_run::run() {
   const std::unique_ptr<rehearsal> main = rehearse("rehearsal", switch_.current(), switch_.state(),
                                                    options_.work.to, options_.work.from);
@@ -412,15 +422,11 @@ int rehearse_run::run() {
     output::message(in_quotes(options_.work.dir) + ": " + note);
   }
   if (!good) {
-    output::message(in_quotes(options_.work.dir) +
-                    ": it would not be converted: " + main->trouble());
-    return main->status();
+    return complain(main->status(), "it would not be converted: " + main->trouble());
   }
   if (losses_->balance().unaccounted() > 0) {
-    output::message(in_quotes(options_.work.dir) + ": " +
-                    counted(losses_->balance().unaccounted(), "record") +
-                    " would be lost for no known reason");
-    return exit_failed;
+    return complain(exit_failed, counted(losses_->balance().unaccounted(), "record") +
+                                     " would be lost for no known reason");
   }
   if (!options_.save.empty()) {
     save(*main);
@@ -433,5 +439,9 @@ int rehearse_run::run() {
 int rehearse(const common_options &common, const rehearse_options &options) {
   check_service_names(options.work);
   const stop_signal::guard guard;
-  return rehearse_run(common, options).run();
+  try {
+    return rehearse_run(common, options).run();
+  } catch (const failure &error) {
+    throw error.placed(in_quotes(options.work.dir));
+  }
 }

@@ -32,8 +32,8 @@ bool is_moment(const std::string &name) {
 }
 
 [[noreturn]] void refuse(const std::string &file, const std::string &what) {
-  throw failure(exit_refused,
-                in_quotes(file) + ": " + what + "; make it anew with 'datamorph rehearse --save'");
+  throw failure(exit_refused, in_quotes(file) + ": " + what,
+                "make it anew with 'datamorph rehearse --save'");
 }
 
 // Throws nlohmann::json::exception for a member that is missing or of another type.

@@ -59,8 +59,10 @@ scratch_folder::scratch_folder() {
   sweep(parent);
   path_ = parent + "/" + prefix + "XXXXXX";
   if (mkdtemp(path_.data()) == nullptr) {
-    throw failure(exit_refused, "cannot make a folder for the copy in " + in_quotes(parent) + ": " +
-                                    error_text(errno) + "; name another place in TMPDIR");
+    throw failure(exit_refused,
+                  "cannot make a folder for the copy in " + in_quotes(parent) + ": " +
+                      error_text(errno),
+                  "name another place in TMPDIR");
   }
   folder_ = open_folder(path_);
   if (!folder_.is_open() || flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -77,7 +79,8 @@ scratch_folder::~scratch_folder() {
 }
 
 unique_fd scratch_folder::copy(int state, const std::string &name) const {
-  tree::check_room(state, ".", folder_.get(), path_ + "; name another place in TMPDIR");
+  tree::check_room(state, ".", folder_.get(),
+                   "make room in " + place() + ", or name another place in TMPDIR");
   tree::copy(state, ".", path_ + "/" + name);
   unique_fd made = open_folder(path_ + "/" + name);
   if (!made.is_open()) {

@@ -302,7 +302,8 @@ public:
     }
     if (next_.contains("failure")) {
       throw failure(next_["failure"].get<int>(),
-                    in_quotes(label_) + ": " + next_["message"].get<std::string>());
+                    in_quotes(label_) + ": " + next_["message"].get<std::string>(),
+                    next_["next_action"].get<std::string>());
     }
     if (next_.contains("end")) {
       next_ = nullptr;
@@ -314,13 +315,18 @@ private:
                                 pid_t parent) {
     start_child(parent, SIGKILL);
     const jail::channel channel(to);
+    const auto tell = [&](const failure &error) {
+      channel.send({{"failure", error.status()},
+                    {"message", error.message()},
+                    {"next_action", error.next_action()}});
+    };
     try {
       hear_side(side, name, [&](const nlohmann::json &message) { channel.send(message); });
       channel.send({{"end", true}});
     } catch (const failure &error) {
-      channel.send({{"failure", error.status()}, {"message", error.what()}});
+      tell(error);
     } catch (const std::exception &error) {
-      channel.send({{"failure", int(exit_failed)}, {"message", error.what()}});
+      tell(failure(exit_failed, error.what()));
     }
     _exit(exit_done);
   }
@@ -641,9 +647,10 @@ record_totals diff_states(const state_side &a, const state_side &b,
   try {
     hear_side(a, a.uri, [&](const nlohmann::json &message) { merged.hear(message); });
   } catch (const failure &error) {
-    const std::string message = error.what();
-    const bool placed = message.starts_with(in_quotes(b.label) + ": ");
-    throw failure(error.status(), placed ? message : in_quotes(a.label) + ": " + message);
+    if (error.message().starts_with(in_quotes(b.label) + ": ")) {
+      throw;
+    }
+    throw failure(error.status(), in_quotes(a.label) + ": " + error.message(), error.next_action());
   }
   merged.end();
   return merged.totals();

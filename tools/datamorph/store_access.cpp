@@ -14,16 +14,16 @@ int status_of_failure(syserr_t status) {
 std::string advice(syserr_t status) {
   switch (status) {
   case SYSERR_PSS_NO_STORE:
-    return "; 'datamorph store list' tells what stores there are";
+    return "'datamorph store list' tells what stores there are";
   case SYSERR_PSS_DAMAGED:
-    return "; remove it with 'datamorph store delete --all' and bring it back with 'datamorph "
+    return "remove it with 'datamorph store delete --all' and bring it back with 'datamorph "
            "store import'";
   case SYSERR_PSS_BAD_ARGUMENT:
-    return "; a store is named nonvolatile:/PATH/NAME or volatile:/PATH/NAME";
+    return "a store is named nonvolatile:/PATH/NAME or volatile:/PATH/NAME";
   case SYSERR_PSS_TOO_LARGE:
-    return "; 'datamorph store list' tells the store's limits";
+    return "'datamorph store list' tells the store's limits";
   case SYSERR_PSS_NO_ACCESS:
-    return "; run as the user that the switch belongs to";
+    return "run as the user that the switch belongs to";
   default:
     return "";
   }
@@ -41,7 +41,7 @@ void in_switch(const switch_dir &target, std::function<void(const jail::channel 
   try {
     outcome = jail::run(request);
   } catch (const failure &error) {
-    throw failure(error.status(), in_quotes(target.path()) + ": " + error.what());
+    throw error.placed(in_quotes(target.path()));
   }
   if (!outcome.finished()) {
     throw failure(exit_failed,
@@ -51,8 +51,8 @@ void in_switch(const switch_dir &target, std::function<void(const jail::channel 
 
 void check_store(syserr_t status, const std::string &uri) {
   if (status != SYSERR_SUCCESS) {
-    throw failure(status_of_failure(status),
-                  "store " + in_quotes(uri) + ": " + status_text(status) + advice(status));
+    throw failure(status_of_failure(status), "store " + in_quotes(uri) + ": " + status_text(status),
+                  advice(status));
   }
 }
 
@@ -77,9 +77,10 @@ store_handle::store_handle(const std::string &uri, uint32 mode) : uri_(uri) {
 }
 
 void store_handle::no_record(const std::string &key) const {
-  throw failure(exit_refused, "store " + in_quotes(uri_) + ": no record with the key " +
-                                  to_hex(key.substr(0, 100)) +
-                                  "; 'datamorph store show' tells what records there are");
+  throw failure(exit_refused,
+                "store " + in_quotes(uri_) + ": no record with the key " +
+                    to_hex(key.substr(0, 100)),
+                "'datamorph store show' tells what records there are");
 }
 
 pss2_nonvol_params store_handle::params() {
@@ -171,8 +172,8 @@ bool is_file_path(const std::string &uri) {
 }
 
 void send_file_records(const jail::channel &channel, const std::string &file) {
-  const auto fail = [&](syserr_t status, const std::string &what) {
-    throw failure(status_of_failure(status), "file " + in_quotes(file) + ": " + what);
+  const auto fail = [&](syserr_t status, const std::string &what, const char *next = "") {
+    throw failure(status_of_failure(status), "file " + in_quotes(file) + ": " + what, next);
   };
   if (!is_contained_path(file)) {
     fail(SYSERR_PSS_BAD_ARGUMENT, "a file is named by its path in the switch, /PATH/NAME, without "
@@ -183,7 +184,7 @@ void send_file_records(const jail::channel &channel, const std::string &file) {
         channel.send({{"key", to_hex(key)}, {"value", to_hex(value)}});
       });
   if (status == SYSERR_PSS_NO_STORE) {
-    fail(status, "the switch has none; 'datamorph lab show' tells what files there are");
+    fail(status, "the switch has none", "'datamorph lab show' tells what files there are");
   }
   if (status == SYSERR_PSS_DAMAGED) {
     fail(status, "it is no flat file of records, or is damaged: cut or changed");

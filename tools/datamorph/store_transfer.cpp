@@ -46,6 +46,8 @@ public:
     put_(records_++ == 0 ? "\n   " : ",\n   ");
     put_(output::json_text(message, -1));
   }
+  bool has_begun() const { return stores_ > 0; }
+  size_t stores() const { return stores_; }
   void end() {
     end_store();
     put_(stores_ == 0 ? "{\n \"stores\": []\n}\n" : "\n ]\n}\n");
@@ -91,10 +93,11 @@ void check_params(const store_description &wanted, const pss2_nonvol_params &sta
   const std::string here = params_text(stand);
   const std::string there = params_text(wanted.params);
   if (wanted.has_params && here != there) {
-    throw failure(exit_refused, "store " + in_quotes(wanted.uri) + ": it has " + here +
-                                    ", the document wants " + there +
-                                    "; keep its own with --merge, or remove the store with "
-                                    "'datamorph store delete --all' and import again");
+    throw failure(exit_refused,
+                  "store " + in_quotes(wanted.uri) + ": it has " + here + ", the document wants " +
+                      there,
+                  "keep its own with --merge, or remove the store with 'datamorph store delete "
+                  "--all' and import again");
   }
   if (stand.max_node_keys != 0 && wanted.records.size() > stand.max_node_keys) {
     throw failure(exit_refused, "store " + in_quotes(wanted.uri) + ": the document has " +
@@ -117,10 +120,10 @@ void check_fit(const store_description &wanted, bool merge) {
   for (const record_description &record : wanted.records) {
     if (record.key.size() > info.params.max_key_size ||
         record.value.size() > info.params.max_value_size) {
-      throw failure(exit_refused, "store " + in_quotes(wanted.uri) + ": the record with the key " +
-                                      to_hex(record.key.substr(0, 100)) +
-                                      " is larger than the store allows; 'datamorph store list' "
-                                      "tells the limits");
+      throw failure(exit_refused,
+                    "store " + in_quotes(wanted.uri) + ": the record with the key " +
+                        to_hex(record.key.substr(0, 100)) + " is larger than the store allows",
+                    "'datamorph store list' tells the limits");
     }
   }
 }
@@ -175,10 +178,10 @@ void import_stores(const switch_dir &target, const std::vector<store_description
         },
         [&](const nlohmann::json &) { begun = true; });
   } catch (const failure &error) {
-    throw failure(error.status(),
-                  std::string(error.what()) +
-                      (begun ? "; some of its stores may have been replaced: import again"
-                             : "; none of its stores was replaced"));
+    throw begun ? failure(error.status(), error.what(),
+                          "some of its stores may have been replaced: import again")
+                : failure(error.status(), error.message() + "; none of its stores was replaced",
+                          error.next_action());
   }
 }
 
@@ -191,9 +194,9 @@ std::vector<std::string> exported_uris(const store_options &options) {
     lab::store_info info;
     check_store(lab::store_inspect(uri, &info), uri);
     if (!is_described_uri(uri)) {
-      throw failure(exit_refused, "store " + in_quotes(uri) +
-                                      ": its name cannot stand in a document; name the stores to "
-                                      "export");
+      throw failure(exit_refused,
+                    "store " + in_quotes(uri) + ": its name cannot stand in a document",
+                    "name the stores to export");
     }
     if (files.insert(lab::store_file(uri)).second) {
       uris.push_back(uri);
@@ -206,14 +209,14 @@ std::vector<std::string> exported_uris(const store_options &options) {
 void check_target(const std::string &file) {
   struct stat about = {};
   if (lstat(file.c_str(), &about) == 0 && !S_ISREG(about.st_mode)) {
-    throw failure(exit_refused, in_quotes(file) + ": stands there and is no regular file; without "
-                                                  "--file the document goes to standard output");
+    throw failure(exit_refused, in_quotes(file) + ": stands there and is no regular file",
+                  "without --file the document goes to standard output");
   }
 }
 
 } // namespace
 
-int store_export(const common_options &, const store_options &options) {
+int store_export(const common_options &common, const store_options &options) {
   const bool to_file = !options.file.empty() && options.file != "-";
   if (to_file) {
     check_target(options.file);
@@ -227,17 +230,28 @@ int store_export(const common_options &, const store_options &options) {
       output::text(text);
     }
   });
-  in_switch(
-      target,
-      [&](const jail::channel &channel) {
-        for (const std::string &uri : exported_uris(options)) {
-          send_records(channel, uri);
-        }
-      },
-      [&](const nlohmann::json &message) { writer.take(message); });
+  try {
+    in_switch(
+        target,
+        [&](const jail::channel &channel) {
+          for (const std::string &uri : exported_uris(options)) {
+            send_records(channel, uri);
+          }
+        },
+        [&](const nlohmann::json &message) { writer.take(message); });
+  } catch (const failure &) {
+    // What was cut is to be no document, but an envelope, which tells of the failure, whole JSON.
+    if (common.format == output::format::json && writer.has_begun()) {
+      writer.end();
+    }
+    throw;
+  }
   writer.end();
   if (to_file) {
     tree::replace_file(AT_FDCWD, options.file, document);
+    if (common.format == output::format::json) {
+      output::json({{"switch", options.dir}, {"file", options.file}, {"stores", writer.stores()}});
+    }
   }
   return exit_done;
 }

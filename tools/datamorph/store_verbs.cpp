@@ -108,7 +108,7 @@ int store_list(const common_options &common, const store_options &options) {
         stores.back().erase("name");
       });
   if (common.format == output::format::json) {
-    output::json({{"switch", options.dir}, {"stores", stores}});
+    output::json({{"switch", options.dir}, {"stores", stores}}, "stores");
     return exit_done;
   }
   using output::align;
@@ -149,7 +149,8 @@ int store_show(const common_options &common, const store_options &options) {
     output::json({{"switch", options.dir},
                   {is_file_path(options.uri) ? "file" : "uri", shown_uri(options.uri)},
                   {"encoding", options.text ? "text" : "hex"},
-                  {"records", records}});
+                  {"records", records}},
+                 "records");
     return exit_done;
   }
   print_records(records, meanings);

@@ -34,7 +34,7 @@ constexpr char lock_name[] = ".lock";
 constexpr char copy_name[] = ".copy";
 constexpr char probe_a[] = ".probe-a";
 constexpr char probe_b[] = ".probe-b";
-constexpr char runs_advice[] = "; make room, or move what stands there out of the way";
+constexpr char runs_advice[] = "make room, or move what stands there out of the way";
 constexpr size_t largest_switch_file = 1 << 20;
 
 // A command that was killed leaves its lock when the last process of it is gone, and a reading
@@ -102,11 +102,7 @@ switch_dir::switch_dir(const std::string &path, access how) : path_(path) {
     recover(how);
     open_current();
   } catch (const failure &error) {
-    const std::string message = error.what();
-    if (message.starts_with(in_quotes(path_))) {
-      throw;
-    }
-    throw failure(error.status(), in_quotes(path_) + ": " + message);
+    throw error.placed(in_quotes(path_));
   }
 }
 
@@ -122,8 +118,8 @@ void switch_dir::open_folder() {
   // is free when the last of them is gone.
   folder_.reset(open(path_.c_str(), O_RDONLY | O_DIRECTORY));
   if (!folder_.is_open()) {
-    throw failure(exit_refused, "cannot open the switch's directory: " + error_text(errno) +
-                                    "; build a switch with 'datamorph lab create DIR'");
+    throw failure(exit_refused, "cannot open the switch's directory: " + error_text(errno),
+                  "build a switch with 'datamorph lab create DIR'");
   }
   struct stat about = {};
   const std::string file = std::string(current_name) + "/" + switch_file;
@@ -131,10 +127,11 @@ void switch_dir::open_folder() {
     return;
   }
   if (errno == EACCES) {
-    throw failure(exit_refused, "no right to read the switch; run as the user that it belongs to");
+    throw failure(exit_refused, "no right to read the switch",
+                  "run as the user that it belongs to");
   }
-  throw failure(exit_refused,
-                "not a lab switch (no " + file + "); build one with 'datamorph lab create DIR'");
+  throw failure(exit_refused, "not a lab switch (no " + file + ")",
+                "build one with 'datamorph lab create DIR'");
 }
 
 // The process whose number stands in the lock file, when it is alive; a command that was killed
@@ -170,9 +167,9 @@ std::string switch_dir::locking_process() const {
 void switch_dir::in_use() const {
   const std::string named = holder();
   const std::string pid = named.empty() ? locking_process() : named;
-  throw failure(exit_in_use, "in use by another command" +
-                                 (pid.empty() ? "" : " (process " + pid + ")") +
-                                 "; wait until it is done");
+  throw failure(exit_in_use,
+                "in use by another command" + (pid.empty() ? "" : " (process " + pid + ")"),
+                "wait until it is done");
 }
 
 void switch_dir::open_lock_file(access how) {
@@ -191,11 +188,12 @@ void switch_dir::open_lock_file(access how) {
     return;
   }
   if (!lock_.is_open() && errno == EROFS) {
-    throw failure(exit_refused, "its file system is read-only; copy the switch elsewhere");
+    throw failure(exit_refused, "its file system is read-only", "copy the switch elsewhere");
   }
-  throw failure(exit_refused, std::string("cannot open its lock file ") + lock_name + ": " +
-                                  (lock_.is_open() ? "not a regular file" : error_text(errno)) +
-                                  "; run as the user that the switch belongs to");
+  throw failure(exit_refused,
+                std::string("cannot open its lock file ") + lock_name + ": " +
+                    (lock_.is_open() ? "not a regular file" : error_text(errno)),
+                "run as the user that the switch belongs to");
 }
 
 void switch_dir::wait_for_lock(int operation) const {
@@ -345,33 +343,33 @@ void switch_dir::check_exchange() const {
   if (mkdirat(folder, probe_a, 0700) != 0 || mkdirat(folder, probe_b, 0700) != 0) {
     const int error = errno;
     tree::remove(folder, probe_a);
-    throw failure(exit_refused, in_quotes(path_) + ": cannot write there: " + error_text(error) +
-                                    "; make room, or run as the user that the switch belongs to");
+    throw failure(exit_refused, in_quotes(path_) + ": cannot write there: " + error_text(error),
+                  "make room, or run as the user that the switch belongs to");
   }
   const int result = renameat2(folder, probe_a, folder, probe_b, RENAME_EXCHANGE);
   const int error = errno;
   tree::remove(folder, probe_a);
   tree::remove(folder, probe_b);
   if (result != 0) {
-    throw failure(exit_refused, in_quotes(path_) +
-                                    ": its file system cannot exchange two folders (" +
-                                    error_text(error) +
-                                    "); move the switch to one that can, such as ext4 or xfs");
+    throw failure(exit_refused,
+                  in_quotes(path_) + ": its file system cannot exchange two folders (" +
+                      error_text(error) + ")",
+                  "move the switch to one that can, such as ext4 or xfs");
   }
 }
 
 void switch_dir::check_room() const {
   try {
-    tree::check_room(folder_.get(), current_name, folder_.get(), "there");
+    tree::check_room(folder_.get(), current_name, folder_.get(), "make room there");
   } catch (const failure &error) {
-    throw failure(error.status(), in_quotes(path_) + ": " + error.what());
+    throw error.placed(in_quotes(path_));
   }
 }
 
 unique_fd switch_dir::make_next() const {
   const int folder = folder_.get();
   if (tree::exists(folder, next_name)) {
-    throw failure(exit_failed, "next/ stands in the way; move it elsewhere");
+    throw failure(exit_failed, "next/ stands in the way", "move it elsewhere");
   }
   const unique_fd mark(
       openat(folder, copy_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
@@ -491,13 +489,13 @@ void switch_dir::exchange_previous() {
 
 unique_fd switch_dir::make_run(std::string *number) const {
   if (mkdirat(folder_.get(), runs_name, 0755) != 0 && errno != EEXIST) {
-    throw failure(exit_failed, "cannot make the folder runs/: " + error_text(errno) + runs_advice);
+    throw failure(exit_failed, "cannot make the folder runs/: " + error_text(errno), runs_advice);
   }
   const unique_fd runs = open_state(folder_.get(), runs_name);
   const int fd = runs.is_open() ? openat(runs.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
   DIR *stream = fd < 0 ? nullptr : fdopendir(fd);
   if (stream == nullptr) {
-    throw failure(exit_failed, "cannot read the folder runs/: " + error_text(errno) + runs_advice);
+    throw failure(exit_failed, "cannot read the folder runs/: " + error_text(errno), runs_advice);
   }
   unsigned long last = 0;
   while (const dirent *entry = readdir(stream)) {
@@ -512,5 +510,5 @@ unique_fd switch_dir::make_run(std::string *number) const {
       return open_state(runs.get(), name);
     }
   }
-  throw failure(exit_failed, "cannot make a folder in runs/: " + error_text(errno) + runs_advice);
+  throw failure(exit_failed, "cannot make a folder in runs/: " + error_text(errno), runs_advice);
 }

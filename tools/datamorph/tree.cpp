@@ -241,9 +241,10 @@ void check_room(int folder, const std::string &name, int where, const std::strin
   const uint64_t free = bytes_free(where);
   const uint64_t wanted = copy_wants(folder, name);
   if (free < wanted) {
-    throw failure(exit_refused, "no room for a copy of its state: " + std::to_string(wanted >> 10) +
-                                    " KiB are wanted, " + std::to_string(free >> 10) +
-                                    " KiB are free; make room " + advice);
+    throw failure(exit_refused,
+                  "no room for a copy of its state: " + std::to_string(wanted >> 10) +
+                      " KiB are wanted, " + std::to_string(free >> 10) + " KiB are free",
+                  advice);
   }
 }
 
@@ -256,9 +257,10 @@ void copy(int folder, const std::string &from, const std::string &to) {
   }
   const std::string first = errors.substr(0, errors.find('\n'));
   if (errors.find(error_text(ENOSPC)) != std::string::npos) {
-    throw failure(exit_refused, "the disk became full while its state was copied: " +
-                                    std::to_string(copy_wants(folder, from) >> 10) +
-                                    " KiB are wanted; make room");
+    throw failure(exit_refused,
+                  "the disk became full while its state was copied: " +
+                      std::to_string(copy_wants(folder, from) >> 10) + " KiB are wanted",
+                  "make room");
   }
   throw failure(exit_failed,
                 "cannot copy the switch's state: " +

@@ -18,7 +18,7 @@ uint64_t bytes_used(int folder, const std::string &name);
 uint64_t bytes_free(int folder);
 
 // Throws failure(3) when the file system of the folder `where` has no room for a copy of the tree;
-// `advice` ends its message.
+// `advice` is its next action.
 void check_room(int folder, const std::string &name, int where, const std::string &advice);
 
 // Copies the tree `from` to `to` (not there yet), sharing blocks where the file system can. Throws

@@ -57,6 +57,17 @@ void put_one(const std::string &key) {
   pss_close(store);
 }
 
+// The store's first record goes, and nobody knows why.
+void remove_one() {
+  const pss_service_t store = open_store();
+  syserr_t status = 0;
+  const pss_datum_t *const key = pss_move2location(store, PSS_FIRST_KEY, &status);
+  const std::string name(static_cast<const char *>(key->ptr), key->siz);
+  const pss_datum_t first = {const_cast<char *>(name.data()), static_cast<uint32>(name.size())};
+  pss_delete(store, &first);
+  pss_close(store);
+}
+
 void put_slowly() {
   for (int at = 0; at < 20; ++at) {
     put_one("slow-" + std::to_string(at));
@@ -265,6 +276,8 @@ syserr_t act(std::string_view what) {
     pss_close(store);
   } else if (what == "change") {
     put_one("changed");
+  } else if (what == "remove") {
+    remove_one();
   } else if (what == "slow") {
     put_slowly();
   } else if (what == "print") {

@@ -209,7 +209,7 @@ void conversion::take_message(const nlohmann::json &message) {
   if (start) {
     const std::string where = std::string(moment_name(report.request.which)) + ", VDC " +
                               std::to_string(report.request.vdc) + ": " + report.request.service();
-    if (jail::stderr_takes(std::chrono::seconds(1))) {
+    if (!quiet_ && jail::stderr_takes(std::chrono::seconds(1))) {
       output::message(where);
     }
     return;

@@ -26,6 +26,8 @@ public:
   conversion(const common_options &common, const convert_options &options,
              const switch_state &state);
 
+  // Does not name each service as it begins.
+  void be_quiet() { quiet_ = true; }
   // Looks at the state, changing nothing, and makes the plan. Throws failure(3) for what cannot be
   // converted.
   void prepare(int current);
@@ -68,6 +70,7 @@ private:
 
   const common_options &common_;
   const convert_options &options_;
+  bool quiet_ = false;
   conversion_plan plan_;
   conversion_report report_;
   nlohmann::json closing_;

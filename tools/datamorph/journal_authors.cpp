@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 
 #include "journal_lines.h"
 #include "lab/lab.h"
@@ -47,7 +48,7 @@ journal_authors::author_of(const nlohmann::json &line) {
     const auto key = std::make_pair(step, text_member(line, "routine"));
     const auto [found, is_new] = numbers_.emplace(key, static_cast<author_number>(authors_.size()));
     if (is_new) {
-      authors_.push_back({step, key.second});
+      authors_.push_back({step, key.second, {}});
     }
     return found->second;
   }
@@ -65,7 +66,7 @@ void journal_authors::take(uint64_t number, const nlohmann::json &line) {
     things_[{"access point", std::to_string(number_member(line, "sap"))}].whole = author;
   } else if (line.contains("table_vdc")) {
     const std::string key = table_key(number_member(line, "table_vdc"));
-    things_[{"tag table", key}].whole = author;
+    things_[{"tag table", key}].setters.push_back(*author);
     things_[{"store", lab::store_file(lab::running_tag_tables)}].whole = author;
   } else if (call == "pss2_kernel2file") {
     things_[{"file", text_member(line, "file")}].whole = author;
@@ -100,6 +101,23 @@ change_author journal_authors::shown(std::optional<author_number> author) const 
   return author ? authors_[*author] : change_author();
 }
 
+// Of those who changed it one after the other.
+change_author journal_authors::shown(const std::vector<author_number> &authors) const {
+  if (authors.empty()) {
+    return {};
+  }
+  change_author last = authors_[authors.back()];
+  for (const author_number one : authors) {
+    const size_t step = *authors_[one].step;
+    const bool told =
+        std::find(last.earlier.begin(), last.earlier.end(), step) != last.earlier.end();
+    if (step != *last.step && !told) {
+      last.earlier.push_back(step);
+    }
+  }
+  return last;
+}
+
 // The authors of a store's records since it was last changed as a whole.
 void journal_authors::load_records(const std::string &file, const thing &about) {
   records_.clear();
@@ -132,7 +150,7 @@ change_author journal_authors::of(const state_change &change) {
   const std::string name = shown_uri(change.name);
   if (change.key && name == lab::running_tag_tables) {
     const thing *const table = find("tag table", *change.key);
-    return table == nullptr ? change_author() : shown(table->whole);
+    return table == nullptr ? change_author() : shown(table->setters);
   }
   const thing *const about =
       find(change.kind, change.kind == "store" ? lab::store_file(change.name) : name);
@@ -147,11 +165,12 @@ change_author journal_authors::of(const state_change &change) {
   if (loaded_ != lab::store_file(change.name)) {
     load_records(lab::store_file(change.name), *about);
   }
-  // The last one of those with this key.
-  const uint64_t hash = hash_of(*change.key);
-  const auto behind = std::upper_bound(
-      records_.begin(), records_.end(), hash,
-      [](uint64_t wanted, const record_author &one) { return wanted < one.first; });
-  const bool found = behind != records_.begin() && std::prev(behind)->first == hash;
-  return shown(found ? std::optional(std::prev(behind)->second) : about->whole);
+  const record_author wanted = {hash_of(*change.key), 0};
+  const auto [first, behind] = std::equal_range(
+      records_.begin(), records_.end(), wanted,
+      [](const record_author &one, const record_author &other) { return one.first < other.first; });
+  std::vector<author_number> authors;
+  std::transform(first, behind, std::back_inserter(authors),
+                 [](const record_author &one) { return one.second; });
+  return authors.empty() ? shown(about->whole) : shown(authors);
 }

@@ -13,8 +13,9 @@
 #include "unique_fd.h"
 
 struct change_author {
-  std::optional<size_t> step; // the request's index; none: nobody is known
-  std::string routine;        // empty: not known
+  std::optional<size_t> step;  // the request's index; none: nobody is known
+  std::string routine;         // empty: not known
+  std::vector<size_t> earlier; // other steps that changed it before, in their order
 };
 
 // Holds a few words per thing. Of a store that several routines wrote to, also 12 bytes per record,
@@ -37,8 +38,9 @@ private:
   struct thing {
     std::optional<author_number> whole; // the last call that made it what it is, as a whole
     uint64_t whole_line = 0;
-    std::optional<author_number> last; // the last call of any kind
-    bool several = false;              // calls about records came from different routines
+    std::optional<author_number> last;  // the last call of any kind
+    bool several = false;               // calls about records came from different routines
+    std::vector<author_number> setters; // of a tag table, in their order
   };
   using record_author = std::pair<uint64_t, author_number>; // the hash of a key
 
@@ -47,6 +49,7 @@ private:
   const thing *find(const std::string &kind, const std::string &name) const;
   void load_records(const std::string &file, const thing &about);
   change_author shown(std::optional<author_number> author) const;
+  change_author shown(const std::vector<author_number> &authors) const;
 
   unique_fd journal_;
   std::vector<conversion_request> requests_;

@@ -45,6 +45,9 @@ rehearsal::rehearsal(const common_options &common, const convert_options &option
                      const scratch_folder &scratch, const std::string &name, int root,
                      const switch_state &state)
     : options_(options), conversion_(common, options_, state), state_(state) {
+  if (!common.verbose) {
+    conversion_.be_quiet();
+  }
   conversion_.prepare(root);
   convert_copy(scratch, name, root);
   stop_signal::check();

@@ -218,7 +218,12 @@ void print_steps(const rehearsal &main) {
 }
 
 std::string author_text(const change_author &author) {
-  return author.step ? "#" + std::to_string(*author.step) : "-";
+  std::string text;
+  for (const size_t step : author.earlier) {
+    append_word(text, "#" + std::to_string(step));
+  }
+  append_word(text, author.step ? "#" + std::to_string(*author.step) : "-");
+  return text;
 }
 
 nlohmann::json change_json(const rehearsal &main, const state_change &change,
@@ -228,6 +233,7 @@ nlohmann::json change_json(const rehearsal &main, const state_change &change,
   if (author.step) {
     const conversion_request &request = main.done().plan().requests[*author.step];
     document["step"] = *author.step;
+    document["earlier_steps"] = author.earlier;
     document["moment"] = moment_name(request.which);
     document["vdc"] = request.vdc;
     document["service"] = request.service();
@@ -305,7 +311,7 @@ void rehearse_run::print_losses() const {
                        const std::optional<size_t> &step, const std::string &text,
                        const output::cell &why) {
     if (rows.size() < shown_losses) {
-      rows.push_back({to_text(store), key, author_text({step, ""}), to_text(text), why});
+      rows.push_back({to_text(store), key, author_text({step, "", {}}), to_text(text), why});
     }
   };
   for (const bool known : {false, true}) {

@@ -1,0 +1,546 @@
+// rehearse tells what a conversion would do, writes nothing of the switch, and a plan that it saved
+// is carried out as it was seen or not at all.
+#include "command.h"
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char manager[] = "nonvolatile:/cfg/startup/bin/vrrp-cfg_config_sav";
+constexpr char engine[] = "nonvolatile:/cfg/startup/bin/vrrp-eng_runtime_config";
+constexpr char runtime[] = "nonvolatile:/cfg/0/ethpm_runtime_info";
+
+// Size, mode and times of everything below a folder; when it was read does not count.
+std::map<std::string, std::string> traces_of(const std::string &folder) {
+  std::map<std::string, std::string> found;
+  const auto note = [&](const std::string &path) {
+    struct stat about = {};
+    EXPECT_EQ(lstat(path.c_str(), &about), 0);
+    found[path] = std::to_string(about.st_ino) + " " + std::to_string(about.st_mode) + " " +
+                  std::to_string(about.st_size) + " " + std::to_string(about.st_mtim.tv_sec) + "." +
+                  std::to_string(about.st_mtim.tv_nsec) + " " +
+                  std::to_string(about.st_ctim.tv_sec) + "." +
+                  std::to_string(about.st_ctim.tv_nsec);
+  };
+  note(folder);
+  for (const auto &entry : fs::recursive_directory_iterator(folder)) {
+    note(entry.path());
+  }
+  return found;
+}
+
+class rehearsals : public command_test {
+protected:
+  void SetUp() override {
+    command_test::SetUp();
+    create("sw");
+    fs::create_directory(path("scratch"));
+    set("TMPDIR", path("scratch"));
+  }
+  void TearDown() override {
+    EXPECT_TRUE(fs::is_empty(path("scratch")));
+    command_test::TearDown();
+  }
+  nlohmann::json rehearse(const words &more, int status = 0) {
+    words all = {"rehearse", "sw", "--format", "json"};
+    all.insert(all.end(), more.begin(), more.end());
+    const result done = run(all);
+    EXPECT_EQ(done.status, status) << done.err;
+    return done.json();
+  }
+  static const nlohmann::json &find(const nlohmann::json &changes, const std::string &name,
+                                    const std::string &key) {
+    static const nlohmann::json none;
+    for (const nlohmann::json &change : changes) {
+      if (change["name"] == name && change.value("key", "-") == key) {
+        return change;
+      }
+    }
+    ADD_FAILURE() << name << " " << key;
+    return none;
+  }
+  // "startup 1 VRRP_MGR routine"
+  static std::string author(const nlohmann::json &change) {
+    if (change["step"].is_null()) {
+      return "nobody";
+    }
+    return change["moment"].get<std::string>() + " " + change["vdc"].dump() + " " +
+           change["service"].get<std::string>() + " " + change.value("routine", "-");
+  }
+  static nlohmann::json balance(const nlohmann::json &shown) {
+    const nlohmann::json &all = shown["summary"];
+    return {all["records_in"], all["converted"], all["removed_by_rule"], all["unaccounted"]};
+  }
+};
+
+TEST_F(rehearsals, every_change_names_who_made_it) {
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+  const nlohmann::json &changes = shown["changes"];
+  const auto made_by = [&](const char *name, const char *key) {
+    return author(find(changes, name, key));
+  };
+
+  EXPECT_EQ(shown["switch"], "sw");
+  EXPECT_EQ(shown["from"], "4.1(5)");
+  EXPECT_EQ(shown["to"], "4.2(1)");
+  EXPECT_EQ(shown["steps"].size(), 32u);
+  EXPECT_EQ(made_by("switch.json", "-"), "nobody");
+  EXPECT_EQ(made_by(runtime, "33061a000000"), "gsync 1 TEST_ETHPM ethpm_data_morph_gsync");
+  EXPECT_EQ(made_by("nonvolatile:/cfg/startup/bin/ethpm_saved_config", "65141a000000"),
+            "startup 1 TEST_ETHPM ethpm_data_morph_startup");
+  EXPECT_EQ(made_by(manager, "04000000"),
+            "startup 1 VRRP_MGR vrrp_mgr_data_morph_startup_for_upgrade");
+  EXPECT_EQ(made_by(engine, "-"), "startup 1 VRRP_ENG vrrp_eng_data_morph_startup_for_upgrade");
+  EXPECT_EQ(made_by(engine, "01000000010a1a000000"),
+            "startup 1 VRRP_ENG vrrp_eng_data_morph_startup_for_upgrade");
+  EXPECT_EQ(made_by("volatile:/cfg/0/vdc_2/cond_srv_config", "0f000000"),
+            "gsync 2 AIC_DBG cond_srv1_data_morph_gsync");
+  EXPECT_EQ(made_by("/cfg/0/svi_gldb.snp", "-"), "gsync 1 PSS_HELPER svi_data_morph_psshlpr_upg");
+  EXPECT_EQ(made_by("volatile:/sysmgr/tag_tables", "0002"),
+            "startup 2 DOT1X dot1x_data_morph_startup");
+  // Both features entered themselves into this one.
+  const nlohmann::json &saved =
+      find(changes, "nonvolatile:/cfg/startup/bin/sysmgr_config", "090000000000000000000000");
+  EXPECT_EQ(author(saved), "startup 1 DOT1X dot1x_data_morph_startup");
+  EXPECT_EQ(saved["earlier_steps"].dump(), "[21]");
+  EXPECT_EQ(shown["steps"][21]["routines"].dump(), R"(["kps_data_morph_startup"])");
+}
+
+// VRRP going down: one service, two rows, of which one acts.
+TEST_F(rehearsals, the_row_of_a_service_with_two_is_told) {
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+
+  const nlohmann::json shown = rehearse({"--to", "4.1(5)"});
+
+  EXPECT_EQ(author(find(shown["changes"], manager, "01000000010a1a000000")),
+            "startup 1 VRRP_MGR vrrp_mgr_data_morph_startup_for_downgrade");
+}
+
+TEST_F(rehearsals, fields_are_decoded_on_each_side) {
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+  const nlohmann::json &reason = find(shown["changes"], runtime, "33061a000000");
+  EXPECT_EQ(reason["change"], "changed");
+  EXPECT_EQ(reason["fields"].dump(), R"({"reason":{"a":124,"b":143}})");
+  EXPECT_EQ(find(shown["changes"], manager, "01000000010a1a000000")["a"]["decoded"]["layout"],
+            "before 4.2(1)");
+  EXPECT_EQ(find(shown["changes"], engine, "01000000010a1a000000")["b"]["decoded"]["layout"],
+            "4.2(1)");
+}
+
+TEST_F(rehearsals, records_that_change_stores_are_not_lost) {
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+
+  EXPECT_EQ(balance(shown).dump(), "[95,90,5,0]");
+  EXPECT_EQ(shown["losses"]["records_total"], 5);
+  EXPECT_EQ(shown["losses"]["fields_total"], 0);
+  EXPECT_EQ(shown["losses"]["records"][0]["key"], "65141a000000");
+  EXPECT_EQ(shown["losses"]["records"][0]["step"], 4);
+  EXPECT_EQ(shown["losses"]["records"][0]["why"], "the other release keeps no such configuration");
+  EXPECT_EQ(shown["losses"]["records"][0]["decoded"].dump(),
+            R"({"interface":"0x1a000000","kind":"interface config TLV"})");
+}
+
+TEST_F(rehearsals, fields_that_the_older_layout_lacks_are_lost) {
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+
+  const nlohmann::json shown = rehearse({"--to", "4.1(5)"});
+
+  EXPECT_EQ(balance(shown).dump(), "[98,96,2,0]");
+  EXPECT_EQ(shown["losses"]["fields_total"], 20); // five VR records of four fields
+  const nlohmann::json &first = shown["losses"]["fields"][0];
+  EXPECT_EQ(first["store"], engine);
+  EXPECT_EQ(first["key"], "01000000010a1a000000");
+  EXPECT_EQ(first["field"], "lower_threshold_prio");
+  EXPECT_EQ(first["value"], 0);
+  EXPECT_EQ(first["step"], 24);
+}
+
+// From every release to every other, all that goes has its rule.
+TEST_F(rehearsals, the_shipped_converters_account_for_every_record) {
+  const words releases = {"3.3(1)", "4.1(2)", "4.2(1)", "5.0(2)"};
+  for (const std::string &from : releases) {
+    fs::remove_all(path("sw"));
+    create("sw");
+    ASSERT_EQ(run({"convert", "sw", "--to", from}).status, 0);
+    for (const std::string &to : releases) {
+      const nlohmann::json shown = rehearse({"--to", to});
+      EXPECT_EQ(shown["summary"]["unaccounted"], 0) << from << " " << to;
+      EXPECT_EQ(shown["losses"]["records_total"], shown["summary"]["removed_by_rule"]);
+    }
+  }
+}
+
+TEST_F(rehearsals, a_record_that_goes_without_a_rule_is_unaccounted_for) {
+  fake("remove");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)", "--save", "plan.json"}, 1);
+
+  EXPECT_EQ(balance(shown).dump(), "[95,94,0,1]");
+  EXPECT_EQ(shown["losses"]["records"].size(), 1u);
+  EXPECT_EQ(shown["losses"]["records"][0]["store"], "nonvolatile:/cfg/0/vlan_cfg");
+  EXPECT_EQ(shown["losses"]["records"][0]["why"], nullptr);
+  EXPECT_FALSE(exists("plan.json"));
+
+  const result table = run({"rehearse", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(table.status, 1);
+  EXPECT_NE(table.out.find("UNACCOUNTED"), std::string::npos) << table.out;
+  EXPECT_NE(table.out.find("\n95 records in, 94 converted, 0 removed by rule, 1 unaccounted\n"),
+            std::string::npos);
+  EXPECT_EQ(table.err, "datamorph: 'sw': 1 record would be lost for no known reason\n");
+}
+
+// What convert refuses: the records are in no store any more, and no rule covers them.
+TEST_F(rehearsals, a_repeated_upgrade_would_lose_records) {
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)", "--from", "4.1(5)"}, 3);
+
+  EXPECT_EQ(shown["summary"]["unaccounted"], 12); // eight of VDC 1, four of VDC 2
+  EXPECT_NE(shown["trouble"].get<std::string>().find("8 VRRP records of"), std::string::npos);
+}
+
+TEST_F(rehearsals, the_table) {
+  const result shown = run({"rehearse", "sw", "--to", "4.2(1)"});
+
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_EQ(shown.err, "");
+  EXPECT_TRUE(shown.out.starts_with("sw: from 4.1(5) to 4.2(1), rehearsed on a copy; the switch is "
+                                    "as it was\n\nSTEP MOMENT"));
+  for (const char *line : {
+           "\n#24  startup      1 VRRP_MGR   success    10       0       9 "
+           "vrrp_mgr_data_morph_startup_for_upgrade\n",
+           "\n17 steps of 32 wrote nothing\n",
+           "\nstore nonvolatile:/cfg/0/ethpm_runtime_info\nCHANGE  KEY          BY WHAT\n"
+           "changed 33061a000000 #4 reason 124 -> reason 143\n",
+           "\nchanged 090000000000000000000000 #21 #22 AIC_DBG \"lab\" -> AIC_DBG \"lab\", KPS "
+           "\"\", DOT1X \"\"\n",
+           "\nLost: 5 records, 0 fields\n",
+           "\nstores, files and the like: 8 added, 0 removed, 1 changed; records: 22 added, 19 "
+           "removed, 4 changed, 2 of no known form; 0 unreadable\n95 records in, 90 converted, 5 "
+           "removed by rule, 0 unaccounted\n",
+       }) {
+    EXPECT_NE(shown.out.find(line), std::string::npos) << line << shown.out;
+  }
+}
+
+TEST_F(rehearsals, a_thing_shows_its_first_20_changes) {
+  for (int at = 0; at < 25; ++at) {
+    char key[16];
+    std::snprintf(key, sizeof key, "33061b%06x", at);
+    ASSERT_EQ(run({"store", "put", "sw", runtime, key,
+                   "00000000000000000000000000"
+                   "7c"})
+                  .status,
+              0);
+  }
+  const result shown = run({"rehearse", "sw", "--to", "4.2(1)"});
+  const size_t begin = shown.out.find("store nonvolatile:/cfg/0/ethpm_runtime_info\n");
+  const size_t end = shown.out.find("7 more\n", begin);
+  ASSERT_NE(end, std::string::npos) << shown.out;
+  EXPECT_EQ(std::count(shown.out.begin() + static_cast<long>(begin),
+                       shown.out.begin() + static_cast<long>(end), '\n'),
+            22); // with its two lines of head
+}
+
+TEST_F(rehearsals, a_value_that_does_not_fit_is_shown_in_hex_and_counted) {
+  ASSERT_EQ(run({"store", "put", "sw", manager, "01000000010a1a000000", "0102"}).status, 0);
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+  const nlohmann::json &change = find(shown["changes"], manager, "01000000010a1a000000");
+  EXPECT_EQ(change["a"]["value"], "0102");
+  EXPECT_EQ(change["a"]["decoded"]["damaged"], true);
+  EXPECT_EQ(shown["summary"]["undecoded"], 4);
+}
+
+// ---- The switch stays as it is -----------------------------------------------------------------
+
+TEST_F(rehearsals, nothing_is_written) {
+  const files before = state("sw");
+  const auto traces = traces_of(path("sw"));
+  EXPECT_EQ(run({"rehearse", "sw", "--to", "4.2(1)", "--round-trip", "--via", "4.1(2)"}).status, 0);
+  EXPECT_EQ(state("sw"), before);
+  EXPECT_EQ(traces_of(path("sw")), traces);
+  if (geteuid() != 0) {
+    return; // mounting is root's
+  }
+  ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+  ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  const std::string at = path("sw");
+  ASSERT_EQ(mount(at.c_str(), at.c_str(), nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(mount(nullptr, at.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)", "--save", "plan.json"});
+  umount2(at.c_str(), MNT_DETACH);
+  EXPECT_EQ(balance(shown).dump(), "[95,90,5,0]");
+  EXPECT_EQ(traces_of(path("sw")), traces);
+}
+
+// A command that was killed left a copy: it is told, and stays.
+TEST_F(rehearsals, what_a_stopped_command_left_stays) {
+  fs::create_directory(path("sw/next"));
+  write("sw/.copy", "");
+  const result shown = run({"rehearse", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_EQ(shown.err, "datamorph: 'sw': a command was stopped here; the next one that may write "
+                       "tidies up\n");
+  EXPECT_TRUE(exists("sw/next"));
+}
+
+// ---- When it goes wrong ------------------------------------------------------------------------
+
+TEST_F(rehearsals, what_convert_refuses_is_refused) {
+  const files before = state("sw");
+  const result unknown = run({"rehearse", "sw", "--to", "9.9(9)"});
+  EXPECT_EQ(unknown.status, 3);
+  EXPECT_EQ(unknown.err,
+            "datamorph: 'sw': the release '9.9(9)' is unknown: the switch has no image "
+            "of it; images: 3.3(1) 4.0(4) 4.1(1) 4.1(2) 4.1(5) 4.2(1) 4.2(3) 5.0(2)\n");
+  EXPECT_EQ(unknown.out, "");
+  EXPECT_EQ(run({"rehearse", "sw", "--to", "4.2(1)", "--service", "nobody"}).status, 64);
+  EXPECT_EQ(run({"rehearse", "none", "--to", "4.2(1)"}).status, 3);
+  EXPECT_EQ(run({"rehearse", "sw", "--to", "4.2(1)", "--via", "9.9(9)"}).status, 3);
+  write("sw/current/cfg/0/vlan_cfg.pss", "rubbish");
+  const result damaged = run({"rehearse", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(damaged.status, 3);
+  EXPECT_NE(damaged.err.find("the store 'nonvolatile:/cfg/0/vlan_cfg' cannot be read"),
+            std::string::npos)
+      << damaged.err;
+}
+
+TEST_F(rehearsals, a_conversion_that_fails) {
+  for (const auto &[what, text] :
+       {std::pair<const char *, const char *>{
+            "fail", "1 service failed (--accept-failures keeps the result all the same)"},
+        {"crash", "SKSD (running-fs, VDC 1): crashed: Segmentation fault (signal 11)"},
+        {"bad-write", "a write in the switch failed: pss_store on the store "}}) {
+    fake(what);
+    const result shown = run({"rehearse", "sw", "--to", "4.2(1)", "--save", "plan.json"});
+    EXPECT_EQ(shown.status, 1) << what;
+    EXPECT_NE(shown.err.find(std::string("datamorph: 'sw': it would not be converted: ") + text),
+              std::string::npos)
+        << shown.err;
+    EXPECT_FALSE(exists("plan.json"));
+  }
+}
+
+TEST_F(rehearsals, one_that_hangs_ends_with_the_step) {
+  fake("hang");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)", "--timeout", "1"}, 1);
+  EXPECT_EQ(shown["trouble"], "SKSD (running-fs, VDC 1): no answer within 1 second");
+}
+
+TEST_F(rehearsals, stopped_or_killed) {
+  fake("hang");
+  const std::unique_ptr<background> stopped = start({"rehearse", "sw", "--to", "4.2(1)"});
+  ASSERT_TRUE(eventually([&] { return !fs::is_empty(path("scratch")); }));
+  stopped->signal(SIGTERM);
+  EXPECT_EQ(stopped->wait().status, 128 + SIGTERM);
+  EXPECT_TRUE(fs::is_empty(path("scratch")));
+
+  const std::unique_ptr<background> killed = start({"rehearse", "sw", "--to", "4.2(1)"});
+  ASSERT_TRUE(eventually([&] { return !fs::is_empty(path("scratch")); }));
+  killed->signal(SIGKILL);
+  EXPECT_EQ(killed->wait().status, 1000 + SIGKILL);
+  fake("");
+  ASSERT_TRUE(eventually([&] {
+    const result next = run({"rehearse", "sw", "--to", "4.2(1)"});
+    EXPECT_EQ(next.status, 0) << next.err;
+    return next.err.starts_with(
+        "datamorph: removed what a rehearsal that was stopped had left in ");
+  }));
+}
+
+TEST_F(rehearsals, one_at_a_time_with_a_conversion) {
+  fake("hang");
+  const std::unique_ptr<background> converting =
+      start({"convert", "sw", "--to", "4.2(1)", "--timeout", "100"});
+  ASSERT_TRUE(eventually([&] { return exists("sw/next/bootflash/calls"); }));
+  const result refused = run({"rehearse", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(refused.status, 5);
+  EXPECT_EQ(refused.err, "datamorph: 'sw': in use by another command (process " +
+                             std::to_string(converting->pid()) + "); wait until it is done\n");
+  converting->signal(SIGTERM);
+  converting->wait();
+
+  const std::unique_ptr<background> rehearsing =
+      start({"rehearse", "sw", "--to", "4.2(1)", "--timeout", "100"});
+  ASSERT_TRUE(eventually([&] { return !fs::is_empty(path("scratch")); }));
+  const result waiting = run({"convert", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(waiting.status, 5);
+  EXPECT_EQ(waiting.err, "datamorph: 'sw': in use by another command (process " +
+                             std::to_string(rehearsing->pid()) + "); wait until it is done\n");
+  rehearsing->signal(SIGTERM);
+  rehearsing->wait();
+}
+
+TEST_F(rehearsals, no_place_for_the_copy) {
+  set("TMPDIR", path("none"));
+  const result shown = run({"rehearse", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(shown.status, 3);
+  EXPECT_EQ(shown.err, "datamorph: 'sw': cannot make a folder for the copy in '" + path("none") +
+                           "': No such file or directory; name another place in TMPDIR\n");
+}
+
+// ---- Other ways --------------------------------------------------------------------------------
+
+TEST_F(rehearsals, there_and_back) {
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)", "--round-trip"});
+  const nlohmann::json &back = shown["round_trip"];
+  EXPECT_EQ(back["title"], "There and back to 4.1(5)");
+  EXPECT_EQ(back["trouble"], "");
+  EXPECT_EQ(back["total"], 22);
+  EXPECT_EQ(find(back["changes"], "nonvolatile:/cfg/0/ethpm_runtime_cfg", "65141a000000")["change"],
+            "removed");
+  EXPECT_FALSE(shown.contains("via"));
+  const result table = run({"rehearse", "sw", "--to", "4.2(1)", "--round-trip"});
+  EXPECT_NE(table.out.find("\nThere and back to 4.1(5): 22 differences\n"), std::string::npos);
+}
+
+TEST_F(rehearsals, over_another_release) {
+  const nlohmann::json same = rehearse({"--to", "4.2(1)", "--via", "4.1(2)"});
+  EXPECT_EQ(same["via"]["title"], "Over 4.1(2) instead");
+  EXPECT_EQ(same["via"]["total"], 0);
+  // The oldest one has no room for much of it.
+  const nlohmann::json other = rehearse({"--to", "4.2(1)", "--via", "3.3(1)"});
+  EXPECT_EQ(find(other["via"]["changes"], "volatile:/cfg/0/evms_runtime_cfg", "-")["change"],
+            "removed");
+}
+
+// ---- Plans -------------------------------------------------------------------------------------
+
+class plans : public rehearsals {
+protected:
+  void SetUp() override {
+    rehearsals::SetUp();
+    const result done = run({"rehearse", "sw", "--to", "4.2(1)", "--save", "plan.json"});
+    ASSERT_EQ(done.status, 0) << done.err;
+    EXPECT_EQ(done.err, "datamorph: plan: plan.json; commit it with 'datamorph convert sw --plan "
+                        "plan.json'\n");
+  }
+  void change_plan(const char *member, const nlohmann::json &value) const {
+    nlohmann::json plan = nlohmann::json::parse(read("plan.json"));
+    plan[member] = value;
+    write("plan.json", plan.dump());
+  }
+};
+
+TEST_F(plans, are_carried_out) {
+  const result done = run({"convert", "sw", "--plan", "plan.json"});
+  EXPECT_EQ(done.status, 0) << done.err;
+  EXPECT_EQ(show("sw")["release"], "4.2(1)");
+  // Once: then it is another switch.
+  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 3);
+}
+
+TEST_F(plans, of_a_switch_that_has_changed_are_refused) {
+  ASSERT_EQ(run({"store", "put", "sw", "nonvolatile:/cfg/0/vlan_cfg", "0009", "00"}).status, 0);
+  const files before = state("sw");
+  const result done = run({"convert", "sw", "--plan", "plan.json"});
+  EXPECT_EQ(done.status, 3);
+  EXPECT_EQ(done.err, "datamorph: 'sw': the switch has changed since the plan was made; rehearse "
+                      "again; 'datamorph history' may tell what was done\n");
+  EXPECT_EQ(state("sw"), before);
+  EXPECT_FALSE(exists("sw/runs/0001"));
+  ASSERT_EQ(run({"store", "delete", "sw", "nonvolatile:/cfg/0/vlan_cfg", "0009"}).status, 0);
+  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 0); // it is the same again
+}
+
+TEST_F(plans, logs_and_the_boot_marker_do_not_count) {
+  write("sw/current/mnt/pss/data_morph.log", "something else\n");
+  write("sw/current/mnt/pss/data_morph.last", "");
+  write("sw/current/tmp/datamorphcheck", "");
+  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 0);
+}
+
+TEST_F(plans, files_and_access_points_count) {
+  write("sw/current/bootflash/new", "x");
+  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 3);
+  fs::remove(path("sw/current/bootflash/new"));
+  fs::remove(path("sw/current/var/run/mts/sap-341"));
+  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 3);
+}
+
+TEST_F(plans, that_are_not_reached_change_nothing) {
+  change_plan("after", "0000000000000000");
+  const files before = state("sw");
+  const result done = run({"convert", "sw", "--plan", "plan.json"});
+  EXPECT_EQ(done.status, 1);
+  EXPECT_NE(done.err.find("it did not reach the state that the plan tells of; rehearse again; the "
+                          "switch is as it was, still at 4.1(5)\n"),
+            std::string::npos)
+      << done.err;
+  EXPECT_EQ(state("sw"), before);
+  expect_tidy("sw");
+}
+
+TEST_F(plans, keep_what_was_chosen) {
+  ASSERT_EQ(run({"rehearse", "sw", "--to", "4.2(1)", "--moment", "startup", "--service", "VRRP_MGR",
+                 "--service", "VRRP_ENG", "--save", "plan.json"})
+                .status,
+            0);
+  const result done = run({"convert", "sw", "--plan", "plan.json"});
+  EXPECT_EQ(done.status, 0) << done.err;
+  EXPECT_EQ(done.err.find("gsync"), std::string::npos);
+  EXPECT_EQ(show("sw")["release"], "4.1(5)"); // a part of it only
+}
+
+TEST_F(plans, that_make_no_sense_are_refused) {
+  const std::string advice = "; make it anew with 'datamorph rehearse --save'\n";
+  const auto refused = [&](const std::string &what) {
+    const result done = run({"convert", "sw", "--plan", "plan.json"});
+    EXPECT_EQ(done.status, 3);
+    EXPECT_EQ(done.err, "datamorph: 'plan.json': " + what + advice);
+  };
+  change_plan("before", nullptr);
+  refused("a part of the plan is missing or makes no sense");
+  change_plan("before", "");
+  change_plan("services", nlohmann::json::array({"NOBODY"}));
+  refused("it names the service 'NOBODY', which is unknown");
+  change_plan("moments", nlohmann::json::array({"never"}));
+  refused("it names the moment 'never', which is unknown");
+  change_plan("plan", 2);
+  refused("it is a plan of another version than 1");
+  write("plan.json", "[]");
+  refused("it is no plan");
+  write("plan.json", "{");
+  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 3);
+  EXPECT_EQ(run({"convert", "sw", "--plan", "none.json"}).status, 3);
+  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json", "--to", "4.2(1)"}).status, 64);
+  EXPECT_EQ(run({"convert", "sw"}).status, 64);
+}
+
+// ---- The same again ----------------------------------------------------------------------------
+
+// Without what tells when: a clock's time, a process's number.
+std::string timeless(const std::string &text) {
+  static const std::regex times(
+      "[0-9]+:[0-9]+:[0-9]+(\\.[0-9]+)?|[A-Z][a-z]{2} +[A-Z][a-z]{2} +[0-9]+");
+  return std::regex_replace(text, times, "T");
+}
+
+TEST_F(rehearsals, the_same_input_gives_the_same_bytes_and_trace) {
+  for (const char *name : {"one", "two"}) {
+    fs::copy(path("sw"), path(name), fs::copy_options::recursive);
+    ASSERT_EQ(run({"convert", name, "--to", "4.2(1)"}).status, 0);
+  }
+  files one = state("one");
+  files two = state("two");
+  for (files *all : {&one, &two}) {
+    std::erase_if(
+        *all, [](const auto &file) { return file.first.find("data_morph") != std::string::npos; });
+  }
+  EXPECT_EQ(one, two);
+  EXPECT_EQ(timeless(read("one/runs/0001/trace.log")), timeless(read("two/runs/0001/trace.log")));
+  EXPECT_EQ(read("one/runs/0001/journal.jsonl"), read("two/runs/0001/journal.jsonl"));
+  EXPECT_EQ(timeless(read("one/current/mnt/pss/data_morph.log")),
+            timeless(read("two/current/mnt/pss/data_morph.log")));
+}
+
+} // namespace

@@ -21,7 +21,7 @@ using texts = std::vector<std::string>;
 
 const char *const vrrp_store = "nonvolatile:/cfg/startup/bin/vrrp-cfg_config_sav";
 const char *const markup =
-    "</script><script>harmed=1</script><img src=x onerror=harmed=2><!--<script>&lt;";
+    "</script x></script><script>harmed=1</script><img src=x onerror=harmed=2><!--<script>&lt;";
 
 // ---- Documents ---------------------------------------------------------------------------------
 

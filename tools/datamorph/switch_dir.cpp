@@ -99,8 +99,10 @@ switch_dir::switch_dir(const std::string &path, access how) : path_(path) {
   try {
     open_folder();
     lock(how);
-    recover(how);
-    open_current();
+    if (how != access::look) {
+      recover(how);
+    }
+    open_current(how);
   } catch (const failure &error) {
     const std::string message = error.what();
     if (message.starts_with(in_quotes(path_))) {
@@ -159,8 +161,10 @@ void switch_dir::in_use() const {
 
 void switch_dir::open_lock_file(access how) {
   constexpr int flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  lock_.reset(openat(folder_.get(), lock_name, flags | O_RDWR | O_CREAT, 0644));
-  if (!lock_.is_open() && how == access::read) {
+  if (how != access::look) {
+    lock_.reset(openat(folder_.get(), lock_name, flags | O_RDWR | O_CREAT, 0644));
+  }
+  if (!lock_.is_open() && how != access::write) {
     lock_.reset(openat(folder_.get(), lock_name, flags | O_RDONLY));
     if (!lock_.is_open() && (errno == ENOENT || errno == EACCES || errno == EROFS)) {
       return; // it only tells who works there
@@ -225,14 +229,19 @@ void switch_dir::share_lock() const {
   }
 }
 
+std::vector<std::string> switch_dir::leftovers() const {
+  std::vector<std::string> found;
+  for (const char *name : {next_name, discard_name, probe_a, probe_b, copy_name}) {
+    if (tree::exists(folder_.get(), name)) {
+      found.emplace_back(name);
+    }
+  }
+  return found;
+}
+
 void switch_dir::recover(access how) {
   const int folder = folder_.get();
-  const char *const leftovers[] = {next_name, discard_name, probe_a, probe_b, copy_name};
-  bool any = false;
-  for (const char *name : leftovers) {
-    any = any || tree::exists(folder, name);
-  }
-  if (!any || (how == access::read && !may_recover())) {
+  if (leftovers().empty() || (how == access::read && !may_recover())) {
     return;
   }
   const std::string what = recover_next();
@@ -308,12 +317,19 @@ void switch_dir::put_away_or_say(const char *name) const {
   }
 }
 
-void switch_dir::open_current() {
+void switch_dir::open_current(access how) {
   current_ = open_state(folder_.get(), current_name);
   if (!current_.is_open()) {
     throw failure(exit_refused, "cannot open its state: " + error_text(errno));
   }
-  state_ = read_state(current_.get());
+  try {
+    state_ = read_state(current_.get());
+  } catch (const failure &error) {
+    if (how != access::look) {
+      throw;
+    }
+    state_trouble_ = error.what();
+  }
 }
 
 void switch_dir::check_exchange() const {
@@ -336,14 +352,18 @@ void switch_dir::check_exchange() const {
   }
 }
 
-void switch_dir::check_room() const {
+switch_dir::room switch_dir::room_for_copy() const {
   const uint64_t used = tree::bytes_used(folder_.get(), current_name);
-  const uint64_t free = tree::bytes_free(folder_.get());
-  const uint64_t wanted = used + used / 16 + (1 << 20);
-  if (free < wanted) {
+  return {used + used / 16 + (1 << 20), tree::bytes_free(folder_.get())};
+}
+
+void switch_dir::check_room() const {
+  const room found = room_for_copy();
+  if (found.free < found.wanted) {
     throw failure(exit_refused, in_quotes(path_) + ": no room for a copy of its state: " +
-                                    std::to_string(wanted >> 10) + " KiB are wanted, " +
-                                    std::to_string(free >> 10) + " KiB are free; make room there");
+                                    std::to_string(found.wanted >> 10) + " KiB are wanted, " +
+                                    std::to_string(found.free >> 10) +
+                                    " KiB are free; make room there");
   }
 }
 

@@ -1,6 +1,5 @@
 #include "vrrp_hand_over.h"
 
-#include <array>
 #include <filesystem>
 
 #include "lab/lab.h"
@@ -11,8 +10,10 @@ namespace {
 
 constexpr char between[] = "nonvolatile:/tmp/vrrp-startup-pss";
 
+} // namespace
+
 // Those that may be overwritten last: a record is told where it is safest.
-std::array<std::string, 3> stores_of(const switch_state &state, vdc_id_t vdc) {
+std::array<std::string, 3> vrrp_stores_of(const switch_state &state, vdc_id_t vdc) {
   const std::string bin = "nonvolatile:" + state.path_of(moment::startup, vdc) + "/bin/";
   return {bin + "vrrp-cfg_config_sav", bin + "vrrp-eng_runtime_config",
           between + (vdc == 1 ? std::string() : std::to_string(vdc) + "/bin")};
@@ -22,12 +23,10 @@ bool is_vr_or_vip(std::string_view key) {
   return key.starts_with('\1') || key.starts_with('\2');
 }
 
-} // namespace
-
 vrrp_places vrrp_records_now(const switch_state &state) {
   vrrp_places places;
   for (const vdc_id_t vdc : state.vdcs) {
-    for (const std::string &uri : stores_of(state, vdc)) {
+    for (const std::string &uri : vrrp_stores_of(state, vdc)) {
       std::error_code error;
       if (!std::filesystem::exists(lab::store_file(uri), error) && !error) {
         continue;

@@ -4,8 +4,10 @@
 #ifndef DATAMORPH_VRRP_HAND_OVER_H
 #define DATAMORPH_VRRP_HAND_OVER_H
 
+#include <array>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -13,6 +15,11 @@
 
 // Where the VR and VIP records of a VDC stand, by their key: the store's URI.
 using vrrp_places = std::map<vdc_id_t, std::map<std::string, std::string>>;
+
+// The stores of the manager, the engine and the one between the two at the startup moment.
+std::array<std::string, 3> vrrp_stores_of(const switch_state &state, vdc_id_t vdc);
+// Whether such a key is one of these records'.
+bool is_vr_or_vip(std::string_view key);
 
 // Those of the manager, the engine and the stores between the two at the startup moment. Reads in
 // the root of the process; throws failure for a store that cannot be read.

@@ -8,9 +8,12 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -40,6 +43,36 @@ std::string router(size_t bytes) {
 void become_nobody() {
   if (geteuid() == 0 &&
       (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0)) {
+    _exit(125);
+  }
+}
+
+// Rights to change the root, for a process that cannot get them any more.
+void take_rights() {
+  const std::string uid = std::to_string(geteuid());
+  const std::string gid = std::to_string(getegid());
+  if (geteuid() == 0 || unshare(CLONE_NEWUSER) != 0) {
+    return;
+  }
+  std::ofstream("/proc/self/setgroups") << "deny";
+  std::ofstream("/proc/self/uid_map") << "0 " + uid + " 1";
+  std::ofstream("/proc/self/gid_map") << "0 " + gid + " 1";
+}
+
+// Ends this process and what it starts when it opens anything for writing.
+void die_of_opening_for_writing() {
+  constexpr auto flags = static_cast<unsigned>(offsetof(seccomp_data, args) + 2 * sizeof(uint64_t));
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, flags),
+      BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, O_WRONLY | O_RDWR | O_CREAT | O_TRUNC, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filters = {static_cast<unsigned short>(std::size(filter)), filter};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filters) != 0) {
     _exit(125);
   }
 }
@@ -173,6 +206,17 @@ TEST_F(check_verb, changes_nothing_and_opens_nothing_for_writing) {
   EXPECT_EQ(found.back()["remedy"], "chmod u+rwx sw/current/mnt/pss");
   EXPECT_EQ(times(), readable);
   follow("chmod -R u+w sw");
+}
+
+TEST_F(check_verb, no_open_is_for_writing) {
+  create("sw");
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  in_child = [] {
+    take_rights();
+    die_of_opening_for_writing();
+  };
+  expect_nothing();
+  EXPECT_NE(run({"store", "list", "sw"}).status, 0); // which opens stores for writing too
 }
 
 // ---- What may be wrong with the change itself --------------------------------------------------

@@ -25,17 +25,6 @@
 
 namespace {
 
-nlohmann::json images() {
-  nlohmann::json found = nlohmann::json::object();
-  std::error_code error;
-  for (std::filesystem::directory_iterator at("/images", error), end; at != end;
-       at.increment(error)) {
-    const char *version = srg_sw_ver_file_get(at->path().c_str());
-    found[at->path().filename()] = version == nullptr ? nlohmann::json() : nlohmann::json(version);
-  }
-  return found;
-}
-
 nlohmann::json tables(const library &library) {
   nlohmann::json all = nlohmann::json::array();
   for (const std::vector<table_row> &table : library.tables) {
@@ -189,6 +178,17 @@ void sync_state() {
 }
 
 } // namespace
+
+nlohmann::json images() {
+  nlohmann::json found = nlohmann::json::object();
+  std::error_code error;
+  for (std::filesystem::directory_iterator at("/images", error), end; at != end;
+       at.increment(error)) {
+    const char *version = srg_sw_ver_file_get(at->path().c_str());
+    found[at->path().filename()] = version == nullptr ? nlohmann::json() : nlohmann::json(version);
+  }
+  return found;
+}
 
 std::string conversion_request::service() const {
   return uuid == SRVUUID_NONE ? "(whole table)" : service_name(uuid);

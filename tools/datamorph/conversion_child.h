@@ -24,6 +24,9 @@ struct conversion_plan {
   std::vector<conversion_request> requests;
 };
 
+// The version of each image by its release, null where it cannot be read. Looks into the root.
+nlohmann::json images();
+
 // Looks at the state that the child's root is, changing nothing. Sends one message: "images" (the
 // version by release, null where it cannot be read), "tables" and "order" (the library's answer to
 // comparing the plan's `from` with its `to`), and "damaged" (uri and status) for the first store

@@ -35,7 +35,7 @@ constexpr char top_footer[] =
     "room,\n"
     "      no rights, a service without a routine in the chosen moments, records of VRRP that "
     "would\n"
-    "      be lost, nothing to roll back to, nobody to ask)\n"
+    "      be lost, nothing to roll back to, nobody to ask); check: something was found\n"
     "  5   the switch is in use by another command\n"
     "  64  wrong usage (unknown verb, option, service or moment)\n"
     "  128 and the signal's number: stopped by a signal; the switch is as it was, or an import "
@@ -59,6 +59,7 @@ public:
     add_runs();
     add_stores();
     add_diff();
+    add_check();
     add_library_verbs();
   }
 
@@ -326,6 +327,22 @@ private:
                     "Known differences: a file with what --format json has written");
   }
 
+  void add_check() {
+    CLI::App *sub =
+        verb(&app_, "check", "All that stands in the way of a conversion, at once",
+             "datamorph check /tmp/switch --to '4.2(1)'\n\n"
+             "Changes nothing and opens nothing for writing. Each finding tells its store, its\n"
+             "record and what to do. Exit status: 0 nothing found, 3 something found.",
+             [this] { return check(common_, check_); });
+    sub->add_option("DIR", check_.dir, dir_help)->required();
+    sub->add_option("--to", check_.to, "The release to convert to")->required();
+    sub->add_option("--from", check_.from,
+                    "The release to come from (default: the one that the switch runs)");
+    sub->add_option("--timeout", check_.timeout, "Seconds that the library or one store may take")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+  }
+
   void add_library_verbs() {
     verb(&app_, "services", "The library's dispatch tables, in call order",
          "datamorph services --format json", [this] { return services(common_); });
@@ -424,6 +441,7 @@ private:
   rehearse_options rehearse_;
   store_options store_;
   diff_options diff_;
+  check_options check_;
   std::string format_ = "table";
   std::string dir_;
   std::string from_;

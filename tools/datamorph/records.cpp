@@ -298,7 +298,15 @@ std::optional<decoded_record> decode_record(const std::string &uri, std::string_
       return record;
     }
   }
-  const bool of_vrrp = std::any_of(std::begin(vrrp_stores), std::end(vrrp_stores),
-                                   [&](const store_set &set) { return is_in(set, uri); });
-  return of_vrrp ? decode_vrrp_record(key, value) : std::nullopt;
+  return has_layouts(uri) ? decode_vrrp_record(key, value) : std::nullopt;
+}
+
+bool has_layouts(const std::string &uri) {
+  return std::any_of(std::begin(vrrp_stores), std::end(vrrp_stores),
+                     [&](const store_set &set) { return is_in(set, uri); });
+}
+
+std::string layout_trouble(const std::string &uri, std::string_view key, std::string_view value,
+                           layout_side side) {
+  return has_layouts(uri) ? vrrp_layout_trouble(key, value, side) : "";
 }

@@ -31,4 +31,15 @@ struct decoded_record {
 std::optional<decoded_record> decode_record(const std::string &uri, std::string_view key,
                                             std::string_view value);
 
+// The release at which the layouts of records change, and the side of it that a release is on.
+inline constexpr char layout_release[] = "4.2(1)";
+enum class layout_side { before, from_then_on };
+
+// Whether a record of this store has another layout on the other side of that release, or could.
+bool has_layouts(const std::string &uri);
+// Why a record whose value has the length of a layout does not fit the releases on this side; empty
+// when it does.
+std::string layout_trouble(const std::string &uri, std::string_view key, std::string_view value,
+                           layout_side side);
+
 #endif

@@ -121,6 +121,7 @@ private:
   const rehearse_options &options_;
   switch_dir switch_;
   scratch_folder scratch_;
+  unique_fd before_; // a copy of the state: nothing else of the switch is opened
   change_tables tables_{true};
   std::unique_ptr<output::document> document_;
   change_counts counts_;
@@ -343,7 +344,7 @@ void rehearse_run::print_change(const state_change &change, const change_author 
 // ---- What is compared --------------------------------------------------------------------------
 
 void rehearse_run::compare(const rehearsal &main) {
-  const state_side before = {options_.work.dir, switch_.current(), ""};
+  const state_side before = {options_.work.dir, before_.get(), ""};
   const state_side after = {"the copy", main.root(), ""};
   losses_ = std::make_unique<loss_report>(switch_.state(), main.done().stores("stores_before"),
                                           main.done().stores("stores_after"));
@@ -368,7 +369,7 @@ void rehearse_run::there_and_back(const rehearsal &main) {
       rehearse("back", main.root(), main.state(), main.done().plan().from, main.done().plan().to);
   other.trouble = back->trouble();
   if (other.trouble.empty()) {
-    diff_states({options_.work.dir, switch_.current(), ""}, {"the copy", back->root(), ""},
+    diff_states({options_.work.dir, before_.get(), ""}, {"the copy", back->root(), ""},
                 [&](const state_change &change) { other.take(change); });
   }
   others_.push_back(std::move(other));
@@ -379,7 +380,7 @@ void rehearse_run::over_another(const rehearsal &main) {
   other.name = "via";
   other.title = "Over " + options_.via + " instead";
   const std::unique_ptr<rehearsal> first =
-      rehearse("via", switch_.current(), switch_.state(), options_.via, main.done().plan().from);
+      rehearse("via", before_.get(), switch_.state(), options_.via, main.done().plan().from);
   other.trouble = first->trouble();
   if (other.trouble.empty()) {
     const std::unique_ptr<rehearsal> second =
@@ -397,7 +398,7 @@ void rehearse_run::save(const rehearsal &main) const {
   saved_plan plan;
   plan.options = options_.work;
   plan.options.from = main.done().plan().from;
-  plan.before = state_digest({options_.work.dir, switch_.current(), ""});
+  plan.before = state_digest({options_.work.dir, before_.get(), ""});
   plan.after = state_digest({"the copy", main.root(), ""});
   plan.write(options_.save);
   output::message("plan: " + options_.save + "; commit it with 'datamorph convert " +
@@ -412,8 +413,16 @@ int rehearse_run::complain(int status, const std::string &what) const {
 }
 
 int rehearse_run::run() {
-  const std::unique_ptr<rehearsal> main = rehearse("rehearsal", switch_.current(), switch_.state(),
-                                                   options_.work.to, options_.work.from);
+  if (!switch_.state_trouble().empty()) {
+    throw failure(exit_refused, switch_.state_trouble());
+  }
+  if (!switch_.leftovers().empty()) {
+    output::message(in_quotes(options_.work.dir) +
+                    ": a command was stopped here; the next one that may write tidies up");
+  }
+  before_ = scratch_.copy(switch_.current(), "before");
+  const std::unique_ptr<rehearsal> main =
+      rehearse("rehearsal", before_.get(), switch_.state(), options_.work.to, options_.work.from);
   print_head(*main);
   compare(*main);
   const bool good = main->status() == 0;

@@ -99,8 +99,10 @@ switch_dir::switch_dir(const std::string &path, access how) : path_(path) {
   try {
     open_folder();
     lock(how);
-    recover(how);
-    open_current();
+    if (how != access::look) {
+      recover(how);
+    }
+    open_current(how);
   } catch (const failure &error) {
     throw error.placed(in_quotes(path_));
   }
@@ -243,18 +245,19 @@ void switch_dir::share_lock() const {
   }
 }
 
+std::vector<std::string> switch_dir::leftovers() const {
+  std::vector<std::string> found;
+  for (const char *name : {next_name, discard_name, probe_a, probe_b, copy_name}) {
+    if (tree::exists(folder_.get(), name)) {
+      found.emplace_back(name);
+    }
+  }
+  return found;
+}
+
 void switch_dir::recover(access how) {
   const int folder = folder_.get();
-  const char *const leftovers[] = {next_name, discard_name, probe_a, probe_b, copy_name};
-  bool any = false;
-  for (const char *name : leftovers) {
-    any = any || tree::exists(folder, name);
-  }
-  if (any && how == access::look) {
-    output::message(in_quotes(path_) + ": a command was stopped here; the next one that may write "
-                                       "tidies up");
-  }
-  if (!any || how == access::look || (how == access::read && !may_recover())) {
+  if (leftovers().empty() || (how == access::read && !may_recover())) {
     return;
   }
   const std::string what = recover_next();
@@ -330,12 +333,19 @@ void switch_dir::put_away_or_say(const char *name) const {
   }
 }
 
-void switch_dir::open_current() {
+void switch_dir::open_current(access how) {
   current_ = open_state(folder_.get(), current_name);
   if (!current_.is_open()) {
     throw failure(exit_refused, "cannot open its state: " + error_text(errno));
   }
-  state_ = read_state(current_.get());
+  try {
+    state_ = read_state(current_.get());
+  } catch (const failure &error) {
+    if (how != access::look) {
+      throw;
+    }
+    state_trouble_ = error.what();
+  }
 }
 
 void switch_dir::check_exchange() const {
@@ -356,6 +366,10 @@ void switch_dir::check_exchange() const {
                       error_text(error) + ")",
                   "move the switch to one that can, such as ext4 or xfs");
   }
+}
+
+switch_dir::room switch_dir::room_for_copy() const {
+  return {tree::copy_wants(folder_.get(), current_name), tree::bytes_free(folder_.get())};
 }
 
 void switch_dir::check_room() const {

@@ -20,18 +20,25 @@
 #ifndef DATAMORPH_SWITCH_DIR_H
 #define DATAMORPH_SWITCH_DIR_H
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "switch_state.h"
 #include "unique_fd.h"
 
 class switch_dir {
 public:
-  // `look` writes nothing at all, not even what a stopped command left.
-  enum class access { look, read, write };
+  // `look` opens nothing for writing: what a command that was cut short has left stays where it is.
+  enum class access { read, write, look };
+  struct room {
+    uint64_t wanted = 0; // bytes
+    uint64_t free = 0;
+  };
 
   // Opens, locks and, where a command was cut short, recovers the switch, saying so on standard
-  // error. Throws failure: 3 when there is no switch or no right to it, 5 when it is in use.
+  // error. Throws failure: 3 when there is no switch or no right to it, 5 when it is in use. With
+  // `look` a switch.json that is wrong is no failure, and state() empty.
   switch_dir(const std::string &path, access how);
   ~switch_dir();
   switch_dir(const switch_dir &) = delete;
@@ -39,6 +46,10 @@ public:
 
   const std::string &path() const { return path_; }
   const switch_state &state() const { return state_; }
+  // With `look`: what is wrong with switch.json, else empty.
+  const std::string &state_trouble() const { return state_trouble_; }
+  // What of a command that was cut short lies in the switch's folder.
+  std::vector<std::string> leftovers() const;
   int folder() const { return folder_.get(); }
   // The current state's folder, as a root for jail::run.
   int current() const { return current_.get(); }
@@ -47,6 +58,8 @@ public:
   // of current/.
   void check_exchange() const;
   void check_room() const;
+  // For a copy of current/. Throws failure(1).
+  room room_for_copy() const;
 
   // Makes next/ a copy of current/ and opens it. Throws failure.
   unique_fd make_next() const;
@@ -85,7 +98,7 @@ private:
   std::string holder() const;
   std::string locking_process() const;
   [[noreturn]] void in_use() const;
-  void open_current();
+  void open_current(access how);
 
   std::string path_;
   unique_fd folder_;   // carries the lock
@@ -93,6 +106,7 @@ private:
   bool named_ = false; // this process's number stands in it
   unique_fd current_;
   switch_state state_;
+  std::string state_trouble_;
 };
 
 #endif

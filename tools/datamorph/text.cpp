@@ -245,3 +245,20 @@ bool is_contained_path(std::string_view path) {
   }
   return true;
 }
+
+std::string shell_word(std::string_view word) {
+  constexpr char plain[] =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:,+=@%";
+  if (!word.empty() && word.find_first_not_of(plain) == std::string_view::npos) {
+    return std::string(word);
+  }
+  const std::string text = to_text(word);
+  if (text == word && word.find('\'') == std::string_view::npos) {
+    return "'" + text + "'";
+  }
+  std::string quoted = "$'";
+  for (const char c : text) {
+    quoted += c == '\'' ? "\\'" : std::string(1, c);
+  }
+  return quoted + "'";
+}

@@ -42,4 +42,7 @@ bool is_release_name(std::string_view text);
 // An absolute path without "..", "." or empty components, at most 1024 bytes, no control bytes.
 bool is_contained_path(std::string_view path);
 
+// One word of a command that is to be typed: quoted where the shell wants it.
+std::string shell_word(std::string_view word);
+
 #endif

@@ -198,12 +198,6 @@ bool write_content(int file, const std::string &content) {
   return true;
 }
 
-// With what a conversion may add.
-uint64_t copy_wants(int folder, const std::string &name) {
-  const uint64_t used = tree::bytes_used(folder, name);
-  return used + used / 16 + (1 << 20);
-}
-
 } // namespace
 
 namespace tree {
@@ -235,6 +229,11 @@ uint64_t bytes_free(int folder) {
     failed("examine the file system of", ".", errno);
   }
   return static_cast<uint64_t>(about.f_bavail) * about.f_frsize;
+}
+
+uint64_t copy_wants(int folder, const std::string &name) {
+  const uint64_t used = bytes_used(folder, name);
+  return used + used / 16 + (1 << 20);
 }
 
 void check_room(int folder, const std::string &name, int where, const std::string &advice) {

@@ -17,6 +17,9 @@ bool exists(int folder, const std::string &name);
 uint64_t bytes_used(int folder, const std::string &name);
 uint64_t bytes_free(int folder);
 
+// Bytes that a copy of the tree wants, with what a conversion may add.
+uint64_t copy_wants(int folder, const std::string &name);
+
 // Throws failure(3) when the file system of the folder `where` has no room for a copy of the tree;
 // `advice` is its next action.
 void check_room(int folder, const std::string &name, int where, const std::string &advice);

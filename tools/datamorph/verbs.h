@@ -69,6 +69,14 @@ struct diff_options {
 };
 int diff(const common_options &common, const diff_options &options);
 
+struct check_options {
+  std::string dir;
+  std::string to;
+  std::string from;       // empty: the release that the switch runs
+  unsigned timeout = 300; // seconds
+};
+int check(const common_options &common, const check_options &options);
+
 int services(const common_options &common);
 int compare(const common_options &common, const std::string &a, const std::string &b);
 

@@ -10,10 +10,6 @@ namespace {
 
 constexpr char between[] = "nonvolatile:/tmp/vrrp-startup-pss";
 
-bool is_vr_or_vip(std::string_view key) {
-  return key.starts_with('\1') || key.starts_with('\2');
-}
-
 } // namespace
 
 // Those that may be overwritten last: a record is told where it is safest.
@@ -21,6 +17,10 @@ std::array<std::string, 3> vrrp_stores(const switch_state &state, vdc_id_t vdc) 
   const std::string bin = "nonvolatile:" + state.path_of(moment::startup, vdc) + "/bin/";
   return {bin + "vrrp-cfg_config_sav", bin + "vrrp-eng_runtime_config",
           between + (vdc == 1 ? std::string() : std::to_string(vdc) + "/bin")};
+}
+
+bool is_vr_or_vip(std::string_view key) {
+  return key.starts_with('\1') || key.starts_with('\2');
 }
 
 vrrp_places vrrp_records_now(const switch_state &state) {

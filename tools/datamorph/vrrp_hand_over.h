@@ -7,6 +7,7 @@
 #include <array>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -17,6 +18,9 @@ std::array<std::string, 3> vrrp_stores(const switch_state &state, vdc_id_t vdc);
 
 // Where the VR and VIP records of a VDC stand, by their key: the store's URI.
 using vrrp_places = std::map<vdc_id_t, std::map<std::string, std::string>>;
+
+// Whether such a key is one of these records'.
+bool is_vr_or_vip(std::string_view key);
 
 // Those of the manager, the engine and the stores between the two at the startup moment. Reads in
 // the root of the process; throws failure for a store that cannot be read.

@@ -192,12 +192,13 @@ struct record_form {
   std::span<const field> fields;
   size_t size;     // before 4.2(1)
   size_t new_size; // from then on
+  size_t stored;   // which of the two is stored from 4.2(1) on
 };
 
 constexpr record_form forms[] = {
-    {"VR record", 1, 1, vr_key, 10, 9, vr_fields, 85, 117},
-    {"VIP record", 2, 1, vip_key, 26, 25, vip_fields, 33, 53},
-    {"VRRP global info", 4, 4, {}, 4, 0, global_fields, 21, 21},
+    {"VR record", 1, 1, vr_key, 10, 9, vr_fields, 85, 117, 117},
+    {"VIP record", 2, 1, vip_key, 26, 25, vip_fields, 33, 53, 33},
+    {"VRRP global info", 4, 4, {}, 4, 0, global_fields, 21, 21, 21},
 };
 
 // The fields follow each other without a gap, and each layout ends where one of them does.
@@ -225,6 +226,9 @@ constexpr bool parts_fill_key(const record_form &form) {
   }
   return at == form.key_size && at - form.type_width == form.key_fields;
 }
+static_assert(std::all_of(std::begin(forms), std::end(forms), [](const record_form &form) {
+  return form.stored == form.size || form.stored == form.new_size;
+}));
 static_assert(std::all_of(std::begin(forms), std::end(forms), fields_fill_layouts));
 static_assert(std::all_of(std::begin(forms), std::end(forms), parts_fill_key));
 
@@ -319,13 +323,29 @@ decoded_record decode(const record_form &form, std::string_view key, std::string
   return record;
 }
 
+const record_form *form_of(std::string_view key) {
+  const auto found = std::find_if(std::begin(forms), std::end(forms), [&](const record_form &form) {
+    return !key.empty() && number_of(key.substr(0, 1)) == form.type;
+  });
+  return found == std::end(forms) ? nullptr : found;
+}
+
 } // namespace
 
 std::optional<decoded_record> decode_vrrp_record(std::string_view key, std::string_view value) {
-  for (const record_form &form : forms) {
-    if (!key.empty() && number_of(key.substr(0, 1)) == form.type) {
-      return decode(form, key, value);
-    }
+  const record_form *const form = form_of(key);
+  return form == nullptr ? std::nullopt : std::optional(decode(*form, key, value));
+}
+
+std::string vrrp_layout_trouble(std::string_view key, std::string_view value, layout_side side) {
+  const record_form *const form = form_of(key);
+  if (form == nullptr || (value.size() != form->size && value.size() != form->new_size)) {
+    return "";
   }
-  return std::nullopt;
+  const bool before = side == layout_side::before;
+  const size_t stored = before ? form->size : form->stored;
+  return value.size() == stored ? ""
+                                : counted(value.size(), "byte") + ", but " +
+                                      (before ? "before 4.2(1)" : "from 4.2(1) on") + " it has " +
+                                      std::to_string(stored);
 }

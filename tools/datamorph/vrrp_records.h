@@ -8,4 +8,7 @@
 // layout is damaged; what else is wrong with a record is told in "problems".
 std::optional<decoded_record> decode_vrrp_record(std::string_view key, std::string_view value);
 
+// As layout_trouble, of a record of a VRRP store.
+std::string vrrp_layout_trouble(std::string_view key, std::string_view value, layout_side side);
+
 #endif

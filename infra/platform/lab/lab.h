@@ -45,6 +45,10 @@ struct store_info {
 // or of another program; the store is not changed.
 syserr_t store_inspect(const std::string &uri, store_info *info);
 
+// From now on this process opens every store's file for reading only. One that waits for what a
+// killed writer left to be taken back gives SYSERR_PSS_NO_ACCESS then.
+void stores_for_reading_only();
+
 // Closes every handle that is still open, which makes its writes durable. The first status that is
 // not 0; *closed (may be null) gets how many were open.
 syserr_t close_all_stores(size_t *closed);

@@ -39,6 +39,8 @@ constexpr size_t k_largest_record = 1'000'000'000;
 constexpr uint32 k_application_id = 0x444d7073;
 constexpr uint32 k_layout_version = 2;
 
+bool for_reading_only = false;
+
 constexpr char k_records_sql[] =
     "CREATE TABLE records (key BLOB PRIMARY KEY, value BLOB NOT NULL, sum INTEGER NOT NULL) "
     "WITHOUT ROWID";
@@ -301,11 +303,18 @@ syserr_t store_db::connect(const std::string &file, int flags, const char *pragm
   return execute(pragmas);
 }
 
+void stores_for_reading_only() {
+  for_reading_only = true;
+}
+
 syserr_t store_db::open(const store_path &path, bool writable) {
   close();
   syserr_t status = probe_store(path.file, &id_);
   if (status != SYSERR_SUCCESS) {
     return status;
+  }
+  if (writable && for_reading_only) {
+    return SYSERR_PSS_NO_ACCESS;
   }
   if (writable && faccessat(AT_FDCWD, path.file.c_str(), W_OK, AT_EACCESS) != 0) {
     return SYSERR_PSS_NO_ACCESS;
@@ -314,7 +323,7 @@ syserr_t store_db::open(const store_path &path, bool writable) {
   ++shared_->users;
   // A reader needs the right to write as well where it meets the journal of a killed writer, so it
   // asks for both and takes what it gets.
-  status = connect(path.file, SQLITE_OPEN_READWRITE,
+  status = connect(path.file, for_reading_only ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE,
                    path.durable ? "PRAGMA synchronous=EXTRA; PRAGMA temp_store=MEMORY;"
                                   "PRAGMA cache_size=-2048; PRAGMA cell_size_check=ON"
                                 : "PRAGMA synchronous=OFF; PRAGMA temp_store=MEMORY;"

@@ -9,10 +9,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "confirm.h"
 #include "conversion_child.h"
 #include "failure.h"
 #include "jail.h"
 #include "lab/lab.h"
+#include "progress.h"
 #include "report.h"
 #include "run_folder.h"
 #include "services.h"
@@ -68,6 +70,7 @@ private:
   conversion_plan plan_;
   conversion_report report_;
   nlohmann::json closing_;
+  progress progress_;
 };
 
 // ---- What is refused ---------------------------------------------------------------------------
@@ -215,6 +218,7 @@ void conversion::make_plan(const nlohmann::json &found) {
 void conversion::take_message(const nlohmann::json &message) {
   if (message.contains("closing")) {
     closing_ = message["closing"];
+    progress_.end();
     return;
   }
   const bool start = message.contains("start");
@@ -222,6 +226,9 @@ void conversion::take_message(const nlohmann::json &message) {
   request_report &report = report_.requests.at(at);
   report.started = true;
   if (start) {
+    if (at == 0) {
+      progress_.begin("converting", report_.requests.size(), "services");
+    }
     const std::string where = std::string(moment_name(report.request.which)) + ", VDC " +
                               std::to_string(report.request.vdc) + ": " + report.request.service();
     if (jail::stderr_takes(std::chrono::seconds(1))) {
@@ -232,6 +239,7 @@ void conversion::take_message(const nlohmann::json &message) {
   report.status = message.at("status").get<syserr_t>();
   report.milliseconds = message.at("milliseconds").get<double>();
   report.take_tags_gone(message.at("tags_gone"));
+  progress_.advance();
 }
 
 // Says at each request that has no status why that is so.
@@ -399,7 +407,8 @@ void conversion::finish(const run_folder &folder) {
     say("not converted: " + report_.trouble + "; the switch is as it was, still at " +
         report_.release);
     output::explain(in_quotes(options_.dir) + ": not converted: " + report_.trouble +
-                    "; the switch is as it was, still at " + report_.release);
+                        "; the switch is as it was, still at " + report_.release,
+                    options_.dir + "/runs/" + folder.number() + " tells more");
   }
   for (const std::string &note : report_.notes) {
     say(note);
@@ -500,6 +509,10 @@ int convert(const common_options &common, const convert_options &options) {
       throw failure(exit_usage, "unknown service " + in_quotes(name),
                     "services: " + service_names());
     }
+  }
+  if (options.accept_losses) {
+    confirm(in_quotes(options.dir) + ": convert, although records of VRRP may be lost?",
+            common.yes);
   }
   const stop_signal::guard guard;
   try {

@@ -9,8 +9,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "command_tree.h"
 #include "failure.h"
 #include "output.h"
+#include "progress.h"
 #include "text.h"
 #include "verbs.h"
 
@@ -42,6 +44,7 @@ constexpr char top_footer[] =
     "ended\n"
     "      midway\n"
     "Data goes to standard output, messages and trace to standard error.\n"
+    "Completions: 'datamorph completion bash' and 'datamorph completion zsh' write them.\n"
     "Example:\n"
     "  datamorph lab create /tmp/switch && datamorph convert /tmp/switch --to '4.2(1)'\n";
 
@@ -58,6 +61,7 @@ public:
     add_stores();
     add_diff();
     add_library_verbs();
+    add_shell_verbs();
   }
 
   int run(int argc, char **argv) {
@@ -91,11 +95,14 @@ private:
     sub->add_flag("-v,--verbose", common_.verbose, "Show the library's trace");
     sub->add_option("--library", common_.library,
                     "The conversion library (default: DATAMORPH_LIBRARY, beside the program, where "
-                    "it was installed)");
+                    "it was installed)")
+        ->type_name("FILE");
     const std::string path = parent == &app_ ? name : parent->get_name() + " " + name;
     sub->callback([this, act, path] {
       common_.format = format_ == "table" ? output::format::table : output::format::json;
       output::begin(path, style_of(format_));
+      // A program that reads JSON, or the trace of the library, has the terminal for itself.
+      progress::allow(format_ == "table" && !common_.verbose);
       chosen_ = act;
     });
     return sub;
@@ -108,7 +115,8 @@ private:
                             "datamorph lab create /tmp/npv-switch --from examples/npv-switch.json",
                             [this] { return lab_create(common_, dir_, from_); });
     create->add_option("DIR", dir_, "The directory to make")->required();
-    create->add_option("--from", from_, "The description (default: the shipped example)");
+    create->add_option("--from", from_, "The description (default: the shipped example)")
+        ->type_name("FILE");
     CLI::App *show =
         verb(lab, "show", "Release, VDCs, paths, images, stores, files, access points, tag tables",
              "datamorph lab show /tmp/switch", [this] { return lab_show(common_, dir_); });
@@ -135,15 +143,19 @@ private:
         "run leaves behind is kept in DIR/runs/NUMBER.",
         [this] { return convert(common_, convert_); });
     sub->add_option("DIR", convert_.dir, dir_help)->required();
-    sub->add_option("--to", convert_.to, "The release to convert to")->required();
+    sub->add_option("--to", convert_.to, "The release to convert to")
+        ->required()
+        ->type_name("RELEASE");
     sub->add_option("--from", convert_.from,
-                    "The release to come from (default: the one that the switch runs)");
+                    "The release to come from (default: the one that the switch runs)")
+        ->type_name("RELEASE");
     sub->add_option("--moment", convert_.moments,
                     "gsync, running-fs or startup; may be repeated (default: all three)")
         ->check(CLI::IsMember({"gsync", "running-fs", "startup"}))
         ->allow_extra_args(false);
     CLI::Option *service = sub->add_option("--service", convert_.services,
                                            "A service's name; may be repeated (default: all)")
+                               ->type_name("SERVICE")
                                ->allow_extra_args(false);
     sub->add_flag("--whole-table", convert_.whole_table,
                   "Call the entry points that run a whole table (gsync has none: per service)")
@@ -154,6 +166,7 @@ private:
     sub->add_flag("--accept-losses", convert_.accept_losses,
                   "Keep the result although VRRP's records are lost, as by an upgrade that is "
                   "repeated");
+    add_yes(sub);
     sub->add_option("--timeout", convert_.timeout, "Seconds that one service may take")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
@@ -169,6 +182,12 @@ private:
   void add_uri(CLI::App *sub) {
     sub->add_option("URI", store_.uri, "The store, such as volatile:/cfg/0/evms_runtime_cfg")
         ->required();
+  }
+
+  void add_yes(CLI::App *sub) {
+    sub->add_flag("--yes", common_.yes,
+                  "Do not ask before something is discarded, as is done where standard input and "
+                  "error are a terminal");
   }
 
   void add_text(CLI::App *sub) {
@@ -216,6 +235,7 @@ private:
     remove->add_option("KEY", store_.key, "The record's key; may be empty")
         ->each([this](const std::string &) { store_.has_key = true; });
     remove->add_flag("--all", store_.all, "The whole store, also a damaged one");
+    add_yes(remove);
     add_text(remove);
     add_transfer(store);
   }
@@ -225,7 +245,8 @@ private:
         store_verb(store, "export", "Write stores as a JSON document",
                    "datamorph store export /tmp/switch --file stores.json", store_export);
     out->add_option("URI", store_.uris, "The stores (default: all)");
-    out->add_option("--file", store_.file, "Where to (default: standard output)");
+    out->add_option("--file", store_.file, "Where to (default: standard output)")
+        ->type_name("FILE");
     CLI::App *in = store_verb(store, "import", "Load stores from such a document",
                               "datamorph store import /tmp/switch --file stores.json\n\n"
                               "Each store is replaced as a whole, in one step of its own; stores "
@@ -236,7 +257,8 @@ private:
                               "its stores may have\nbeen replaced: import again.",
                               store_import);
     in->add_option("URI", store_.uris, "Which of the document's stores (default: all)");
-    in->add_option("--file", store_.file, "Where from (default: standard input)");
+    in->add_option("--file", store_.file, "Where from (default: standard input)")
+        ->type_name("FILE");
     in->add_flag("--merge", store_.merge, "Keep records that the document does not name");
   }
 
@@ -253,10 +275,12 @@ private:
              [this] { return diff(common_, diff_); });
     sub->add_option("A", diff_.a,
                     "A lab switch, a folder with a state of one, or a store as DIR:URI")
-        ->required();
-    sub->add_option("B", diff_.b, "Another one")->required();
+        ->required()
+        ->type_name("DIR");
+    sub->add_option("B", diff_.b, "Another one")->required()->type_name("DIR");
     sub->add_option("--expect", diff_.expect,
-                    "Known differences: a file with what --format json has written");
+                    "Known differences: a file with what --format json has written")
+        ->type_name("FILE");
   }
 
   void add_library_verbs() {
@@ -269,9 +293,33 @@ private:
     sub->add_option("B", b_, "Another one")->required();
   }
 
+  // What packages and shells ask for. --help hides them.
+  void add_shell_verbs() {
+    CLI::App *completion = app_.add_subcommand("completion", "Completions for a shell")->group("");
+    completion->add_option("SHELL", shell_, "bash or zsh")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh"}));
+    completion->callback([this] {
+      chosen_ = [this] {
+        const command program = command_tree(app_);
+        output::raw(shell_ == "bash" ? bash_completion(program) : zsh_completion(program));
+        return static_cast<int>(exit_done);
+      };
+    });
+    app_.add_subcommand("manual", "The manual page in the language of scdoc")
+        ->group("")
+        ->callback([this] {
+          chosen_ = [this] {
+            output::raw(manual_page(command_tree(app_)));
+            return static_cast<int>(exit_done);
+          };
+        });
+  }
+
   static std::string verbs_of(const CLI::App &app) {
     std::string names;
-    for (const CLI::App *sub : app.get_subcommands([](const CLI::App *) { return true; })) {
+    for (const CLI::App *sub :
+         app.get_subcommands([](const CLI::App *verb) { return !verb->get_group().empty(); })) {
       append_word(names, sub->get_name());
     }
     return names;
@@ -361,6 +409,7 @@ private:
   std::string from_;
   std::string a_;
   std::string b_;
+  std::string shell_;
   action chosen_;
 };
 

@@ -8,8 +8,8 @@
 set -eu
 
 demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash-dev
-  libcli11-dev nlohmann-json3-dev libsmartcols-dev'
-test="$demo libgtest-dev librapidcheck-dev chromium"
+  libcli11-dev nlohmann-json3-dev libsmartcols-dev scdoc'
+test="$demo libgtest-dev librapidcheck-dev chromium zsh groff-base"
 ci="$test git g++-multilib googletest clang-format clang-tidy cppcheck"
 
 usage() {

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <csignal>
+#include <fstream>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
@@ -209,6 +211,22 @@ TEST_F(envelope, a_failed_conversion_has_its_report_and_an_error) {
   EXPECT_NE(error["message"].get<std::string>().find("still at 4.1(5)"), std::string::npos);
 }
 
+TEST_F(envelope, a_conversion_that_hangs_names_the_step) {
+  fake("hang");
+  const result failed = run({"convert", "sw", "--to", "3.3(1)", "--moment", "running-fs",
+                             "--timeout", "1", "--format", "json"});
+
+  EXPECT_EQ(failed.status, 1);
+  const std::string step = "SKSD (running-fs, VDC 1): no answer within 1 second";
+  EXPECT_EQ(failed.json()["trouble"], step);
+  EXPECT_EQ(failed.json()["requests"][0]["service"], "SKSD");
+  EXPECT_EQ(failed.json()["requests"][0]["text"], "no answer within 1 second");
+  const nlohmann::json error = failed.envelope()["error"];
+  EXPECT_EQ(error["message"],
+            "'sw': not converted: " + step + "; the switch is as it was, still at 4.1(5)");
+  EXPECT_EQ(error["next_action"], "sw/runs/0001 tells more");
+}
+
 TEST_F(envelope, what_cannot_be_read_is_told_beside_the_differences) {
   create("b");
   write("b/current/cfg/0/vlan_cfg.pss", "no store at all");
@@ -226,6 +244,66 @@ TEST_F(envelope, output_that_cannot_be_written_is_a_failure) {
   const result lost = run({"services", "--format", "json"});
   EXPECT_EQ(lost.status, 1);
   EXPECT_EQ(lost.err, "datamorph: not all of the output could be written\n");
+}
+
+// Of a process tree, those that have no children.
+void add_leaves(pid_t pid, std::vector<pid_t> *leaves) {
+  const std::string name = std::to_string(pid);
+  std::ifstream children("/proc/" + name + "/task/" + name + "/children");
+  bool any = false;
+  for (pid_t child = 0; children >> child; any = true) {
+    add_leaves(child, leaves);
+  }
+  if (!any) {
+    leaves->push_back(pid);
+  }
+}
+
+TEST_F(envelope, what_breaks_off_is_whole_json_and_says_so) {
+  std::string records;
+  for (int at = 100000; at < 140000; ++at) {
+    records += (at == 100000 ? "{\"key\":\"" : ",{\"key\":\"") + std::to_string(at) +
+               "\",\"value\":\"00\"}";
+  }
+  create("b");
+  ASSERT_EQ(run({"store", "import", "b"},
+                R"({"stores":[{"uri":"nonvolatile:/cfg/large","records":[)" + records + "]}]}")
+                .status,
+            0);
+  for (const words &arguments :
+       std::vector<words>{{"store", "export", "b", "nonvolatile:/cfg/large", "--format", "json"},
+                          {"diff", "b", "sw", "--format", "json"},
+                          {"diff", "b", "sw", "--format", "jsonl"}}) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    in_child = [&] { dup2(ends[1], STDOUT_FILENO); };
+    const std::unique_ptr<background> running = start(arguments);
+    close(ends[1]);
+    // Nobody reads: the command stands still in its document, and those who work for it soon do.
+    EXPECT_TRUE(eventually([&] {
+      int waiting = 0;
+      return ioctl(ends[0], FIONREAD, &waiting) == 0 && waiting > 60000;
+    }));
+    std::vector<pid_t> workers;
+    add_leaves(running->pid(), &workers);
+    for (const pid_t worker : workers) {
+      ASSERT_NE(worker, running->pid());
+      kill(worker, SIGKILL);
+    }
+    std::string text;
+    char buffer[65536];
+    for (ssize_t got = 0; (got = ::read(ends[0], buffer, sizeof buffer)) > 0;) {
+      text.append(buffer, static_cast<size_t>(got));
+    }
+    close(ends[0]);
+    result broken = running->wait();
+    broken.out = text;
+    EXPECT_EQ(broken.status, 1) << broken.err;
+    EXPECT_EQ(broken.envelope()["error"]["code"], "failed");
+    EXPECT_TRUE(broken.json().is_object());
+    EXPECT_LT(text.size(), records.size() * 4);
+    EXPECT_GT(text.size(), 60000u);
+  }
 }
 
 TEST_F(envelope, documents_are_read_with_it_and_without) {

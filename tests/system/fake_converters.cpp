@@ -280,6 +280,9 @@ syserr_t act(std::string_view what) {
     remove_one();
   } else if (what == "slow") {
     put_slowly();
+  } else if (what == "rest") {
+    const timespec pause = {1, 200000000};
+    nanosleep(&pause, nullptr);
   } else if (what == "print") {
     std::printf("NOISE ON STANDARD OUTPUT\n");
     std::fflush(stdout);

@@ -199,6 +199,7 @@ void conversion::prepare(int current) {
 void conversion::take_message(const nlohmann::json &message) {
   if (message.contains("closing")) {
     closing_ = message["closing"];
+    progress_.end();
     return;
   }
   const bool start = message.contains("start");
@@ -207,6 +208,9 @@ void conversion::take_message(const nlohmann::json &message) {
   (start ? spans_.at(at).from : spans_.at(at).to) = traced_;
   report.started = true;
   if (start) {
+    if (at == 0) {
+      progress_.begin(quiet_ ? "rehearsing" : "converting", report_.requests.size(), "services");
+    }
     const std::string where = std::string(moment_name(report.request.which)) + ", VDC " +
                               std::to_string(report.request.vdc) + ": " + report.request.service();
     if (!quiet_ && jail::stderr_takes(std::chrono::seconds(1))) {
@@ -217,6 +221,7 @@ void conversion::take_message(const nlohmann::json &message) {
   report.status = message.at("status").get<syserr_t>();
   report.milliseconds = message.at("milliseconds").get<double>();
   report.take_tags_gone(message.at("tags_gone"));
+  progress_.advance();
 }
 
 // Says at each request that has no status why that is so.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "conversion_child.h"
+#include "progress.h"
 #include "report.h"
 #include "unique_fd.h"
 #include "verbs.h"
@@ -76,6 +77,7 @@ private:
   nlohmann::json closing_;
   uint64_t traced_ = 0; // bytes
   std::vector<trace_span> spans_;
+  progress progress_;
 };
 
 // Throws failure(64) for a service that does not exist.

@@ -2,6 +2,7 @@
 // is refused first; then a copy of the state is converted and takes the state's place in one step.
 #include "verbs.h"
 
+#include "confirm.h"
 #include "conversion.h"
 #include "failure.h"
 #include "jail.h"
@@ -160,7 +161,8 @@ void version_change::finish(const run_folder &folder, run_record *record, int en
     say("not converted: " + report_.trouble + "; the switch is as it was, still at " +
         report_.release);
     output::explain(in_quotes(options_.dir) + ": not converted: " + report_.trouble +
-                    "; the switch is as it was, still at " + report_.release);
+                        "; the switch is as it was, still at " + report_.release,
+                    options_.dir + "/runs/" + folder.number() + " tells more");
   }
   for (const std::string &note : report_.notes) {
     say(note);
@@ -235,6 +237,10 @@ int convert(const common_options &common, const convert_options &wanted) {
     plan.fill(&options);
   }
   check_service_names(options);
+  if (options.accept_losses) {
+    confirm(in_quotes(options.dir) + ": convert, although records of VRRP may be lost?",
+            common.yes);
+  }
   const stop_signal::guard guard;
   try {
     return version_change(common, options).run(options.plan.empty() ? nullptr : &plan);

@@ -9,6 +9,7 @@
 
 #include "change_tables.h"
 #include "failure.h"
+#include "progress.h"
 #include "state_diff.h"
 #include "store_access.h"
 #include "strict_json.h"
@@ -222,15 +223,20 @@ template <typename writer_t>
 int write_diff(const operand &a, const operand &b, known_changes *known) {
   writer_t writer(a, b);
   summary counts;
-  diff_states({a.path, a.root(), a.uri}, {b.path, b.root(), b.uri},
-              [&](const state_change &change) {
-                if (known->take(change)) {
-                  ++counts.expected;
-                  return;
-                }
-                counts.count(change);
-                writer.take(change);
-              });
+  progress shown;
+  shown.begin("comparing", 0, "records read");
+  diff_states(
+      {a.path, a.root(), a.uri}, {b.path, b.root(), b.uri},
+      [&](const state_change &change) {
+        if (known->take(change)) {
+          ++counts.expected;
+          return;
+        }
+        counts.count(change);
+        writer.take(change);
+      },
+      [&] { shown.advance(); });
+  shown.end();
   counts.missing = known->missing().size();
   writer.end(*known, counts);
   if (counts.unreadable > 0) {

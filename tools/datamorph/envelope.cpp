@@ -2,6 +2,7 @@
 #include "output.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "failure.h"
 #include "text.h"
@@ -67,11 +68,13 @@ public:
       output::raw("\n");
     }
     line_ended_ = text.ends_with('\n');
-    output::raw(std::string_view(text).substr(0, text.size() - (line_ended_ ? 1 : 0)));
+    if (line_ended_) {
+      text.pop_back();
+    }
+    output::raw(text);
   }
 
   void begin_list(const nlohmann::json &members, const char *list) {
-    listing_ = true;
     items_ = 0;
     members_ = members;
     if (as_lines()) {
@@ -95,10 +98,11 @@ public:
   }
 
   void end_list(const nlohmann::json &members) {
-    listing_ = false;
+    nlohmann::json whole = std::move(*members_);
+    members_.reset();
     if (as_lines()) {
-      members_.update(members);
-      piece(output::json_text(members_, -1));
+      whole.update(members);
+      piece(output::json_text(whole, -1));
       return;
     }
     output::raw(items_ == 0 ? "]" : "\n  ]");
@@ -113,7 +117,7 @@ public:
     if (how_ == output::style::none) {
       return;
     }
-    if (listing_) {
+    if (members_) {
       end_list(nlohmann::json::object());
     }
     if (!head_written_) {
@@ -171,9 +175,8 @@ private:
   std::string next_action_;
   bool head_written_ = false;
   bool line_ended_ = false; // behind the last piece, not written yet
-  bool listing_ = false;
   size_t items_ = 0;
-  nlohmann::json members_;
+  std::optional<nlohmann::json> members_; // of the document that is under way
 };
 
 envelope ours;

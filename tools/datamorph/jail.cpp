@@ -21,6 +21,7 @@
 #include "child_process.h"
 #include "failure.h"
 #include "keeper.h"
+#include "progress.h"
 #include "stop_signal.h"
 #include "text.h"
 #include "unique_fd.h"
@@ -325,6 +326,7 @@ void show_trace(std::string_view text) {
   // So much goes into a pipe that can be written at all.
   constexpr size_t portion = PIPE_BUF;
   static bool stopped = false;
+  progress::clear();
   while (!text.empty()) {
     stopped = !stderr_takes(milliseconds(stopped ? 0 : 1000));
     if (stopped) {

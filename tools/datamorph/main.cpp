@@ -9,8 +9,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "command_tree.h"
 #include "failure.h"
 #include "output.h"
+#include "progress.h"
 #include "text.h"
 #include "verbs.h"
 
@@ -42,6 +44,7 @@ constexpr char top_footer[] =
     "ended\n"
     "      midway\n"
     "Data goes to standard output, messages and trace to standard error.\n"
+    "Completions: 'datamorph completion bash' and 'datamorph completion zsh' write them.\n"
     "Example:\n"
     "  datamorph lab create /tmp/switch && datamorph convert /tmp/switch --to '4.2(1)'\n";
 
@@ -61,6 +64,7 @@ public:
     add_diff();
     add_check();
     add_library_verbs();
+    add_shell_verbs();
   }
 
   int run(int argc, char **argv) {
@@ -94,7 +98,8 @@ private:
     sub->add_flag("-v,--verbose", common_.verbose, "Show the library's trace");
     sub->add_option("--library", common_.library,
                     "The conversion library (default: DATAMORPH_LIBRARY, beside the program, where "
-                    "it was installed)");
+                    "it was installed)")
+        ->type_name("FILE");
     const std::string path = parent == &app_ ? name : parent->get_name() + " " + name;
     sub->callback([this, act, path] { choose(path, act); });
     return sub;
@@ -103,6 +108,8 @@ private:
   void choose(const std::string &path, const action &act) {
     common_.format = format_ == "table" ? output::format::table : output::format::json;
     output::begin(path, style_of(format_));
+    // A program that reads JSON, or the trace of the library, has the terminal for itself.
+    progress::allow(format_ == "table" && !common_.verbose);
     chosen_ = act;
   }
 
@@ -113,7 +120,8 @@ private:
                             "datamorph lab create /tmp/npv-switch --from examples/npv-switch.json",
                             [this] { return lab_create(common_, dir_, from_); });
     create->add_option("DIR", dir_, "The directory to make")->required();
-    create->add_option("--from", from_, "The description (default: the shipped example)");
+    create->add_option("--from", from_, "The description (default: the shipped example)")
+        ->type_name("FILE");
     CLI::App *show =
         verb(lab, "show", "Release, VDCs, paths, images, stores, files, access points, tag tables",
              "datamorph lab show /tmp/switch", [this] { return lab_show(common_, dir_); });
@@ -140,11 +148,13 @@ private:
         "run leaves behind is kept in DIR/runs/NUMBER.",
         [this] { return convert(common_, convert_); });
     sub->add_option("DIR", convert_.dir, dir_help)->required();
-    CLI::Option *to = sub->add_option("--to", convert_.to, "The release to convert to");
+    CLI::Option *to =
+        sub->add_option("--to", convert_.to, "The release to convert to")->type_name("RELEASE");
     CLI::Option *plan =
         sub->add_option("--plan", convert_.plan,
                         "Do what 'datamorph rehearse --save' has written there, if the switch is "
-                        "still the same, and keep it only if it reaches the same state");
+                        "still the same, and keep it only if it reaches the same state")
+            ->type_name("FILE");
     sub->callback([this, to, plan, act = [this] { return convert(common_, convert_); }] {
       if (to->empty() && plan->empty()) {
         throw CLI::RequiredError("--to (or --plan)");
@@ -155,6 +165,7 @@ private:
       plan->excludes(option);
     }
     plan->excludes(to);
+    add_yes(sub);
   }
 
   void add_rehearse() {
@@ -169,20 +180,26 @@ private:
         "1 it would fail or records are unaccounted for, 3 refused, as by convert.",
         [this] { return rehearse(common_, rehearse_); });
     sub->add_option("DIR", rehearse_.work.dir, dir_help)->required();
-    sub->add_option("--to", rehearse_.work.to, "The release to convert to")->required();
+    sub->add_option("--to", rehearse_.work.to, "The release to convert to")
+        ->required()
+        ->type_name("RELEASE");
     add_selection(sub, &rehearse_.work);
     sub->add_option("--save", rehearse_.save,
-                    "Write a plan for 'datamorph convert --plan' into this file");
+                    "Write a plan for 'datamorph convert --plan' into this file")
+        ->type_name("FILE");
     sub->add_flag("--round-trip", rehearse_.round_trip,
                   "Go back as well, and list what did not return");
     sub->add_option("--via", rehearse_.via,
-                    "Go over this release as well, and list what comes out otherwise");
+                    "Go over this release as well, and list what comes out otherwise")
+        ->type_name("RELEASE");
   }
 
   // The options that choose what is converted, and how.
   static std::vector<CLI::Option *> add_selection(CLI::App *sub, convert_options *work) {
-    CLI::Option *from = sub->add_option(
-        "--from", work->from, "The release to come from (default: the one that the switch runs)");
+    CLI::Option *from =
+        sub->add_option("--from", work->from,
+                        "The release to come from (default: the one that the switch runs)")
+            ->type_name("RELEASE");
     CLI::Option *moment =
         sub->add_option("--moment", work->moments,
                         "gsync, running-fs or startup; may be repeated (default: all three)")
@@ -190,6 +207,7 @@ private:
             ->allow_extra_args(false);
     CLI::Option *service = sub->add_option("--service", work->services,
                                            "A service's name; may be repeated (default: all)")
+                               ->type_name("SERVICE")
                                ->allow_extra_args(false);
     CLI::Option *table =
         sub->add_flag("--whole-table", work->whole_table,
@@ -239,6 +257,12 @@ private:
         ->required();
   }
 
+  void add_yes(CLI::App *sub) {
+    sub->add_flag("--yes", common_.yes,
+                  "Do not ask before something is discarded, as is done where standard input and "
+                  "error are a terminal");
+  }
+
   void add_text(CLI::App *sub) {
     sub->add_flag("--text", store_.text,
                   "Keys and values are text (other bytes as \\xNN) instead of hex");
@@ -284,6 +308,7 @@ private:
     remove->add_option("KEY", store_.key, "The record's key; may be empty")
         ->each([this](const std::string &) { store_.has_key = true; });
     remove->add_flag("--all", store_.all, "The whole store, also a damaged one");
+    add_yes(remove);
     add_text(remove);
     add_transfer(store);
   }
@@ -293,7 +318,8 @@ private:
         store_verb(store, "export", "Write stores as a JSON document",
                    "datamorph store export /tmp/switch --file stores.json", store_export);
     out->add_option("URI", store_.uris, "The stores (default: all)");
-    out->add_option("--file", store_.file, "Where to (default: standard output)");
+    out->add_option("--file", store_.file, "Where to (default: standard output)")
+        ->type_name("FILE");
     CLI::App *in = store_verb(store, "import", "Load stores from such a document",
                               "datamorph store import /tmp/switch --file stores.json\n\n"
                               "Each store is replaced as a whole, in one step of its own; stores "
@@ -304,7 +330,8 @@ private:
                               "its stores may have\nbeen replaced: import again.",
                               store_import);
     in->add_option("URI", store_.uris, "Which of the document's stores (default: all)");
-    in->add_option("--file", store_.file, "Where from (default: standard input)");
+    in->add_option("--file", store_.file, "Where from (default: standard input)")
+        ->type_name("FILE");
     in->add_flag("--merge", store_.merge, "Keep records that the document does not name");
   }
 
@@ -321,10 +348,12 @@ private:
              [this] { return diff(common_, diff_); });
     sub->add_option("A", diff_.a,
                     "A lab switch, a folder with a state of one, or a store as DIR:URI")
-        ->required();
-    sub->add_option("B", diff_.b, "Another one")->required();
+        ->required()
+        ->type_name("DIR");
+    sub->add_option("B", diff_.b, "Another one")->required()->type_name("DIR");
     sub->add_option("--expect", diff_.expect,
-                    "Known differences: a file with what --format json has written");
+                    "Known differences: a file with what --format json has written")
+        ->type_name("FILE");
   }
 
   void add_check() {
@@ -335,9 +364,12 @@ private:
              "record and what to do. Exit status: 0 nothing found, 3 something found.",
              [this] { return check(common_, check_); });
     sub->add_option("DIR", check_.dir, dir_help)->required();
-    sub->add_option("--to", check_.to, "The release to convert to")->required();
+    sub->add_option("--to", check_.to, "The release to convert to")
+        ->required()
+        ->type_name("RELEASE");
     sub->add_option("--from", check_.from,
-                    "The release to come from (default: the one that the switch runs)");
+                    "The release to come from (default: the one that the switch runs)")
+        ->type_name("RELEASE");
     sub->add_option("--timeout", check_.timeout, "Seconds that the library or one store may take")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
@@ -353,9 +385,33 @@ private:
     sub->add_option("B", b_, "Another one")->required();
   }
 
+  // What packages and shells ask for. --help hides them.
+  void add_shell_verbs() {
+    CLI::App *completion = app_.add_subcommand("completion", "Completions for a shell")->group("");
+    completion->add_option("SHELL", shell_, "bash or zsh")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh"}));
+    completion->callback([this] {
+      chosen_ = [this] {
+        const command program = command_tree(app_);
+        output::raw(shell_ == "bash" ? bash_completion(program) : zsh_completion(program));
+        return static_cast<int>(exit_done);
+      };
+    });
+    app_.add_subcommand("manual", "The manual page in the language of scdoc")
+        ->group("")
+        ->callback([this] {
+          chosen_ = [this] {
+            output::raw(manual_page(command_tree(app_)));
+            return static_cast<int>(exit_done);
+          };
+        });
+  }
+
   static std::string verbs_of(const CLI::App &app) {
     std::string names;
-    for (const CLI::App *sub : app.get_subcommands([](const CLI::App *) { return true; })) {
+    for (const CLI::App *sub :
+         app.get_subcommands([](const CLI::App *verb) { return !verb->get_group().empty(); })) {
       append_word(names, sub->get_name());
     }
     return names;
@@ -448,6 +504,7 @@ private:
   std::string a_;
   std::string b_;
   bool yes_ = false;
+  std::string shell_;
   action chosen_;
 };
 

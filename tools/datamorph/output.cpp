@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "failure.h"
+#include "progress.h"
 #include "text.h"
 
 namespace {
@@ -187,7 +188,11 @@ void table(const std::vector<column> &columns, const std::vector<std::vector<cel
   raw(text);
 }
 
-void raw(std::string_view bytes) {
+void raw(const std::string &bytes) {
+  static const bool on_terminal = isatty(STDOUT_FILENO) == 1;
+  if (on_terminal) {
+    progress::clear();
+  }
   if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) {
     lost = true;
   }
@@ -211,6 +216,7 @@ void message(const std::string &message) {
     c = c == '\n' || c == '\r' ? ' ' : c;
   }
   line += '\n';
+  progress::clear();
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 

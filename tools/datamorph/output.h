@@ -4,7 +4,6 @@
 #define DATAMORPH_OUTPUT_H
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -95,7 +94,7 @@ nlohmann::json result_in(nlohmann::json document, const std::string &origin);
 // ---- Standard output and error ----
 
 // Bytes as they are, outside of any envelope.
-void raw(std::string_view bytes);
+void raw(const std::string &bytes);
 
 // Whether the reader of standard output is gone.
 bool reader_gone();

@@ -263,7 +263,8 @@ void hear_side(const state_side &side, const std::string &name,
 // Heard by a process of its own, which waits while nobody takes its messages.
 class asked_side {
 public:
-  asked_side(const state_side &side, const std::string &name) : label_(side.label) {
+  asked_side(const state_side &side, const std::string &name, std::function<void()> record_read)
+      : label_(side.label), record_read_(std::move(record_read)) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
       throw failure(exit_failed, "cannot open a pipe: " + error_text(errno));
@@ -305,6 +306,9 @@ public:
                     in_quotes(label_) + ": " + next_["message"].get<std::string>(),
                     next_["next_action"].get<std::string>());
     }
+    if (next_.contains("key")) {
+      record_read_();
+    }
     if (next_.contains("end")) {
       next_ = nullptr;
     }
@@ -332,6 +336,7 @@ private:
   }
 
   std::string label_;
+  std::function<void()> record_read_;
   pid_t pid_ = -1;
   FILE *in_ = nullptr;
   char *line_ = nullptr;
@@ -640,12 +645,18 @@ nlohmann::json state_change::to_json() const {
 }
 
 record_totals diff_states(const state_side &a, const state_side &b,
-                          const std::function<void(const state_change &)> &take) {
-  asked_side asked(b, a.uri);
+                          const std::function<void(const state_change &)> &take,
+                          const std::function<void()> &record_read) {
+  asked_side asked(b, a.uri, record_read);
   asked.advance();
   merger merged(a, b, &asked, take);
   try {
-    hear_side(a, a.uri, [&](const nlohmann::json &message) { merged.hear(message); });
+    hear_side(a, a.uri, [&](const nlohmann::json &message) {
+      if (message.contains("key")) {
+        record_read();
+      }
+      merged.hear(message);
+    });
   } catch (const failure &error) {
     if (error.message().starts_with(in_quotes(b.label) + ": ")) {
       throw;

@@ -14,6 +14,7 @@
 #include "failure.h"
 #include "jail.h"
 #include "lab/lab.h"
+#include "progress.h"
 #include "statuses.h"
 #include "store_access.h"
 #include "switch_dir.h"
@@ -128,8 +129,11 @@ void check_fit(const store_description &wanted, bool merge) {
   }
 }
 
+// Of records that were stored, told to whoever counts them.
+constexpr size_t told_at_once = 1000;
+
 // One handle, one transaction.
-void fill_store(const store_description &wanted, bool merge) {
+void fill_store(const jail::channel &channel, const store_description &wanted, bool merge) {
   store_handle store(wanted.uri, PSS2_MODE_READ | PSS2_MODE_WRITE);
   if (!merge) {
     std::vector<std::string> keys;
@@ -138,20 +142,24 @@ void fill_store(const store_description &wanted, bool merge) {
       store.remove(key);
     }
   }
+  size_t stored = 0;
   for (const record_description &record : wanted.records) {
     store.put(record.key, record.value);
+    if (++stored % told_at_once == 0) {
+      channel.send({{"stored", told_at_once}});
+    }
   }
   store.close();
 }
 
 // A store that was made for records that could not be written is not left behind.
-void import_store(const store_description &wanted, bool merge) {
+void import_store(const jail::channel &channel, const store_description &wanted, bool merge) {
   const syserr_t created = lab::store_create(wanted.uri, wanted.params);
   if (created != SYSERR_PSS_EXISTS) {
     check_store(created, wanted.uri);
   }
   try {
-    fill_store(wanted, merge);
+    fill_store(channel, wanted, merge);
   } catch (const failure &) {
     if (created == SYSERR_SUCCESS) {
       pss_destroy(wanted.uri.c_str());
@@ -160,10 +168,26 @@ void import_store(const store_description &wanted, bool merge) {
   }
 }
 
+size_t records_of(const std::vector<store_description> &stores) {
+  size_t records = 0;
+  for (const store_description &store : stores) {
+    records += store.records.size();
+  }
+  return records;
+}
+
 // Each store is replaced by itself, so what ends an import midway leaves some of them replaced.
 void import_stores(const switch_dir &target, const std::vector<store_description> &stores,
                    bool merge) {
   bool begun = false;
+  progress shown;
+  const auto take = [&](const nlohmann::json &message) {
+    if (message.contains("begun")) {
+      begun = true;
+      shown.begin("importing", records_of(stores), "records");
+    }
+    shown.advance(message.value("stored", size_t(0)));
+  };
   try {
     in_switch(
         target,
@@ -173,10 +197,10 @@ void import_stores(const switch_dir &target, const std::vector<store_description
           }
           channel.send({{"begun", true}});
           for (const store_description &store : stores) {
-            import_store(store, merge);
+            import_store(channel, store, merge);
           }
         },
-        [&](const nlohmann::json &) { begun = true; });
+        take);
   } catch (const failure &error) {
     throw begun ? failure(error.status(), error.what(),
                           "some of its stores may have been replaced: import again")
@@ -186,8 +210,8 @@ void import_stores(const switch_dir &target, const std::vector<store_description
 }
 
 // The stores that were asked for, each once, all of them readable: once the document is begun
-// nothing can be refused.
-std::vector<std::string> exported_uris(const store_options &options) {
+// nothing can be refused. How many records they have in *records.
+std::vector<std::string> exported_uris(const store_options &options, uint64_t *records) {
   std::vector<std::string> uris;
   std::set<std::string> files;
   for (const std::string &uri : options.uris.empty() ? lab::store_uris() : options.uris) {
@@ -200,6 +224,7 @@ std::vector<std::string> exported_uris(const store_options &options) {
     }
     if (files.insert(lab::store_file(uri)).second) {
       uris.push_back(uri);
+      *records += info.records;
     }
   }
   return uris;
@@ -230,15 +255,26 @@ int store_export(const common_options &common, const store_options &options) {
       output::text(text);
     }
   });
+  progress shown;
   try {
     in_switch(
         target,
         [&](const jail::channel &channel) {
-          for (const std::string &uri : exported_uris(options)) {
+          uint64_t records = 0;
+          const std::vector<std::string> uris = exported_uris(options, &records);
+          channel.send({{"total", records}});
+          for (const std::string &uri : uris) {
             send_records(channel, uri);
           }
         },
-        [&](const nlohmann::json &message) { writer.take(message); });
+        [&](const nlohmann::json &message) {
+          if (message.contains("total")) {
+            shown.begin("exporting", message["total"].get<uint64_t>(), "records");
+            return;
+          }
+          shown.advance(message.contains("key") ? 1 : 0);
+          writer.take(message);
+        });
   } catch (const failure &) {
     // What was cut is to be no document, but an envelope, which tells of the failure, whole JSON.
     if (common.format == output::format::json && writer.has_begun()) {
@@ -272,10 +308,7 @@ int store_import(const common_options &common, const store_options &options) {
                 [&](const store_description &store) { return !is_wanted(options, store.uri); });
   const switch_dir target(options.dir, switch_dir::access::write);
   import_stores(target, stores, options.merge);
-  size_t records = 0;
-  for (const store_description &store : stores) {
-    records += store.records.size();
-  }
+  const size_t records = records_of(stores);
   if (common.format == output::format::json) {
     output::json({{"switch", options.dir}, {"stores", stores.size()}, {"records", records}});
   } else {

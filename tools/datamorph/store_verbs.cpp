@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "confirm.h"
 #include "failure.h"
 #include "jail.h"
 #include "lab/lab.h"
@@ -211,6 +212,10 @@ int store_delete(const common_options &common, const store_options &options) {
     throw failure(exit_usage, "store delete wants either a key or --all, which is the whole store");
   }
   const std::string key = options.all ? "" : typed(options, options.key, "key");
+  if (options.all) {
+    confirm(in_quotes(options.dir) + ": delete the whole store " + in_quotes(options.uri) + "?",
+            common.yes);
+  }
   const switch_dir target(options.dir, switch_dir::access::write);
   in_switch(target, [&](const jail::channel &) {
     if (options.all) {

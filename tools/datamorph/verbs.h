@@ -10,6 +10,7 @@
 struct common_options {
   output::format format = output::format::table;
   bool verbose = false;
+  bool yes = false;    // nothing is asked before it is discarded
   std::string library; // empty: where it usually is
 };
 

@@ -1,0 +1,241 @@
+// At a terminal: how far a work is, and the question before something is discarded.
+#include "command.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// A command whose standard input and error are a terminal of their own; standard output is a file.
+class at_terminal : public command_test {
+protected:
+  void SetUp() override {
+    command_test::SetUp();
+    create("sw");
+    set("TERM", "xterm");
+    keyboard_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(grantpt(keyboard_) | unlockpt(keyboard_), 0);
+    const std::string name = ptsname(keyboard_);
+    screen_ = open(name.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(screen_, 0);
+    const winsize size = {24, 100, 0, 0};
+    ASSERT_EQ(ioctl(screen_, TIOCSWINSZ, &size), 0);
+    in_child = [this] {
+      dup2(screen_, STDIN_FILENO);
+      dup2(screen_, STDERR_FILENO);
+    };
+  }
+  void TearDown() override {
+    close(keyboard_);
+    close(screen_);
+    command_test::TearDown();
+  }
+
+  void type(const std::string &text) const {
+    EXPECT_EQ(::write(keyboard_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+
+  // What has come to the screen so far, all of it kept.
+  const std::string &screen() {
+    pollfd ready = {keyboard_, POLLIN, 0};
+    char buffer[4096];
+    while (poll(&ready, 1, 0) == 1 && (ready.revents & POLLIN) != 0) {
+      const ssize_t got = ::read(keyboard_, buffer, sizeof buffer);
+      if (got <= 0) {
+        break;
+      }
+      seen_.append(buffer, static_cast<size_t>(got));
+    }
+    return seen_;
+  }
+  bool screen_has(const std::string &text) {
+    return eventually([&] { return screen().find(text) != std::string::npos; });
+  }
+
+  static bool has_ended(const background &running) {
+    siginfo_t about = {};
+    return waitid(P_PID, static_cast<id_t>(running.pid()), &about, WEXITED | WNOWAIT | WNOHANG) ==
+               0 &&
+           about.si_pid != 0;
+  }
+
+  // The command is done; everything that it wrote is on the screen.
+  result end(background *running) {
+    while (!has_ended(*running)) {
+      screen(); // one that is full would hold the command
+      usleep(1000);
+    }
+    screen();
+    return running->wait();
+  }
+
+  static void signal_all(pid_t pid, int number) {
+    kill(pid, number);
+    const std::string name = std::to_string(pid);
+    std::ifstream children("/proc/" + name + "/task/" + name + "/children");
+    for (pid_t child = 0; children >> child;) {
+      signal_all(child, number);
+    }
+  }
+
+  // Lets the command work for a moment in each tenth of a second, as on a very slow machine, until
+  // the text has come.
+  bool crawls_until(background *running, const std::string &text) {
+    while (screen().find(text) == std::string::npos && !has_ended(*running)) {
+      signal_all(running->pid(), SIGSTOP);
+      usleep(100000);
+      signal_all(running->pid(), SIGCONT);
+      usleep(1000);
+    }
+    return screen().find(text) != std::string::npos;
+  }
+
+  result answer(const words &arguments, const std::string &question, const std::string &keys) {
+    const std::unique_ptr<background> running = start(arguments);
+    EXPECT_TRUE(screen_has(question)) << screen();
+    type(keys);
+    return end(running.get());
+  }
+
+private:
+  int keyboard_ = -1;
+  int screen_ = -1;
+  std::string seen_;
+};
+
+constexpr char vlan[] = "nonvolatile:/cfg/0/vlan_cfg";
+
+// ---- The question ------------------------------------------------------------------------------
+
+constexpr char delete_question[] =
+    "datamorph: 'sw': delete the whole store 'nonvolatile:/cfg/0/vlan_cfg'? [y/N] ";
+
+TEST_F(at_terminal, a_store_is_deleted_after_a_yes) {
+  const result done = answer({"store", "delete", "sw", vlan, "--all"}, delete_question, "y\n");
+  EXPECT_EQ(done.status, 0);
+  EXPECT_FALSE(exists("sw/current/cfg/0/vlan_cfg.pss"));
+}
+
+TEST_F(at_terminal, a_store_stays_without_a_yes) {
+  // \4 at the start of a line is the end of the input.
+  for (const char *keys : {"n\n", "\n", "yep\n", "\4"}) {
+    const result done = answer({"store", "delete", "sw", vlan, "--all"}, delete_question, keys);
+    EXPECT_EQ(done.status, 3) << keys;
+    EXPECT_TRUE(screen_has("datamorph: not confirmed, nothing was changed; answer y, or say --yes "
+                           "beforehand\r\n"))
+        << screen();
+    EXPECT_TRUE(exists("sw/current/cfg/0/vlan_cfg.pss"));
+  }
+}
+
+TEST_F(at_terminal, nothing_is_asked_where_the_answer_is_known) {
+  // A single record is deleted as it is replaced: at once.
+  EXPECT_EQ(end(start({"store", "delete", "sw", vlan, "0001"}).get()).status, 0);
+  EXPECT_EQ(end(start({"store", "delete", "sw", vlan, "--all", "--yes"}).get()).status, 0);
+  EXPECT_EQ(screen(), "");
+  EXPECT_FALSE(exists("sw/current/cfg/0/vlan_cfg.pss"));
+  EXPECT_EQ(
+      end(start({"convert", "sw", "--to", "4.2(1)", "--accept-losses", "--yes"}).get()).status, 0);
+  EXPECT_EQ(screen().find("[y/N]"), std::string::npos);
+}
+
+TEST_F(at_terminal, scripts_are_not_asked) {
+  const words remove = {"store", "delete", "sw", vlan, "--all"};
+  const auto at_screen = in_child;
+  in_child = [&] {
+    at_screen();
+    dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+  };
+  EXPECT_EQ(end(start(remove).get()).status, 0);
+  EXPECT_EQ(screen(), "");
+  in_child = [] {};
+  create("other");
+  in_child = [&] {
+    at_screen();
+    dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+  };
+  EXPECT_EQ(end(start({"store", "delete", "other", vlan, "--all"}).get()).status, 0);
+}
+
+TEST_F(at_terminal, losses_are_accepted_after_a_yes) {
+  constexpr char question[] =
+      "datamorph: 'sw': convert, although records of VRRP may be lost? [y/N] ";
+  const words convert = {"convert", "sw", "--to", "4.2(1)", "--accept-losses"};
+
+  EXPECT_EQ(answer(convert, question, "n\n").status, 3);
+  EXPECT_FALSE(exists("sw/runs/0001"));
+  EXPECT_EQ(answer(convert, question, "yes\n").status, 0);
+  EXPECT_TRUE(exists("sw/runs/0001"));
+}
+
+// ---- How far it is -----------------------------------------------------------------------------
+
+TEST_F(at_terminal, a_slow_conversion_tells_its_services) {
+  fake("rest");
+  const std::unique_ptr<background> running =
+      start({"convert", "sw", "--to", "3.3(1)", "--moment", "running-fs"});
+
+  EXPECT_TRUE(screen_has("\rconverting: 1 of 2 services, about ")) << screen();
+
+  EXPECT_EQ(end(running.get()).status, 0);
+  EXPECT_TRUE(screen_has("\r\33[K")) << screen();
+  EXPECT_EQ(screen().rfind("converting: "), screen().rfind("\rconverting: ") + 1);
+  EXPECT_NE(screen().find("\r\33[Kdatamorph: running-fs, VDC 1: "), std::string::npos) << screen();
+}
+
+TEST_F(at_terminal, what_is_quick_tells_nothing) {
+  EXPECT_EQ(end(start({"convert", "sw", "--to", "3.3(1)"}).get()).status, 0);
+  EXPECT_EQ(screen().find('\33'), std::string::npos) << screen();
+}
+
+TEST_F(at_terminal, nothing_is_told_to_programs) {
+  fake("rest");
+  const words convert = {"convert", "sw", "--to", "3.3(1)", "--moment", "running-fs"};
+  words json = convert;
+  json.insert(json.end(), {"--format", "json"});
+  EXPECT_EQ(end(start(json).get()).status, 0);
+  EXPECT_EQ(screen().find('\33'), std::string::npos) << screen();
+
+  set("TERM", "dumb");
+  EXPECT_EQ(end(start(convert).get()).status, 0);
+  EXPECT_EQ(screen().find('\33'), std::string::npos) << screen();
+
+  set("TERM", "xterm");
+  in_child = [] {};
+  EXPECT_EQ(run(convert).err.find('\33'), std::string::npos);
+}
+
+TEST_F(at_terminal, long_transfers_and_comparisons_tell_their_records) {
+  std::string records;
+  for (int at = 100000; at < 120000; ++at) {
+    records += (records.empty() ? "{\"key\":\"" : ",{\"key\":\"") + std::to_string(at) +
+               "\",\"value\":\"00\"}";
+  }
+  write("d.json", R"({"stores":[{"uri":"nonvolatile:/cfg/large","records":[)" + records + "]}]}");
+  create("b");
+  struct step {
+    words arguments;
+    const char *line;
+    int status;
+  };
+  for (const step &step : std::vector<step>{
+           {{"store", "import", "sw", "--file", "d.json"}, " of 20000 records, about ", 0},
+           {{"store", "export", "sw", "--file", "e.json"}, "\rexporting: ", 0},
+           {{"diff", "sw", "b"}, "\rcomparing: ", 2}}) {
+    const std::unique_ptr<background> running = start(step.arguments);
+    // What comes before the first record need not crawl.
+    EXPECT_TRUE(eventually([&] { return exists("sw/current/cfg/large.pss"); }));
+    EXPECT_TRUE(crawls_until(running.get(), step.line)) << step.line;
+    EXPECT_EQ(end(running.get()).status, step.status);
+    EXPECT_TRUE(screen().ends_with("\r\33[K")) << step.line;
+  }
+}
+
+} // namespace

@@ -1,0 +1,103 @@
+#include "progress.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "jail.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto first_after = 1s;
+constexpr auto between_lines = 100ms;
+constexpr size_t usual_width = 80;
+
+bool allowed = false;
+bool shown = false; // the line stands on the terminal
+
+// A terminal that stands still keeps nothing waiting.
+void put(const std::string &text) {
+  if (jail::stderr_takes(0ms)) {
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+  }
+}
+
+size_t width() {
+  winsize size = {};
+  return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
+                                                                         : usual_width;
+}
+
+std::string time_text(std::chrono::seconds time) {
+  const auto minutes = time.count() / 60;
+  return (minutes > 0 ? std::to_string(minutes) + " min " : "") +
+         std::to_string(time.count() % 60) + " s";
+}
+
+} // namespace
+
+void progress::allow(bool wanted) {
+  const char *terminal = std::getenv("TERM");
+  allowed = wanted && isatty(STDERR_FILENO) == 1 && terminal != nullptr &&
+            std::string_view(terminal) != "dumb";
+}
+
+void progress::clear() {
+  if (shown) {
+    put("\r\033[K");
+    shown = false;
+  }
+}
+
+void progress::begin(const std::string &what, uint64_t total, const std::string &unit) {
+  running_ = true;
+  what_ = what;
+  unit_ = unit;
+  total_ = total;
+  done_ = 0;
+  begun_ = clock::now();
+  next_ = begun_ + first_after;
+}
+
+void progress::advance(uint64_t units) {
+  done_ += units;
+  if (!allowed || !running_) {
+    return;
+  }
+  const clock::time_point now = clock::now();
+  if (now < next_) {
+    return;
+  }
+  next_ = now + between_lines;
+  std::fflush(stdout); // what stands there stays above
+  put("\r" + line(now - begun_).substr(0, width() - 1) + "\033[K");
+  shown = true;
+}
+
+void progress::end() {
+  if (running_) {
+    running_ = false;
+    clear();
+  }
+}
+
+// The rest takes as long for each unit as what is done, which is worth telling when a part is done.
+std::string progress::line(clock::duration passed) const {
+  std::string text = what_ + ": " + std::to_string(done_);
+  if (total_ == 0) {
+    return text + " " + unit_;
+  }
+  text += " of " + std::to_string(total_) + " " + unit_;
+  if (done_ >= total_ || done_ < total_ / 20 || done_ == 0) {
+    return text;
+  }
+  const double each = std::chrono::duration<double>(passed).count() / static_cast<double>(done_);
+  const auto left =
+      std::chrono::seconds(static_cast<int64_t>(each * static_cast<double>(total_ - done_) + 1));
+  return text + ", about " + time_text(left) + " left";
+}

@@ -16,6 +16,7 @@
 #include "report.h"
 #include "run_folder.h"
 #include "run_record.h"
+#include "run_steps.h"
 #include "services.h"
 #include "statuses.h"
 #include "stop_signal.h"
@@ -262,6 +263,7 @@ void conversion::convert_copy(const run_folder &folder) {
   next_ = switch_.make_next();
   const unique_fd journal = folder.create("journal.jsonl");
   limited_file trace(folder.create("trace.log"));
+  step_log steps(folder, plan_.requests);
   library loaded;
   jail::request request;
   request.root = next_.get();
@@ -269,7 +271,10 @@ void conversion::convert_copy(const run_folder &folder) {
   request.body = [&](const jail::channel &channel) {
     run_conversion(channel, loaded, plan_, journal.get());
   };
-  request.on_message = [&](const nlohmann::json &message) { take_message(message); };
+  request.on_message = [&](const nlohmann::json &message) {
+    take_message(message);
+    steps.take(message);
+  };
   request.on_trace = [&](std::string_view text) {
     trace.append(text);
     if (common_.verbose) {

@@ -169,6 +169,23 @@ private:
              [this] { return rollback(common_, dir_, yes_); });
     back->add_option("DIR", dir_, dir_help)->required();
     back->add_flag("-y,--yes", yes_, "Do not ask");
+    add_why();
+  }
+
+  void add_why() {
+    CLI::App *sub = store_verb(
+        &app_, "why", "What touched a record, or a store, in which run",
+        "datamorph why /tmp/switch nonvolatile:/cfg/0/vlan_cfg 0001\n\n"
+        "Read from the journals of the runs, oldest first: each call that named the record, or\n"
+        "changed the whole store, with the bytes of the value before and after, and whether the\n"
+        "run became the switch's state. Rollbacks are told, and reboots where they empty the "
+        "store.\n"
+        "What was changed by hand, with store put, delete or import, stands in no journal.",
+        why);
+    add_uri(sub);
+    sub->add_option("KEY", store_.key, "The record's key; may be empty (default: the whole store)")
+        ->each([this](const std::string &) { store_.has_key = true; });
+    add_text(sub);
   }
 
   CLI::App *store_verb(CLI::App *parent, const char *name, const char *what, const char *example,

@@ -54,6 +54,9 @@ int store_delete(const common_options &common, const store_options &options);
 int store_export(const common_options &common, const store_options &options);
 int store_import(const common_options &common, const store_options &options);
 
+// The store or, with a key, the record that is asked about.
+int why(const common_options &common, const store_options &options);
+
 struct diff_options {
   std::string a;
   std::string b;

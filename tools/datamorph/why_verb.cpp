@@ -348,7 +348,8 @@ struct answer {
   size_t runs = 0;
   size_t touches = 0; // rollbacks left out, which touch everything
   std::vector<gap> gaps;
-  nlohmann::json now;
+  std::string now; // for people, and as JSON
+  std::string now_json;
 };
 
 // A member that may be missing, as it stands.
@@ -408,7 +409,7 @@ public:
                         : "its journal is not told: " + to_text(missing.trouble)) +
                    "\n");
     }
-    output::text(found.what + " " + now_text(found.now) + "\n");
+    output::text(found.what + " " + found.now + "\n");
   }
 
 private:
@@ -474,7 +475,7 @@ public:
     }
     output::text(std::string(written_ == 0 ? "]" : "\n ]") + ",\n \"runs\": " +
                  std::to_string(found.runs) + ",\n \"gaps\": " + output::json_text(gaps, -1) +
-                 ",\n \"now\": " + output::json_text(found.now, -1) + "\n}\n");
+                 ",\n \"now\": " + found.now_json + "\n}\n");
   }
 
 private:
@@ -488,7 +489,9 @@ struct inquiry {
     found.what = (key ? "the record " + in_quotes(options.key) + " of " : std::string()) +
                  "the store " + in_quotes(options.uri);
     found.runs = runs.size();
-    found.now = stands_now(target, options.uri, key);
+    const nlohmann::json now = stands_now(target, options.uri, key);
+    found.now = now_text(now);
+    found.now_json = output::json_text(now, -1);
   }
   template <typename writer_t> void answer_with(writer_t writer) {
     found.gaps = read_runs(target, runs, &asked, [&](const nlohmann::json &touch) {

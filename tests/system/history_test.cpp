@@ -35,8 +35,10 @@ protected:
   void kill_hanging(const words &arguments) {
     fake("hang");
     const std::unique_ptr<background> running = start(arguments);
-    EXPECT_TRUE(eventually(
-        [&] { return read("sw/next/bootflash/calls").find("sksd") != std::string::npos; }));
+    EXPECT_TRUE(eventually([&] {
+      return read("sw/next/bootflash/calls").find("sksd") != std::string::npos &&
+             read("sw/runs/0001/steps.jsonl").find("SKSD") != std::string::npos;
+    }));
     const json begun = json::parse(read("sw/runs/0001/run.json"));
     EXPECT_EQ(begun["result"], "running");
     EXPECT_EQ(begun["milliseconds"], nullptr);

@@ -143,8 +143,10 @@ protected:
   void kill_conversion() {
     fake("hang");
     const std::unique_ptr<background> running = start({"convert", "sw", "--to", "4.2(1)"});
-    ASSERT_TRUE(eventually(
-        [&] { return read("sw/next/bootflash/calls").find("sksd") != std::string::npos; }));
+    ASSERT_TRUE(eventually([&] {
+      return read("sw/next/bootflash/calls").find("sksd") != std::string::npos &&
+             read("sw/runs/0001/steps.jsonl").find("SKSD") != std::string::npos;
+    }));
     running->signal(SIGKILL);
     running->wait();
   }

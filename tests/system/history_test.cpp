@@ -35,8 +35,10 @@ protected:
   void kill_hanging(const words &arguments) {
     fake("hang");
     const std::unique_ptr<background> running = start(arguments);
-    EXPECT_TRUE(eventually(
-        [&] { return read("sw/next/bootflash/calls").find("sksd") != std::string::npos; }));
+    EXPECT_TRUE(eventually([&] {
+      return read("sw/next/bootflash/calls").find("sksd") != std::string::npos &&
+             read("sw/runs/0001/steps.jsonl").find("SKSD") != std::string::npos;
+    }));
     const json begun = json::parse(read("sw/runs/0001/run.json"));
     EXPECT_EQ(begun["result"], "running");
     EXPECT_EQ(begun["milliseconds"], nullptr);
@@ -218,7 +220,9 @@ TEST_F(history, a_killed_conversion_is_told) {
 
   EXPECT_EQ(told["verb"], "convert");
   EXPECT_EQ(told["result"], "killed");
-  EXPECT_EQ(told["remark"], "the switch stayed as it was");
+  EXPECT_EQ(told["remark"],
+            "interrupted in SKSD (running-fs, VDC 1), 2 of 8 service calls done; the "
+            "switch stayed as it was");
   EXPECT_EQ(told["milliseconds"], nullptr);
   EXPECT_EQ(told["records"], nullptr);
   EXPECT_EQ(told["user"], my_name());
@@ -234,16 +238,43 @@ TEST_F(history, a_killed_run_is_told_by_what_the_next_one_found) {
   }
   change("sw/runs/0002/run.json", {{"result", "running"}, {"milliseconds", nullptr}});
 
+  const char *const first =
+      "interrupted in SKSD (running-fs, VDC 1), 2 of 8 service calls done; the "
+      "switch stayed as it was";
   json told = runs();
-  EXPECT_EQ(told[0]["remark"], "the switch stayed as it was");
-  EXPECT_EQ(told[1]["remark"], "its change had been made");
+  EXPECT_EQ(told[0]["remark"], first);
+  EXPECT_EQ(told[1]["remark"],
+            "interrupted after its last service, 32 of 32 service calls done; its "
+            "change had been made");
 
   // Nobody knows what the run in between found.
   write("sw/runs/0003/run.json", "");
   told = runs();
-  EXPECT_EQ(told[0]["remark"], "the switch stayed as it was");
+  EXPECT_EQ(told[0]["remark"], first);
   EXPECT_EQ(told[1]["result"], "killed");
-  EXPECT_EQ(told[1]["remark"], "");
+  EXPECT_EQ(told[1]["remark"], "interrupted after its last service, 32 of 32 service calls done");
+}
+
+TEST_F(history, a_killed_conversion_is_told_as_far_as_it_was_written_down) {
+  create("sw");
+  kill_hanging({"convert", "sw", "--to", "4.2(1)"});
+  const struct {
+    const char *steps;
+    const char *remark;
+  } cases[] = {
+      {"", "the switch stayed as it was"},
+      {"rubbish\n[]\n", "the switch stayed as it was"},
+      {R"({"requests":-1})", "the switch stayed as it was"},
+      {R"({"requests":2})", "interrupted before its first service, 0 of 2 service calls done; the "
+                            "switch stayed as it was"},
+      {"{\"requests\":2}\n{\"start\":0,\"moment\":\"gsync\",\"vdc\":1,\"service\":\"IKE\"}\n"
+       "{\"result\":0,\"status\":0}\n{\"start\":1,\"mom",
+       "interrupted between two services, 1 of 2 service calls done; the switch stayed as it was"},
+  };
+  for (const auto &at : cases) {
+    write("sw/runs/0001/steps.jsonl", at.steps);
+    EXPECT_EQ(runs()[0]["remark"], at.remark) << at.steps;
+  }
 }
 
 TEST_F(history, of_a_killed_reboot_nothing_more_is_known) {

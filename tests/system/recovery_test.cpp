@@ -1,6 +1,7 @@
 // What a stopped conversion leaves is completed or cleaned by the next command, which says so.
 #include "command.h"
 
+#include <csignal>
 #include <filesystem>
 
 namespace {
@@ -133,6 +134,86 @@ TEST_F(recovery, a_link_in_the_place_of_the_copy_is_not_followed) {
   EXPECT_EQ(run({"lab", "show", "sw"}).status, 0);
   EXPECT_EQ(read("outside/switch.json"), "mine");
   expect_tidy("sw");
+}
+
+// ---- How far it came ---------------------------------------------------------------------------
+
+class killed_run : public recovery {
+protected:
+  void kill_conversion() {
+    fake("hang");
+    const std::unique_ptr<background> running = start({"convert", "sw", "--to", "4.2(1)"});
+    ASSERT_TRUE(eventually([&] {
+      return read("sw/next/bootflash/calls").find("sksd") != std::string::npos &&
+             read("sw/runs/0001/steps.jsonl").find("SKSD") != std::string::npos;
+    }));
+    running->signal(SIGKILL);
+    running->wait();
+  }
+  // As if the last run had been killed before it wrote its end.
+  void forget_end(const std::string &number) {
+    const std::string file = "sw/runs/" + number + "/run.json";
+    nlohmann::json record = nlohmann::json::parse(read(file));
+    record["result"] = "running";
+    record["milliseconds"] = nullptr;
+    write(file, record.dump());
+  }
+};
+
+TEST_F(killed_run, the_next_command_tells_how_far_it_came) {
+  create("sw");
+  const files before = state("sw");
+  kill_conversion();
+
+  EXPECT_EQ(run({"lab", "show", "sw"}).err,
+            "datamorph: 'sw': removed the copy of a command that was stopped; the switch is as it "
+            "was before it; run 0001 (convert, from 4.1(5) to 4.2(1)) was killed in SKSD "
+            "(running-fs, VDC 1), 2 of 8 service calls done\n");
+
+  EXPECT_EQ(state("sw"), before);
+  expect_tidy("sw");
+  EXPECT_EQ(run({"lab", "show", "sw"}).err, "");
+}
+
+TEST_F(killed_run, without_anything_left_it_is_told_too) {
+  create("sw");
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  ASSERT_EQ(run({"rollback", "sw", "--yes"}).status, 0);
+  forget_end("0002");
+
+  EXPECT_EQ(run({"lab", "show", "sw"}).err,
+            "datamorph: 'sw': run 0002 (rollback, from 4.2(1) to 4.1(5)) was killed; its change "
+            "had been made\n");
+  EXPECT_EQ(run({"lab", "show", "sw"}).err, "");
+
+  ASSERT_EQ(run({"lab", "reboot", "sw"}).status, 0);
+  forget_end("0003");
+  EXPECT_EQ(run({"convert", "sw", "--to", "9.9(9)"})
+                .err.find("datamorph: 'sw': run 0003 (reboot, at 4.1(5)) was killed\n"),
+            0u);
+}
+
+TEST_F(killed_run, a_conversion_that_had_taken_its_last_step_is_told) {
+  create("sw");
+  fake("nothing");
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  forget_end("0001");
+
+  EXPECT_EQ(run({"history", "sw"}).err,
+            "datamorph: 'sw': run 0001 (convert, from 4.1(5) to 4.2(1)) was killed after its last "
+            "service, 8 of 8 service calls done; its change had been made\n");
+}
+
+TEST_F(killed_run, who_cannot_write_it_down_goes_on) {
+  create("sw");
+  ASSERT_EQ(run({"lab", "reboot", "sw"}).status, 0);
+  forget_end("0001");
+  write("sw/runs/9", "in the way");
+
+  EXPECT_EQ(run({"lab", "show", "sw"}).status, 0);
+  write("sw/runs/0001/run.json", "{");
+  fs::remove(path("sw/runs/9"));
+  EXPECT_EQ(run({"lab", "show", "sw"}).status, 0);
 }
 
 } // namespace

@@ -107,16 +107,20 @@ TEST_F(safety, a_copy_in_which_converters_faked_an_old_generation_is_a_copy) {
   create("sw");
   const files before = state("sw");
   const std::unique_ptr<background> running = start_hanging("old-generation");
-  ASSERT_TRUE(eventually(
-      [&] { return read("sw/next/switch.json").find("\"generation\": 0") != std::string::npos; }));
+  ASSERT_TRUE(eventually([&] {
+    return read("sw/next/switch.json").find("\"generation\": 0") != std::string::npos &&
+           read("sw/runs/0001/steps.jsonl").find("SKSD") != std::string::npos;
+  }));
   running->signal(SIGKILL);
   running->wait();
 
   const result shown = run({"lab", "show", "sw"});
 
   EXPECT_EQ(shown.status, 0);
-  EXPECT_EQ(shown.err, "datamorph: 'sw': removed the copy of a command that was stopped; the "
-                       "switch is as it was before it\n");
+  EXPECT_EQ(shown.err,
+            "datamorph: 'sw': removed the copy of a command that was stopped; the "
+            "switch is as it was before it; run 0001 (convert, from 4.1(5) to 4.2(1)) was "
+            "killed in SKSD (running-fs, VDC 1), 2 of 8 service calls done\n");
   EXPECT_EQ(state("sw"), before);
   EXPECT_FALSE(exists("sw/previous"));
   expect_tidy("sw");

@@ -19,10 +19,10 @@ protected:
 
 TEST_F(usage, words_that_are_no_verbs) {
   expect_one_line({}, 64, "A subcommand is required");
-  expect_one_line(
-      {"frobnicate"}, 64,
-      "unknown verb 'frobnicate'; verbs: lab rehearse convert history rollback store diff check "
-      "services compare");
+  expect_one_line({"frobnicate"}, 64,
+                  "unknown verb 'frobnicate'; verbs: lab rehearse convert matrix history rollback "
+                  "why store diff "
+                  "check services compare");
   expect_one_line({""}, 64, "unknown verb ''");
   expect_one_line({std::string(4000, 'x')}, 64, "unknown verb 'xxx");
   expect_one_line({"lab", "destroy", "x"}, 64, "unknown verb 'destroy'; verbs: create show reboot");
@@ -72,6 +72,7 @@ TEST_F(usage, help_has_an_example_for_each_verb) {
                                               {"convert"},
                                               {"history"},
                                               {"rollback"},
+                                              {"why"},
                                               {"store", "list"},
                                               {"store", "show"},
                                               {"store", "get"},

@@ -245,7 +245,8 @@ void conversion::note_end(const jail::outcome &outcome) {
   }
 }
 
-void conversion::run(int copy, int journal, const std::function<void(std::string_view)> &trace) {
+void conversion::run(int copy, int journal, const std::function<void(std::string_view)> &trace,
+                     const std::function<void(const nlohmann::json &)> &also) {
   library loaded;
   jail::request request;
   request.root = copy;
@@ -253,7 +254,10 @@ void conversion::run(int copy, int journal, const std::function<void(std::string
   request.body = [&](const jail::channel &channel) {
     run_conversion(channel, loaded, plan_, journal);
   };
-  request.on_message = [&](const nlohmann::json &message) { take_message(message); };
+  request.on_message = [&](const nlohmann::json &message) {
+    take_message(message);
+    also(message);
+  };
   request.on_trace = [&](std::string_view text) {
     traced_ += text.size();
     trace(text);

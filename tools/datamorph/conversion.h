@@ -33,8 +33,11 @@ public:
   // converted.
   void prepare(int current);
   // Converts the copy. Ends are noted in the report; what the library writes to its output goes to
-  // `trace`. Throws failure when a signal came or no process could be started.
-  void run(int copy, int journal, const std::function<void(std::string_view)> &trace);
+  // `trace`, the child's messages (run_conversion) that were taken go to `also`. Throws failure
+  // when a signal came or no process could be started.
+  void run(
+      int copy, int journal, const std::function<void(std::string_view)> &trace,
+      const std::function<void(const nlohmann::json &)> &also = [](const nlohmann::json &) {});
   // Why the copy may not become the state; empty when it may.
   std::string verdict() const;
   // What would be lost and may not be; empty when there is nothing.

@@ -8,6 +8,7 @@
 #include "jail.h"
 #include "run_folder.h"
 #include "run_record.h"
+#include "run_steps.h"
 #include "saved_plan.h"
 #include "services.h"
 #include "state_diff.h"
@@ -65,7 +66,10 @@ void version_change::convert_copy(const run_folder &folder) {
   next_ = switch_.make_next();
   journal_ = folder.create("journal.jsonl");
   limited_file trace(folder.create("trace.log"));
-  conversion_.run(next_.get(), journal_.get(), [&](std::string_view text) { trace.append(text); });
+  step_log steps(folder, conversion_.plan().requests);
+  conversion_.run(
+      next_.get(), journal_.get(), [&](std::string_view text) { trace.append(text); },
+      [&](const nlohmann::json &message) { steps.take(message); });
   folder.keep_conversion_log(next_.get());
 }
 

@@ -59,6 +59,7 @@ public:
     add_lab();
     add_rehearse();
     add_convert();
+    add_matrix();
     add_runs();
     add_stores();
     add_diff();
@@ -187,11 +188,35 @@ private:
     sub->add_option("--save", rehearse_.save,
                     "Write a plan for 'datamorph convert --plan' into this file")
         ->type_name("FILE");
+    sub->add_option("--report", rehearse_.report,
+                    "Write all of it as one HTML page into this file, and every change as a line "
+                    "of JSON into a file beside it (.jsonl instead of .html)")
+        ->type_name("FILE");
+    sub->add_flag("--matrix", rehearse_.matrix,
+                  "Rehearse every pair of the switch's releases as well, for --report and JSON");
     sub->add_flag("--round-trip", rehearse_.round_trip,
                   "Go back as well, and list what did not return");
     sub->add_option("--via", rehearse_.via,
                     "Go over this release as well, and list what comes out otherwise")
         ->type_name("RELEASE");
+  }
+
+  void add_matrix() {
+    CLI::App *sub = verb(
+        &app_, "matrix", "What each change between a switch's releases would do",
+        "datamorph matrix /tmp/switch --release '4.1(5)' --release '4.2(1)' --release '5.0(2)'\n\n"
+        "Every pair is rehearsed on a copy that was brought to the release it begins with: it "
+        "acts\n"
+        "(with the number of changes), does nothing, or fails. Nothing of the switch is written.",
+        [this] { return matrix(common_, matrix_); });
+    sub->add_option("DIR", matrix_.work.dir, dir_help)->required();
+    sub->add_option("--release", matrix_.releases,
+                    "A release; may be repeated (default: all that the switch has images of)")
+        ->type_name("RELEASE")
+        ->allow_extra_args(false);
+    sub->add_option("--timeout", matrix_.work.timeout, "Seconds that one service may take")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
   }
 
   // The options that choose what is converted, and how.
@@ -243,6 +268,23 @@ private:
              [this] { return rollback(common_, dir_, yes_); });
     back->add_option("DIR", dir_, dir_help)->required();
     back->add_flag("-y,--yes", yes_, "Do not ask");
+    add_why();
+  }
+
+  void add_why() {
+    CLI::App *sub = store_verb(
+        &app_, "why", "What touched a record, or a store, in which run",
+        "datamorph why /tmp/switch nonvolatile:/cfg/0/vlan_cfg 0001\n\n"
+        "Read from the journals of the runs, oldest first: each call that named the record, or\n"
+        "changed the whole store, with the bytes of the value before and after, and whether the\n"
+        "run became the switch's state. Rollbacks are told, and reboots where they empty the "
+        "store.\n"
+        "What was changed by hand, with store put, delete or import, stands in no journal.",
+        why);
+    add_uri(sub);
+    sub->add_option("KEY", store_.key, "The record's key; may be empty (default: the whole store)")
+        ->each([this](const std::string &) { store_.has_key = true; });
+    add_text(sub);
   }
 
   CLI::App *store_verb(CLI::App *parent, const char *name, const char *what, const char *example,
@@ -495,6 +537,7 @@ private:
   common_options common_;
   convert_options convert_;
   rehearse_options rehearse_;
+  matrix_options matrix_;
   store_options store_;
   diff_options diff_;
   check_options check_;

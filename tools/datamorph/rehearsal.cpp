@@ -12,6 +12,8 @@ namespace {
 
 constexpr uint64_t longest_trace = uint64_t(64) << 20; // of one step, read for its lines
 constexpr size_t longest_line = 4096;
+constexpr char journal_end[] = ".journal";
+constexpr char trace_end[] = ".trace";
 
 std::string read_span(int file, const trace_span &span) {
   std::string text(std::min(span.to - span.from, longest_trace), '\0');
@@ -44,20 +46,27 @@ void append(int file, std::string_view text) {
 rehearsal::rehearsal(const common_options &common, const convert_options &options,
                      const scratch_folder &scratch, const std::string &name, int root,
                      const switch_state &state)
-    : options_(options), conversion_(common, options_, state), state_(state) {
+    : options_(options), scratch_(scratch), name_(name), conversion_(common, options_, state),
+      state_(state) {
   if (!common.verbose) {
     conversion_.be_quiet();
   }
   conversion_.prepare(root);
-  convert_copy(scratch, name, root);
+  convert_copy(root);
   stop_signal::check();
   judge();
 }
 
-void rehearsal::convert_copy(const scratch_folder &scratch, const std::string &name, int root) {
-  copy_ = scratch.copy(root, name);
-  unique_fd journal = scratch.file(name + ".journal");
-  trace_ = scratch.file(name + ".trace");
+rehearsal::~rehearsal() {
+  for (const char *what : {"", journal_end, trace_end}) {
+    scratch_.drop(name_ + what);
+  }
+}
+
+void rehearsal::convert_copy(int root) {
+  copy_ = scratch_.copy(root, name_);
+  unique_fd journal = scratch_.file(name_ + journal_end);
+  trace_ = scratch_.file(name_ + trace_end);
   conversion_.run(copy_.get(), journal.get(),
                   [&](std::string_view text) { append(trace_.get(), text); });
   const int lines = journal.get();

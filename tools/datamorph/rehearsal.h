@@ -19,6 +19,8 @@ public:
   rehearsal(const common_options &common, const convert_options &options,
             const scratch_folder &scratch, const std::string &name, int root,
             const switch_state &state);
+  // The copy goes with it.
+  ~rehearsal();
   rehearsal(const rehearsal &) = delete;
   rehearsal &operator=(const rehearsal &) = delete;
 
@@ -33,10 +35,12 @@ public:
   std::vector<std::string> trace_of(size_t step, size_t most, size_t *more) const;
 
 private:
-  void convert_copy(const scratch_folder &scratch, const std::string &name, int root);
+  void convert_copy(int root);
   void judge();
 
   convert_options options_;
+  const scratch_folder &scratch_;
+  std::string name_;
   conversion conversion_;
   unique_fd copy_;
   unique_fd trace_;

@@ -1,5 +1,6 @@
 // The folder that keeps what a run leaves behind, whether it ends well or not:
-// run.json and, of a conversion, report.json, trace.log, journal.jsonl, conversion.log.
+// run.json and, of a conversion, report.json, steps.jsonl, trace.log, journal.jsonl,
+// conversion.log.
 #ifndef DATAMORPH_RUN_FOLDER_H
 #define DATAMORPH_RUN_FOLDER_H
 

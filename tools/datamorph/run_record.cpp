@@ -12,14 +12,17 @@
 
 #include "failure.h"
 #include "output.h"
+#include "runs.h"
 #include "text.h"
+#include "tree.h"
 
 namespace {
 
 constexpr int format_number = 1;
 constexpr std::array<std::string_view, 3> verbs = {"convert", "reboot", "rollback"};
-constexpr std::array<std::string_view, 4> results = {run_result::running, run_result::done,
-                                                     run_result::failed, run_result::refused};
+constexpr std::array<std::string_view, 5> results = {run_result::running, run_result::killed,
+                                                     run_result::done, run_result::failed,
+                                                     run_result::refused};
 
 [[noreturn]] void wrong(const std::string &member, const std::string &what) {
   throw failure(exit_refused, std::string(run_record_file) + ": " + member + " " + what);
@@ -174,6 +177,49 @@ run_facts run_facts::from_json(const nlohmann::json &document) {
   facts.result = word_member(document, "result", results);
   facts.message = text_member(document, "message");
   return facts;
+}
+
+std::string run_facts::name() const {
+  return "run " + run + " (" + verb +
+         (from == to ? ", at " + to_text(to) : ", from " + to_text(from) + " to " + to_text(to)) +
+         ")";
+}
+
+std::optional<killed_run> find_killed_run(int folder) {
+  const unique_fd runs = open_runs(folder);
+  try {
+    const std::string last = runs.is_open() ? last_run(runs.get()) : "";
+    unique_fd run = last.empty() ? unique_fd() : open_run(runs.get(), last);
+    if (!run.is_open() || !tree::exists(run.get(), run_record_file)) {
+      return std::nullopt;
+    }
+    run_facts facts = run_facts::from_json(nlohmann::json::parse(
+        tree::read_file(run.get(), run_record_file, largest_run_record), nullptr, false));
+    if (facts.result != run_result::running || facts.run != last) {
+      return std::nullopt;
+    }
+    return killed_run{std::move(facts), std::move(run)};
+  } catch (const failure &) {
+    return std::nullopt; // history tells what is wrong with it
+  }
+}
+
+void note_killed(const killed_run &found) {
+  run_facts facts = found.facts;
+  facts.result = run_result::killed;
+  try {
+    tree::replace_file(found.folder.get(), run_record_file,
+                       output::json_text(facts.to_json()) + "\n");
+  } catch (const failure &) {
+    // The next command will say it once more.
+  }
+}
+
+const char *outcome_of_killed(const run_facts &facts, uint64_t after) {
+  if (facts.verb == "reboot") {
+    return "";
+  }
+  return facts.generation == after ? "the switch stayed as it was" : "its change had been made";
 }
 
 run_record::run_record(const run_folder &folder, const run_facts &facts)

@@ -1,6 +1,6 @@
 // What a run says of itself, for 'datamorph history': the file run.json in its folder. It is
 // written when the run begins and once more when it ends, each time all or nothing; a run whose
-// record still says "running" while nobody works on the switch was killed.
+// record still says "running" while nobody works on the switch was killed, and is noted as that.
 #ifndef DATAMORPH_RUN_RECORD_H
 #define DATAMORPH_RUN_RECORD_H
 
@@ -15,10 +15,12 @@
 #include "run_folder.h"
 
 inline constexpr char run_record_file[] = "run.json";
+inline constexpr size_t largest_run_record = 1 << 20; // bytes
 
 // These words stand in files of earlier runs: they never change.
 namespace run_result {
 inline constexpr char running[] = "running";
+inline constexpr char killed[] = "killed"; // found by a later command
 inline constexpr char done[] = "done";
 inline constexpr char failed[] = "failed";
 inline constexpr char refused[] = "refused";
@@ -44,10 +46,26 @@ struct run_facts {
   std::string result = run_result::running;
   std::string message; // why it did not succeed
 
+  // "run 0001 (convert, from 4.1(5) to 4.2(1))"
+  std::string name() const;
+
   nlohmann::json to_json() const;
   // Throws failure(3) saying what is wrong.
   static run_facts from_json(const nlohmann::json &document);
 };
+
+// The last run of a switch (its folder) on which nobody works, when it was killed and no command
+// has said so yet.
+struct killed_run {
+  run_facts facts;
+  unique_fd folder;
+};
+std::optional<killed_run> find_killed_run(int folder);
+// Notes that it has been said, where that can be written.
+void note_killed(const killed_run &found);
+// What became of the switch by a run that was killed, when `after` is the generation of the state
+// that the next command found; "" when that does not tell.
+const char *outcome_of_killed(const run_facts &facts, uint64_t after);
 
 class run_record {
 public:

@@ -35,6 +35,14 @@ bool is_abandoned(const std::string &path) {
          flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
+void remove_or_say(int folder, const std::string &name) {
+  try {
+    tree::remove(folder, name);
+  } catch (const failure &trouble) {
+    output::message(trouble.what());
+  }
+}
+
 void sweep(const std::string &parent) {
   std::error_code error;
   for (std::filesystem::directory_iterator at(parent, error), end; !error && at != end;
@@ -43,12 +51,8 @@ void sweep(const std::string &parent) {
     if (!at->path().filename().native().starts_with(prefix) || !is_abandoned(path)) {
       continue;
     }
-    try {
-      tree::remove(AT_FDCWD, path);
-      output::message("removed what a rehearsal that was stopped had left in " + in_quotes(path));
-    } catch (const failure &trouble) {
-      output::message(trouble.what());
-    }
+    remove_or_say(AT_FDCWD, path);
+    output::message("removed what a rehearsal that was stopped had left in " + in_quotes(path));
   }
 }
 
@@ -71,11 +75,11 @@ scratch_folder::scratch_folder() {
 }
 
 scratch_folder::~scratch_folder() {
-  try {
-    tree::remove(AT_FDCWD, path_);
-  } catch (const failure &trouble) {
-    output::message(trouble.what());
-  }
+  remove_or_say(AT_FDCWD, path_);
+}
+
+void scratch_folder::drop(const std::string &name) const {
+  remove_or_say(folder_.get(), name);
 }
 
 unique_fd scratch_folder::copy(int state, const std::string &name) const {

@@ -18,6 +18,8 @@ public:
   // A copy of the state's folder under a new name, opened. Throws failure(3) when there is no room
   // for it, saying how much it wants.
   unique_fd copy(int state, const std::string &name) const;
+  // Removes a copy or a file; says so when it cannot.
+  void drop(const std::string &name) const;
   // A new file for writing and reading. Throws failure(1).
   unique_fd file(const std::string &name) const;
 

@@ -148,6 +148,17 @@ void store_handle::for_each(
   }
 }
 
+std::string typed_bytes(const std::string &typed, bool is_text, const char *what) {
+  const std::optional<std::string> bytes = is_text ? from_text(typed) : from_hex(typed);
+  if (!bytes) {
+    throw failure(exit_usage, std::string("the ") + what + " " + in_quotes(typed) +
+                                  (is_text ? ": a backslash is written \\\\, a byte \\xNN"
+                                           : ": pairs of hex digits are wanted; use --text for "
+                                             "text"));
+  }
+  return *bytes;
+}
+
 std::string shown_uri(const std::string &uri) {
   return is_utf8(uri) ? uri : to_text(uri);
 }

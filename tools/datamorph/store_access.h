@@ -44,6 +44,9 @@ private:
 // A store's name for a document: as to_text writes it when JSON cannot carry its bytes.
 std::string shown_uri(const std::string &uri);
 
+// Bytes as a user typed them, as hex or text, for a `what` such as "key". Throws failure(64).
+std::string typed_bytes(const std::string &typed, bool is_text, const char *what);
+
 // Whether a store's name is meant as the path of a flat file in the switch.
 bool is_file_path(const std::string &uri);
 // Sends "key" and "value" in hex for each record of a flat file in the switch. Throws failure: 3

@@ -21,18 +21,6 @@ std::string shown(const store_options &options, const std::string &hex) {
   return options.text ? to_text(from_hex(hex).value_or("")) : hex;
 }
 
-// Bytes as the user typed them.
-std::string typed(const store_options &options, const std::string &text, const char *what) {
-  const std::optional<std::string> bytes = options.text ? from_text(text) : from_hex(text);
-  if (!bytes) {
-    throw failure(exit_usage, std::string("the ") + what + " " + in_quotes(text) +
-                                  (options.text ? ": a backslash is written \\\\, a byte \\xNN"
-                                                : ": pairs of hex digits are wanted; use --text "
-                                                  "for text"));
-  }
-  return *bytes;
-}
-
 // Why a switch with these VDCs does not run a record of the running tag tables; empty otherwise.
 std::string trouble_of(const std::string &uri, const std::vector<vdc_id_t> &vdcs,
                        const nlohmann::json &sent) {
@@ -159,7 +147,7 @@ int store_show(const common_options &common, const store_options &options) {
 }
 
 int store_get(const common_options &common, const store_options &options) {
-  const std::string key = typed(options, options.key, "key");
+  const std::string key = typed_bytes(options.key, options.text, "key");
   const switch_dir target(options.dir, switch_dir::access::read);
   std::string value;
   in_switch(
@@ -182,8 +170,8 @@ int store_get(const common_options &common, const store_options &options) {
 }
 
 int store_put(const common_options &common, const store_options &options) {
-  const std::string key = typed(options, options.key, "key");
-  const std::string value = typed(options, options.value, "value");
+  const std::string key = typed_bytes(options.key, options.text, "key");
+  const std::string value = typed_bytes(options.value, options.text, "value");
   const switch_dir target(options.dir, switch_dir::access::write);
   bool replaced = false;
   in_switch(
@@ -211,7 +199,7 @@ int store_delete(const common_options &common, const store_options &options) {
   if (options.all == options.has_key) {
     throw failure(exit_usage, "store delete wants either a key or --all, which is the whole store");
   }
-  const std::string key = options.all ? "" : typed(options, options.key, "key");
+  const std::string key = options.all ? "" : typed_bytes(options.key, options.text, "key");
   if (options.all) {
     confirm(in_quotes(options.dir) + ": delete the whole store " + in_quotes(options.uri) + "?",
             common.yes);

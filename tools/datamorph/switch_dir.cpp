@@ -18,6 +18,8 @@
 
 #include "failure.h"
 #include "output.h"
+#include "run_record.h"
+#include "run_steps.h"
 #include "text.h"
 #include "tree.h"
 
@@ -257,10 +259,27 @@ std::vector<std::string> switch_dir::leftovers() const {
 
 void switch_dir::recover(access how) {
   const int folder = folder_.get();
-  if (leftovers().empty() || (how == access::read && !may_recover())) {
+  const bool any = !leftovers().empty();
+  if ((!any && !find_killed_run(folder)) || (how == access::read && !may_recover())) {
     return;
   }
-  const std::string what = recover_next();
+  std::string what = any ? tidy_up() : "";
+  const std::string killed = tell_killed_run(any);
+  if (!killed.empty()) {
+    append_word(what, killed, "; ");
+  }
+  if (how == access::read) {
+    share_lock();
+  }
+  if (!what.empty()) {
+    output::message(in_quotes(path_) + ": " + what);
+  }
+}
+
+// What was done, for a message.
+std::string switch_dir::tidy_up() {
+  const int folder = folder_.get();
+  std::string what = recover_next();
   for (const char *name : {discard_name, probe_a, probe_b}) {
     put_away_or_say(name);
   }
@@ -268,10 +287,22 @@ void switch_dir::recover(access how) {
     put_away_or_say(copy_name);
   }
   sync_folder(folder);
-  if (how == access::read) {
-    share_lock();
+  return what;
+}
+
+// How far the last run came when it was killed; "" when it was not, or that has been said. With
+// what became of the switch, unless `known` says that the message has it.
+std::string switch_dir::tell_killed_run(bool known) const {
+  const std::optional<killed_run> found = find_killed_run(folder_.get());
+  if (!found) {
+    return "";
   }
-  output::message(in_quotes(path_) + ": " + what);
+  note_killed(*found);
+  const std::string where = how_far(found->folder.get());
+  const std::optional<uint64_t> now = generation_of(folder_.get(), current_name);
+  const std::string outcome = known || !now ? "" : outcome_of_killed(found->facts, *now);
+  return found->facts.name() + " was killed" + (where.empty() ? "" : " " + where) +
+         (outcome.empty() ? "" : "; " + outcome);
 }
 
 // What was done, for a message.

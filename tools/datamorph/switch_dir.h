@@ -90,6 +90,8 @@ private:
   bool may_recover() const;
   void share_lock() const;
   void recover(access how);
+  std::string tidy_up();
+  std::string tell_killed_run(bool known) const;
   std::string recover_next();
   std::string put_away(const char *name) const;
   void put_away_or_say(const char *name) const;

@@ -37,8 +37,16 @@ struct rehearse_options {
   std::string save; // where a plan is written to; empty: nowhere
   std::string via;  // the release of another way; empty: none
   bool round_trip = false;
+  std::string report; // where a page is written to; empty: nowhere
+  bool matrix = false;
 };
 int rehearse(const common_options &common, const rehearse_options &options);
+
+struct matrix_options {
+  convert_options work;              // `to` and `from` stay empty
+  std::vector<std::string> releases; // none: all that the switch has images of
+};
+int matrix(const common_options &common, const matrix_options &options);
 int history(const common_options &common, const std::string &dir);
 int rollback(const common_options &common, const std::string &dir, bool yes);
 
@@ -62,6 +70,9 @@ int store_put(const common_options &common, const store_options &options);
 int store_delete(const common_options &common, const store_options &options);
 int store_export(const common_options &common, const store_options &options);
 int store_import(const common_options &common, const store_options &options);
+
+// The store or, with a key, the record that is asked about.
+int why(const common_options &common, const store_options &options);
 
 struct diff_options {
   std::string a;

@@ -99,7 +99,7 @@ nlohmann::json lost_record::to_json() const {
 }
 
 nlohmann::json lost_field::to_json() const {
-  return {{"store", store}, {"key", key},   {"field", name},
+  return {{"store", store}, {"key", key},   {"kind", kind},           {"field", name},
           {"value", value}, {"text", text}, {"step", step_json(step)}};
 }
 
@@ -179,8 +179,8 @@ void loss_report::take_fields(const state_change &change, const change_author &a
       continue;
     }
     if (fields_total_++ < kept) {
-      fields_.push_back({shown_uri(change.name), *change.key, field.name, field.a,
-                         field.text.substr(0, field.text.rfind(" -> ")), author.step});
+      fields_.push_back({shown_uri(change.name), *change.key, change.a->decoded->kind, field.name,
+                         field.a, field.text.substr(0, field.text.rfind(" -> ")), author.step});
     }
   }
 }

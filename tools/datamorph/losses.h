@@ -30,6 +30,7 @@ struct lost_record {
 struct lost_field {
   std::string store;
   std::string key; // hex
+  std::string kind;
   std::string name;
   nlohmann::json value;
   std::string text;

@@ -29,9 +29,13 @@ output::cell grid_cell(const cells &all, const std::string &from, const std::str
 }
 
 void print_grid(const std::vector<std::string> &releases, const cells &all) {
-  std::vector<output::column> columns = {{"FROM \\ TO"}};
+  std::vector<std::string> names;
   for (const std::string &release : releases) {
-    columns.push_back({release.c_str()});
+    names.push_back("TO " + release);
+  }
+  std::vector<output::column> columns = {{"FROM"}};
+  for (const std::string &name : names) {
+    columns.push_back({name.c_str()});
   }
   std::vector<std::vector<output::cell>> rows;
   for (const std::string &from : releases) {

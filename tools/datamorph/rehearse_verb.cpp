@@ -7,6 +7,8 @@
 #include "failure.h"
 #include "losses.h"
 #include "rehearsal.h"
+#include "rehearsal_files.h"
+#include "release_matrix.h"
 #include "saved_plan.h"
 #include "state_diff.h"
 #include "statuses.h"
@@ -17,7 +19,7 @@
 namespace {
 
 constexpr size_t shown_losses = 20; // in a table
-constexpr size_t most_lines = 1000; // of a step's trace, in a document
+constexpr size_t most_lines = 999;  // of a step's trace, in a document
 
 using what = state_change::what;
 
@@ -107,13 +109,16 @@ private:
   std::unique_ptr<rehearsal> rehearse(const char *name, int root, const switch_state &state,
                                       const std::string &to, const std::string &from) const;
   void print_head(const rehearsal &main);
-  void print_change(const state_change &change, const change_author &author);
+  void give(const nlohmann::json &change);
   void compare(const rehearsal &main);
   void there_and_back(const rehearsal &main);
   void over_another(const rehearsal &main);
   void print_end(const rehearsal &main);
   void print_losses() const;
-  void print_document_end(const rehearsal &main) const;
+  nlohmann::json losses_json() const;
+  nlohmann::json tail_json(const rehearsal &main) const;
+  void write_page(const rehearsal &main);
+  void every_pair();
   void save(const rehearsal &main) const;
   int complain(int status, const std::string &what) const;
 
@@ -123,7 +128,9 @@ private:
   scratch_folder scratch_;
   unique_fd before_; // a copy of the state: nothing else of the switch is opened
   change_tables tables_{true};
-  std::unique_ptr<output::document> document_;
+  std::unique_ptr<output::document> document_; // with --format json
+  std::unique_ptr<rehearsal_files> files_;     // with --report
+  nlohmann::json matrix_;
   change_counts counts_;
   std::unique_ptr<loss_report> losses_;
   std::vector<comparison> others_;
@@ -140,14 +147,21 @@ std::unique_ptr<rehearsal> rehearse_run::rehearse(const char *name, int root,
 
 // ---- Steps -------------------------------------------------------------------------------------
 
-nlohmann::json step_json(const rehearsal &main, size_t step) {
-  const request_report &report = main.done().report().requests[step];
+// Of a step, the first lines, and how many there are more.
+nlohmann::json trace_json(const rehearsal &main, size_t step) {
   size_t more = 0;
-  const std::vector<std::string> lines = main.trace_of(step, most_lines, &more);
   nlohmann::json trace = nlohmann::json::array();
-  for (const std::string &line : lines) {
+  for (const std::string &line : main.trace_of(step, most_lines, &more)) {
     trace.push_back(to_text(line));
   }
+  if (more > 0) {
+    trace.push_back("[" + std::to_string(more) + " more lines]");
+  }
+  return trace;
+}
+
+nlohmann::json step_json(const rehearsal &main, size_t step) {
+  const request_report &report = main.done().report().requests[step];
   return {
       {"moment", moment_name(report.request.which)},
       {"vdc", report.request.vdc},
@@ -161,8 +175,7 @@ nlohmann::json step_json(const rehearsal &main, size_t step) {
        {{"added", report.records.added},
         {"changed", report.records.changed},
         {"removed", report.records.removed}}},
-      {"trace", trace},
-      {"trace_more", more}};
+      {"trace", trace_json(main, step)}};
 }
 
 nlohmann::json steps_json(const rehearsal &main) {
@@ -257,6 +270,12 @@ nlohmann::json head_json(const rehearsal &main, const std::string &dir) {
 
 void rehearse_run::print_head(const rehearsal &main) {
   const conversion_plan &plan = main.done().plan();
+  if (!options_.report.empty()) {
+    nlohmann::json head = head_json(main, options_.work.dir);
+    head["time"] = utc_now();
+    head["version"] = DATAMORPH_VERSION;
+    files_ = std::make_unique<rehearsal_files>(options_.report, head);
+  }
   if (as_json()) {
     nlohmann::json head = head_json(main, options_.work.dir);
     head["steps"] = steps_json(main);
@@ -269,8 +288,11 @@ void rehearse_run::print_head(const rehearsal &main) {
 }
 
 void rehearse_run::print_end(const rehearsal &main) {
-  if (as_json()) {
-    print_document_end(main);
+  if (files_ != nullptr) {
+    write_page(main);
+  }
+  if (document_ != nullptr) {
+    document_->end(tail_json(main));
     return;
   }
   tables_.end();
@@ -281,7 +303,7 @@ void rehearse_run::print_end(const rehearsal &main) {
   output::text("\n" + counts_.to_text() + "\n" + losses_->balance().to_text() + "\n");
 }
 
-void rehearse_run::print_document_end(const rehearsal &main) const {
+nlohmann::json rehearse_run::losses_json() const {
   nlohmann::json records = nlohmann::json::array();
   for (const lost_record &lost : losses_->records()) {
     records.push_back(lost.to_json());
@@ -290,20 +312,44 @@ void rehearse_run::print_document_end(const rehearsal &main) const {
   for (const lost_field &lost : losses_->fields()) {
     fields.push_back(lost.to_json());
   }
+  return {{"records", records},
+          {"records_total", losses_->records_total()},
+          {"fields", fields},
+          {"fields_total", losses_->fields_total()}};
+}
+
+// What is known at the end, for the document and the page.
+nlohmann::json rehearse_run::tail_json(const rehearsal &main) const {
   nlohmann::json summary = counts_.to_json();
   summary.update(losses_->balance().to_json());
-  nlohmann::json end = {{"losses",
-                         {{"records", records},
-                          {"records_total", losses_->records_total()},
-                          {"fields", fields},
-                          {"fields_total", losses_->fields_total()}}},
-                        {"notes", main.done().report().notes},
-                        {"trouble", main.trouble()},
-                        {"summary", summary}};
+  nlohmann::json tail = {{"losses", losses_json()},
+                         {"notes", main.done().report().notes},
+                         {"trouble", main.trouble()},
+                         {"summary", summary}};
   for (const comparison &other : others_) {
-    end[other.name] = other.to_json();
+    tail[other.name] = other.to_json();
   }
-  document_->end(end);
+  if (!matrix_.is_null()) {
+    tail["matrix"] = matrix_;
+  }
+  return tail;
+}
+
+void rehearse_run::write_page(const rehearsal &main) {
+  nlohmann::json tail = tail_json(main);
+  tail["steps"] = steps_json(main);
+  for (const char *member : {"round_trip", "via", "matrix"}) {
+    tail.emplace(member, nullptr);
+  }
+  if (!tail["via"].is_null()) {
+    tail["via"]["release"] = options_.via;
+  }
+  tail["converted"] = main.status() == 0;
+  tail["result"] = main.status() == 0 ? "It would be converted from " + main.done().plan().from +
+                                            " to " + main.done().plan().to
+                                      : "It would not be converted: " + main.trouble();
+  files_->finish(tail);
+  output::message("report: " + options_.report);
 }
 
 void rehearse_run::print_losses() const {
@@ -337,8 +383,13 @@ void rehearse_run::print_losses() const {
   }
 }
 
-void rehearse_run::print_change(const state_change &change, const change_author &author) {
-  tables_.take(change, author_text(author));
+void rehearse_run::give(const nlohmann::json &change) {
+  if (files_ != nullptr) {
+    files_->change(change);
+  }
+  if (document_ != nullptr) {
+    document_->item(change);
+  }
 }
 
 // ---- What is compared --------------------------------------------------------------------------
@@ -352,10 +403,11 @@ void rehearse_run::compare(const rehearsal &main) {
     const change_author author = main.authors().of(change);
     counts_.take(change);
     losses_->take(change, author);
-    if (as_json()) {
-      document_->item(change_json(main, change, author));
-    } else {
-      print_change(change, author);
+    if (document_ != nullptr || files_ != nullptr) {
+      give(change_json(main, change, author));
+    }
+    if (document_ == nullptr) {
+      tables_.take(change, author_text(author));
     }
   });
   losses_->end(before, after, totals);
@@ -405,6 +457,13 @@ void rehearse_run::save(const rehearsal &main) const {
                   options_.work.dir + " --plan " + options_.save + "'");
 }
 
+void rehearse_run::every_pair() {
+  const std::vector<std::string> releases = image_releases({options_.work.dir, before_.get(), ""});
+  matrix_ = {{"releases", releases}, {"cells", nlohmann::json::array()}};
+  rehearse_pairs({common_, options_.work, scratch_, before_.get(), switch_.state()}, releases,
+                 [&](const matrix_cell &cell) { matrix_["cells"].push_back(cell.to_json()); });
+}
+
 int rehearse_run::complain(int status, const std::string &what) const {
   const std::string message = in_quotes(options_.work.dir) + ": " + what;
   output::message(message);
@@ -431,6 +490,9 @@ int rehearse_run::run() {
   }
   if (!options_.via.empty() && good) {
     over_another(*main);
+  }
+  if (options_.matrix) {
+    every_pair();
   }
   print_end(*main);
   for (const std::string &note : main->done().report().notes) {

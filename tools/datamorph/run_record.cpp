@@ -28,20 +28,7 @@ constexpr std::array<std::string_view, 5> results = {run_result::running, run_re
   throw failure(exit_refused, std::string(run_record_file) + ": " + member + " " + what);
 }
 
-std::string now_as_text() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const auto all = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-  const std::time_t seconds = all / 1000;
-  std::tm parts = {};
-  gmtime_r(&seconds, &parts);
-  char date[32];
-  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &parts);
-  char text[48];
-  std::snprintf(text, sizeof text, "%s.%03dZ", date, static_cast<int>(all % 1000));
-  return text;
-}
-
-// Shaped as now_as_text gives it.
+// Shaped as utc_now gives it.
 bool is_time(std::string_view text) {
   constexpr std::string_view shape = "0000-00-00T00:00:00.000Z";
   return std::equal(text.begin(), text.end(), shape.begin(), shape.end(), [](char c, char wanted) {
@@ -225,7 +212,7 @@ const char *outcome_of_killed(const run_facts &facts, uint64_t after) {
 run_record::run_record(const run_folder &folder, const run_facts &facts)
     : folder_(folder), facts_(facts) {
   facts_.run = folder.number();
-  facts_.started = now_as_text();
+  facts_.started = utc_now();
   facts_.uid = getuid();
   facts_.user = user_name(getuid());
   facts_.pid = static_cast<uint64_t>(getpid());

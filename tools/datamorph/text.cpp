@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -261,4 +264,17 @@ std::string shell_word(std::string_view word) {
     quoted += c == '\'' ? "\\'" : std::string(1, c);
   }
   return quoted + "'";
+}
+
+std::string utc_now() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto all = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+  const std::time_t seconds = all / 1000;
+  std::tm parts = {};
+  gmtime_r(&seconds, &parts);
+  char date[32];
+  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &parts);
+  char text[48];
+  std::snprintf(text, sizeof text, "%s.%03dZ", date, static_cast<int>(all % 1000));
+  return text;
 }

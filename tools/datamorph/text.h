@@ -28,6 +28,9 @@ std::string error_text(int error);
 // Adds a word to a list of words, after `between` when it is not the first.
 void append_word(std::string &list, std::string_view word, std::string_view between = " ");
 
+// The time, as in 2026-01-31T12:59:59.123Z.
+std::string utc_now();
+
 std::string upper_case(std::string_view text);
 
 // "1 store", "2 stores".

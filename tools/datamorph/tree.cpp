@@ -187,6 +187,8 @@ private:
   void leave(int, const std::string &) override {}
 };
 
+constexpr size_t portion = size_t(1) << 16; // bytes written at once
+
 bool write_content(int file, const std::string &content) {
   for (size_t done = 0; done < content.size();) {
     const ssize_t put = write(file, content.data() + done, content.size() - done);
@@ -279,6 +281,43 @@ void replace_file(int folder, const std::string &name, const std::string &conten
     unlinkat(folder, beside.c_str(), 0);
     failed("write", name, error);
   }
+}
+
+placed_file::placed_file(const std::string &path)
+    : path_(path), beside_(path + "." + std::to_string(getpid()) + ".new"),
+      file_(open(beside_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644)) {
+  if (!file_.is_open()) {
+    throw failure(exit_refused, "cannot write " + in_quotes(path) + ": " + error_text(errno),
+                  "name another place");
+  }
+}
+
+placed_file::~placed_file() {
+  if (!beside_.empty()) {
+    unlink(beside_.c_str());
+  }
+}
+
+void placed_file::write(std::string_view text) {
+  waiting_ += text;
+  if (waiting_.size() >= portion) {
+    flush();
+  }
+}
+
+void placed_file::flush() {
+  if (!write_content(file_.get(), waiting_)) {
+    failed("write", path_, errno);
+  }
+  waiting_.clear();
+}
+
+void placed_file::put() {
+  flush();
+  if (fsync(file_.get()) != 0 || rename(beside_.c_str(), path_.c_str()) != 0) {
+    failed("write", path_, errno);
+  }
+  beside_.clear();
 }
 
 std::string read_file(int folder, const std::string &name, size_t limit) {

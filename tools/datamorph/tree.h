@@ -4,6 +4,9 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+
+#include "unique_fd.h"
 
 namespace tree {
 
@@ -30,6 +33,29 @@ void copy(int folder, const std::string &from, const std::string &to);
 
 // Writes a file beside its place, syncs it and puts it there, all or nothing. Throws failure(1).
 void replace_file(int folder, const std::string &name, const std::string &content);
+
+// A file that is written beside its place, piece by piece, and put there at the end, or goes.
+class placed_file {
+public:
+  // Throws failure(3) when it cannot be made there.
+  explicit placed_file(const std::string &path);
+  ~placed_file();
+  placed_file(const placed_file &) = delete;
+  placed_file &operator=(const placed_file &) = delete;
+
+  int fd() const { return file_.get(); }
+  // Both throw failure(1). What is written comes to the file at the latest with put().
+  void write(std::string_view text);
+  void put();
+
+private:
+  void flush();
+
+  std::string path_;
+  std::string beside_;
+  unique_fd file_;
+  std::string waiting_; // to be written
+};
 
 // A regular file's content, at most `limit` bytes. Throws failure(3) naming the file.
 std::string read_file(int folder, const std::string &name, size_t limit);

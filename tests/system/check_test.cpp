@@ -266,8 +266,10 @@ TEST_F(check_verb, a_switch_in_use_and_directories_that_are_none) {
   ASSERT_EQ(flock(fd, LOCK_EX), 0);
   const result used = run({"check", "sw", "--to", "4.2(1)"});
   close(fd);
+  const std::string owner = std::to_string(getpid());
   EXPECT_EQ(used.status, 5);
-  EXPECT_EQ(used.err, "datamorph: 'sw': in use by another command; wait until it is done\n");
+  EXPECT_EQ(used.err, "datamorph: 'sw': in use by another command (process " + owner +
+                          "); wait until it is done\n");
   EXPECT_EQ(run({"check", "missing", "--to", "4.2(1)"}).status, 3);
   EXPECT_EQ(run({"check", "sw"}).status, 64);
 }

@@ -172,7 +172,7 @@ TEST_F(envelope, wrong_usage) {
       {{"drop", "--format", "json"},
        nullptr,
        "unknown verb 'drop'",
-       "verbs: lab convert store diff services compare"},
+       "verbs: lab rehearse convert matrix history rollback why store diff check services compare"},
       {{"--format", "json", "services"},
        nullptr,
        "'--format' stands before the verb, where only --help and --version may",

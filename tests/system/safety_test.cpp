@@ -379,7 +379,7 @@ TEST_F(safety, a_run_whose_journal_cannot_be_written_says_so) {
                                "written, from pss_"),
             std::string::npos)
       << converted.err;
-  EXPECT_NE(converted.err.find(" by VRRP_ENG on; is there room for it in runs/?; the switch is as "
+  EXPECT_NE(converted.err.find(" by VRRP_MGR on; is there room for it in runs/?; the switch is as "
                                "it was, still at 4.1(5)\n"),
             std::string::npos)
       << converted.err;

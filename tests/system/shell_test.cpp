@@ -156,7 +156,8 @@ TEST_F(shells, the_manual_page_tells_what_help_tells) {
   for (const char *text :
        {"one of gsync, running-fs, startup", "EXIT STATUS", "64  wrong usage", "DATAMORPH_LIBRARY",
         "datamorph compare '4.2(1)' '4.1(2)'", "datamorph store get [OPTION]... DIR URI KEY",
-        "default: 300", "datamorph convert [OPTION]... --to RELEASE DIR"}) {
+        "default: 300", "datamorph convert [OPTION]... DIR",
+        "datamorph rehearse [OPTION]... --to RELEASE DIR"}) {
     EXPECT_NE(page.find(text), std::string::npos) << text;
   }
 }

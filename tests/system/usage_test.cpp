@@ -31,7 +31,7 @@ TEST_F(usage, words_that_are_no_verbs) {
 
 TEST_F(usage, options_that_are_none_or_missing) {
   expect_one_line({"convert"}, 64, "");
-  expect_one_line({"convert", "sw"}, 64, "--to is required");
+  expect_one_line({"convert", "sw"}, 64, "--to (or --plan) is required");
   expect_one_line({"convert", "sw", "--to", "4.2(1)", "--bogus"}, 64, "");
   expect_one_line({"lab", "show", "sw", "extra"}, 64, "");
   expect_one_line({"services", "--format", "xml"}, 64, "--format: xml not in {table,json,jsonl}");

@@ -7,7 +7,6 @@
 
 #include "failure.h"
 #include "lab/files.h"
-#include "output.h"
 #include "report_page_source.h"
 #include "text.h"
 
@@ -41,6 +40,11 @@ std::string escaped(std::string text) {
   return text;
 }
 
+// As one line; bytes that are no UTF-8 are replaced.
+std::string line_text(const json &document) {
+  return document.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
 // A document that nothing in it can end the script block of. Outside of strings JSON has none of
 // these characters.
 std::string block_text(const json &document) {
@@ -49,16 +53,16 @@ std::string block_text(const json &document) {
                                                             {"&", "\\u0026"},
                                                             {"\xe2\x80\xa8", "\\u2028"},
                                                             {"\xe2\x80\xa9", "\\u2029"}};
-  std::string text = output::json_text(document, -1);
+  std::string text = line_text(document);
   for (const auto &[what, with] : rows) {
     replace_all(text, what, with);
   }
   return text;
 }
 
-// The same document, its bytes that are no UTF-8 replaced.
+// The same document, all of it UTF-8.
 json clean(const json &document) {
-  return json::parse(output::json_text(document, -1));
+  return json::parse(line_text(document));
 }
 
 // A value for people: "10.1.1.1", "uuid 542, tag """. The script's textOf() does the same.

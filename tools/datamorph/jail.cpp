@@ -172,6 +172,9 @@ public:
   explicit message_reader(const jail::request &request) : request_(request) {}
 
   void take(const std::string &line) {
+    if (request_.on_line && request_.on_line(line)) {
+      return;
+    }
     const nlohmann::json message = nlohmann::json::parse(line, nullptr, false);
     if (!message.is_object()) {
       return;
@@ -220,8 +223,10 @@ private:
 namespace jail {
 
 void channel::send(const nlohmann::json &message) const {
-  std::string line = message.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  line += '\n';
+  send_line(message.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n');
+}
+
+void channel::send_line(std::string_view line) const {
   for (size_t done = 0; done < line.size();) {
     const ssize_t put = write(fd_, line.data() + done, line.size() - done);
     if (put < 0 && errno == EINTR) {

@@ -18,6 +18,8 @@ class channel {
 public:
   explicit channel(int fd) : fd_(fd) {}
   void send(const nlohmann::json &message) const;
+  // A line as it is, for request::on_line; with its end of line.
+  void send_line(std::string_view line) const;
 
 private:
   int fd_;
@@ -31,6 +33,8 @@ struct request {
   std::function<void(const channel &)> body;
   // In the parent: each message that the child sent.
   std::function<void(const nlohmann::json &)> on_message = [](const nlohmann::json &) {};
+  // In the parent: each line of the child before it is taken for a message; true when it was none.
+  std::function<bool(const std::string &)> on_line;
   // In the parent: what the child wrote to its standard output and error, as it comes. Without it
   // that is shown (show_trace).
   std::function<void(std::string_view)> on_trace;

@@ -136,6 +136,11 @@ void journal_authors::load_records(const std::string &file, const thing &about) 
                    [](const auto &one, const auto &other) { return one.first < other.first; });
 }
 
+bool journal_authors::wrote(size_t step) const {
+  return std::any_of(authors_.begin(), authors_.end(),
+                     [&](const change_author &author) { return author.step == step; });
+}
+
 std::vector<std::string> journal_authors::routines_of(size_t step) const {
   std::vector<std::string> names;
   for (const change_author &author : authors_) {

@@ -30,6 +30,8 @@ public:
 
   // The last one who changed it, by calls that went well.
   change_author of(const state_change &change);
+  // Whether anything was written at a step, by whatever routine.
+  bool wrote(size_t step) const;
   // The routines that wrote anything at a step, in the order in which they first did.
   std::vector<std::string> routines_of(size_t step) const;
 

@@ -188,8 +188,7 @@ nlohmann::json steps_json(const rehearsal &main) {
 
 bool is_worth_a_row(const rehearsal &main, size_t step) {
   const request_report &report = main.done().report().requests[step];
-  return report.status.value_or(SYSERR_FAILED) != SYSERR_SUCCESS ||
-         !main.authors().routines_of(step).empty();
+  return report.status.value_or(SYSERR_FAILED) != SYSERR_SUCCESS || main.authors().wrote(step);
 }
 
 void print_steps(const rehearsal &main) {
@@ -207,12 +206,12 @@ void print_steps(const rehearsal &main) {
     }
     const bool bad = report.status.value_or(SYSERR_FAILED) != SYSERR_SUCCESS;
     const std::string text = report.status ? syserr2str(*report.status) : report.trouble;
-    rows.push_back({"#" + std::to_string(step), moment_name(report.request.which),
-                    report.request.vdc, report.request.service(),
-                    bad ? output::cell::bad(text) : output::cell(text),
-                    static_cast<unsigned long>(report.records.added),
-                    static_cast<unsigned long>(report.records.changed),
-                    static_cast<unsigned long>(report.records.removed), routines});
+    rows.push_back(
+        {"#" + std::to_string(step), moment_name(report.request.which), report.request.vdc,
+         report.request.service(), bad ? output::cell::bad(text) : output::cell(text),
+         static_cast<unsigned long>(report.records.added),
+         static_cast<unsigned long>(report.records.changed),
+         static_cast<unsigned long>(report.records.removed), routines.empty() ? "-" : routines});
   }
   output::table({{"STEP"},
                  {"MOMENT"},

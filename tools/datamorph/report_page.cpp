@@ -195,13 +195,23 @@ std::string record_fields(const json &loss) {
   return text + (loss.contains("value") ? field_item("bytes", loss["value"]) : "") + "</dl>";
 }
 
+// Why something is lost: "" where there is nothing to say, as of a field.
+std::string why_text(const json &loss) {
+  if (!loss.contains("why")) {
+    return "";
+  }
+  return loss["why"].is_null() ? "unaccounted for" : loss["why"].get<std::string>();
+}
+
 std::string loss_item(const json &loss, const std::string &kind, const std::string &fields,
                       const json &steps) {
-  const std::string why = loss.value("why", std::string());
+  const std::string why = why_text(loss);
+  const bool bad = loss.contains("why") && loss["why"].is_null();
   return "<li class=\"loss\"><p>" + element("b", kind.empty() ? "record" : kind) + " " +
          element("code", loss["key"].get<std::string>()) + " of " +
          element("code", loss["store"].get<std::string>()) + "</p>" + fields + "<p class=\"by\">" +
-         (why.empty() ? "" : escaped(why) + "; ") + "by " + step_link(steps, loss["step"]) +
+         (why.empty() ? "" : (bad ? element("strong", why, " class=\"bad\"") : escaped(why)) + "; ") +
+         "by " + step_link(steps, loss["step"]) +
          "</p></li>\n";
 }
 
@@ -279,15 +289,17 @@ std::string step_item(const json &step, size_t index) {
   }
   char time[32];
   std::snprintf(time, sizeof time, "%.1f ms", step["milliseconds"].get<double>());
-  const std::string status = step["status"].get<std::string>();
+  const bool answered = step["status"].is_string();
+  const std::string status =
+      answered ? "status " + step["status"].get<std::string>() : std::string("no status");
   return "<details class=\"step\" id=\"step-" + std::to_string(index) + "\"><summary>" +
          element("h4", step["service"].get<std::string>()) +
-         element("span", step["status_text"].get<std::string>(),
+         element("span", answered ? step["status_text"].get<std::string>() : status,
                  bad ? " class=\"status bad\"" : " class=\"status good\"") +
          element("span", some_counts(step["records"]), " class=\"records\"") +
          element("span", time, " class=\"time\"") + "</summary>\n" +
          (trouble.empty() ? "" : element("p", trouble, " class=\"warning\"") + "\n") +
-         "<p class=\"by\">status " + escaped(status) +
+         "<p class=\"by\">" + escaped(status) +
          (routines.empty() ? "" : ", by " + element("code", routines)) +
          "</p>\n<div class=\"beside\"><div><h5>Trace</h5>" + trace_text(step["trace"]) +
          "</div>\n<div class=\"made\" data-step=\"" + std::to_string(index) +
@@ -316,10 +328,13 @@ std::string section(const std::string &id, const std::string &head, const std::s
          element("h2", head, " id=\"" + id + "-head\"") + "\n" + body + "</section>\n";
 }
 
-// Changes that are listed by the script, from a block of their own.
+// Changes that are listed by the script, from a block of their own. No other list has them.
 std::string changes_section(const std::string &id, const std::string &head, const json &part,
-                            const std::string &none, const std::string &some,
-                            const json &complete) {
+                            const std::string &none, const std::string &some) {
+  const std::string trouble = part.value("trouble", std::string());
+  if (!trouble.empty()) {
+    return section(id, head, element("p", "This way fails: " + trouble, " class=\"bad\"") + "\n");
+  }
   if (part["total"] == 0) {
     return section(id, head, element("p", none, " class=\"good\"") + "\n");
   }
@@ -328,7 +343,7 @@ std::string changes_section(const std::string &id, const std::string &head, cons
   return section(id, head,
                  element("p", counted_of(part["total"], "change") + " " + some) +
                      "\n<div class=\"list\"></div>\n" +
-                     more_text(part["total"].get<size_t>() - kept, complete) +
+                     more_text(part["total"].get<size_t>() - kept, nullptr) +
                      "<script type=\"application/json\">" +
                      block_text(json(changes.begin(), changes.begin() + static_cast<long>(kept))) +
                      "</script>\n");
@@ -390,16 +405,14 @@ void add_more(parts &page, const json &tail) {
   if (tail["round_trip"].is_object()) {
     add("round-trip", "Round trip",
         changes_section("round-trip", "Round trip", tail["round_trip"],
-                        "There and back, all is as it was.", "did not return, there and back.",
-                        tail["complete"]));
+                        "There and back, all is as it was.", "did not return, there and back."));
   }
   if (tail["via"].is_object()) {
     const std::string release = tail["via"]["release"].get<std::string>();
     add("via", "Another way",
         changes_section("via", "By way of " + release, tail["via"],
                         "The way over " + release + " ends as the direct way does.",
-                        "between the direct way and the way over " + release + ".",
-                        tail["complete"]));
+                        "between the direct way and the way over " + release + "."));
   }
   if (tail["matrix"].is_object()) {
     add("matrix", "Matrix", matrix_part(tail["matrix"]));
@@ -412,7 +425,7 @@ void add_more(parts &page, const json &tail) {
 json lost_places(const json &losses) {
   json places = json::array();
   for (const json &loss : losses["records"]) {
-    places.push_back({loss["store"], loss["key"], loss.value("why", std::string())});
+    places.push_back({loss["store"], loss["key"], why_text(loss)});
   }
   for (const json &loss : losses["fields"]) {
     places.push_back({loss["store"], loss["key"],

@@ -6,6 +6,7 @@
   const openUpTo = 60; // changes that are shown without opening their things
   const find = (id) => document.getElementById(id);
   const facts = JSON.parse(find('facts').textContent);
+  facts.steps.forEach((step, index) => { step.index = index; });
 
   function make(tag, properties, ...children) {
     const made = Object.assign(document.createElement(tag), properties);
@@ -47,6 +48,9 @@
     return [...groups.values()].map((group) => ({ ...group, total: group.list.length, changes: () => group.list }));
   }
 
+  // The steps that wrote it, the last one at the end.
+  const stepsOf = (change) => [...(change.earlier_steps ?? []), change.step].map((index) => facts.steps[index]).filter((step) => step);
+
   // ---- Text
 
   function textOf(value) {
@@ -63,7 +67,7 @@
       : Object.entries(value).map(([name, member]) => (Array.isArray(value) ? '' : name + ' ') + flat(member)).join(' ');
     const side = (value) => value === undefined ? '' : value.value === undefined ? flat(value) : value.value + ' ' + flat(value.decoded ?? {});
     return change.search ??= [change.change, change.kind, change.name, change.key ?? '', change.routine ?? '',
-      facts.steps[change.step]?.label ?? '', side(change.a), side(change.b), flat(lossOf(change) ?? [])].join(' ').toLowerCase();
+      flat(stepsOf(change).map((step) => step.label)), side(change.a), side(change.b), flat(lossOf(change) ?? [])].join(' ').toLowerCase();
   }
 
   // ---- One change
@@ -119,9 +123,9 @@
   }
 
   function madeBy(change) {
-    const step = facts.steps[change.step];
+    const steps = stepsOf(change).flatMap((step) => [', then by ', link('#step-' + step.index, step.label)]).slice(1);
     const routine = change.routine ? [', ', make('code', {}, change.routine)] : [];
-    return ['by ', step ? link('#step-' + change.step, step.label) : 'a step that is not known', ...routine];
+    return ['by ', ...(steps.length > 0 ? steps : ['a step that is not known']), ...routine];
   }
 
   function changeItem(change, headTag = 'h4') {
@@ -202,8 +206,8 @@
     change: (change, wanted) => change.change === wanted,
     kind: (change, wanted) => change.kind === wanted,
     store: (change, wanted) => change.name === wanted,
-    service: (change, wanted) => facts.steps[change.step]?.service === wanted,
-    step: (change, wanted) => wanted === 'none' ? !facts.steps[change.step] : String(change.step) === wanted,
+    service: (change, wanted) => stepsOf(change).some((step) => step.service === wanted),
+    step: (change, wanted) => wanted === 'none' ? stepsOf(change).length === 0 : stepsOf(change).some((step) => String(step.index) === wanted),
     lost: (change) => lossOf(change) !== undefined,
   };
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <set>
 
 #include <fcntl.h>
@@ -34,23 +35,60 @@ constexpr size_t largest_switch_file = 1 << 20;
 
 // ---- In a side's root: what there is, as messages ----------------------------------------------
 //
-// "kind", "name" (hex) and "facts" begin a thing; "key" and "value" (hex) are a record of it, with
-// rising keys; "trouble" says that there is more of it which cannot be read.
+// "kind", "name" (hex) and "facts" begin a thing; "trouble" says that there is more of it which
+// cannot be read. Its records, with rising keys, are many: a line of their own form each.
+
+struct side_message {
+  nlohmann::json body; // null: a record
+  std::string key;     // hex
+  std::string value;   // hex
+  bool is_record() const { return body.is_null(); }
+  bool is_thing() const { return body.contains("kind"); }
+  bool is_trouble() const { return body.contains("trouble"); }
+};
+
+constexpr char record_mark = '=';
+
+std::string record_line(std::string_view key, std::string_view value) {
+  return record_mark + to_hex(key) + ' ' + to_hex(value) + '\n';
+}
+
+// With or without its end of line.
+std::optional<side_message> read_record(std::string_view line) {
+  const size_t blank = line.find(' ');
+  if (!line.starts_with(record_mark) || blank == std::string_view::npos) {
+    return std::nullopt;
+  }
+  line = line.substr(0, line.find('\n'));
+  return side_message{nullptr, std::string(line.substr(1, blank - 1)),
+                      std::string(line.substr(blank + 1))};
+}
 
 class teller {
 public:
-  using sink = std::function<void(const nlohmann::json &)>;
-  explicit teller(sink send) : send_(std::move(send)) {}
+  // `refuse` is called for what cannot be read, before that is told.
+  using sink = std::function<void(std::string_view)>;
+  explicit teller(
+      sink send, std::function<void(const std::string &)> refuse = [](const std::string &) {})
+      : send_(std::move(send)), refuse_(std::move(refuse)) {}
   void thing(kind which, const std::string &name, const nlohmann::json &facts) const {
-    send_({{"kind", which}, {"name", to_hex(name)}, {"facts", facts}});
+    send({{"kind", which}, {"name", to_hex(name)}, {"facts", facts}});
   }
   void record(std::string_view key, std::string_view value) const {
-    send_({{"key", to_hex(key)}, {"value", to_hex(value)}});
+    send_(record_line(key, value));
   }
-  void trouble(const std::string &text) const { send_({{"trouble", text}}); }
+  void trouble(const std::string &text) const {
+    refuse_(text);
+    send({{"trouble", text}});
+  }
 
 private:
+  void send(const nlohmann::json &message) const {
+    send_(message.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n');
+  }
+
   sink send_;
+  std::function<void(const std::string &)> refuse_;
 };
 
 void tell_switch(const teller &tell) {
@@ -224,38 +262,128 @@ void tell_points(const teller &tell) {
   }
 }
 
-void tell_state(const teller &tell) {
+using names = std::set<std::string>;
+
+// But for these stores.
+void tell_state(const teller &tell, const names &skipped = {}) {
   tell_switch(tell);
   std::vector<std::string> uris = lab::store_uris();
   std::sort(uris.begin(), uris.end());
   for (const std::string &uri : uris) {
-    tell_store(tell, uri, uri);
+    if (!skipped.contains(uri)) {
+      tell_store(tell, uri, uri);
+    }
   }
   tell_files(tell, uris);
   tell_points(tell);
 }
 
-// `name`: under which one named store meets the other.
-void tell_side(const jail::channel &channel, const std::string &uri, const std::string &name) {
-  const teller tell([&](const nlohmann::json &message) { channel.send(message); });
+// How a side is told: under which name one store meets the other, or without which stores.
+struct telling {
+  std::string name;
+  names skipped;
+};
+
+void tell_side(const jail::channel &channel, const std::string &uri, const telling &how) {
+  const teller tell([&](std::string_view line) { channel.send_line(line); });
   if (uri.empty()) {
-    tell_state(tell);
+    tell_state(tell, how.skipped);
     return;
   }
   store_handle(uri, PSS2_MODE_READ).close(); // one that was asked for has to be there
-  tell_store(tell, uri, name);
+  tell_store(tell, uri, how.name);
 }
 
-void hear_side(const state_side &side, const std::string &name,
-               std::function<void(const nlohmann::json &)> take) {
+// Records are given as lines to `take_record`, where there is one, and as messages else.
+void hear_side(const state_side &side, const telling &how,
+               const std::function<void(const side_message &)> &take,
+               const std::function<void(const std::string &)> &take_record = {}) {
   jail::request request;
   request.root = side.root;
-  request.body = [&](const jail::channel &channel) { tell_side(channel, side.uri, name); };
-  request.on_message = std::move(take);
+  request.body = [&](const jail::channel &channel) { tell_side(channel, side.uri, how); };
+  request.on_line = [&](const std::string &line) {
+    if (!line.starts_with(record_mark)) {
+      return false;
+    }
+    const std::optional<side_message> record = take_record ? std::nullopt : read_record(line);
+    if (take_record) {
+      take_record(line);
+    } else if (record) {
+      take(*record);
+    }
+    return true;
+  };
+  request.on_message = [&](const nlohmann::json &message) { take({message, "", ""}); };
   const jail::outcome outcome = jail::run(request);
   if (!outcome.finished()) {
     throw failure(exit_failed, "looking into the state " + outcome.text());
   }
+}
+
+// ---- Stores that are the same, byte for byte ---------------------------------------------------
+
+// A store's file; `records` only where it is whole.
+struct store_print {
+  std::string sum; // empty: it is not to be judged by its file
+  std::optional<uint64_t> records;
+};
+using store_prints = std::map<std::string, store_print>;
+
+// What stands in a journal beside the file counts as well, so such a store is read.
+store_print print_of(const std::string &uri, bool count) {
+  const std::string file = lab::store_file(uri);
+  store_print print;
+  lab::store_info info;
+  if (tree::exists(AT_FDCWD, file + "-journal") ||
+      (count && lab::store_inspect(uri, &info) != SYSERR_SUCCESS)) {
+    return print;
+  }
+  print.sum = sum_of(file);
+  if (count) {
+    print.records = info.records;
+  }
+  return print;
+}
+
+store_prints prints_of(const state_side &side, bool count) {
+  store_prints prints;
+  jail::request request;
+  request.root = side.root;
+  request.body = [&](const jail::channel &channel) {
+    for (const std::string &uri : lab::store_uris()) {
+      const store_print print = print_of(uri, count);
+      if (!print.sum.empty()) {
+        channel.send(
+            {{"name", to_hex(uri)}, {"sum", print.sum}, {"records", print.records.value_or(0)}});
+      }
+    }
+  };
+  request.on_message = [&](const nlohmann::json &message) {
+    prints[from_hex(message["name"].get<std::string>()).value_or("")] = {
+        message["sum"].get<std::string>(), message["records"].get<uint64_t>()};
+  };
+  // What is wrong there is found again, and told, when the side is read.
+  if (!jail::run(request).finished()) {
+    prints.clear();
+  }
+  return prints;
+}
+
+// Their records need not be compared; how many there are in *records.
+names same_stores(const state_side &a, const state_side &b, uint64_t *records) {
+  names same;
+  if (!a.uri.empty()) {
+    return same;
+  }
+  const store_prints of_b = prints_of(b, false);
+  for (const auto &[uri, print] : prints_of(a, true)) {
+    const auto found = of_b.find(uri);
+    if (found != of_b.end() && found->second.sum == print.sum) {
+      same.insert(uri);
+      *records += *print.records;
+    }
+  }
+  return same;
 }
 
 // ---- The side that is asked for its next message -----------------------------------------------
@@ -263,7 +391,7 @@ void hear_side(const state_side &side, const std::string &name,
 // Heard by a process of its own, which waits while nobody takes its messages.
 class asked_side {
 public:
-  asked_side(const state_side &side, const std::string &name, std::function<void()> record_read)
+  asked_side(const state_side &side, const telling &how, std::function<void()> record_read)
       : label_(side.label), record_read_(std::move(record_read)) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -278,7 +406,7 @@ public:
       throw failure(exit_failed, "cannot start a process: " + error_text(errno));
     }
     if (pid_ == 0) {
-      live(side, name, writing.get(), parent);
+      live(side, how, writing.get(), parent);
     }
   }
   ~asked_side() {
@@ -294,29 +422,32 @@ public:
   asked_side &operator=(const asked_side &) = delete;
 
   // Null at the end, and before the first advance().
-  const nlohmann::json &next() const { return next_; }
+  const std::optional<side_message> &next() const { return next_; }
   void advance() {
     const ssize_t got = in_ == nullptr ? -1 : getline(&line_, &room_, in_);
-    next_ = got <= 0 ? nlohmann::json() : nlohmann::json::parse(line_, line_ + got, nullptr, false);
-    if (!next_.is_object()) {
+    const size_t size = got <= 0 ? 0 : static_cast<size_t>(got);
+    next_ = read_record({line_, size});
+    if (next_) {
+      record_read_();
+      return;
+    }
+    const nlohmann::json message =
+        size == 0 ? nlohmann::json() : nlohmann::json::parse(line_, line_ + got, nullptr, false);
+    if (!message.is_object()) {
       throw failure(exit_failed, in_quotes(label_) + ": looking into the state ended early");
     }
-    if (next_.contains("failure")) {
-      throw failure(next_["failure"].get<int>(),
-                    in_quotes(label_) + ": " + next_["message"].get<std::string>(),
-                    next_["next_action"].get<std::string>());
+    if (message.contains("failure")) {
+      throw failure(message["failure"].get<int>(),
+                    in_quotes(label_) + ": " + message["message"].get<std::string>(),
+                    message["next_action"].get<std::string>());
     }
-    if (next_.contains("key")) {
-      record_read_();
-    }
-    if (next_.contains("end")) {
-      next_ = nullptr;
+    if (!message.contains("end")) {
+      next_ = {message, "", ""};
     }
   }
 
 private:
-  [[noreturn]] static void live(const state_side &side, const std::string &name, int to,
-                                pid_t parent) {
+  [[noreturn]] static void live(const state_side &side, const telling &how, int to, pid_t parent) {
     start_child(parent, SIGKILL);
     const jail::channel channel(to);
     const auto tell = [&](const failure &error) {
@@ -325,7 +456,9 @@ private:
                     {"next_action", error.next_action()}});
     };
     try {
-      hear_side(side, name, [&](const nlohmann::json &message) { channel.send(message); });
+      hear_side(
+          side, how, [&](const side_message &message) { channel.send(message.body); },
+          [&](const std::string &line) { channel.send_line(line + '\n'); });
       channel.send({{"end", true}});
     } catch (const failure &error) {
       tell(error);
@@ -341,18 +474,18 @@ private:
   FILE *in_ = nullptr;
   char *line_ = nullptr;
   size_t room_ = 0;
-  nlohmann::json next_;
+  std::optional<side_message> next_;
 };
 
 // ---- Merging -----------------------------------------------------------------------------------
 
 using what = state_change::what;
 
-side_value value_of(const std::string &uri, const nlohmann::json &record) {
+side_value value_of(const std::string &uri, const side_message &record) {
   side_value side;
-  side.value = record["value"].get<std::string>();
-  side.decoded = decode_record(uri, from_hex(record["key"].get<std::string>()).value_or(""),
-                               from_hex(side.value).value_or(""));
+  side.value = record.value;
+  side.decoded =
+      decode_record(uri, from_hex(record.key).value_or(""), from_hex(side.value).value_or(""));
   return side;
 }
 
@@ -363,12 +496,12 @@ public:
          const std::function<void(const state_change &)> &take)
       : uri_a_(a.uri), uri_b_(b.uri), b_(*asked), take_(take) {}
 
-  void hear(const nlohmann::json &message) {
-    if (message.contains("kind")) {
+  void hear(const side_message &message) {
+    if (message.is_thing()) {
       end_thing();
-      begin_thing(message);
-    } else if (message.contains("trouble")) {
-      unreadable(message, true);
+      begin_thing(message.body);
+    } else if (message.is_trouble()) {
+      unreadable(message.body, true);
     } else {
       ++totals_.a;
       hear_record(message);
@@ -377,7 +510,7 @@ public:
   const record_totals &totals() const { return totals_; }
   void end() {
     end_thing();
-    while (!b_.next().is_null()) {
+    while (b_.next().has_value()) {
       only_in_b();
     }
   }
@@ -388,22 +521,22 @@ private:
     return one["kind"] != other["kind"] ? one["kind"] < other["kind"] : one["name"] < other["name"];
   }
   void pass_b() {
-    totals_.b += b_.next().contains("key") ? 1 : 0;
+    totals_.b += b_.next()->is_record() ? 1 : 0;
     b_.advance();
   }
-  bool b_in_thing() const { return !b_.next().is_null() && !b_.next().contains("kind"); }
+  bool b_in_thing() const { return b_.next().has_value() && !b_.next()->is_thing(); }
 
   void begin_thing(const nlohmann::json &thing) {
-    while (!b_.next().is_null() && before(b_.next(), thing)) {
+    while (b_.next().has_value() && before(b_.next()->body, thing)) {
       only_in_b();
     }
     set_thing(thing);
-    both_ = !b_.next().is_null() && !before(thing, b_.next());
+    both_ = b_.next().has_value() && !before(thing, b_.next()->body);
     if (!both_) {
       give_thing(what::removed, &thing["facts"], nullptr);
       return;
     }
-    const nlohmann::json facts = b_.next()["facts"];
+    const nlohmann::json facts = b_.next()->body["facts"];
     pass_b();
     compare_facts(thing["facts"], facts);
   }
@@ -424,8 +557,8 @@ private:
   }
 
   void only_in_b() {
-    set_thing(b_.next());
-    give_thing(what::added, nullptr, &b_.next()["facts"]);
+    set_thing(b_.next()->body);
+    give_thing(what::added, nullptr, &b_.next()->body["facts"]);
     pass_b();
     while (b_in_thing()) {
       hear_b();
@@ -434,28 +567,28 @@ private:
 
   // What B has more of the thing.
   void hear_b() {
-    if (b_.next().contains("trouble")) {
-      unreadable(b_.next(), false);
+    if (b_.next()->is_trouble()) {
+      unreadable(b_.next()->body, false);
     } else if (compared_) {
-      give_record(what::added, nullptr, &b_.next());
+      give_record(what::added, nullptr, &*b_.next());
     }
     pass_b();
   }
 
-  void hear_record(const nlohmann::json &record) {
+  void hear_record(const side_message &record) {
     while (both_ && compared_ && b_in_thing() &&
-           (b_.next().contains("trouble") || b_.next()["key"] < record["key"])) {
+           (b_.next()->is_trouble() || b_.next()->key < record.key)) {
       hear_b();
     }
     if (!compared_) {
       return;
     }
-    if (!both_ || !b_in_thing() || b_.next()["key"] != record["key"]) {
+    if (!both_ || !b_in_thing() || b_.next()->key != record.key) {
       give_record(what::removed, &record, nullptr);
       return;
     }
-    if (b_.next()["value"] != record["value"]) {
-      give_record(what::changed, &record, &b_.next());
+    if (b_.next()->value != record.value) {
+      give_record(what::changed, &record, &*b_.next());
     }
     pass_b();
   }
@@ -503,14 +636,14 @@ private:
     take_(change);
   }
 
-  void give_record(what how, const nlohmann::json *a, const nlohmann::json *b) {
+  void give_record(what how, const side_message *a, const side_message *b) {
     state_change change = named(how);
     if (a != nullptr) {
-      change.key = (*a)["key"].get<std::string>();
+      change.key = a->key;
       change.a = value_of(uri_a_.empty() ? name_ : uri_a_, *a);
     }
     if (b != nullptr) {
-      change.key = (*b)["key"].get<std::string>();
+      change.key = b->key;
       change.b = value_of(uri_b_.empty() ? name_ : uri_b_, *b);
     }
     take_(change);
@@ -647,12 +780,22 @@ nlohmann::json state_change::to_json() const {
 record_totals diff_states(const state_side &a, const state_side &b,
                           const std::function<void(const state_change &)> &take,
                           const std::function<void()> &record_read) {
-  asked_side asked(b, a.uri, record_read);
+  uint64_t same = 0;
+  telling how = {a.uri, {}};
+  try {
+    how.skipped = same_stores(a, b, &same);
+  } catch (const failure &error) {
+    if (error.status() > 128) {
+      throw;
+    }
+    // A side that cannot be looked into is told below.
+  }
+  asked_side asked(b, how, record_read);
   asked.advance();
   merger merged(a, b, &asked, take);
   try {
-    hear_side(a, a.uri, [&](const nlohmann::json &message) {
-      if (message.contains("key")) {
+    hear_side(a, how, [&](const side_message &message) {
+      if (message.is_record()) {
         record_read();
       }
       merged.hear(message);
@@ -664,20 +807,20 @@ record_totals diff_states(const state_side &a, const state_side &b,
     throw failure(error.status(), in_quotes(a.label) + ": " + error.message(), error.next_action());
   }
   merged.end();
-  return merged.totals();
+  return {merged.totals().a + same, merged.totals().b + same};
 }
 
 void for_each_record(const state_side &side,
                      const std::function<void(const state_change &)> &take) {
-  hear_side(side, side.uri, [&](const nlohmann::json &message) {
-    if (!message.contains("key")) {
+  hear_side(side, {side.uri, {}}, [&](const side_message &message) {
+    if (!message.is_record()) {
       return;
     }
     state_change change;
     change.how = what::removed;
     change.kind = kinds[store_kind];
     change.name = side.uri;
-    change.key = message["key"].get<std::string>();
+    change.key = message.key;
     change.a = value_of(side.uri, message);
     take(change);
   });
@@ -690,14 +833,8 @@ std::string state_digest(const state_side &side) {
   request.root = side.root;
   request.body = [](const jail::channel &channel) {
     lab::running_sum sum;
-    tell_state(teller([&](const nlohmann::json &message) {
-      if (message.contains("trouble")) {
-        throw failure(exit_refused, message["trouble"].get<std::string>());
-      }
-      const std::string text =
-          message.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
-      sum.add(text.data(), text.size());
-    }));
+    tell_state(teller([&](std::string_view line) { sum.add(line.data(), line.size()); },
+                      [](const std::string &trouble) { throw failure(exit_refused, trouble); }));
     channel.send({{"digest", sum_text(sum)}});
   };
   request.on_message = [&](const nlohmann::json &message) { digest = message.value("digest", ""); };

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what is missing, builds the library and the command line, creates lab switches from
-# examples/, converts them with the real library, and shows what changed.
+# examples/, converts them with the real library, shows what changed, and goes the careful way:
+# check, rehearse, a saved plan, its conversion, history, rollback.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/packages.sh install demo
@@ -16,8 +17,8 @@ say() {
   printf '\n# %s\n' "$*"
 }
 
-# Shows a command as it would be typed, and runs it.
-run() {
+# Shows a command as it would be typed.
+typed() {
   printf '$ datamorph'
   for word in "$@"; do
     case $word in
@@ -26,7 +27,25 @@ run() {
     esac
   done
   printf '\n'
+}
+
+run() {
+  typed "$@"
   "$datamorph" "$@"
+}
+
+# Runs a command that writes much, and shows its last lines and its last message.
+run_last() {
+  lines=$1
+  shift
+  typed "$@"
+  "$datamorph" "$@" >data 2>messages || {
+    cat messages >&2
+    exit 1
+  }
+  echo ...
+  tail -n "$lines" data
+  tail -n 1 messages
 }
 
 # What a switch holds, one line each.
@@ -68,5 +87,20 @@ run store show ./switch nonvolatile:/cfg/startup/vdc_2/bin/vrrp-eng_runtime_conf
 say 'A switch in NPV mode goes from 4.2(1) down to 4.0(4): EPP loses its stores and access point'
 run lab create ./npv --from "$OLDPWD/examples/npv-switch.json"
 convert_and_compare npv --to '4.0(4)'
+
+say 'The careful way, with a fresh switch: does anything stand in the way of 4.2(1)?'
+run lab create ./fresh
+run check ./fresh --to '4.2(1)'
+
+say 'What it would do, on a copy: the last lines of every change and what is lost; kept as a plan'
+run_last 10 rehearse ./fresh --to '4.2(1)' --save plan.json
+
+say 'The plan, carried out: refused if the switch were another one by now'
+run_last 1 convert ./fresh --plan plan.json
+
+say 'What was done, and back in one step'
+run history ./fresh
+run why ./fresh nonvolatile:/cfg/0/ethpm_runtime_info 33061a000000
+run rollback ./fresh --yes
 
 say "Done. Try it yourself: $datamorph --help"

@@ -269,6 +269,37 @@ TEST_F(report_page_test, what_could_not_be_read_is_told) {
   EXPECT_EQ(text(".change"), "unreadable storeAfter: it is damagedby a step that is not known");
 }
 
+TEST_F(report_page_test, what_is_not_known_is_told) {
+  json tail = some_tail();
+  tail["losses"]["records"][0]["why"] = nullptr;
+  tail["steps"][1]["status"] = nullptr;
+  tail["steps"][1]["status_text"] = "";
+  tail["steps"][1]["trouble"] = "it crashed";
+  tail["round_trip"] = {{"trouble", "no way"}, {"changes", json::array()}, {"total", 0}};
+  tail["via"] = tail["round_trip"];
+  tail["via"]["release"] = "4.1(1)";
+  show(some_changes(), tail);
+  EXPECT_EQ(text("#losses .by"), "unaccounted for; by startup, VDC 1: VRRP_MGR");
+  EXPECT_EQ(text("#losses .by .bad"), "unaccounted for");
+  EXPECT_EQ(all("#things .word.lost"), texts({"lost: speed 10000", "lost: unaccounted for"}));
+  EXPECT_EQ(text("#step-1 summary"), "VRRP_MGRno status1 changed, 2 removed1.2 ms");
+  EXPECT_EQ(all("#step-1 > p"), texts({"it crashed", "no status, by VRRP_MGR_routine"}));
+  EXPECT_EQ(text("#round-trip > .bad"), "This way fails: no way");
+  EXPECT_EQ(text("#via > .bad"), "This way fails: no way");
+}
+
+TEST_F(report_page_test, a_change_by_two_steps_is_of_both) {
+  std::vector<json> changes = some_changes();
+  changes[3]["earlier_steps"] = {0};
+  show(changes, some_tail(), "#step=0&change=added");
+  EXPECT_EQ(all("#things .by"),
+            texts({"by gsync, VDC 1: TEST_ETHPM, then by startup, VDC 1: VRRP_MGR"}));
+  at().open(address("#service=TEST_ETHPM&change=added"));
+  EXPECT_EQ(text("#shown"), "1 of 4 changes, in 1 of 3 things.");
+  at().open(address("#step-0"));
+  EXPECT_TRUE(eventually("document.querySelectorAll('#step-0 .change').length === 2"));
+}
+
 TEST_F(report_page_test, a_step_shows_its_changes_beside_its_trace) {
   show(some_changes(), some_tail(), "#step-1");
   EXPECT_EQ(value("document.getElementById('step-1').open"), true);
@@ -284,6 +315,7 @@ TEST_F(report_page_test, other_ways_and_the_matrix) {
   json tail = some_tail();
   tail["round_trip"] = {{"changes", {some_changes()[2]}}, {"total", 5}};
   tail["via"] = {{"release", "4.1(1)"}, {"changes", json::array()}, {"total", 0}};
+  tail["losses"]["records_total"] = 2;
   tail["complete"] = "all of it.jsonl";
   tail["matrix"] = {{"releases", {"4.1(5)", "4.2(1)"}},
                     {"cells",
@@ -299,8 +331,9 @@ TEST_F(report_page_test, other_ways_and_the_matrix) {
                        {"text", "no image"}}}}};
   show(some_changes(), tail);
   EXPECT_EQ(text("#round-trip > p"), "5 changes did not return, there and back.");
-  EXPECT_EQ(text("#round-trip .note"), "4 more in the complete list.");
-  EXPECT_EQ(value("document.querySelector('#round-trip .note a').getAttribute('href')"),
+  EXPECT_EQ(text("#round-trip .note"), "4 more not listed here."); // nor in the complete list
+  EXPECT_EQ(text("#losses .note"), "1 more in the complete list.");
+  EXPECT_EQ(value("document.querySelector('#losses .note a').getAttribute('href')"),
             "all%20of%20it.jsonl");
   EXPECT_EQ(all("#round-trip .change h4"), texts({"removed VR record 0a01"}));
   EXPECT_EQ(all("#round-trip .by, #round-trip .lost"), texts()); // not of these steps and losses

@@ -210,9 +210,9 @@ std::string loss_item(const json &loss, const std::string &kind, const std::stri
   return "<li class=\"loss\"><p>" + element("b", kind.empty() ? "record" : kind) + " " +
          element("code", loss["key"].get<std::string>()) + " of " +
          element("code", loss["store"].get<std::string>()) + "</p>" + fields + "<p class=\"by\">" +
-         (why.empty() ? "" : (bad ? element("strong", why, " class=\"bad\"") : escaped(why)) + "; ") +
-         "by " + step_link(steps, loss["step"]) +
-         "</p></li>\n";
+         (why.empty() ? ""
+                      : (bad ? element("strong", why, " class=\"bad\"") : escaped(why)) + "; ") +
+         "by " + step_link(steps, loss["step"]) + "</p></li>\n";
 }
 
 template <typename item_t>

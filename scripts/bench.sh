@@ -11,7 +11,7 @@ TMPDIR=$(pwd)/build
 export TMPDIR
 status=0
 for program in trace_bench load_bench stores_bench messages_bench vrrp_library_bench vrrp_bench \
-  walk_library_bench walk_bench gsdb_bench; do
+  walk_library_bench walk_bench gsdb_bench rehearse_bench; do
   build/bench/$program || status=1
 done
 exit $status

@@ -75,8 +75,7 @@ TEST_F(history, of_a_new_switch_is_empty) {
   create("sw");
 
   EXPECT_EQ(runs(), json::array());
-  EXPECT_EQ(run({"history", "sw"}).out, "RUN STARTED SECONDS VERB FROM TO MOMENTS SERVICES RESULT "
-                                        "BY ADDED CHANGED REMOVED REMARK\n");
+  EXPECT_EQ(run({"history", "sw"}).out, "sw: no runs yet\n");
 }
 
 TEST_F(history, without_a_folder_for_runs_is_empty) {

@@ -212,7 +212,8 @@ TEST_F(rehearsals, the_table) {
   const result shown = run({"rehearse", "sw", "--to", "4.2(1)"});
 
   EXPECT_EQ(shown.status, 0);
-  EXPECT_EQ(shown.err, "");
+  EXPECT_EQ(shown.err, "datamorph: nothing was converted; to do it: datamorph convert sw --to "
+                       "'4.2(1)'; --save FILE makes a plan first\n");
   EXPECT_TRUE(shown.out.starts_with("sw: from 4.1(5) to 4.2(1), rehearsed on a copy; the switch is "
                                     "as it was\n\nSTEP MOMENT"));
   for (const char *line : {
@@ -225,7 +226,7 @@ TEST_F(rehearsals, the_table) {
            "\"\", DOT1X \"\"\n",
            "\nLost: 5 records, 0 fields\n",
            "\nstores, files and the like: 8 added, 0 removed, 1 changed; records: 22 added, 19 "
-           "removed, 4 changed, 2 of no known form; 0 unreadable\n95 records in, 90 converted, 5 "
+           "removed, 4 changed, 2 undecoded; 0 unreadable\n95 records in, 90 converted, 5 "
            "removed by rule, 0 unaccounted\n",
        }) {
     EXPECT_NE(shown.out.find(line), std::string::npos) << line << shown.out;
@@ -288,8 +289,10 @@ TEST_F(rehearsals, what_a_stopped_command_left_stays) {
   write("sw/.copy", "");
   const result shown = run({"rehearse", "sw", "--to", "4.2(1)"});
   EXPECT_EQ(shown.status, 0);
-  EXPECT_EQ(shown.err, "datamorph: 'sw': a command was stopped here; the next one that may write "
-                       "tidies up\n");
+  EXPECT_TRUE(
+      shown.err.starts_with("datamorph: 'sw': a command was stopped here; the next one that may "
+                            "write tidies up\n"))
+      << shown.err;
   EXPECT_TRUE(exists("sw/next"));
 }
 
@@ -306,6 +309,19 @@ TEST_F(rehearsals, what_convert_refuses_is_refused) {
   EXPECT_EQ(run({"rehearse", "sw", "--to", "4.2(1)", "--service", "nobody"}).status, 64);
   EXPECT_EQ(run({"rehearse", "none", "--to", "4.2(1)"}).status, 3);
   EXPECT_EQ(run({"rehearse", "sw", "--to", "4.2(1)", "--via", "9.9(9)"}).status, 3);
+  for (const char *release : {"4.2(1)", "4.1(5)"}) {
+    const result same = run({"rehearse", "sw", "--to", "4.2(1)", "--via", release});
+    EXPECT_EQ(same.status, 64);
+    EXPECT_EQ(same.out, "");
+    EXPECT_EQ(same.err,
+              "datamorph: 'sw': --via is one of the two releases; name another one between them\n");
+  }
+  const result unwritable = run({"rehearse", "sw", "--to", "4.2(1)", "--save", "none/plan.json"});
+  EXPECT_EQ(unwritable.status, 3);
+  EXPECT_EQ(unwritable.out, "");
+  EXPECT_EQ(unwritable.err,
+            "datamorph: 'sw': cannot write 'none/plan.json': No such file or directory; "
+            "name another place\n");
   write("sw/current/cfg/0/vlan_cfg.pss", "rubbish");
   const result damaged = run({"rehearse", "sw", "--to", "4.2(1)"});
   EXPECT_EQ(damaged.status, 3);
@@ -421,8 +437,9 @@ protected:
     rehearsals::SetUp();
     const result done = run({"rehearse", "sw", "--to", "4.2(1)", "--save", "plan.json"});
     ASSERT_EQ(done.status, 0) << done.err;
-    EXPECT_EQ(done.err, "datamorph: plan: plan.json; commit it with 'datamorph convert sw --plan "
-                        "plan.json'\n");
+    EXPECT_EQ(done.err,
+              "datamorph: plan: plan.json; carry it out with 'datamorph convert sw --plan "
+              "plan.json'\n");
   }
   void change_plan(const char *member, const nlohmann::json &value) const {
     nlohmann::json plan = nlohmann::json::parse(read("plan.json"));
@@ -435,8 +452,15 @@ TEST_F(plans, are_carried_out) {
   const result done = run({"convert", "sw", "--plan", "plan.json"});
   EXPECT_EQ(done.status, 0) << done.err;
   EXPECT_EQ(show("sw")["release"], "4.2(1)");
-  // Once: then it is another switch.
-  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 3);
+  EXPECT_NE(
+      done.out.find("\nsw: converted from 4.1(5) to 4.2(1), to the state that the plan tells of\n"),
+      std::string::npos)
+      << done.out;
+  const result again = run({"convert", "sw", "--plan", "plan.json"});
+  EXPECT_EQ(again.status, 3);
+  EXPECT_EQ(again.err,
+            "datamorph: 'sw': the plan has been carried out: the switch is in the state that "
+            "it leads to; nothing is left to do\n");
 }
 
 TEST_F(plans, of_a_switch_that_has_changed_are_refused) {
@@ -480,6 +504,24 @@ TEST_F(plans, that_are_not_reached_change_nothing) {
   expect_tidy("sw");
 }
 
+TEST_F(plans, are_not_written_into_the_switch) {
+  for (const char *option : {"--save", "--report"}) {
+    const result done = run({"rehearse", "sw", "--to", "4.2(1)", option, "sw/current/cfg/x"});
+    EXPECT_EQ(done.status, 64);
+    EXPECT_EQ(done.err,
+              "datamorph: 'sw': 'sw/current/cfg/x' lies in the switch, of which nothing is "
+              "written; name a place beside it\n");
+  }
+}
+
+// The next step is told only where the option --to says all of it.
+TEST_F(rehearsals, a_part_of_it_proposes_nothing) {
+  EXPECT_EQ(
+      run({"rehearse", "sw", "--to", "4.2(1)", "--service", "VRRP_MGR", "--service", "VRRP_ENG"})
+          .err,
+      "");
+}
+
 TEST_F(plans, keep_what_was_chosen) {
   ASSERT_EQ(run({"rehearse", "sw", "--to", "4.2(1)", "--moment", "startup", "--service", "VRRP_MGR",
                  "--service", "VRRP_ENG", "--save", "plan.json"})
@@ -492,7 +534,7 @@ TEST_F(plans, keep_what_was_chosen) {
 }
 
 TEST_F(plans, that_make_no_sense_are_refused) {
-  const std::string advice = "; make it anew with 'datamorph rehearse --save'\n";
+  const std::string advice = "; make one with 'datamorph rehearse --save'\n";
   const auto refused = [&](const std::string &what) {
     const result done = run({"convert", "sw", "--plan", "plan.json"});
     EXPECT_EQ(done.status, 3);
@@ -511,7 +553,9 @@ TEST_F(plans, that_make_no_sense_are_refused) {
   refused("it is no plan");
   write("plan.json", "{");
   EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 3);
-  EXPECT_EQ(run({"convert", "sw", "--plan", "none.json"}).status, 3);
+  const result none = run({"convert", "sw", "--plan", "none.json"});
+  EXPECT_EQ(none.status, 3);
+  EXPECT_EQ(none.err, "datamorph: there is no plan 'none.json'" + advice);
   EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json", "--to", "4.2(1)"}).status, 64);
   EXPECT_EQ(run({"convert", "sw"}).status, 64);
 }

@@ -181,9 +181,8 @@ TEST_F(rollback, nobody_is_asked_without_a_terminal) {
   create_converted();
 
   expect_refused({"rollback", "sw"},
-                 "not rolled back: there is no terminal to ask on; --yes would put the state of "
-                 "4.1(5) in previous/ back in the place of the one of 4.2(1) in 'sw' without "
-                 "asking");
+                 "not rolled back: there is no terminal to ask on; 'datamorph rollback sw --yes' "
+                 "goes back from 4.2(1) to 4.1(5)");
 
   expect_untouched();
 }
@@ -271,9 +270,7 @@ protected:
 
   std::unique_ptr<background> start_and_be_asked() {
     std::unique_ptr<background> running = start({"rollback", "sw"});
-    EXPECT_EQ(shown_until("[y/N] "),
-              "Put the state of 4.1(5) in previous/ back in the place of the "
-              "one of 4.2(1) in 'sw'? [y/N] ");
+    EXPECT_EQ(shown_until("[y/N] "), "Roll 'sw' back from 4.2(1) to 4.1(5)? [y/N] ");
     return running;
   }
 

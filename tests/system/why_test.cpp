@@ -152,13 +152,15 @@ TEST_F(why, a_reboot_is_told_where_it_empties_the_store) {
 TEST_F(why, what_nothing_touched_is_said_so) {
   create("sw");
   EXPECT_EQ(table({"sw", "nonvolatile:/cfg/0/none"}),
-            "nothing touched the store 'nonvolatile:/cfg/0/none' in 0 runs\n"
+            "nothing touched the store 'nonvolatile:/cfg/0/none': the switch has no runs yet\n"
             "the store 'nonvolatile:/cfg/0/none' is not there now\n");
   convert_as("change", 0);
-  EXPECT_EQ(table({"sw", vlans, "0001"}),
-            "nothing touched the record '0001' of the store 'nonvolatile:/cfg/0/vlan_cfg' in 1 "
-            "run\nthe record '0001' of the store 'nonvolatile:/cfg/0/vlan_cfg' is there now, with "
-            "34 bytes\n");
+  EXPECT_EQ(
+      table({"sw", vlans, "0001"}),
+      "nothing touched the record '0001' of the store 'nonvolatile:/cfg/0/vlan_cfg': it stands in "
+      "no journal of 1 run\nthe record '0001' of the store 'nonvolatile:/cfg/0/vlan_cfg' is there "
+      "now, with "
+      "34 bytes\n");
   EXPECT_EQ(told(ask({"sw", vlans, ""})), words{});
 }
 

@@ -411,7 +411,7 @@ int checking::run() {
   check_run();
   check_state();
   if (common_.format == output::format::json) {
-    output::json(to_json());
+    output::json(to_json(), "findings");
   } else {
     print_blocks();
   }

@@ -27,6 +27,7 @@ public:
   int run(const saved_plan *plan);
 
 private:
+  void check_plan(const std::string &digest) const;
   void prepare();
   void convert_copy(const run_folder &folder);
   int attempt(const run_folder &folder);
@@ -50,12 +51,25 @@ private:
   const saved_plan *saved_ = nullptr; // what was rehearsed, when that is to happen
 };
 
+void version_change::check_plan(const std::string &digest) const {
+  if (digest == saved_->before) {
+    return;
+  }
+  const std::string place = in_quotes(options_.dir) + ": ";
+  if (digest == saved_->after) {
+    throw failure(exit_refused,
+                  place + "the plan has been carried out: the switch is in the state "
+                          "that it leads to",
+                  "nothing is left to do");
+  }
+  throw failure(exit_refused, place + "the switch has changed since the plan was made",
+                "rehearse again; 'datamorph history' may tell what was done");
+}
+
 // All that is refused, and the plan of what is done.
 void version_change::prepare() {
-  if (saved_ != nullptr && state_digest({options_.dir, switch_.current(), ""}) != saved_->before) {
-    throw failure(exit_refused,
-                  in_quotes(options_.dir) + ": the switch has changed since the plan was made",
-                  "rehearse again; 'datamorph history' may tell what was done");
+  if (saved_ != nullptr) {
+    check_plan(state_digest({options_.dir, switch_.current(), ""}));
   }
   conversion_.prepare(switch_.current());
   switch_.check_exchange();
@@ -92,8 +106,9 @@ void version_change::commit() {
   switch_.commit(std::move(next_), state);
   report_.converted = true;
   report_.release = state.release;
-  report_.closing_line =
-      options_.dir + ": converted from " + conversion_.plan().from + " to " + conversion_.plan().to;
+  report_.closing_line = options_.dir + ": converted from " + conversion_.plan().from + " to " +
+                         conversion_.plan().to +
+                         (saved_ == nullptr ? "" : ", to the state that the plan tells of");
   if (!conversion_.whole_change()) {
     report_.closing_line +=
         "; only a part of the version change, so its release stays " + state.release;

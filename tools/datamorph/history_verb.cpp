@@ -115,6 +115,10 @@ int history(const common_options &common, const std::string &dir) {
   const switch_dir target(dir, switch_dir::access::read);
   const std::vector<run_row> rows = run_rows(target);
   if (common.format == output::format::table) {
+    if (rows.empty()) {
+      output::text(dir + ": no runs yet\n");
+      return exit_done;
+    }
     print_table(rows);
     return exit_done;
   }
@@ -122,6 +126,6 @@ int history(const common_options &common, const std::string &dir) {
   for (const run_row &row : rows) {
     list.push_back(row_json(row));
   }
-  output::json({{"switch", dir}, {"runs", list}});
+  output::json({{"switch", dir}, {"runs", list}}, "runs");
   return exit_done;
 }

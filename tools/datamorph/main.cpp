@@ -190,7 +190,8 @@ private:
         ->type_name("FILE");
     sub->add_option("--report", rehearse_.report,
                     "Write all of it as one HTML page into this file, and every change as a line "
-                    "of JSON into a file beside it (.jsonl instead of .html)")
+                    "of JSON into a file beside it (.jsonl instead of .html); values are shown as "
+                    "they are, keys of authentication too")
         ->type_name("FILE");
     sub->add_flag("--matrix", rehearse_.matrix,
                   "Rehearse every pair of the switch's releases as well, for --report and JSON");
@@ -207,7 +208,8 @@ private:
         "datamorph matrix /tmp/switch --release '4.1(5)' --release '4.2(1)' --release '5.0(2)'\n\n"
         "Every pair is rehearsed on a copy that was brought to the release it begins with: it "
         "acts\n"
-        "(with the number of changes), does nothing, or fails. Nothing of the switch is written.",
+        "(with the number of changes, the release's own not counted), does nothing, or fails.\n"
+        "Nothing of the switch is written. Exit status: 0 also when pairs fail, 3 refused.",
         [this] { return matrix(common_, matrix_); });
     sub->add_option("DIR", matrix_.work.dir, dir_help)->required();
     sub->add_option("--release", matrix_.releases,
@@ -256,7 +258,8 @@ private:
         &app_, "history", "The conversions, reboots and rollbacks of a lab switch, oldest first",
         "datamorph history /tmp/switch\n\n"
         "Tells what each run wrote down in DIR/runs/NUMBER; \"-\" is what it did not. Records\n"
-        "are counted of conversions that were done, SECONDS is how long a run took.",
+        "are counted of conversions that were done, at each call; 'datamorph diff' tells what is\n"
+        "different in the end. SECONDS is how long a run took.",
         [this] { return history(common_, dir_); });
     list->add_option("DIR", dir_, dir_help)->required();
     CLI::App *back =

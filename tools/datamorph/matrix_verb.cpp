@@ -78,6 +78,32 @@ void check_releases(const std::vector<std::string> &wanted, const std::vector<st
   }
 }
 
+void print_closing(const std::vector<matrix_cell> &in_order) {
+  std::map<std::string, size_t> pairs;
+  for (const matrix_cell &cell : in_order) {
+    ++pairs[cell.outcome];
+  }
+  output::text("\n" + counted(in_order.size(), "pair") + ": " + std::to_string(pairs["acts"]) +
+               " act, " + std::to_string(pairs["nothing"]) + " do nothing, " +
+               std::to_string(pairs["fails"]) + " fail\n");
+}
+
+// Those that were asked for, each once, or all.
+std::vector<std::string> chosen(const std::vector<std::string> &wanted,
+                                const std::vector<std::string> &known) {
+  std::vector<std::string> releases;
+  for (const std::string &name : wanted.empty() ? known : wanted) {
+    if (std::find(releases.begin(), releases.end(), name) == releases.end()) {
+      releases.push_back(name);
+    }
+  }
+  if (releases.size() < 2) {
+    throw failure(wanted.empty() ? exit_refused : exit_usage,
+                  "a change of release wants two of them", "name at least two with --release");
+  }
+  return releases;
+}
+
 int show_matrix(const common_options &common, const matrix_options &options) {
   const switch_dir owner(options.work.dir, switch_dir::access::look);
   if (!owner.state_trouble().empty()) {
@@ -87,7 +113,7 @@ int show_matrix(const common_options &common, const matrix_options &options) {
   const unique_fd before = scratch.copy(owner.current(), "before");
   const std::vector<std::string> known = image_releases({options.work.dir, before.get(), ""});
   check_releases(options.releases, known);
-  const std::vector<std::string> &releases = options.releases.empty() ? known : options.releases;
+  const std::vector<std::string> releases = chosen(options.releases, known);
   progress shown;
   shown.begin("rehearsing", releases.size() * (releases.size() - 1), "changes of release");
   std::vector<matrix_cell> in_order;
@@ -108,6 +134,7 @@ int show_matrix(const common_options &common, const matrix_options &options) {
   } else {
     print_grid(releases, all);
     print_details(in_order);
+    print_closing(in_order);
   }
   return exit_done;
 }

@@ -4,7 +4,7 @@
 
 namespace {
 
-std::string lines_path(const std::string &page) {
+std::string lines_beside(const std::string &page) {
   constexpr std::string_view ending = ".html";
   const bool html = page.ends_with(ending);
   return (html ? page.substr(0, page.size() - ending.size()) : page) + ".jsonl";
@@ -13,7 +13,7 @@ std::string lines_path(const std::string &page) {
 } // namespace
 
 rehearsal_files::rehearsal_files(const std::string &page, const nlohmann::json &head)
-    : lines_path_(lines_path(page)), page_file_(page), lines_(lines_path_),
+    : lines_path_(lines_beside(page)), page_file_(page), lines_(lines_path_),
       page_(page_file_.fd(), head) {}
 
 void rehearsal_files::change(const nlohmann::json &change) {

@@ -15,6 +15,7 @@ public:
   // the page's. Throws failure(3) when the files cannot be made.
   rehearsal_files(const std::string &page, const nlohmann::json &head);
 
+  const std::string &lines_path() const { return lines_path_; }
   void change(const nlohmann::json &change);
   // Both files stand there afterwards. `tail` is the page's; "complete" is added here. Throws
   // failure(1).

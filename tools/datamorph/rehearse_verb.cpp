@@ -1,6 +1,8 @@
 // rehearse: a version change on a copy, and all that it does, change by change.
 #include "verbs.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <memory>
 
 #include "change_tables.h"
@@ -54,7 +56,7 @@ struct change_counts {
              std::to_string(of[2]) + " changed";
     };
     return "stores, files and the like: " + counts(things) + "; records: " + counts(records) +
-           ", " + std::to_string(undecoded) + " of no known form; " + std::to_string(unreadable) +
+           ", " + std::to_string(undecoded) + " undecoded; " + std::to_string(unreadable) +
            " unreadable";
   }
 };
@@ -95,6 +97,14 @@ struct comparison {
   }
 };
 
+bool lies_in(const std::string &file, const std::string &folder) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::path inner = fs::weakly_canonical(fs::absolute(file, error), error);
+  const fs::path outer = fs::weakly_canonical(fs::absolute(folder, error), error);
+  return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
+}
+
 // ---- The verb ----------------------------------------------------------------------------------
 
 class rehearse_run {
@@ -119,6 +129,7 @@ private:
   nlohmann::json tail_json(const rehearsal &main) const;
   void write_page(const rehearsal &main);
   void every_pair();
+  void check_options();
   void save(const rehearsal &main) const;
   int complain(int status, const std::string &what) const;
 
@@ -128,8 +139,9 @@ private:
   scratch_folder scratch_;
   unique_fd before_; // a copy of the state: nothing else of the switch is opened
   change_tables tables_{true};
-  std::unique_ptr<output::document> document_; // with --format json
-  std::unique_ptr<rehearsal_files> files_;     // with --report
+  std::unique_ptr<output::document> document_;   // with --format json
+  std::unique_ptr<rehearsal_files> files_;       // with --report
+  std::unique_ptr<tree::placed_file> plan_file_; // with --save
   nlohmann::json matrix_;
   change_counts counts_;
   std::unique_ptr<loss_report> losses_;
@@ -348,7 +360,6 @@ void rehearse_run::write_page(const rehearsal &main) {
                                             " to " + main.done().plan().to
                                       : "It would not be converted: " + main.trouble();
   files_->finish(tail);
-  output::message("report: " + options_.report);
 }
 
 void rehearse_run::print_losses() const {
@@ -378,7 +389,9 @@ void rehearse_run::print_losses() const {
     output::table({{"STORE"}, {"KEY"}, {"BY"}, {"WHAT"}, {"WHY"}}, rows);
   }
   if (total > rows.size()) {
-    output::text(std::to_string(total - rows.size()) + " more; --format json has them\n");
+    output::text(std::to_string(total - rows.size()) +
+                 " more; --format json lists the first 1000, and all among its "
+                 "changes\n");
   }
 }
 
@@ -451,8 +464,8 @@ void rehearse_run::save(const rehearsal &main) const {
   plan.options.from = main.done().plan().from;
   plan.before = state_digest({options_.work.dir, before_.get(), ""});
   plan.after = state_digest({"the copy", main.root(), ""});
-  plan.write(options_.save);
-  output::message("plan: " + options_.save + "; commit it with 'datamorph convert " +
+  plan.write(plan_file_.get());
+  output::message("plan: " + options_.save + "; carry it out with 'datamorph convert " +
                   options_.work.dir + " --plan " + options_.save + "'");
 }
 
@@ -461,6 +474,29 @@ void rehearse_run::every_pair() {
   matrix_ = {{"releases", releases}, {"cells", nlohmann::json::array()}};
   rehearse_pairs({common_, options_.work, scratch_, before_.get(), switch_.state()}, releases,
                  [&](const matrix_cell &cell) { matrix_["cells"].push_back(cell.to_json()); });
+}
+
+// What would come to light after the work else.
+void rehearse_run::check_options() {
+  if (!options_.via.empty() &&
+      (options_.via == options_.work.to || options_.via == switch_.state().release)) {
+    throw failure(exit_usage, "--via is one of the two releases", "name another one between them");
+  }
+  if (!options_.via.empty()) {
+    convert_options over = options_.work;
+    over.to = options_.via;
+    conversion(common_, over, switch_.state()).prepare(before_.get());
+  }
+  for (const std::string &file : {options_.save, options_.report}) {
+    if (!file.empty() && lies_in(file, options_.work.dir)) {
+      throw failure(exit_usage,
+                    in_quotes(file) + " lies in the switch, of which nothing is written",
+                    "name a place beside it");
+    }
+  }
+  if (!options_.save.empty()) {
+    plan_file_ = std::make_unique<tree::placed_file>(options_.save);
+  }
 }
 
 int rehearse_run::complain(int status, const std::string &what) const {
@@ -479,6 +515,7 @@ int rehearse_run::run() {
                     ": a command was stopped here; the next one that may write tidies up");
   }
   before_ = scratch_.copy(switch_.current(), "before");
+  check_options();
   const std::unique_ptr<rehearsal> main =
       rehearse("rehearsal", before_.get(), switch_.state(), options_.work.to, options_.work.from);
   print_head(*main);
@@ -494,6 +531,9 @@ int rehearse_run::run() {
     every_pair();
   }
   print_end(*main);
+  if (files_ != nullptr) {
+    output::message("report: " + options_.report + ", all changes: " + files_->lines_path());
+  }
   for (const std::string &note : main->done().report().notes) {
     output::message(in_quotes(options_.work.dir) + ": " + note);
   }
@@ -506,6 +546,10 @@ int rehearse_run::run() {
   }
   if (!options_.save.empty()) {
     save(*main);
+  } else if (options_.work.is_whole()) {
+    output::message("nothing was converted; to do it: datamorph convert " +
+                    shell_word(options_.work.dir) + " --to " + shell_word(options_.work.to) +
+                    "; --save FILE makes a plan first");
   }
   return exit_done;
 }

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <memory>
-#include <optional>
+#include <set>
 
+#include "conversion.h"
 #include "failure.h"
 #include "jail.h"
 #include "rehearsal.h"
@@ -24,26 +25,47 @@ struct attempt {
   std::string trouble;
 };
 
+// What convert would refuse of this pair; "" when it would begin.
+std::string refused(const matrix_work &work, const convert_options &options, int root,
+                    const switch_state &state) {
+  try {
+    conversion(work.common, options, state).prepare(root);
+  } catch (const failure &error) {
+    if (error.status() != exit_refused) {
+      throw;
+    }
+    const std::string place = in_quotes(work.options.dir) + ": ";
+    const std::string message = error.what();
+    return message.starts_with(place) ? message.substr(place.size()) : message;
+  }
+  return "";
+}
+
 attempt try_to(const matrix_work &work, const char *name, int root, const switch_state &state,
                const std::string &to) {
   convert_options options = work.options;
   options.to = to;
   options.from = state.release;
   attempt result;
-  try {
+  result.trouble = refused(work, options, root, state);
+  if (result.trouble.empty()) {
     result.made =
         std::make_unique<rehearsal>(work.common, options, work.scratch, name, root, state);
     result.trouble = result.made->trouble();
-  } catch (const failure &error) {
-    if (error.status() != exit_refused) {
-      throw;
-    }
-    result.trouble = error.message();
   }
   return result;
 }
 
+// What is wrong with the switch is wrong with each pair.
+void check_state(const matrix_work &work) {
+  convert_options options = work.options;
+  options.to = work.state.release;
+  options.from = work.state.release;
+  conversion(work.common, options, work.state).prepare(work.root);
+}
+
 void count_changes(const matrix_work &work, int before, const rehearsal &made, matrix_cell *cell) {
+  std::set<size_t> steps;
   diff_states({work.options.dir, before, ""}, {"the copy", made.root(), ""},
               [&](const state_change &change) {
                 if (change.kind == "switch") {
@@ -51,11 +73,17 @@ void count_changes(const matrix_work &work, int before, const rehearsal &made, m
                 }
                 ++cell->changes;
                 const change_author author = made.authors().of(change);
-                add_once(&cell->routines, author.routine);
+                steps.insert(author.earlier.begin(), author.earlier.end());
                 if (author.step) {
-                  add_once(&cell->services, made.done().plan().requests[*author.step].service());
+                  steps.insert(*author.step);
                 }
               });
+  for (const size_t step : steps) {
+    add_once(&cell->services, made.done().plan().requests[step].service());
+    for (const std::string &routine : made.authors().routines_of(step)) {
+      add_once(&cell->routines, routine);
+    }
+  }
 }
 
 matrix_cell cell_of(const matrix_work &work, int root, const switch_state &state,
@@ -101,6 +129,7 @@ std::vector<std::string> image_releases(const state_side &side) {
 
 void rehearse_pairs(const matrix_work &work, const std::vector<std::string> &releases,
                     const std::function<void(const matrix_cell &)> &take) {
+  check_state(work);
   for (const std::string &from : releases) {
     attempt start;
     const bool there = from == work.state.release;

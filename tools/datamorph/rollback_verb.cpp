@@ -36,12 +36,12 @@ std::string answer() {
   return text.substr(0, text.find('\n'));
 }
 
-void confirm(const std::string &what) {
+void confirm(const std::string &dir, const std::string &what) {
   if (!can_ask()) {
-    throw failure(exit_refused, "not rolled back: there is no terminal to ask on; --yes would " +
-                                    what + " without asking");
+    throw failure(exit_refused, "not rolled back: there is no terminal to ask on",
+                  "'datamorph rollback " + dir + " --yes' goes back " + what);
   }
-  std::fputs((upper_case(what.substr(0, 1)) + what.substr(1) + "? [y/N] ").c_str(), stderr);
+  std::fputs(("Roll " + in_quotes(dir) + " back " + what + "? [y/N] ").c_str(), stderr);
   const std::string said = upper_case(answer());
   if (said != "Y" && said != "YES") {
     throw failure(exit_refused, "not rolled back, as asked; the switch is as it was");
@@ -68,7 +68,8 @@ std::string put_back(switch_dir *target, const switch_state &back) {
   } catch (const failure &error) {
     record.finish(run_result::failed, error.what());
     throw failure(error.status(),
-                  std::string("not rolled back: ") + error.what() + "; the switch is as it was");
+                  "not rolled back: " + error.message() + "; the switch is as it was",
+                  error.next_action());
   }
   record.finish(run_result::done, "");
   return folder.number();
@@ -80,8 +81,7 @@ int roll_back(const common_options &common, const std::string &dir, bool yes) {
   const switch_state back = target.previous_state();
   target.check_exchange();
   if (!yes) {
-    confirm("put the state of " + back.release + " in previous/ back in the place of the one of " +
-            now.release + " in " + in_quotes(dir));
+    confirm(dir, releases(now, back));
   }
   const std::string run = put_back(&target, back);
   const std::string closing = dir + ": rolled back, " + releases(now, back) +
@@ -110,8 +110,6 @@ int rollback(const common_options &common, const std::string &dir, bool yes) {
   try {
     return roll_back(common, dir, yes);
   } catch (const failure &error) {
-    const std::string message = error.what();
-    const bool placed = message.starts_with(in_quotes(dir));
-    throw failure(error.status(), placed ? message : in_quotes(dir) + ": " + message);
+    throw error.placed(in_quotes(dir));
   }
 }

@@ -13,6 +13,7 @@ namespace {
 
 constexpr int plan_version = 1;
 constexpr size_t largest_plan = size_t(1) << 20;
+constexpr char remedy[] = "make one with 'datamorph rehearse --save'";
 
 struct choice {
   const char *name;
@@ -32,8 +33,7 @@ bool is_moment(const std::string &name) {
 }
 
 [[noreturn]] void refuse(const std::string &file, const std::string &what) {
-  throw failure(exit_refused, in_quotes(file) + ": " + what,
-                "make it anew with 'datamorph rehearse --save'");
+  throw failure(exit_refused, in_quotes(file) + ": " + what, remedy);
 }
 
 // Throws nlohmann::json::exception for a member that is missing or of another type.
@@ -76,7 +76,7 @@ void saved_plan::fill(convert_options *wanted) const {
   }
 }
 
-void saved_plan::write(const std::string &file) const {
+void saved_plan::write(tree::placed_file *file) const {
   nlohmann::json document = {{"plan", plan_version},
                              {"to", options.to},
                              {"from", options.from},
@@ -87,10 +87,14 @@ void saved_plan::write(const std::string &file) const {
   for (const choice &one : choices) {
     document[one.name] = options.*one.chosen;
   }
-  tree::replace_file(AT_FDCWD, file, document.dump(2) + "\n");
+  file->write(document.dump(2) + "\n");
+  file->put();
 }
 
 saved_plan saved_plan::read(const std::string &file) {
+  if (!tree::exists(AT_FDCWD, file)) {
+    throw failure(exit_refused, "there is no plan " + in_quotes(file), remedy);
+  }
   const nlohmann::json document = parse_json(tree::read_file(AT_FDCWD, file, largest_plan), file);
   if (!document.is_object() || !document.contains("plan")) {
     refuse(file, "it is no plan");

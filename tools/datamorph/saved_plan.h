@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "tree.h"
 #include "verbs.h"
 
 struct saved_plan {
@@ -14,8 +15,8 @@ struct saved_plan {
 
   // Puts what chooses the work into the options.
   void fill(convert_options *wanted) const;
-  // Written beside its place and put there whole. Throws failure.
-  void write(const std::string &file) const;
+  // Puts the file in its place. Throws failure(1).
+  void write(tree::placed_file *file) const;
   // Throws failure(3) naming the file and what is wrong with it.
   static saved_plan read(const std::string &file);
 };

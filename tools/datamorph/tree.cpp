@@ -286,8 +286,13 @@ void replace_file(int folder, const std::string &name, const std::string &conten
 placed_file::placed_file(const std::string &path)
     : path_(path), beside_(path + "." + std::to_string(getpid()) + ".new"),
       file_(open(beside_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644)) {
-  if (!file_.is_open()) {
-    throw failure(exit_refused, "cannot write " + in_quotes(path) + ": " + error_text(errno),
+  const int error = errno;
+  struct stat about = {};
+  const bool is_folder = stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);
+  if (!file_.is_open() || is_folder) {
+    unlink(beside_.c_str());
+    throw failure(exit_refused,
+                  "cannot write " + in_quotes(path) + ": " + error_text(is_folder ? EISDIR : error),
                   "name another place");
   }
 }

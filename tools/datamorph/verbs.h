@@ -29,6 +29,12 @@ struct convert_options {
   bool accept_losses = false;
   unsigned timeout = 300; // seconds
   std::string plan;       // the file of a saved plan, which chooses all but dir; empty: none
+
+  // Nothing but the release is chosen.
+  bool is_whole() const {
+    return from.empty() && moments.empty() && services.empty() && !whole_table &&
+           !accept_failures && !accept_losses;
+  }
 };
 int convert(const common_options &common, const convert_options &options);
 

@@ -397,7 +397,10 @@ public:
       print_rows();
     }
     if (found.touches == 0) {
-      output::text("nothing touched " + found.what + " in " + counted(found.runs, "run") + "\n");
+      output::text("nothing touched " + found.what + ": " +
+                   (found.runs == 0 ? "the switch has no runs yet"
+                                    : "it stands in no journal of " + counted(found.runs, "run")) +
+                   "\n");
     }
     if (more_ > 0) {
       output::text(std::to_string(more_) + " more; --format json has them all\n");
@@ -442,8 +445,8 @@ private:
                    {"ROUTINE"},
                    {"CALL"},
                    {"TOUCHED"},
-                   {"OLD", align::right},
-                   {"NEW", align::right},
+                   {"OLD BYTES", align::right},
+                   {"NEW BYTES", align::right},
                    {"ADDED", align::right},
                    {"CHANGED", align::right},
                    {"REMOVED", align::right},

@@ -248,9 +248,10 @@ TEST_F(report_page_test, changes_stand_by_thing_field_by_field) {
   EXPECT_EQ(all("#things .fields > div"),
             texts({"primary_ipaddress 10.1.1.2", "prio120", "bytes0c0d"}));
   EXPECT_EQ(all("#things .word.lost"), texts({"lost: speed 10000", "lost: removed by rule"}));
-  EXPECT_EQ(all("#things .by"),
-            texts({"by a step that is not known", "by gsync, VDC 1: TEST_ETHPM, TEST_ETHPM_routine",
-                   "by startup, VDC 1: VRRP_MGR", "by startup, VDC 1: VRRP_MGR"}));
+  EXPECT_EQ(
+      all("#things .by"),
+      texts({"by the version change itself", "by gsync, VDC 1: TEST_ETHPM, TEST_ETHPM_routine",
+             "by startup, VDC 1: VRRP_MGR", "by startup, VDC 1: VRRP_MGR"}));
   value("document.querySelector('.change details').open = true");
   EXPECT_TRUE(eventually("document.querySelectorAll('.change details tbody tr').length === 3"));
   EXPECT_EQ(all(".change details tbody tr"), texts({"reason124143", "unit77", "bytes0a0b0c0d"}));
@@ -619,6 +620,39 @@ TEST_F(report_page_test, screen_readers_find_their_way) {
   EXPECT_EQ(value("[...document.querySelectorAll('[id]')].map((one) => one.id).filter((id, at, "
                   "all) => all.indexOf(id) !== at)"),
             json::array());
+}
+
+// ---- A page of the program ---------------------------------------------------------------------
+
+TEST_F(report_page_test, the_page_that_rehearse_writes_works) {
+  const std::string program = std::string("exec env TMPDIR='") + *folder_ + "' " DATAMORPH_PROGRAM;
+  const std::string at_switch = " '" + *folder_ + "/sw' ";
+  const std::string quiet = " >/dev/null 2>&1";
+  std::ifstream example(EXAMPLES "/datacenter-switch.json");
+  json description = json::parse(example);
+  description["releases"] = {"4.1(5)", "4.2(1)"}; // a matrix of two pairs is soon made
+  std::ofstream(*folder_ + "/switch.json") << description;
+  ASSERT_EQ(std::system((program + " lab create" + at_switch + "--from '" + *folder_ +
+                         "/switch.json'" + quiet)
+                            .c_str()),
+            0);
+  ASSERT_EQ(std::system((program + " rehearse" + at_switch +
+                         "--to '4.2(1)' --round-trip --matrix --report '" + *folder_ +
+                         "/page.html'" + quiet)
+                            .c_str()),
+            0);
+  at().open(address());
+  EXPECT_EQ(text("#shown"), "54 changes of 17 things.");
+  EXPECT_EQ(all("nav a"),
+            texts({"Summary", "Losses", "Timeline", "Changes", "Round trip", "Matrix"}));
+  EXPECT_EQ(text("#round-trip > p"), "22 changes did not return, there and back.");
+  EXPECT_EQ(all("#matrix td b"), texts({"acts", "acts"}));
+  at().open(address("#service=KPS"));
+  EXPECT_EQ(text("#shown"), "2 of 54 changes, in 2 of 17 things.");
+  EXPECT_EQ(text("#things .by"),
+            "by startup, VDC 1: KPS, then by startup, VDC 1: DOT1X, dot1x_data_morph_startup");
+  at().open(address("#lost=1"));
+  EXPECT_EQ(text("#shown"), "5 of 54 changes, in 2 of 17 things.");
 }
 
 // ---- The file ----------------------------------------------------------------------------------

@@ -175,7 +175,7 @@ std::string summary_part(const json &tail) {
          count_item("Records", three_counts(summary["records"])) +
          count_item("Lost", counted_of(losses["records_total"], "record") + ", " +
                                 counted_of(losses["fields_total"], "field")) +
-         count_item("Of no known form", number(summary["undecoded"])) +
+         count_item("Undecoded", number(summary["undecoded"])) +
          count_item("Unreadable", number(summary["unreadable"]), summary["unreadable"] != 0) +
          "</dl>\n";
 }

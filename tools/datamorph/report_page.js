@@ -125,7 +125,8 @@
   function madeBy(change) {
     const steps = stepsOf(change).flatMap((step) => [', then by ', link('#step-' + step.index, step.label)]).slice(1);
     const routine = change.routine ? [', ', make('code', {}, change.routine)] : [];
-    return ['by ', ...(steps.length > 0 ? steps : ['a step that is not known']), ...routine];
+    const nobody = change.kind === 'switch' ? 'the version change itself' : 'a step that is not known';
+    return ['by ', ...(steps.length > 0 ? steps : [nobody]), ...routine];
   }
 
   function changeItem(change, headTag = 'h4') {

@@ -92,7 +92,7 @@ std::string version_change::verdict() {
   if (output::reader_gone()) {
     return "the reader of its output is gone";
   }
-  const std::string trouble = conversion_.verdict();
+  std::string trouble = conversion_.verdict();
   if (!trouble.empty() || saved_ == nullptr) {
     return trouble;
   }

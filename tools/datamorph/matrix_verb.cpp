@@ -30,6 +30,7 @@ output::cell grid_cell(const cells &all, const std::string &from, const std::str
 
 void print_grid(const std::vector<std::string> &releases, const cells &all) {
   std::vector<std::string> names;
+  names.reserve(releases.size());
   for (const std::string &release : releases) {
     names.push_back("TO " + release);
   }

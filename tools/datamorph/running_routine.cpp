@@ -1,5 +1,6 @@
 #include "running_routine.h"
 
+#include <cstdint>
 #include <map>
 
 #include <unwind.h>
@@ -8,8 +9,8 @@ namespace {
 
 // Of the request that runs.
 struct {
-  const char *only = nullptr;                 // it has no other one
-  std::map<const void *, const char *> known; // by address
+  const char *only = nullptr;              // it has no other one
+  std::map<uintptr_t, const char *> known; // by address
 } running;
 
 struct search {
@@ -17,10 +18,7 @@ struct search {
 };
 
 _Unwind_Reason_Code look_at(_Unwind_Context *frame, void *argument) {
-  // The call itself: what follows it may be another function.
-  const uintptr_t at = _Unwind_GetIP(frame) - 1;
-  const void *const function = _Unwind_FindEnclosingFunction(reinterpret_cast<void *>(at));
-  const auto found = running.known.find(function);
+  const auto found = running.known.find(_Unwind_GetRegionStart(frame));
   if (found == running.known.end()) {
     return _URC_NO_REASON;
   }
@@ -40,13 +38,13 @@ void expect(const library &loaded, const conversion_request &request) {
   running.known.clear();
   for (const table_row &row : loaded.tables[static_cast<size_t>(request.which)]) {
     if (belongs(row, request)) {
-      running.known[row.address] = row.routine.c_str();
+      running.known[reinterpret_cast<uintptr_t>(row.address)] = row.routine.c_str();
     }
   }
   if (request.which == moment::gsync && running.known.size() == 1 &&
       request.uuid == SRVUUID_PSS_HELPER) {
     for (const table_row &row : loaded.helper_table) { // these are called by the helper's own
-      running.known[row.address] = row.routine.c_str();
+      running.known[reinterpret_cast<uintptr_t>(row.address)] = row.routine.c_str();
     }
   }
   running.only = running.known.size() == 1 ? running.known.begin()->second : nullptr;

@@ -103,7 +103,7 @@ saved_plan saved_plan::read(const std::string &file) {
     refuse(file, "it is a plan of another version than " + std::to_string(plan_version));
   }
   try {
-    const saved_plan plan = from_json(document);
+    saved_plan plan = from_json(document);
     check(plan, file);
     return plan;
   } catch (const nlohmann::json::exception &) {

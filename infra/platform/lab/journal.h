@@ -17,7 +17,7 @@ struct journal_entry {
   std::optional<std::string_view> uri;
   std::optional<std::string_view> key;
   std::optional<std::string_view> file; // that was written, or read into the store
-  bool has_sizes = false; // old and new are written, null where empty
+  bool has_sizes = false;               // old and new are written, null where empty
   std::optional<uint64_t> old_size;
   std::optional<uint64_t> new_size;
   bool has_counts = false;

@@ -149,9 +149,10 @@ syserr_t sysmgr_save_tables();
 //
 // While a journal is on, each platform call that changes something is written to it as one line of
 // JSON: n, moment, vdc, service (the request that was running), routine (whose call it is, where
-// somebody knows), call, and where they apply uri, file (a flat file), key (hex), old and new (bytes of the value, null when absent), added, changed, removed (records
-// of that store), sap, table_vdc, uuid, tag, old_tag (an entry of a tag table; hex), status, and
-// unexpected (true for a write that failed for another reason than that the thing was not there).
+// somebody knows), call, and where they apply uri, file (a flat file), key (hex), old and new
+// (bytes of the value, null when absent), added, changed, removed (records of that store), sap,
+// table_vdc, uuid, tag, old_tag (an entry of a tag table; hex), status, and unexpected (true for a
+// write that failed for another reason than that the thing was not there).
 
 // Writes to `fd` (owned by the caller, who closes it after journal_stop). `fd` -1: counts only.
 void journal_start(int fd);

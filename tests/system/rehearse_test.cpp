@@ -422,6 +422,7 @@ TEST_F(rehearsals, there_and_back) {
 TEST_F(rehearsals, over_another_release) {
   const nlohmann::json same = rehearse({"--to", "4.2(1)", "--via", "4.1(2)"});
   EXPECT_EQ(same["via"]["title"], "Over 4.1(2) instead");
+  EXPECT_EQ(same["via"]["release"], "4.1(2)");
   EXPECT_EQ(same["via"]["total"], 0);
   // The oldest one has no room for much of it.
   const nlohmann::json other = rehearse({"--to", "4.2(1)", "--via", "3.3(1)"});
@@ -437,9 +438,9 @@ protected:
     rehearsals::SetUp();
     const result done = run({"rehearse", "sw", "--to", "4.2(1)", "--save", "plan.json"});
     ASSERT_EQ(done.status, 0) << done.err;
-    EXPECT_EQ(done.err,
-              "datamorph: plan: plan.json; carry it out with 'datamorph convert sw --plan "
-              "plan.json'\n");
+    EXPECT_EQ(
+        done.err,
+        "datamorph: plan: plan.json; to carry it out: datamorph convert sw --plan plan.json\n");
   }
   void change_plan(const char *member, const nlohmann::json &value) const {
     nlohmann::json plan = nlohmann::json::parse(read("plan.json"));

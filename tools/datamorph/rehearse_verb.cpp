@@ -8,6 +8,7 @@
 #include "change_tables.h"
 #include "failure.h"
 #include "losses.h"
+#include "progress.h"
 #include "rehearsal.h"
 #include "rehearsal_files.h"
 #include "release_matrix.h"
@@ -67,6 +68,7 @@ struct change_counts {
 struct comparison {
   const char *name = ""; // in documents
   std::string title;
+  std::string release;               // that the other way goes back to, or over
   std::string trouble;               // why there is nothing to compare
   std::vector<state_change> changes; // the first ones
   uint64_t total = 0;
@@ -81,7 +83,11 @@ struct comparison {
     for (const state_change &change : changes) {
       listed.push_back(change.to_json());
     }
-    return {{"title", title}, {"trouble", trouble}, {"total", total}, {"changes", listed}};
+    return {{"title", title},
+            {"release", release},
+            {"trouble", trouble},
+            {"total", total},
+            {"changes", listed}};
   }
   void print() const {
     output::text("\n" + title + ": " + (trouble.empty() ? counted(total, "difference") : trouble) +
@@ -120,6 +126,7 @@ private:
                                       const std::string &to, const std::string &from) const;
   void print_head(const rehearsal &main);
   void give(const nlohmann::json &change);
+  void take(const rehearsal &main, const state_change &change);
   void compare(const rehearsal &main);
   void there_and_back(const rehearsal &main);
   void over_another(const rehearsal &main);
@@ -352,9 +359,6 @@ void rehearse_run::write_page(const rehearsal &main) {
   for (const char *member : {"round_trip", "via", "matrix"}) {
     tail.emplace(member, nullptr);
   }
-  if (!tail["via"].is_null()) {
-    tail["via"]["release"] = options_.via;
-  }
   tail["converted"] = main.status() == 0;
   tail["result"] = main.status() == 0 ? "It would be converted from " + main.done().plan().from +
                                             " to " + main.done().plan().to
@@ -406,29 +410,37 @@ void rehearse_run::give(const nlohmann::json &change) {
 
 // ---- What is compared --------------------------------------------------------------------------
 
+void rehearse_run::take(const rehearsal &main, const state_change &change) {
+  const change_author author = main.authors().of(change);
+  counts_.take(change);
+  losses_->take(change, author);
+  if (document_ != nullptr || files_ != nullptr) {
+    give(change_json(main, change, author));
+  }
+  if (document_ == nullptr) {
+    tables_.take(change, author_text(author));
+  }
+}
+
 void rehearse_run::compare(const rehearsal &main) {
   const state_side before = {options_.work.dir, before_.get(), ""};
   const state_side after = {"the copy", main.root(), ""};
   losses_ = std::make_unique<loss_report>(switch_.state(), main.done().stores("stores_before"),
                                           main.done().stores("stores_after"));
-  const record_totals totals = diff_states(before, after, [&](const state_change &change) {
-    const change_author author = main.authors().of(change);
-    counts_.take(change);
-    losses_->take(change, author);
-    if (document_ != nullptr || files_ != nullptr) {
-      give(change_json(main, change, author));
-    }
-    if (document_ == nullptr) {
-      tables_.take(change, author_text(author));
-    }
-  });
+  progress shown;
+  shown.begin("comparing", 0, "records read");
+  const record_totals totals = diff_states(
+      before, after, [&](const state_change &change) { take(main, change); },
+      [&] { shown.advance(); });
+  shown.end();
   losses_->end(before, after, totals);
 }
 
 void rehearse_run::there_and_back(const rehearsal &main) {
   comparison other;
   other.name = "round_trip";
-  other.title = "There and back to " + main.done().plan().from;
+  other.release = main.done().plan().from;
+  other.title = "There and back to " + other.release;
   const std::unique_ptr<rehearsal> back =
       rehearse("back", main.root(), main.state(), main.done().plan().from, main.done().plan().to);
   other.trouble = back->trouble();
@@ -442,7 +454,8 @@ void rehearse_run::there_and_back(const rehearsal &main) {
 void rehearse_run::over_another(const rehearsal &main) {
   comparison other;
   other.name = "via";
-  other.title = "Over " + options_.via + " instead";
+  other.release = options_.via;
+  other.title = "Over " + other.release + " instead";
   const std::unique_ptr<rehearsal> first =
       rehearse("via", before_.get(), switch_.state(), options_.via, main.done().plan().from);
   other.trouble = first->trouble();
@@ -465,8 +478,8 @@ void rehearse_run::save(const rehearsal &main) const {
   plan.before = state_digest({options_.work.dir, before_.get(), ""});
   plan.after = state_digest({"the copy", main.root(), ""});
   plan.write(plan_file_.get());
-  output::message("plan: " + options_.save + "; carry it out with 'datamorph convert " +
-                  options_.work.dir + " --plan " + options_.save + "'");
+  output::message("plan: " + options_.save + "; to carry it out: datamorph convert " +
+                  shell_word(options_.work.dir) + " --plan " + shell_word(options_.save));
 }
 
 void rehearse_run::every_pair() {

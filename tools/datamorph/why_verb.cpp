@@ -348,8 +348,7 @@ struct answer {
   size_t runs = 0;
   size_t touches = 0; // rollbacks left out, which touch everything
   std::vector<gap> gaps;
-  std::string now; // for people, and as JSON
-  std::string now_json;
+  nlohmann::json now; // what stands there
 };
 
 // A member that may be missing, as it stands.
@@ -412,7 +411,7 @@ public:
                         : "its journal is not told: " + to_text(missing.trouble)) +
                    "\n");
     }
-    output::text(found.what + " " + found.now + "\n");
+    output::text(found.what + " " + now_text(found.now) + "\n");
   }
 
 private:
@@ -458,31 +457,22 @@ private:
   size_t more_ = 0;
 };
 
-// Written line by line, so that nothing has to be held.
 class json_writer {
 public:
-  explicit json_writer(const nlohmann::json &head) {
-    std::string text = output::json_text(head, -1);
-    text.pop_back();
-    output::text(text + ",\n \"touches\": [");
-  }
-  void take(const nlohmann::json &touch) {
-    output::text(std::string(written_++ == 0 ? "\n  " : ",\n  ") + output::json_text(touch, -1));
-  }
-  void end(const answer &found) const {
+  explicit json_writer(const nlohmann::json &head) : result_(head, "touches") {}
+  void take(const nlohmann::json &touch) { result_.item(touch); }
+  void end(const answer &found) {
     nlohmann::json gaps = nlohmann::json::array();
     for (const gap &missing : found.gaps) {
       gaps.push_back({{"run", to_text(missing.run)},
                       {"damaged_lines", missing.damaged_lines},
                       {"trouble", or_null(missing.trouble)}});
     }
-    output::text(std::string(written_ == 0 ? "]" : "\n ]") + ",\n \"runs\": " +
-                 std::to_string(found.runs) + ",\n \"gaps\": " + output::json_text(gaps, -1) +
-                 ",\n \"now\": " + found.now_json + "\n}\n");
+    result_.end({{"runs", found.runs}, {"gaps", gaps}, {"now", found.now}});
   }
 
 private:
-  size_t written_ = 0;
+  output::document result_;
 };
 
 // Whatever can be refused is, before the writer writes its head.
@@ -492,9 +482,7 @@ struct inquiry {
     found.what = (key ? "the record " + in_quotes(options.key) + " of " : std::string()) +
                  "the store " + in_quotes(options.uri);
     found.runs = runs.size();
-    const nlohmann::json now = stands_now(target, options.uri, key);
-    found.now = now_text(now);
-    found.now_json = output::json_text(now, -1);
+    found.now = stands_now(target, options.uri, key);
   }
   template <typename writer_t> void answer_with(writer_t writer) {
     found.gaps = read_runs(target, runs, &asked, [&](const nlohmann::json &touch) {

@@ -81,7 +81,7 @@ TEST_F(journal, has_a_line_for_each_change_of_a_store) {
       stop(),
       R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_snapshot","uri":"volatile:/y","added":1,"changed":1,"removed":2,"status":0,"unexpected":false}
 {"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_snapshot","uri":"volatile:/new","added":3,"changed":0,"removed":0,"status":0,"unexpected":false}
-{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_kernel2file","uri":"volatile:/x","status":0,"unexpected":false}
+{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_kernel2file","uri":"volatile:/x","file":"/tmp/flat","status":0,"unexpected":false}
 {"n":4,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_destroy","uri":"volatile:/x","added":0,"changed":0,"removed":3,"status":0,"unexpected":false}
 {"n":5,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_destroy","uri":"volatile:/x","added":0,"changed":0,"removed":0,"status":1078460418,"unexpected":false}
 {"n":6,"moment":"startup","vdc":2,"service":"EVMS","call":"pss_create","uri":"volatile:/x","status":0,"unexpected":false}
@@ -100,8 +100,8 @@ TEST_F(journal, counts_what_a_flat_file_brought) {
 
   EXPECT_EQ(
       stop(),
-      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_file2kernel","uri":"volatile:/y","added":1,"changed":1,"removed":0,"status":0,"unexpected":false}
-{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_file2kernel","uri":"volatile:/y","added":0,"changed":0,"removed":0,"status":1078460418,"unexpected":false}
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_file2kernel","uri":"volatile:/y","file":"/tmp/flat","added":1,"changed":1,"removed":0,"status":0,"unexpected":false}
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"pss2_file2kernel","uri":"volatile:/y","file":"/tmp/none","added":0,"changed":0,"removed":0,"status":1078460418,"unexpected":false}
 )");
 }
 

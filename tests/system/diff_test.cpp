@@ -324,6 +324,24 @@ TEST_F(diff_of_states, refused) {
   EXPECT_EQ(run({"diff", "a"}).status, 64);
 }
 
+// What walks in a document calls itself: none that is nested without end is taken.
+TEST_F(diff_of_states, documents_without_end_are_refused) {
+  const std::string deep = std::string(200000, '[') + std::string(200000, ']');
+  write("expected", "{\"changes\":" + deep + "}");
+  const result expected = run({"diff", "a", "b", "--expect", "expected"});
+  EXPECT_EQ(expected.status, 3);
+  EXPECT_EQ(expected.err, "datamorph: 'expected': nested deeper than 64 levels\n");
+  fs::create_directories(path("a/runs/0001"));
+  write("a/runs/0001/run.json", "{\"format\":" + deep + "}");
+  EXPECT_EQ(run({"history", "a"}).status, 0);
+  write("a/runs/0001/journal.jsonl", "{\"moment\":" + deep + ",\"uri\":\"" + kps + "\"}\n");
+  EXPECT_EQ(run({"why", "a", kps}).status, 0);
+  write("b/current/switch.json", "{\"format\":" + deep + "}");
+  EXPECT_EQ(run({"lab", "show", "b"}).status, 3);
+  EXPECT_EQ(run({"check", "b", "--to", "4.2(1)"}).status, 3);
+  EXPECT_EQ(run({"rehearse", "b", "--to", "4.2(1)"}).status, 3);
+}
+
 TEST_F(diff_of_states, nothing_is_written) {
   put("b", kps, "01", "00");
   ASSERT_EQ(run({"convert", "b", "--to", "4.2(1)"}).status, 0);

@@ -68,6 +68,24 @@ void remove_one() {
   pss_close(store);
 }
 
+// A snapshot that no longer is one: the records in it are nobody's.
+void spoil_snapshot() {
+  FILE *file = std::fopen("/cfg/0/globalpss_table.snp", "w");
+  if (file != nullptr) {
+    std::fputs("spoilt", file);
+    std::fclose(file);
+  }
+}
+
+// A store that cannot be read any more.
+void spoil_store() {
+  FILE *file = std::fopen("/cfg/0/vlan_cfg.pss", "w");
+  if (file != nullptr) {
+    std::fputs("spoilt", file);
+    std::fclose(file);
+  }
+}
+
 void put_slowly() {
   for (int at = 0; at < 20; ++at) {
     put_one("slow-" + std::to_string(at));
@@ -278,6 +296,10 @@ syserr_t act(std::string_view what) {
     put_one("changed");
   } else if (what == "remove") {
     remove_one();
+  } else if (what == "spoil-snapshot") {
+    spoil_snapshot();
+  } else if (what == "spoil-store") {
+    spoil_store();
   } else if (what == "slow") {
     put_slowly();
   } else if (what == "rest") {

@@ -113,6 +113,7 @@ TEST_F(rehearsals, every_change_names_who_made_it) {
       find(changes, "nonvolatile:/cfg/startup/bin/sysmgr_config", "090000000000000000000000");
   EXPECT_EQ(author(saved), "startup 1 DOT1X dot1x_data_morph_startup");
   EXPECT_EQ(saved["earlier_steps"].dump(), "[21]");
+  EXPECT_EQ(saved["earlier_routines"].dump(), R"(["kps_data_morph_startup"])");
   EXPECT_EQ(shown["steps"][21]["routines"].dump(), R"(["kps_data_morph_startup"])");
 }
 
@@ -196,6 +197,32 @@ TEST_F(rehearsals, a_record_that_goes_without_a_rule_is_unaccounted_for) {
   EXPECT_NE(table.out.find("\n95 records in, 94 converted, 0 removed by rule, 1 unaccounted\n"),
             std::string::npos);
   EXPECT_EQ(table.err, "datamorph: 'sw': 1 record would be lost for no known reason\n");
+}
+
+// Records that nobody could compare do not count as converted.
+TEST_F(rehearsals, what_cannot_be_read_afterwards_is_unaccounted_for) {
+  fake("spoil-store");
+  const nlohmann::json store = rehearse({"--to", "4.2(1)", "--save", "plan.json"}, 1);
+  EXPECT_EQ(store["summary"]["unaccounted"], 3);
+  EXPECT_EQ(store["summary"]["unreadable"], 1);
+  EXPECT_FALSE(exists("plan.json"));
+  EXPECT_NE(run({"rehearse", "sw", "--to", "4.2(1)"}).err.find("'sw': 1 thing could not be read\n"),
+            std::string::npos);
+
+  set("DATAMORPH_LIBRARY", "");
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  fake("spoil-snapshot");
+  const nlohmann::json snapshot = rehearse({"--to", "4.2(3)"}, 1);
+  EXPECT_EQ(balance(snapshot).dump(), "[98,97,0,1]");
+}
+
+TEST_F(rehearsals, losses_that_are_accepted_are_told_as_such) {
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  const nlohmann::json shown =
+      rehearse({"--to", "4.2(1)", "--from", "4.1(5)", "--accept-losses", "--save", "plan.json"});
+  EXPECT_EQ(shown["summary"]["unaccounted"], 0);
+  EXPECT_EQ(shown["losses"]["records"][0]["why"], "accepted with --accept-losses");
+  EXPECT_EQ(run({"convert", "sw", "--plan", "plan.json"}).status, 0);
 }
 
 // What convert refuses: the records are in no store any more, and no rule covers them.
@@ -505,6 +532,46 @@ TEST_F(plans, that_are_not_reached_change_nothing) {
   expect_tidy("sw");
 }
 
+TEST_F(plans, and_copies_do_not_lie_in_the_switch) {
+  fs::create_directory(path("sw/current/place"));
+  set("TMPDIR", path("sw/current/place"));
+  const result done = run({"rehearse", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(done.status, 3);
+  EXPECT_EQ(done.err,
+            "datamorph: 'sw': '" + path("sw/current/place") +
+                "' lies in the switch, of which nothing is written; name another place in "
+                "TMPDIR\n");
+  EXPECT_TRUE(fs::is_empty(path("sw/current/place")));
+  const result matrix = run({"matrix", "sw"});
+  EXPECT_EQ(matrix.status, 3);
+}
+
+TEST_F(plans, and_reports_have_files_of_their_own) {
+  write("mine.json", "mine");
+  for (const char *report : {"both.jsonl", "both.html"}) {
+    const result done =
+        run({"rehearse", "sw", "--to", "4.2(1)", "--save", "both.jsonl", "--report", report});
+    EXPECT_EQ(done.status, 64);
+    EXPECT_EQ(done.err,
+              "datamorph: 'sw': 'both.jsonl' is to hold the plan and the report; name another "
+              "place for one of them\n");
+    EXPECT_EQ(done.out, "");
+  }
+  fs::create_directory(path("folder.html"));
+  const result folder = run({"rehearse", "sw", "--to", "4.2(1)", "--report", "folder.html"});
+  EXPECT_EQ(folder.status, 3);
+  EXPECT_EQ(folder.out, "");
+  EXPECT_EQ(folder.err,
+            "datamorph: 'sw': cannot write 'folder.html': Is a directory; name another place\n");
+}
+
+TEST_F(plans, nested_without_end_are_refused) {
+  write("plan.json", "{\"plan\":" + std::string(200000, '[') + std::string(200000, ']') + "}");
+  const result done = run({"convert", "sw", "--plan", "plan.json"});
+  EXPECT_EQ(done.status, 3);
+  EXPECT_EQ(done.err, "datamorph: 'plan.json': nested deeper than 64 levels\n");
+}
+
 TEST_F(plans, are_not_written_into_the_switch) {
   for (const char *option : {"--save", "--report"}) {
     const result done = run({"rehearse", "sw", "--to", "4.2(1)", option, "sw/current/cfg/x"});
@@ -548,6 +615,10 @@ TEST_F(plans, that_make_no_sense_are_refused) {
   refused("it names the service 'NOBODY', which is unknown");
   change_plan("moments", nlohmann::json::array({"never"}));
   refused("it names the moment 'never', which is unknown");
+  change_plan("moments", nlohmann::json::array());
+  change_plan("services", nlohmann::json::array({"VRRP_MGR"}));
+  change_plan("whole_table", true);
+  refused("it chooses services and whole tables, which exclude each other");
   change_plan("plan", 2);
   refused("it is a plan of another version than 1");
   write("plan.json", "[]");

@@ -47,7 +47,7 @@ void open_state_folder(operand *found) {
   found->folder.reset(open(found->path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   try {
     const std::string text = tree::read_file(found->folder.get(), switch_file, largest_switch_file);
-    found->state = switch_state::from_json(nlohmann::json::parse(text, nullptr, false));
+    found->state = switch_state::from_json(parse_shallow(text));
   } catch (const failure &error) {
     throw error.placed(in_quotes(found->path));
   }

@@ -24,6 +24,20 @@ bool is_about_all(const std::string &call) {
                      [&](const char *one) { return call == one; });
 }
 
+// Whether a call went well and left something other than it was. An access point that goes, a flat
+// file and a store as a whole have no counts of records.
+bool changes_something(const nlohmann::json &line) {
+  const std::string call = text_member(line, "call");
+  if (number_member(line, "status") != 0 || call == "pss_close" || call == "pss2_close") {
+    return false;
+  }
+  if (call == "sysmgr_srv_tag_info_add") {
+    return line.value("tag", nlohmann::json()) != line.value("old_tag", nlohmann::json());
+  }
+  return !line.contains("key") || number_member(line, "added") > 0 ||
+         number_member(line, "changed") > 0 || number_member(line, "removed") > 0;
+}
+
 // The key that a VDC's table has in the store of the running ones.
 std::string table_key(uint64_t vdc) {
   return to_hex(std::string{static_cast<char>(vdc >> 8), static_cast<char>(vdc)});
@@ -56,22 +70,25 @@ journal_authors::author_of(const nlohmann::json &line) {
 }
 
 void journal_authors::take(uint64_t number, const nlohmann::json &line) {
-  const bool went_well = number_member(line, "status") == 0;
-  const std::optional<author_number> author = went_well ? author_of(line) : std::nullopt;
-  if (!author) {
-    return;
+  const std::optional<author_number> author =
+      changes_something(line) ? author_of(line) : std::nullopt;
+  if (author) {
+    take_call(number, line, *author);
   }
+}
+
+void journal_authors::take_call(uint64_t number, const nlohmann::json &line, author_number author) {
   const std::string call = text_member(line, "call");
   if (call == "mts_sap_destroy") {
     things_[{"access point", std::to_string(number_member(line, "sap"))}].whole = author;
   } else if (line.contains("table_vdc")) {
     const std::string key = table_key(number_member(line, "table_vdc"));
-    things_[{"tag table", key}].setters.push_back(*author);
+    things_[{"tag table", key}].setters.push_back(author);
     things_[{"store", lab::store_file(lab::running_tag_tables)}].whole = author;
   } else if (call == "pss2_kernel2file") {
     things_[{"file", text_member(line, "file")}].whole = author;
   } else {
-    take_store(number, line, *author);
+    take_store(number, line, author);
   }
 }
 
@@ -79,7 +96,7 @@ void journal_authors::take_store(uint64_t number, const nlohmann::json &line,
                                  author_number author) {
   const std::string uri = text_member(line, "uri");
   const std::string call = text_member(line, "call");
-  if (uri.empty() || call == "pss_close" || call == "pss2_close") {
+  if (uri.empty()) {
     return;
   }
   thing &about = things_[{"store", lab::store_file(uri)}];
@@ -108,11 +125,11 @@ change_author journal_authors::shown(const std::vector<author_number> &authors) 
   }
   change_author last = authors_[authors.back()];
   for (const author_number one : authors) {
-    const size_t step = *authors_[one].step;
+    const std::pair<size_t, std::string> maker = {*authors_[one].step, authors_[one].routine};
     const bool told =
-        std::find(last.earlier.begin(), last.earlier.end(), step) != last.earlier.end();
-    if (step != *last.step && !told) {
-      last.earlier.push_back(step);
+        std::find(last.earlier.begin(), last.earlier.end(), maker) != last.earlier.end();
+    if (maker.first != *last.step && !told) {
+      last.earlier.push_back(maker);
     }
   }
   return last;
@@ -123,7 +140,7 @@ void journal_authors::load_records(const std::string &file, const thing &about) 
   records_.clear();
   loaded_ = file;
   for_each_journal_line(journal_.get(), [&](uint64_t number, const nlohmann::json &line) {
-    if (number < about.whole_line || !line.contains("key") || number_member(line, "status") != 0 ||
+    if (number < about.whole_line || !line.contains("key") || !changes_something(line) ||
         lab::store_file(text_member(line, "uri")) != file) {
       return;
     }

@@ -13,9 +13,10 @@
 #include "unique_fd.h"
 
 struct change_author {
-  std::optional<size_t> step;  // the request's index; none: nobody is known
-  std::string routine;         // empty: not known
-  std::vector<size_t> earlier; // other steps that changed it before, in their order
+  std::optional<size_t> step; // the request's index; none: nobody is known
+  std::string routine;        // empty: not known
+  // Others that changed it before, in their order.
+  std::vector<std::pair<size_t, std::string>> earlier;
 };
 
 // Holds a few words per thing. Of a store that several routines wrote to, also 12 bytes per record,
@@ -47,6 +48,7 @@ private:
   using record_author = std::pair<uint64_t, author_number>; // the hash of a key
 
   std::optional<author_number> author_of(const nlohmann::json &line);
+  void take_call(uint64_t number, const nlohmann::json &line, author_number author);
   void take_store(uint64_t number, const nlohmann::json &line, author_number author);
   const thing *find(const std::string &kind, const std::string &name) const;
   void load_records(const std::string &file, const thing &about);

@@ -1,5 +1,6 @@
 #include "journal_lines.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +10,13 @@
 
 #include "failure.h"
 #include "text.h"
+
+// No line of a journal is; text may hold a few of these.
+bool is_nested(std::string_view line) {
+  constexpr auto most = 64;
+  return std::count_if(line.begin(), line.end(), [](char c) { return c == '{' || c == '['; }) >
+         most;
+}
 
 void for_each_journal_line(int journal,
                            const std::function<void(uint64_t, const nlohmann::json &)> &take) {
@@ -22,6 +30,9 @@ void for_each_journal_line(int journal,
   const std::unique_ptr<char *, void (*)(char **)> kept(&text, [](char **one) { std::free(*one); });
   uint64_t number = 0;
   for (ssize_t got = 0; (got = getline(&text, &room, file.get())) > 0; ++number) {
+    if (is_nested({text, static_cast<size_t>(got)})) {
+      continue;
+    }
     const nlohmann::json line = nlohmann::json::parse(text, text + got, nullptr, false);
     if (line.is_object()) {
       take(number, line);

@@ -27,6 +27,7 @@ constexpr char numbers_fold[] =
 constexpr char cache[] = "a cache that is built anew";
 constexpr char no_such_tlv[] = "the other release keeps no such configuration";
 constexpr char not_registered[] = "the database is not registered in the other release";
+constexpr char accepted_loss[] = "accepted with --accept-losses";
 constexpr char replaced[] = "the manager's store takes the place of the engine's";
 
 constexpr removal_rule rules[] = {
@@ -117,12 +118,13 @@ std::string record_balance::to_text() const {
 }
 
 loss_report::loss_report(const switch_state &state, std::set<std::string> before,
-                         std::set<std::string> after)
-    : before_(std::move(before)), after_(std::move(after)) {
+                         std::set<std::string> after, author_finder author_of, bool accepted)
+    : before_(std::move(before)), after_(std::move(after)), author_of_(std::move(author_of)),
+      accepted_(accepted) {
   for (const vdc_id_t vdc : state.vdcs) {
     const auto uris = vrrp_stores(state, vdc);
     for (const std::string &uri : uris) {
-      moving_store store = {uri, {uri}, {}, false};
+      moving_store store = {uri, {uri}, false};
       std::remove_copy(uris.begin(), uris.end(), std::back_inserter(store.places), uri);
       moving_.push_back(store);
     }
@@ -148,7 +150,6 @@ void loss_report::take(const state_change &change, const change_author &author) 
   }
   moving_store *const store = moving(change.name);
   if (store != nullptr) {
-    store->author = author;
     store->lost_some = true;
     return;
   }
@@ -205,7 +206,7 @@ void loss_report::look_for(const moving_store &store, const state_side &before,
       if (change.how == state_change::what::removed) {
         not_here.push_back(hash_of(*change.key));
       } else if (change.how == state_change::what::changed && place != store.uri) {
-        take_fields(change, store.author);
+        take_fields(change, author_of_(change));
       }
     });
     std::sort(not_here.begin(), not_here.end());
@@ -217,8 +218,12 @@ void loss_report::look_for(const moving_store &store, const state_side &before,
   }
   for_each_record(side_of(before, store.uri), [&](const state_change &change) {
     if (first || has(missing, *change.key)) {
+      const change_author author = author_of_(change);
       ++removed_;
-      take_record(change, rule_of(change, store.author.routine), store.author);
+      take_record(change,
+                  accepted_ && is_vrrp_route(change) ? accepted_loss
+                                                     : rule_of(change, author.routine),
+                  author);
     }
   });
 }
@@ -231,5 +236,5 @@ void loss_report::end(const state_side &before, const state_side &after,
     }
   }
   balance_.in = totals.a;
-  balance_.converted = totals.a - removed_;
+  balance_.converted = totals.a - removed_ - totals.uncompared;
 }

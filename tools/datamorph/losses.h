@@ -5,6 +5,7 @@
 #define DATAMORPH_LOSSES_H
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -53,8 +54,11 @@ struct record_balance {
 // Of each list the first 1000 are kept, of those without a rule another 1000; all are counted.
 class loss_report {
 public:
-  // `before` and `after` are the stores that were there, as the conversion tells.
-  loss_report(const switch_state &state, std::set<std::string> before, std::set<std::string> after);
+  using author_finder = std::function<change_author(const state_change &)>;
+  // `before` and `after` are the stores that were there, as the conversion tells. `accepted`: that
+  // VRRP's records may be lost.
+  loss_report(const switch_state &state, std::set<std::string> before, std::set<std::string> after,
+              author_finder author_of, bool accepted);
 
   // A change of the state, of those that diff_states gives.
   void take(const state_change &change, const change_author &author);
@@ -71,7 +75,6 @@ private:
   struct moving_store {
     std::string uri;
     std::vector<std::string> places; // where its records may be afterwards; itself first
-    change_author author;
     bool lost_some = false;
   };
   void take_record(const state_change &change, const std::string &why, const change_author &author);
@@ -82,6 +85,8 @@ private:
   std::vector<moving_store> moving_;
   std::set<std::string> before_;
   std::set<std::string> after_;
+  author_finder author_of_;
+  bool accepted_;
   std::vector<lost_record> records_;
   std::vector<lost_field> fields_;
   uint64_t records_total_ = 0;

@@ -40,6 +40,9 @@ _DIR_/runs/_NUMBER_/
 *NO_COLOR*
 	When it is set and not empty, tables have no colour.
 
+*TMPDIR*
+	Where *rehearse* and *matrix* make their copies; /tmp otherwise.
+
 *TERM*
 	On a terminal that is *dumb* there is neither colour nor progress.
 

@@ -1,6 +1,8 @@
 #include "rehearsal_files.h"
 
+#include "failure.h"
 #include "output.h"
+#include "text.h"
 
 namespace {
 
@@ -11,6 +13,16 @@ std::string lines_beside(const std::string &page) {
 }
 
 } // namespace
+
+void rehearsal_files::check(const std::string &page, const std::string &plan) {
+  for (const std::string &file : {page, lines_beside(page)}) {
+    if (file == plan) {
+      throw failure(exit_usage, in_quotes(file) + " is to hold the plan and the report",
+                    "name another place for one of them");
+    }
+    const tree::placed_file tried(file);
+  }
+}
 
 rehearsal_files::rehearsal_files(const std::string &page, const nlohmann::json &head)
     : lines_path_(lines_beside(page)), page_file_(page), lines_(lines_path_),

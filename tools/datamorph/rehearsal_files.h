@@ -11,6 +11,9 @@
 
 class rehearsal_files {
 public:
+  // Throws failure, 3 when one of the files cannot be written and 64 when it is the one of the plan
+  // as well ("": there is none).
+  static void check(const std::string &page, const std::string &plan);
   // "X.html" has its lines beside it in "X.jsonl"; another name gets the ending as well. `head` is
   // the page's. Throws failure(3) when the files cannot be made.
   rehearsal_files(const std::string &page, const nlohmann::json &head);

@@ -1,8 +1,6 @@
 // rehearse: a version change on a copy, and all that it does, change by change.
 #include "verbs.h"
 
-#include <algorithm>
-#include <filesystem>
 #include <memory>
 
 #include "change_tables.h"
@@ -103,20 +101,13 @@ struct comparison {
   }
 };
 
-bool lies_in(const std::string &file, const std::string &folder) {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  const fs::path inner = fs::weakly_canonical(fs::absolute(file, error), error);
-  const fs::path outer = fs::weakly_canonical(fs::absolute(folder, error), error);
-  return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
-}
-
 // ---- The verb ----------------------------------------------------------------------------------
 
 class rehearse_run {
 public:
   rehearse_run(const common_options &common, const rehearse_options &options)
-      : common_(common), options_(options), switch_(options.work.dir, switch_dir::access::look) {}
+      : common_(common), options_(options), switch_(options.work.dir, switch_dir::access::look),
+        scratch_(options.work.dir) {}
 
   int run();
 
@@ -124,6 +115,9 @@ private:
   bool as_json() const { return common_.format == output::format::json; }
   std::unique_ptr<rehearsal> rehearse(const char *name, int root, const switch_state &state,
                                       const std::string &to, const std::string &from) const;
+  std::unique_ptr<rehearsal> rehearse_further(comparison *other, const char *name,
+                                              const rehearsal &before, const std::string &to,
+                                              const std::string &from) const;
   void print_head(const rehearsal &main);
   void give(const nlohmann::json &change);
   void take(const rehearsal &main, const state_change &change);
@@ -251,7 +245,7 @@ void print_steps(const rehearsal &main) {
 
 std::string author_text(const change_author &author) {
   std::string text;
-  for (const size_t step : author.earlier) {
+  for (const auto &[step, routine] : author.earlier) {
     append_word(text, "#" + std::to_string(step));
   }
   append_word(text, author.step ? "#" + std::to_string(*author.step) : "-");
@@ -265,7 +259,12 @@ nlohmann::json change_json(const rehearsal &main, const state_change &change,
   if (author.step) {
     const conversion_request &request = main.done().plan().requests[*author.step];
     document["step"] = *author.step;
-    document["earlier_steps"] = author.earlier;
+    document["earlier_steps"] = nlohmann::json::array();
+    document["earlier_routines"] = nlohmann::json::array();
+    for (const auto &[step, routine] : author.earlier) {
+      document["earlier_steps"].push_back(step);
+      document["earlier_routines"].push_back(routine);
+    }
     document["moment"] = moment_name(request.which);
     document["vdc"] = request.vdc;
     document["service"] = request.service();
@@ -425,8 +424,10 @@ void rehearse_run::take(const rehearsal &main, const state_change &change) {
 void rehearse_run::compare(const rehearsal &main) {
   const state_side before = {options_.work.dir, before_.get(), ""};
   const state_side after = {"the copy", main.root(), ""};
-  losses_ = std::make_unique<loss_report>(switch_.state(), main.done().stores("stores_before"),
-                                          main.done().stores("stores_after"));
+  losses_ = std::make_unique<loss_report>(
+      switch_.state(), main.done().stores("stores_before"), main.done().stores("stores_after"),
+      [&](const state_change &change) { return main.authors().of(change); },
+      options_.work.accept_losses);
   progress shown;
   shown.begin("comparing", 0, "records read");
   const record_totals totals = diff_states(
@@ -436,15 +437,33 @@ void rehearse_run::compare(const rehearsal &main) {
   losses_->end(before, after, totals);
 }
 
+// Another change of release from where one has come; none, and the reason in *other, when that does
+// not go well.
+std::unique_ptr<rehearsal> rehearse_run::rehearse_further(comparison *other, const char *name,
+                                                          const rehearsal &before,
+                                                          const std::string &to,
+                                                          const std::string &from) const {
+  try {
+    std::unique_ptr<rehearsal> made = rehearse(name, before.root(), before.state(), to, from);
+    other->trouble = made->trouble();
+    return other->trouble.empty() ? std::move(made) : nullptr;
+  } catch (const failure &error) {
+    if (error.status() != exit_refused) {
+      throw;
+    }
+    other->trouble = error.what();
+    return nullptr;
+  }
+}
+
 void rehearse_run::there_and_back(const rehearsal &main) {
   comparison other;
   other.name = "round_trip";
   other.release = main.done().plan().from;
   other.title = "There and back to " + other.release;
   const std::unique_ptr<rehearsal> back =
-      rehearse("back", main.root(), main.state(), main.done().plan().from, main.done().plan().to);
-  other.trouble = back->trouble();
-  if (other.trouble.empty()) {
+      rehearse_further(&other, "back", main, main.done().plan().from, main.done().plan().to);
+  if (back != nullptr) {
     diff_states({options_.work.dir, before_.get(), ""}, {"the copy", back->root(), ""},
                 [&](const state_change &change) { other.take(change); });
   }
@@ -461,9 +480,8 @@ void rehearse_run::over_another(const rehearsal &main) {
   other.trouble = first->trouble();
   if (other.trouble.empty()) {
     const std::unique_ptr<rehearsal> second =
-        rehearse("via-to", first->root(), first->state(), main.done().plan().to, options_.via);
-    other.trouble = second->trouble();
-    if (other.trouble.empty()) {
+        rehearse_further(&other, "via-to", *first, main.done().plan().to, options_.via);
+    if (second != nullptr) {
       diff_states({"the copy", main.root(), ""}, {"the other copy", second->root(), ""},
                   [&](const state_change &change) { other.take(change); });
     }
@@ -501,11 +519,14 @@ void rehearse_run::check_options() {
     conversion(common_, over, switch_.state()).prepare(before_.get());
   }
   for (const std::string &file : {options_.save, options_.report}) {
-    if (!file.empty() && lies_in(file, options_.work.dir)) {
+    if (!file.empty() && tree::lies_in(file, options_.work.dir)) {
       throw failure(exit_usage,
                     in_quotes(file) + " lies in the switch, of which nothing is written",
                     "name a place beside it");
     }
+  }
+  if (!options_.report.empty()) {
+    rehearsal_files::check(options_.report, options_.save);
   }
   if (!options_.save.empty()) {
     plan_file_ = std::make_unique<tree::placed_file>(options_.save);
@@ -552,6 +573,9 @@ int rehearse_run::run() {
   }
   if (!good) {
     return complain(main->status(), "it would not be converted: " + main->trouble());
+  }
+  if (counts_.unreadable > 0) {
+    return complain(exit_failed, counted(counts_.unreadable, "thing") + " could not be read");
   }
   if (losses_->balance().unaccounted() > 0) {
     return complain(exit_failed, counted(losses_->balance().unaccounted(), "record") +

@@ -65,7 +65,7 @@ void check_state(const matrix_work &work) {
 }
 
 void count_changes(const matrix_work &work, int before, const rehearsal &made, matrix_cell *cell) {
-  std::set<size_t> steps;
+  std::set<std::pair<size_t, std::string>> makers;
   diff_states({work.options.dir, before, ""}, {"the copy", made.root(), ""},
               [&](const state_change &change) {
                 if (change.kind == "switch") {
@@ -73,16 +73,14 @@ void count_changes(const matrix_work &work, int before, const rehearsal &made, m
                 }
                 ++cell->changes;
                 const change_author author = made.authors().of(change);
-                steps.insert(author.earlier.begin(), author.earlier.end());
+                makers.insert(author.earlier.begin(), author.earlier.end());
                 if (author.step) {
-                  steps.insert(*author.step);
+                  makers.emplace(*author.step, author.routine);
                 }
               });
-  for (const size_t step : steps) {
+  for (const auto &[step, routine] : makers) {
     add_once(&cell->services, made.done().plan().requests[step].service());
-    for (const std::string &routine : made.authors().routines_of(step)) {
-      add_once(&cell->routines, routine);
-    }
+    add_once(&cell->routines, routine);
   }
 }
 

@@ -13,6 +13,7 @@
 #include "failure.h"
 #include "output.h"
 #include "runs.h"
+#include "strict_json.h"
 #include "text.h"
 #include "tree.h"
 
@@ -180,8 +181,8 @@ std::optional<killed_run> find_killed_run(int folder) {
     if (!run.is_open() || !tree::exists(run.get(), run_record_file)) {
       return std::nullopt;
     }
-    run_facts facts = run_facts::from_json(nlohmann::json::parse(
-        tree::read_file(run.get(), run_record_file, largest_run_record), nullptr, false));
+    run_facts facts = run_facts::from_json(
+        parse_shallow(tree::read_file(run.get(), run_record_file, largest_run_record)));
     if (facts.result != run_result::running || facts.run != last) {
       return std::nullopt;
     }

@@ -9,6 +9,7 @@
 
 #include "failure.h"
 #include "run_steps.h"
+#include "strict_json.h"
 #include "text.h"
 #include "tree.h"
 
@@ -53,8 +54,7 @@ std::vector<std::string> names_in(int runs) {
 }
 
 nlohmann::json document_in(int folder, const char *name, size_t limit) {
-  nlohmann::json document =
-      nlohmann::json::parse(tree::read_file(folder, name, limit), nullptr, false);
+  nlohmann::json document = parse_shallow(tree::read_file(folder, name, limit));
   if (!document.is_object()) {
     throw failure(exit_refused, std::string(name) + " is no JSON object");
   }

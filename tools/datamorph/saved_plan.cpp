@@ -52,6 +52,9 @@ saved_plan from_json(const nlohmann::json &document) {
 }
 
 void check(const saved_plan &plan, const std::string &file) {
+  if (plan.options.whole_table && !plan.options.services.empty()) {
+    refuse(file, "it chooses services and whole tables, which exclude each other");
+  }
   for (const std::string &name : plan.options.moments) {
     if (!is_moment(name)) {
       refuse(file, "it names the moment " + in_quotes(name) + ", which is unknown");

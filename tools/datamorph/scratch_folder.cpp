@@ -35,11 +35,13 @@ bool is_abandoned(const std::string &path) {
          flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
-void remove_or_say(int folder, const std::string &name) {
+bool remove_or_say(int folder, const std::string &name) {
   try {
     tree::remove(folder, name);
+    return true;
   } catch (const failure &trouble) {
     output::message(trouble.what());
+    return false;
   }
 }
 
@@ -51,15 +53,21 @@ void sweep(const std::string &parent) {
     if (!at->path().filename().native().starts_with(prefix) || !is_abandoned(path)) {
       continue;
     }
-    remove_or_say(AT_FDCWD, path);
-    output::message("removed what a rehearsal that was stopped had left in " + in_quotes(path));
+    if (remove_or_say(AT_FDCWD, path)) {
+      output::message("removed what a rehearsal that was stopped had left in " + in_quotes(path));
+    }
   }
 }
 
 } // namespace
 
-scratch_folder::scratch_folder() {
+scratch_folder::scratch_folder(const std::string &dir) {
   const std::string parent = place();
+  if (tree::lies_in(parent, dir)) {
+    throw failure(exit_refused,
+                  in_quotes(parent) + " lies in the switch, of which nothing is written",
+                  "name another place in TMPDIR");
+  }
   sweep(parent);
   path_ = parent + "/" + prefix + "XXXXXX";
   if (mkdtemp(path_.data()) == nullptr) {

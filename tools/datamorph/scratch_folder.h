@@ -9,8 +9,9 @@
 // It goes with its owner. What a killed command left is removed by the next one.
 class scratch_folder {
 public:
-  // Throws failure(3) when no folder can be made.
-  scratch_folder();
+  // Throws failure(3) when no folder can be made, and when its place lies in the switch `dir`, of
+  // which nothing is written.
+  explicit scratch_folder(const std::string &dir);
   ~scratch_folder();
   scratch_folder(const scratch_folder &) = delete;
   scratch_folder &operator=(const scratch_folder &) = delete;

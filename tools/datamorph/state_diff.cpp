@@ -20,6 +20,7 @@
 #include "lab/checksum.h"
 #include "lab/lab.h"
 #include "store_access.h"
+#include "strict_json.h"
 #include "switch_state.h"
 #include "text.h"
 #include "tree.h"
@@ -93,8 +94,7 @@ private:
 
 void tell_switch(const teller &tell) {
   const std::string text = tree::read_file(AT_FDCWD, switch_file, largest_switch_file);
-  nlohmann::json facts =
-      switch_state::from_json(nlohmann::json::parse(text, nullptr, false)).to_json();
+  nlohmann::json facts = switch_state::from_json(parse_shallow(text)).to_json();
   facts.erase("generation");
   tell.thing(switch_kind, switch_file, facts);
 }
@@ -581,6 +581,7 @@ private:
       hear_b();
     }
     if (!compared_) {
+      ++totals_.uncompared;
       return;
     }
     if (!both_ || !b_in_thing() || b_.next()->key != record.key) {
@@ -807,7 +808,10 @@ record_totals diff_states(const state_side &a, const state_side &b,
     throw failure(error.status(), in_quotes(a.label) + ": " + error.message(), error.next_action());
   }
   merged.end();
-  return {merged.totals().a + same, merged.totals().b + same};
+  record_totals totals = merged.totals();
+  totals.a += same;
+  totals.b += same;
+  return totals;
 }
 
 void for_each_record(const state_side &side,

@@ -59,6 +59,7 @@ struct state_change {
 struct record_totals {
   uint64_t a = 0;
   uint64_t b = 0;
+  uint64_t uncompared = 0; // of a's, where b's thing cannot be read or is of another type
 };
 
 // Gives each difference, things by kind and name and the records of each by key, behind their

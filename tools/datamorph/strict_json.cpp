@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr int deepest = 64;
+
 // Looks for members that stand twice, in a pass of its own: a parser that builds the document and
 // asks about every member on the way takes time that grows with the square of a long list.
 class duplicate_finder : public nlohmann::json_sax<nlohmann::json> {
@@ -16,10 +18,11 @@ public:
 
   bool start_object(std::size_t) override {
     members_.emplace_back();
-    return true;
+    return go_down();
   }
   bool end_object() override {
     members_.pop_back();
+    --depth_;
     return true;
   }
   bool key(string_t &name) override {
@@ -40,15 +43,39 @@ public:
   bool number_float(number_float_t, const string_t &) override { return true; }
   bool string(string_t &) override { return true; }
   bool binary(binary_t &) override { return true; }
-  bool start_array(std::size_t) override { return true; }
-  bool end_array() override { return true; }
+  bool start_array(std::size_t) override { return go_down(); }
+  bool end_array() override {
+    --depth_;
+    return true;
+  }
 
 private:
+  bool go_down() {
+    if (++depth_ > deepest) {
+      throw failure(exit_refused, in_quotes(origin_) + ": nested deeper than " +
+                                      std::to_string(deepest) + " levels");
+    }
+    return true;
+  }
+
+  int depth_ = 0;
   const std::string &origin_;
   std::vector<std::set<std::string>> members_;
 };
 
 } // namespace
+
+nlohmann::json parse_shallow(const std::string &text) {
+  bool too_deep = false;
+  nlohmann::json document = nlohmann::json::parse(
+      text,
+      [&](int depth, nlohmann::json::parse_event_t, const nlohmann::json &) {
+        too_deep = too_deep || depth > deepest;
+        return depth <= deepest;
+      },
+      false);
+  return too_deep ? nlohmann::json(nlohmann::json::value_t::discarded) : document;
+}
 
 nlohmann::json parse_json(const std::string &text, const std::string &origin) {
   duplicate_finder finder(origin);

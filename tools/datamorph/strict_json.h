@@ -9,4 +9,8 @@
 // JSON text without repeated members. Throws failure(3) naming `origin`.
 nlohmann::json parse_json(const std::string &text, const std::string &origin);
 
+// JSON text of any origin; discarded when it is none or nested deeper than any document of this
+// program: what walks in it calls itself.
+nlohmann::json parse_shallow(const std::string &text);
+
 #endif

@@ -20,6 +20,7 @@
 #include "output.h"
 #include "run_record.h"
 #include "run_steps.h"
+#include "strict_json.h"
 #include "text.h"
 #include "tree.h"
 
@@ -49,7 +50,7 @@ unique_fd open_state(int folder, const char *name) {
 
 switch_state read_state(int state_folder) {
   const std::string text = tree::read_file(state_folder, switch_file, largest_switch_file);
-  const nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
+  const nlohmann::json document = parse_shallow(text);
   if (document.is_discarded()) {
     throw failure(exit_refused, std::string(switch_file) + " is no JSON");
   }

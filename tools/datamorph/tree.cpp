@@ -1,6 +1,8 @@
 #include "tree.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <vector>
 
@@ -283,6 +285,14 @@ void replace_file(int folder, const std::string &name, const std::string &conten
   }
 }
 
+bool lies_in(const std::string &path, const std::string &folder) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::path inner = fs::weakly_canonical(fs::absolute(path, error), error);
+  const fs::path outer = fs::weakly_canonical(fs::absolute(folder, error), error);
+  return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
+}
+
 placed_file::placed_file(const std::string &path)
     : path_(path), beside_(path + "." + std::to_string(getpid()) + ".new"),
       file_(open(beside_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644)) {
@@ -290,7 +300,9 @@ placed_file::placed_file(const std::string &path)
   struct stat about = {};
   const bool is_folder = stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);
   if (!file_.is_open() || is_folder) {
-    unlink(beside_.c_str());
+    if (file_.is_open()) {
+      unlink(beside_.c_str());
+    }
     throw failure(exit_refused,
                   "cannot write " + in_quotes(path) + ": " + error_text(is_folder ? EISDIR : error),
                   "name another place");

@@ -34,6 +34,9 @@ void copy(int folder, const std::string &from, const std::string &to);
 // Writes a file beside its place, syncs it and puts it there, all or nothing. Throws failure(1).
 void replace_file(int folder, const std::string &name, const std::string &content);
 
+// Whether a path is the folder or something below it, links followed as far as they lead.
+bool lies_in(const std::string &path, const std::string &folder);
+
 // A file that is written beside its place, piece by piece, and put there at the end, or goes.
 class placed_file {
 public:

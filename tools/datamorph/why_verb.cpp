@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include "failure.h"
+#include "journal_lines.h"
 #include "lab/lab.h"
 #include "output.h"
 #include "runs.h"
@@ -230,6 +231,9 @@ nlohmann::json touch_json(const run_row &run, const nlohmann::json &line, const 
 bool take_line(const run_row &run, std::string_view text, question *asked, const take_touch &take) {
   if (!asked->may_be(text)) {
     return nlohmann::json::accept(text);
+  }
+  if (is_nested(text)) {
+    return false;
   }
   try {
     const nlohmann::json line = nlohmann::json::parse(text);

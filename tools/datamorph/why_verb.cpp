@@ -352,7 +352,7 @@ struct answer {
   size_t runs = 0;
   size_t touches = 0; // rollbacks left out, which touch everything
   std::vector<gap> gaps;
-  nlohmann::json now; // what stands there
+  std::vector<nlohmann::json> now; // what stands there: one document
 };
 
 // A member that may be missing, as it stands.
@@ -415,7 +415,7 @@ public:
                         : "its journal is not told: " + to_text(missing.trouble)) +
                    "\n");
     }
-    output::text(found.what + " " + now_text(found.now) + "\n");
+    output::text(found.what + " " + now_text(found.now.front()) + "\n");
   }
 
 private:
@@ -472,7 +472,7 @@ public:
                       {"damaged_lines", missing.damaged_lines},
                       {"trouble", or_null(missing.trouble)}});
     }
-    result_.end({{"runs", found.runs}, {"gaps", gaps}, {"now", found.now}});
+    result_.end({{"runs", found.runs}, {"gaps", gaps}, {"now", found.now.front()}});
   }
 
 private:
@@ -486,7 +486,7 @@ struct inquiry {
     found.what = (key ? "the record " + in_quotes(options.key) + " of " : std::string()) +
                  "the store " + in_quotes(options.uri);
     found.runs = runs.size();
-    found.now = stands_now(target, options.uri, key);
+    found.now.push_back(stands_now(target, options.uri, key));
   }
   template <typename writer_t> void answer_with(writer_t writer) {
     found.gaps = read_runs(target, runs, &asked, [&](const nlohmann::json &touch) {

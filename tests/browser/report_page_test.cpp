@@ -59,6 +59,7 @@ json empty_tail() {
             {"things", none},
             {"records", none},
             {"undecoded", 0},
+            {"misfits", 0},
             {"unreadable", 0}}},
           {"round_trip", nullptr},
           {"via", nullptr},

@@ -115,7 +115,7 @@ loss_report::loss_report(const switch_state &state, std::set<std::string> before
   for (const vdc_id_t vdc : state.vdcs) {
     const auto &uris = vrrp_.emplace_back(vrrp_stores(state, vdc));
     for (const std::string &uri : uris) {
-      moving_store store = {uri, {uri}, false, false};
+      moving_store store = {uri, {uri}, false};
       std::remove_copy(uris.begin(), uris.end(), std::back_inserter(store.places), uri);
       moving_.push_back(store);
     }
@@ -128,6 +128,17 @@ loss_report::moving_store *loss_report::moving(const std::string &uri) {
   return found == moving_.end() ? nullptr : &*found;
 }
 
+void loss_report::begin(const state_side &before, const state_side &after) {
+  for (const std::array<std::string, 3> &stores : vrrp_) {
+    gave_way_.merge(records_that_gave_way({stores, before_, after_}, before, after));
+  }
+}
+
+bool loss_report::gave_way_to_another(const std::string &uri, const std::string &key) const {
+  const auto found = gave_way_.find(uri);
+  return found != gave_way_.end() && found->second.contains(key);
+}
+
 void loss_report::take(const state_change &change, const change_author &author) {
   const bool is_changed = change.how == state_change::what::changed;
   if (!change.key || !(is_changed || change.how == state_change::what::removed)) {
@@ -135,11 +146,12 @@ void loss_report::take(const state_change &change, const change_author &author) 
   }
   moving_store *const store = moving(change.name);
   if (store != nullptr) {
-    store->touched = true;
     store->lost_some = store->lost_some || !is_changed;
   }
   if (is_changed) {
-    take_fields(change, author);
+    if (!gave_way_to_another(change.name, *change.key)) {
+      take_fields(change, author);
+    }
   } else if (store == nullptr) {
     ++removed_;
     take_removed(change, author);
@@ -264,21 +276,14 @@ void loss_report::look_at_promises(const state_side &after) {
 }
 
 // Of the records of one key in several of a VDC's stores, those whose value is nowhere afterwards.
-void loss_report::look_for_rivals(const std::array<std::string, 3> &stores,
-                                  const state_side &before, const state_side &after) {
-  const bool touched = std::any_of(stores.begin(), stores.end(),
-                                   [&](const std::string &uri) { return moving(uri)->touched; });
-  if (!touched) {
-    return;
-  }
-  for (auto &[uri, keys] : records_that_gave_way({stores, before_, after_}, before, after)) {
+void loss_report::list_rivals(const state_side &before) {
+  for (const auto &[uri, keys] : gave_way_) {
     for_each_record(store_of(before, uri), [&, &gone = keys](const state_change &change) {
       if (gone.contains(*change.key)) {
         ++removed_;
         take_record(change, gave_way, author_of_(change));
       }
     });
-    gave_way_[uri] = std::move(keys);
   }
 }
 
@@ -303,7 +308,6 @@ bool loss_report::is_replaced(const moving_store &store, const state_side &befor
 // A record of it that is in none of the places is lost; fields of one that is may be.
 void loss_report::look_for(const moving_store &store, const state_side &before,
                            const state_side &after) {
-  const std::set<std::string> &beaten = gave_way_[store.uri];
   hashes missing;
   bool first = true; // all are missing until then
   for (const std::string &place : store.places) {
@@ -319,7 +323,7 @@ void loss_report::look_for(const moving_store &store, const state_side &before,
                   if (change.how == state_change::what::removed) {
                     not_here.push_back(hash_of(*change.key));
                   } else if (change.how == state_change::what::changed && place != store.uri &&
-                             !beaten.contains(*change.key)) {
+                             !gave_way_to_another(store.uri, *change.key)) {
                     take_fields(change, author_of_(change));
                   }
                 });
@@ -350,9 +354,7 @@ void loss_report::look_for(const moving_store &store, const state_side &before,
 void loss_report::end(const state_side &before, const state_side &after,
                       const record_totals &totals) {
   look_at_promises(after);
-  for (const std::array<std::string, 3> &stores : vrrp_) {
-    look_for_rivals(stores, before, after);
-  }
+  list_rivals(before);
   for (const moving_store &store : moving_) {
     if (store.lost_some && before_.contains(store.uri)) {
       look_for(store, before, after);

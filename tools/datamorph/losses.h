@@ -64,6 +64,9 @@ public:
   loss_report(const switch_state &state, std::set<std::string> before, std::set<std::string> after,
               author_finder author_of, bool accepted);
 
+  // Before the first change: looks for records that gave way to others. Throws failure as
+  // diff_states.
+  void begin(const state_side &before, const state_side &after);
   // A change of the state, of those that diff_states gives.
   void take(const state_change &change, const change_author &author);
   // After the last one: looks for the records that changed stores. Throws failure as diff_states.
@@ -80,7 +83,6 @@ private:
     std::string uri;
     std::vector<std::string> places; // where its records may be afterwards; itself first
     bool lost_some = false;
-    bool touched = false; // records of it went or changed
   };
   // Records whose rule names another one, which is looked at in the end.
   struct promised {
@@ -99,8 +101,8 @@ private:
                   const decoded_field &field);
   moving_store *moving(const std::string &uri);
   void look_at_promises(const state_side &after);
-  void look_for_rivals(const std::array<std::string, 3> &stores, const state_side &before,
-                       const state_side &after);
+  void list_rivals(const state_side &before);
+  bool gave_way_to_another(const std::string &uri, const std::string &key) const;
   void look_for(const moving_store &store, const state_side &before, const state_side &after);
   bool is_replaced(const moving_store &store, const state_side &before,
                    const state_side &after) const;

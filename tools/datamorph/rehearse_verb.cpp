@@ -448,6 +448,7 @@ void rehearse_run::compare(const rehearsal &main) {
       switch_.state(), main.done().stores("stores_before"), main.done().stores("stores_after"),
       [&](const state_change &change) { return main.authors().of(change); },
       options_.work.accept_losses);
+  losses_->begin(before, after);
   progress shown;
   shown.begin("comparing", 0, "records read");
   const record_totals totals = diff_states(

@@ -270,6 +270,17 @@ TEST_F(rehearsals, a_value_that_gives_way_is_lost) {
   EXPECT_EQ(lost["why"], "the record of its key in another of VRRP's stores took its place");
   EXPECT_EQ(shown["steps"].at(lost["step"].get<size_t>())["service"], "VRRP_ENG");
   EXPECT_EQ(shown["losses"]["fields_total"], 0);
+
+  // A wider record whose older part is the same: what only it has, is lost with it.
+  const char *router = "01000000010a1a000000";
+  const std::string narrow = run({"store", "get", "sw", manager, router}).out.substr(0, 2 * 85);
+  const std::string wide = narrow + "05" + std::string(62, '0');
+  ASSERT_EQ(run({"store", "put", "sw", engine, router, wide}).status, 0);
+  const nlohmann::json wider = rehearse({"--to", "4.2(1)"});
+  EXPECT_EQ(balance(wider).dump(), "[97,90,7,0]");
+  EXPECT_EQ(wider["losses"]["fields_total"], 0);
+  EXPECT_EQ(wider["losses"]["records"].at(5)["key"], router);
+  EXPECT_EQ(wider["losses"]["records"].at(5)["value"], wide);
 }
 
 // Going down it is the other way round. One of the same value loses nothing.

@@ -59,6 +59,7 @@ json empty_tail() {
             {"things", none},
             {"records", none},
             {"undecoded", 0},
+            {"misfits", 0},
             {"unreadable", 0}}},
           {"round_trip", nullptr},
           {"via", nullptr},
@@ -268,6 +269,20 @@ TEST_F(report_page_test, what_could_not_be_read_is_told) {
          {"step", nullptr}}},
        empty_tail());
   EXPECT_EQ(text(".change"), "unreadable storeAfter: it is damagedby a step that is not known");
+}
+
+TEST_F(report_page_test, what_does_not_fit_its_release_is_told) {
+  json change = record("changed", "nonvolatile:/x", "0a01");
+  change["a"]["decoded"] = {{"kind", "VR record"}, {"prio", 120}};
+  change["b"]["decoded"] = {
+      {"kind", "VR record"}, {"misfit", true}, {"problems", {"2 bytes, but it has 117"}}};
+  json tail = empty_tail();
+  tail["summary"]["misfits"] = 1;
+  show({change}, tail);
+  EXPECT_EQ(all("#things .word.misfit"), texts({"does not fit its release"}));
+  EXPECT_EQ(all("#things .change > table tbody tr"),
+            texts({"problemsnone2 bytes, but it has 117", "bytes0a0b0c0d"}));
+  EXPECT_EQ(all("#summary .bad"), texts({"Do not fit their release1"}));
 }
 
 TEST_F(report_page_test, what_is_not_known_is_told) {

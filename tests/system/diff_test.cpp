@@ -52,6 +52,7 @@ TEST_F(diff_of_states, none) {
            "as_expected" : true,
                            "unreadable" : 0,
                            "undecoded" : 0,
+                           "misfits" : 0,
                            "expected" : 0,
                            "missing" : 0,
                            "things" : {"added" : 0, "removed" : 0, "changed" : 0},
@@ -117,6 +118,80 @@ TEST_F(diff_of_states, fields_of_known_records) {
   EXPECT_NE(run({"diff", "a", "b"})
                 .out.find(" 01001000000000000000000000fe -> 02001000000000000000000000fe\n"),
             std::string::npos);
+}
+
+// ---- Layouts by release ------------------------------------------------------------------------
+
+constexpr char engine[] = "nonvolatile:/cfg/startup/bin/vrrp-eng_runtime_config";
+constexpr char router_key[] = "01000000010b1a000000";
+
+// A virtual router with this priority, as it is stored before 4.2(1).
+std::string router(const std::string &prio) {
+  return "0000001a0b0100000001000000" + prio + std::string(2 * 68, '0');
+}
+
+TEST_F(diff_of_states, each_side_is_decoded_by_the_layout_of_its_release) {
+  const std::string wide = router("78000000") + std::string(2 * 32, '0');
+  put("a", engine, router_key, router("64000000"));
+  put("b", engine, router_key, wide);
+  const nlohmann::json changed = change();
+  EXPECT_EQ(changed["a"]["decoded"]["prio"], 100);
+  EXPECT_FALSE(changed["a"]["decoded"].contains("misfit"));
+  // A value that could be read by its length alone: 4.1(5) has no such layout.
+  EXPECT_EQ(changed["b"]["value"], wide);
+  EXPECT_EQ(changed["b"]["decoded"], parsed(R"j({"kind": "VR record", "misfit": true,
+      "problems": ["117 bytes, but before 4.2(1) it has 85"],
+      "record_key": {"type": 1, "ifindex": "0x1a000000", "vr_id": 11,
+                     "addr_type": "INET_ADDR_TYPE_IPV4"}})j"));
+  EXPECT_FALSE(changed.contains("fields"));
+  EXPECT_EQ(diff(2)["summary"]["misfits"], 1);
+  EXPECT_EQ(diff(2)["summary"]["undecoded"], 1);
+
+  const result table = run({"diff", "a", "b"});
+  EXPECT_EQ(table.err, "");
+  EXPECT_NE(table.out.find(" -> VR record: 117 bytes, but before 4.2(1) it has 85, key (type 1, "
+                           "ifindex 0x1a000000, vr_id 11, addr_type INET_ADDR_TYPE_IPV4), does not "
+                           "fit its release, " +
+                           wide + "\n"),
+            std::string::npos)
+      << table.out;
+  EXPECT_TRUE(table.out.ends_with(" missing\n1 record does not fit the layout of its release\n"))
+      << table.out;
+
+  // The release stands in each state's switch.json, and the library orders it.
+  std::string state = read("b/current/switch.json");
+  state.replace(state.find("4.1(5)"), 6, "4.2(1)");
+  write("b/current/switch.json", state);
+  const nlohmann::json risen = diff(2);
+  EXPECT_EQ(risen["summary"]["misfits"], 0);
+  EXPECT_EQ(risen["changes"][1]["fields"]["prio"], parsed(R"j({"a": 100, "b": 120})j"));
+}
+
+// In the hand-over store records wait in the layout of the side that they come from.
+TEST_F(diff_of_states, records_that_wait_fit_in_either_layout) {
+  const std::string uri = "nonvolatile:/tmp/vrrp-startup-pss";
+  put("a", uri, router_key, router("64000000"));
+  put("b", uri, router_key, router("64000000") + std::string(2 * 32, '0'));
+  const nlohmann::json found = diff(2);
+  EXPECT_EQ(found["summary"]["misfits"], 0);
+  EXPECT_EQ(found["changes"][0]["fields"]["layout"],
+            parsed(R"j({"a": "before 4.2(1)", "b": "4.2(1)"})j"));
+}
+
+TEST_F(diff_of_states, without_a_library_the_length_chooses_the_layout) {
+  set("DATAMORPH_LIBRARY", path("none.so"));
+  put("b", kps, "01", "00");
+  EXPECT_EQ(run({"diff", "a", "b"}).err, ""); // where it does not matter
+  put("a", engine, router_key, router("64000000"));
+  put("b", engine, router_key, router("64000000") + std::string(2 * 32, '0'));
+  const result found = run({"diff", "a", "b", "--format", "json"});
+  EXPECT_EQ(found.status, 2);
+  EXPECT_TRUE(found.err.starts_with("datamorph: the layout that records of a release have is not "
+                                    "known, so they were decoded by their length: "))
+      << found.err;
+  EXPECT_NE(found.err.find("none.so"), std::string::npos);
+  EXPECT_EQ(std::count(found.err.begin(), found.err.end(), '\n'), 1);
+  EXPECT_EQ(found.json()["summary"]["misfits"], 0);
 }
 
 TEST_F(diff_of_states, stores_of_one_side_come_with_their_records) {

@@ -1,6 +1,6 @@
 // Converters for the tests of the command line. What the SKSD routine of the running filesystem
 // does is told by FAKE_CONVERTERS_DO; everything else succeeds. Each routine notes its call in
-// /bootflash/calls.
+// /bootflash/calls. Those that bear the name of a real one act for it when they are asked to.
 #include "libdatamorph.h"
 
 #include <csignal>
@@ -323,6 +323,33 @@ syserr_t sksd(const char *path, const char *, const char *, const char *) {
   return act(what == nullptr ? "" : what);
 }
 
+bool is_asked(std::string_view what) {
+  const char *asked = std::getenv("FAKE_CONVERTERS_DO");
+  return asked != nullptr && std::string_view(asked).starts_with(what);
+}
+
+// Takes the record of this key away, and puts its value, or another one, under the second key.
+void move_record(const std::string &uri, std::string key, std::string to, bool keep_value) {
+  syserr_t status = 0;
+  const pss_service_t store = pss_open(uri.c_str(), &status);
+  if (status != SYSERR_SUCCESS) {
+    return;
+  }
+  const pss_datum_t old_key = {key.data(), static_cast<uint32>(key.size())};
+  const pss_datum_t new_key = {to.data(), static_cast<uint32>(to.size())};
+  const pss_datum_t *const found = pss_fetch(store, &old_key, &status);
+  std::string value = "vvvv";
+  if (keep_value && found != nullptr) {
+    value.assign(static_cast<const char *>(found->ptr), found->siz);
+  }
+  const pss_datum_t kept = {value.data(), static_cast<uint32>(value.size())};
+  pss_delete(store, &old_key);
+  if (!to.empty()) {
+    pss_store(store, 0, &new_key, &kept);
+  }
+  pss_close(store);
+}
+
 #define QUIET_ROUTINE(name)                                                                        \
   syserr_t name(const char *path, const char *, const char *, const char *) {                      \
     note(#name, path);                                                                             \
@@ -334,6 +361,37 @@ QUIET_ROUTINE(manager_up)
 QUIET_ROUTINE(engine_up)
 QUIET_ROUTINE(engine_down)
 QUIET_ROUTINE(manager_down)
+
+} // namespace
+
+extern "C" {
+
+// "fold" as the real one, "fold-nowhere" without the new record, "fold-badly" with another value.
+__attribute__((visibility("default"))) syserr_t
+pixm_data_morph_gsync(const char *path, const char *, const char *, const char *) {
+  using namespace std::string_literals;
+  move_record("nonvolatile:"s + path + "/pixm_runtime_info", "\x36\0\0\x10\xda\0\1"s,
+              is_asked("fold-nowhere") ? "" : "\x36\0\0\x11\x62\0\1"s, !is_asked("fold-badly"));
+  return SYSERR_SUCCESS;
+}
+
+// What is not planted: the store goes.
+__attribute__((visibility("default"))) syserr_t
+cond_srv1_data_morph_gsync(const char *path, const char *, const char *, const char *) {
+  pss_destroy((std::string("volatile:") + path + "/cond_srv_config").c_str());
+  return SYSERR_SUCCESS;
+}
+
+// Takes a record of the engine's away, whose store nothing replaces.
+__attribute__((visibility("default"))) syserr_t
+vrrp_eng_data_morph_startup_for_upgrade(const char *path, const char *, const char *,
+                                        const char *) {
+  move_record(std::string("nonvolatile:") + path + "/bin/vrrp-eng_runtime_config", "\3", "", true);
+  return SYSERR_SUCCESS;
+}
+}
+
+namespace {
 
 template <typename row_t>
 syserr_t walk(const row_t *row, uuid_t uuid, convert_ret_value_t *a, const datamorph_args_t *args) {
@@ -364,14 +422,22 @@ template <typename row_t> syserr_t walk_all(const row_t *table, const datamorph_
 
 } // namespace
 
-const data_morph_gsync data_morph_gsync_table[] = {{SRVUUID_IKE, ike}, {SRVUUID_NONE, nullptr}};
+// A row that is not asked for ends its table.
+const data_morph_gsync data_morph_gsync_table[] = {
+    {SRVUUID_IKE, ike},
+    {is_asked("fold")    ? SRVUUID_PIXM
+     : is_asked("plant") ? SRVUUID_AIC_DBG
+                         : SRVUUID_NONE,
+     is_asked("fold") ? pixm_data_morph_gsync : cond_srv1_data_morph_gsync},
+    {SRVUUID_NONE, nullptr}};
 const data_morph_running_fs_upg data_morph_running_fs_upg_table[] = {
     {SRVUUID_SKSD, sksd}, {SRVUUID_PLUGIN, plugin}, {SRVUUID_NONE, nullptr}};
-const data_morph_startup data_morph_startup_table[] = {{SRVUUID_VRRP_MGR, manager_up},
-                                                       {SRVUUID_VRRP_ENG, engine_up},
-                                                       {SRVUUID_VRRP_ENG, engine_down},
-                                                       {SRVUUID_VRRP_MGR, manager_down},
-                                                       {SRVUUID_NONE, nullptr}};
+const data_morph_startup data_morph_startup_table[] = {
+    {SRVUUID_VRRP_MGR, manager_up},
+    {SRVUUID_VRRP_ENG, is_asked("replace") ? vrrp_eng_data_morph_startup_for_upgrade : engine_up},
+    {SRVUUID_VRRP_ENG, engine_down},
+    {SRVUUID_VRRP_MGR, manager_down},
+    {SRVUUID_NONE, nullptr}};
 const data_morph_psshlpr_upg data_morph_psshlpr_upg_table[] = {{SRVUUID_NONE, nullptr}};
 
 void libdatamorph_init(mts_q_handle_t given) {

@@ -199,6 +199,143 @@ TEST_F(rehearsals, a_record_that_goes_without_a_rule_is_unaccounted_for) {
   EXPECT_EQ(table.err, "datamorph: 'sw': 1 record would be lost for no known reason\n");
 }
 
+// ---- Where a rule says that the record is ------------------------------------------------------
+
+TEST_F(rehearsals, what_a_rule_promises_is_looked_for) {
+  const auto lost = [&](const char *what, const char *key, int status) {
+    fake(what);
+    const nlohmann::json shown = rehearse({"--to", "4.2(1)"}, status);
+    EXPECT_EQ(shown["losses"]["records_total"], 1) << what;
+    const nlohmann::json &first = shown["losses"]["records"].at(0);
+    EXPECT_EQ(first["key"], key) << what;
+    EXPECT_EQ(first["why"].is_null(), status != 0) << what;
+    return balance(shown).dump();
+  };
+  EXPECT_EQ(lost("fold", "36000010da0001", 0), "[95,94,1,0]");
+  EXPECT_EQ(lost("fold-nowhere", "36000010da0001", 1), "[95,94,0,1]");
+  EXPECT_EQ(lost("fold-badly", "36000010da0001", 1), "[95,94,0,1]");
+
+  ASSERT_EQ(run({"store", "put", "sw", engine, "03", "01", "--create"}).status, 0);
+  EXPECT_EQ(lost("replace", "03", 1), "[96,95,0,1]");
+  set("DATAMORPH_LIBRARY", "");
+  const nlohmann::json replaced = rehearse({"--to", "4.2(1)"});
+  EXPECT_EQ(balance(replaced).dump(), "[96,90,6,0]");
+  EXPECT_EQ(replaced["losses"]["records"].at(5)["why"],
+            "the manager's store takes the place of the engine's");
+  ASSERT_EQ(run({"store", "delete", "sw", engine, "--all"}).status, 0);
+
+  ASSERT_EQ(
+      run({"store", "put", "sw", "volatile:/cfg/0/cond_srv_config", "10000000", "01", "--create"})
+          .status,
+      0);
+  EXPECT_EQ(lost("plant", "10000000", 1), "[96,95,0,1]");
+  set("DATAMORPH_LIBRARY", "");
+  EXPECT_EQ(balance(rehearse({"--to", "4.2(1)"})).dump(), "[96,90,6,0]");
+}
+
+// ---- What is lost without a record that goes ---------------------------------------------------
+
+TEST_F(rehearsals, entries_of_a_tag_table_that_go_are_lost) {
+  fake("empty-a-tag-table");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+  EXPECT_EQ(balance(shown).dump(), "[95,95,0,0]");
+  ASSERT_EQ(shown["losses"]["fields_total"], 1) << shown["losses"].dump(1);
+  const nlohmann::json &lost = shown["losses"]["fields"][0];
+  EXPECT_EQ(lost["store"], "volatile:/sysmgr/tag_tables");
+  EXPECT_EQ(lost["key"], "0001");
+  EXPECT_EQ(lost["field"], "entries");
+  EXPECT_EQ(lost["value"]["service"], "AIC_DBG");
+  EXPECT_EQ(lost["value"]["tag"], "lab");
+  EXPECT_EQ(lost["text"], "AIC_DBG \"lab\"");
+  EXPECT_EQ(lost["why"], "the list does not have it any more");
+  EXPECT_EQ(shown["steps"].at(lost["step"].get<size_t>())["service"], "SKSD");
+  // Another tag of the same service is a change.
+  fake("set-another-tag");
+  EXPECT_EQ(rehearse({"--to", "4.2(1)"})["losses"]["fields_total"], 0);
+}
+
+constexpr char address_key[] = "02000000010a1a0000000a010101000000000000000000000000";
+constexpr char other_address[] =
+    "0000001a0a010000000a0101010000000000000000000000000100000007000000"; // row_status 7
+
+// Going up, the manager's record takes the place of the one that the engine has under its key.
+TEST_F(rehearsals, a_value_that_gives_way_is_lost) {
+  ASSERT_EQ(run({"store", "put", "sw", engine, address_key, other_address, "--create"}).status, 0);
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+  EXPECT_EQ(balance(shown).dump(), "[96,90,6,0]");
+  const nlohmann::json &lost = shown["losses"]["records"].at(5);
+  EXPECT_EQ(lost["store"], engine);
+  EXPECT_EQ(lost["key"], address_key);
+  EXPECT_EQ(lost["decoded"]["row_status"], 7);
+  EXPECT_EQ(lost["why"], "the record of its key in another of VRRP's stores took its place");
+  EXPECT_EQ(shown["steps"].at(lost["step"].get<size_t>())["service"], "VRRP_ENG");
+  EXPECT_EQ(shown["losses"]["fields_total"], 0);
+
+  // A wider record whose older part is the same: what only it has, is lost with it.
+  const char *router = "01000000010a1a000000";
+  const std::string narrow = run({"store", "get", "sw", manager, router}).out.substr(0, 2 * 85);
+  const std::string wide = narrow + "05" + std::string(62, '0');
+  ASSERT_EQ(run({"store", "put", "sw", engine, router, wide}).status, 0);
+  const nlohmann::json wider = rehearse({"--to", "4.2(1)"});
+  EXPECT_EQ(balance(wider).dump(), "[97,90,7,0]");
+  EXPECT_EQ(wider["losses"]["fields_total"], 0);
+  EXPECT_EQ(wider["losses"]["records"].at(5)["key"], router);
+  EXPECT_EQ(wider["losses"]["records"].at(5)["value"], wide);
+}
+
+// Going down it is the other way round. One of the same value loses nothing.
+TEST_F(rehearsals, a_value_that_gives_way_going_down) {
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  ASSERT_EQ(run({"store", "put", "sw", manager, address_key, other_address}).status, 0);
+  const nlohmann::json shown = rehearse({"--to", "4.1(5)"});
+  EXPECT_EQ(balance(shown).dump(), "[99,96,3,0]");
+  const nlohmann::json &lost = shown["losses"]["records"].at(2);
+  EXPECT_EQ(lost["store"], manager);
+  EXPECT_EQ(lost["decoded"]["row_status"], 7);
+  EXPECT_EQ(shown["steps"].at(lost["step"].get<size_t>())["service"], "VRRP_MGR");
+
+  const std::string same = run({"store", "get", "sw", engine, address_key}).out;
+  ASSERT_EQ(
+      run({"store", "put", "sw", manager, address_key, same.substr(0, same.size() - 1)}).status, 0);
+  EXPECT_EQ(balance(rehearse({"--to", "4.1(5)"})).dump(), "[99,97,2,0]");
+}
+
+// ---- Layouts by release ------------------------------------------------------------------------
+
+// What a part of a change has left at the engine is of a later release than the switch's.
+TEST_F(rehearsals, a_layout_that_does_not_fit_the_release) {
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)", "--moment", "startup"}).status, 0);
+  const words back = {"--to",    "4.1(5)",    "--from",   "4.2(1)",    "--moment",
+                      "startup", "--service", "VRRP_MGR", "--service", "VRRP_ENG"};
+  const nlohmann::json shown = rehearse(back);
+  EXPECT_EQ(shown["summary"]["misfits"], 5);
+  const nlohmann::json &change = find(shown["changes"], engine, "01000000010a1a000000");
+  EXPECT_EQ(change["a"]["decoded"]["misfit"], true);
+  EXPECT_EQ(change["a"]["decoded"]["problems"].dump(),
+            R"(["117 bytes, but before 4.2(1) it has 85"])");
+  EXPECT_FALSE(change["a"]["decoded"].contains("prio"));
+  EXPECT_EQ(find(shown["changes"], manager, "01000000010a1a000000")["b"]["decoded"]["layout"],
+            "before 4.2(1)");
+  // Which fields the older layout lacks is not guessed: the value is told.
+  EXPECT_EQ(shown["losses"]["fields_total"], 5);
+  const nlohmann::json &lost = shown["losses"]["fields"][0];
+  EXPECT_EQ(lost["field"], "value");
+  EXPECT_EQ(lost["value"].get<std::string>().size(), 2u * 117);
+  EXPECT_EQ(lost["why"], "nobody knows which of its fields are kept");
+
+  words all = {"rehearse", "sw", "--report", "r.html"};
+  all.insert(all.end(), back.begin(), back.end());
+  const result table = run(all);
+  EXPECT_EQ(table.status, 0) << table.err;
+  EXPECT_NE(table.out.find("\n5 records do not fit the layout of their release\n"),
+            std::string::npos)
+      << table.out;
+  EXPECT_NE(table.out.find(", does not fit its release, 0000001a0a"), std::string::npos);
+  EXPECT_NE(
+      read("r.html").find("<div class=\"bad\"><dt>Do not fit their release</dt><dd>5</dd></div>"),
+      std::string::npos);
+}
+
 // Records that nobody could compare do not count as converted.
 TEST_F(rehearsals, what_cannot_be_read_afterwards_is_unaccounted_for) {
   fake("spoil-store");

@@ -138,7 +138,7 @@ TEST_F(vrrp_records, an_address_in_either_layout) {
       {"kind", "VIP record"},
       {"record_key",
        {{"type", 2}, {"ifindex", "0x1a001000"}, {"vr_id", 20}, {"inet_addr", address}}},
-      {"layout", "before 4.2(1)"},
+      {"layout", "every release"},
       {"ifindex", "0x1a001000"},
       {"vr_id", 20},
       {"inet_addr", address},
@@ -146,7 +146,7 @@ TEST_F(vrrp_records, an_address_in_either_layout) {
       {"row_status", 4}};
 
   const shown_record narrow = shown(vip_key, old_vip);
-  EXPECT_EQ(narrow.text, "VIP record: layout before 4.2(1), ifindex 0x1a001000, vr_id 20, "
+  EXPECT_EQ(narrow.text, "VIP record: layout of every release, ifindex 0x1a001000, vr_id 20, "
                          "inet_addr fe80::1, virtual yes, row_status 4\n");
   EXPECT_EQ(narrow.decoded, expected);
 
@@ -314,7 +314,7 @@ TEST_F(vrrp_records, keys_of_addresses_that_disagree) {
   for (const auto &[key, fields] : rows) {
     EXPECT_EQ(shown(key, old_vip).text,
               "VIP record: key disagrees, key (" + std::string(fields) +
-                  "), layout before 4.2(1), ifindex 0x1a001000, vr_id 20, inet_addr fe80::1, "
+                  "), layout of every release, ifindex 0x1a001000, vr_id 20, inet_addr fe80::1, "
                   "virtual yes, row_status 4\n");
   }
   EXPECT_EQ(shown("04010000", global_info).text,

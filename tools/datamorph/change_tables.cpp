@@ -6,28 +6,16 @@ namespace {
 
 using what = state_change::what;
 
-// What a value that stands alone is.
-std::string value_text(const state_change &change, const side_value &side) {
-  if (side.decoded) {
-    return side.decoded->to_text() + (side.decoded->damaged ? ", " + side.value : "");
-  }
-  if (change.key) {
-    return side.value;
-  }
-  std::string text;
-  for (const decoded_field &fact : *side.facts) {
-    append_word(text, fact.text, ", ");
-  }
-  return text;
-}
-
 std::string meaning_of(const state_change &change) {
   if (change.how == what::unreadable) {
     const side_value &side = change.a ? *change.a : *change.b;
     return std::string(change.a ? "A: " : "B: ") + to_text(side.trouble);
   }
   if (change.how != what::changed) {
-    return value_text(change, change.a ? *change.a : *change.b);
+    return (change.a ? *change.a : *change.b).to_text();
+  }
+  if (change.misfit()) {
+    return change.a->to_text() + " -> " + change.b->to_text();
   }
   std::string text;
   for (const field_change &field : change.fields()) {
@@ -40,6 +28,12 @@ std::string meaning_of(const state_change &change) {
 }
 
 } // namespace
+
+std::string misfits_text(uint64_t count) {
+  return count == 0 ? ""
+                    : counted(count, "record") + (count == 1 ? " does" : " do") +
+                          " not fit the layout of " + (count == 1 ? "its" : "their") + " release\n";
+}
 
 void change_tables::take(const state_change &change, const std::string &author) {
   if (change.kind != kind_ || change.name != name_) {

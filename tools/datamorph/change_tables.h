@@ -2,11 +2,15 @@
 #ifndef DATAMORPH_CHANGE_TABLES_H
 #define DATAMORPH_CHANGE_TABLES_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "output.h"
 #include "state_diff.h"
+
+// "2 records do not fit the layout of their release", as a line; empty when there is none.
+std::string misfits_text(uint64_t count);
 
 // Written when a thing's last change has come. They are to come thing by thing.
 class change_tables {

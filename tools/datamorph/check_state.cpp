@@ -11,6 +11,7 @@
 
 #include "failure.h"
 #include "lab/lab.h"
+#include "release_sides.h"
 #include "statuses.h"
 #include "store_access.h"
 #include "tag_tables.h"
@@ -497,19 +498,16 @@ void state_check::look_at_rights() {
 
 void ask_library(const jail::channel &channel, const library &library,
                  const check_subject &subject) {
-  const auto is_before = [&](const std::string &release) {
-    syserr_t error = SYSERR_SUCCESS;
-    return library.compare_versions(release.c_str(), layout_release, &error) < 0;
-  };
   nlohmann::json message = {{"newer", ""}, {"older", ""}, {"differs", nlohmann::json::array()}};
-  if (is_release_name(subject.from)) {
-    message["side"] = is_before(subject.from) ? layout_side::before : layout_side::from_then_on;
+  const std::optional<layout_side> side = side_of(library, subject.from);
+  if (side) {
+    message["side"] = *side;
   }
   for (const auto &[release, version] : subject.images.items()) {
     if (!version.is_string() || !is_release_name(release)) {
       continue;
     }
-    message[is_before(release) ? "older" : "newer"] = release;
+    message[side_of(library, release) == layout_side::before ? "older" : "newer"] = release;
     syserr_t error = SYSERR_SUCCESS;
     const int order =
         library.compare_versions(version.get<std::string>().c_str(), release.c_str(), &error);

@@ -10,6 +10,7 @@
 #include "change_tables.h"
 #include "failure.h"
 #include "progress.h"
+#include "release_sides.h"
 #include "state_diff.h"
 #include "store_access.h"
 #include "strict_json.h"
@@ -21,6 +22,7 @@ namespace {
 
 constexpr size_t largest_document = size_t(1) << 30;
 constexpr size_t largest_switch_file = 1 << 20;
+constexpr unsigned answer_seconds = 60; // that the conversion library has to order two releases
 
 // ---- What is compared --------------------------------------------------------------------------
 
@@ -126,6 +128,7 @@ struct summary {
   std::array<size_t, 3> records = {};
   size_t unreadable = 0;
   size_t undecoded = 0;
+  size_t misfits = 0;
   size_t expected = 0;
   size_t missing = 0;
 
@@ -136,6 +139,7 @@ struct summary {
     }
     ++(change.key ? records : things)[static_cast<size_t>(change.how)];
     undecoded += change.undecoded() ? 1 : 0;
+    misfits += change.misfit() ? 1 : 0;
   }
   // Nothing is left to tell of.
   bool settled() const {
@@ -155,6 +159,7 @@ struct summary {
             {"records", counts(records)},
             {"unreadable", unreadable},
             {"undecoded", undecoded},
+            {"misfits", misfits},
             {"expected", expected},
             {"missing", missing}};
   }
@@ -169,7 +174,7 @@ struct summary {
            ": stores, files and the like: " + counts(things) + "; records: " + counts(records) +
            ", " + std::to_string(undecoded) + " undecoded; " + std::to_string(unreadable) +
            " unreadable; " + std::to_string(expected) + " as expected, " + std::to_string(missing) +
-           " expected and missing\n";
+           " expected and missing\n" + misfits_text(misfits);
   }
 };
 static_assert(static_cast<size_t>(what::added) == 0 && static_cast<size_t>(what::removed) == 1 &&
@@ -220,13 +225,16 @@ private:
 };
 
 template <typename writer_t>
-int write_diff(const operand &a, const operand &b, known_changes *known) {
+int write_diff(const std::string &library, const operand &a, const operand &b,
+               known_changes *known) {
   writer_t writer(a, b);
   summary counts;
   progress shown;
   shown.begin("comparing", 0, "records read");
-  diff_states(
-      {a.path, a.root(), a.uri}, {b.path, b.root(), b.uri},
+  const release_sides sides(library, a.root(), {a.state.release, b.state.release}, answer_seconds);
+  const record_totals totals = diff_states(
+      {a.path, a.root(), a.uri, sides.of(a.state.release)},
+      {b.path, b.root(), b.uri, sides.of(b.state.release)},
       [&](const state_change &change) {
         if (known->take(change)) {
           ++counts.expected;
@@ -237,6 +245,9 @@ int write_diff(const operand &a, const operand &b, known_changes *known) {
       },
       [&] { shown.advance(); });
   shown.end();
+  if (totals.by_length > 0) {
+    sides.explain_missing();
+  }
   counts.missing = known->missing().size();
   writer.end(*known, counts);
   if (counts.unreadable > 0) {
@@ -255,6 +266,7 @@ int diff(const common_options &common, const diff_options &options) {
   if (a.uri.empty() != b.uri.empty()) {
     throw failure(exit_usage, "diff wants two states or two stores, not one of each");
   }
-  return common.format == output::format::json ? write_diff<json_writer>(a, b, &known)
-                                               : write_diff<table_writer>(a, b, &known);
+  return common.format == output::format::json
+             ? write_diff<json_writer>(common.library, a, b, &known)
+             : write_diff<table_writer>(common.library, a, b, &known);
 }

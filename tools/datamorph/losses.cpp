@@ -5,73 +5,63 @@
 #include <iterator>
 
 #include "store_access.h"
+#include "tag_tables.h"
 #include "text.h"
 #include "vrrp_hand_over.h"
+#include "vrrp_rivals.h"
 
 namespace {
 
 constexpr uint64_t kept = 1000;
 
-// Why a record may go. A converter that removes records has its row here, or they are unaccounted
-// for.
-struct removal_rule {
-  const char *routine;
-  const char *store; // its name, behind the last '/' of a store or file; "*": any volatile one
-  const char *kind;  // of the decoded record; "": any
-  const char *why;
-};
-
-constexpr char older_software[] = "older software builds the store anew";
-constexpr char numbers_fold[] =
-    "the numbers of a slot fold onto its first one, where the record of the highest stays";
-constexpr char cache[] = "a cache that is built anew";
-constexpr char no_such_tlv[] = "the other release keeps no such configuration";
-constexpr char not_registered[] = "the database is not registered in the other release";
 constexpr char accepted_loss[] = "accepted with --accept-losses";
-constexpr char replaced[] = "the manager's store takes the place of the engine's";
+constexpr char gave_way[] = "the record of its key in another of VRRP's stores took its place";
+constexpr char no_such_field[] = "the layout has no such field";
+constexpr char no_such_element[] = "the list does not have it any more";
+constexpr char unknown_fields[] = "nobody knows which of its fields are kept";
 
-constexpr removal_rule rules[] = {
-    {"sksd_data_morph_running_fs_upg", "*", "", older_software},
-    {"plugin_data_morph_running_fs_upg", "*", "", older_software},
-    {"evms_data_morph_running_fs_upg", "*", "", older_software},
-    {"evmc_data_morph_running_fs_upg", "*", "", older_software},
-    {"mvsh_data_morph_running_fs_upg", "*", "", older_software},
-    {"smm_data_morph_running_fs_upg", "*", "", older_software},
-    {"clis_data_morph_running_fs_upg", "*", "", older_software},
-    {"epp_in_npv_mode_data_morph_running_fs_upg", "*", "", older_software},
-    {"cond_srv1_data_morph_gsync", "cond_srv_config", "", "the store is planted anew"},
-    {"pixm_data_morph_gsync", "pixm_runtime_info", "LTL record", numbers_fold},
-    {"pixm_data_morph_gsync", "pixm_runtime_info", "DUAG cache record", cache},
-    {"ethpm_data_morph_gsync", "ethpm_runtime_cfg", "interface config TLV", no_such_tlv},
-    {"ethpm_data_morph_gsync", "ethpm_runtime_cfg", "interface SI config TLV", no_such_tlv},
-    {"ethpm_data_morph_startup", "ethpm_saved_config", "interface config TLV", no_such_tlv},
-    {"ethpm_data_morph_startup", "ethpm_saved_config", "interface SI config TLV", no_such_tlv},
-    {"svi_data_morph_psshlpr_upg", "globalpss_table", "snapshot database", not_registered},
-    {"svi_data_morph_psshlpr_upg", "globalpss_table.snp", "snapshot database", not_registered},
-    {"vrrp_eng_data_morph_startup_for_upgrade", "vrrp-eng_runtime_config", "", replaced},
+// Lists among the fields, and the member by which an element is the same one on both sides.
+struct list_field_form {
+  const char *field;
+  const char *member;
+  std::string (*text)(const nlohmann::json &element);
 };
 
-std::string_view last_part(std::string_view name) {
-  return name.substr(name.rfind('/') + 1);
+std::string tag_text(const nlohmann::json &entry) {
+  return tag_entry_text(entry["service"].get<std::string>(), entry["tag"].get<std::string>());
 }
 
-bool is_vrrp_route(const state_change &change) {
-  const std::string kind = change.a->decoded ? change.a->decoded->kind : "";
-  return kind == "VR record" || kind == "VIP record";
+std::string tlv_text(const nlohmann::json &item) {
+  return "TLV " + item["type"].dump() + " of " + counted(item["length"].get<size_t>(), "byte");
 }
 
-std::string rule_of(const state_change &change, const std::string &routine) {
-  const std::string kind = change.a->decoded ? change.a->decoded->kind : "";
-  for (const removal_rule &rule : rules) {
-    const bool any = rule.store == std::string_view("*");
-    const bool here =
-        any ? change.name.starts_with("volatile:") : last_part(change.name) == rule.store;
-    if (here && routine == rule.routine && (*rule.kind == '\0' || kind == rule.kind) &&
-        !(rule.why == replaced && is_vrrp_route(change))) {
-      return rule.why;
-    }
-  }
-  return "";
+constexpr list_field_form lists[] = {
+    {"entries", "uuid", tag_text},
+    {"tlvs", "type", tlv_text},
+};
+
+// The elements of `before` that have none in `after`. The same ones go together, then those that
+// only have the same member.
+std::vector<nlohmann::json> vanished(const nlohmann::json &before, nlohmann::json after,
+                                     const char *member) {
+  std::vector<nlohmann::json> left(before.begin(), before.end());
+  const auto pair_off = [&](const auto &alike) {
+    std::erase_if(left, [&](const nlohmann::json &element) {
+      const auto found = std::find_if(after.begin(), after.end(), [&](const nlohmann::json &other) {
+        return alike(element, other);
+      });
+      if (found == after.end()) {
+        return false;
+      }
+      after.erase(found);
+      return true;
+    });
+  };
+  pair_off(std::equal_to<nlohmann::json>());
+  pair_off([&](const nlohmann::json &element, const nlohmann::json &other) {
+    return element[member] == other[member];
+  });
+  return left;
 }
 
 uint64_t hash_of(const std::string &key) {
@@ -100,8 +90,9 @@ nlohmann::json lost_record::to_json() const {
 }
 
 nlohmann::json lost_field::to_json() const {
-  return {{"store", store}, {"key", key},   {"kind", kind},           {"field", name},
-          {"value", value}, {"text", text}, {"step", step_json(step)}};
+  return {{"store", store},          {"key", key},     {"kind", kind},
+          {"field", name},           {"value", value}, {"text", text},
+          {"step", step_json(step)}, {"why", why}};
 }
 
 nlohmann::json record_balance::to_json() const {
@@ -122,7 +113,7 @@ loss_report::loss_report(const switch_state &state, std::set<std::string> before
     : before_(std::move(before)), after_(std::move(after)), author_of_(std::move(author_of)),
       accepted_(accepted) {
   for (const vdc_id_t vdc : state.vdcs) {
-    const auto uris = vrrp_stores(state, vdc);
+    const auto &uris = vrrp_.emplace_back(vrrp_stores(state, vdc));
     for (const std::string &uri : uris) {
       moving_store store = {uri, {uri}, false};
       std::remove_copy(uris.begin(), uris.end(), std::back_inserter(store.places), uri);
@@ -137,61 +128,186 @@ loss_report::moving_store *loss_report::moving(const std::string &uri) {
   return found == moving_.end() ? nullptr : &*found;
 }
 
+void loss_report::begin(const state_side &before, const state_side &after) {
+  for (const std::array<std::string, 3> &stores : vrrp_) {
+    gave_way_.merge(records_that_gave_way({stores, before_, after_}, before, after));
+  }
+}
+
+bool loss_report::gave_way_to_another(const std::string &uri, const std::string &key) const {
+  const auto found = gave_way_.find(uri);
+  return found != gave_way_.end() && found->second.contains(key);
+}
+
 void loss_report::take(const state_change &change, const change_author &author) {
-  if (!change.key) {
-    return;
-  }
-  if (change.how == state_change::what::changed) {
-    take_fields(change, author);
-    return;
-  }
-  if (change.how != state_change::what::removed) {
+  const bool is_changed = change.how == state_change::what::changed;
+  if (!change.key || !(is_changed || change.how == state_change::what::removed)) {
     return;
   }
   moving_store *const store = moving(change.name);
   if (store != nullptr) {
-    store->lost_some = true;
+    store->lost_some = store->lost_some || !is_changed;
+  }
+  if (is_changed) {
+    if (!gave_way_to_another(change.name, *change.key)) {
+      take_fields(change, author);
+    }
+  } else if (store == nullptr) {
+    ++removed_;
+    take_removed(change, author);
+  }
+}
+
+namespace {
+
+lost_record lost_record_of(const state_change &change, const std::string &why,
+                           const change_author &author) {
+  return {shown_uri(change.name), *change.key, change.a->to_json(),
+          change.a->to_text(),    author.step, why};
+}
+
+} // namespace
+
+void loss_report::take_removed(const state_change &change, const change_author &author) {
+  const removal_rule *const rule = rule_of(change, author.routine);
+  if (rule == nullptr || rule->keeps == promise::nothing) {
+    take_record(change, rule == nullptr ? "" : rule->why, author);
     return;
   }
-  ++removed_;
-  take_record(change, rule_of(change, author.routine), author);
+  const std::optional<std::string> target = promised_key(*rule, change);
+  if (!target || change.kind != "store") {
+    take_record(change, "", author);
+    return;
+  }
+  promised &kept_back = promised_[change.name][*target];
+  if (kept_back.count++ < kept) {
+    kept_back.first.push_back(lost_record_of(change, rule->why, author));
+  }
+  kept_back.last_value = rule->keeps == promise::folded ? change.a->value : "";
+  kept_back.rule = rule;
 }
 
 void loss_report::take_record(const state_change &change, const std::string &why,
                               const change_author &author) {
   ++records_total_;
   balance_.by_rule += why.empty() ? 0 : 1;
-  // One without a reason never goes missing among those that have one.
-  if (why.empty() ? records_.size() - known_kept_ == kept : known_kept_ == kept) {
-    return;
+  list(lost_record_of(change, why, author));
+}
+
+// One without a reason never goes missing among those that have one.
+void loss_report::list(lost_record lost) {
+  const bool known = !lost.why.empty();
+  if (known ? known_kept_ < kept : records_.size() - known_kept_ < kept) {
+    known_kept_ += known ? 1 : 0;
+    records_.push_back(std::move(lost));
   }
-  known_kept_ += why.empty() ? 0 : 1;
-  records_.push_back({shown_uri(change.name), *change.key, change.a->to_json(),
-                      change.a->decoded ? change.a->decoded->to_text() : change.a->value,
-                      author.step, why});
 }
 
 void loss_report::take_fields(const state_change &change, const change_author &author) {
+  if (change.misfit()) {
+    list_field(change, author, unknown_fields, {"value", change.a->value, change.a->to_text()});
+  }
   if (change.undecoded()) {
     return; // nobody knows its fields
   }
   for (const field_change &field : change.fields()) {
-    if (!field.b.is_null()) {
-      continue;
-    }
-    if (fields_total_++ < kept) {
-      fields_.push_back({shown_uri(change.name), *change.key, change.a->decoded->kind, field.name,
-                         field.a, field.text.substr(0, field.text.rfind(" -> ")), author.step});
+    if (field.b.is_null()) {
+      list_field(change, author, no_such_field,
+                 {field.name, field.a, field.text.substr(0, field.text.rfind(" -> "))});
+    } else if (field.a.is_array() && field.b.is_array()) {
+      take_elements(change, field, author);
     }
   }
+}
+
+void loss_report::take_elements(const state_change &change, const field_change &field,
+                                const change_author &author) {
+  for (const list_field_form &form : lists) {
+    if (field.name != form.field) {
+      continue;
+    }
+    for (const nlohmann::json &element : vanished(field.a, field.b, form.member)) {
+      list_field(change, author, no_such_element, {field.name, element, form.text(element)});
+    }
+  }
+}
+
+void loss_report::list_field(const state_change &change, const change_author &author,
+                             const char *why, const decoded_field &field) {
+  if (fields_total_++ < kept) {
+    fields_.push_back({shown_uri(change.name), *change.key, change.a->decoded->kind, field.name,
+                       field.value, field.text, author.step, why});
+  }
+}
+
+// ---- After the last change ---------------------------------------------------------------------
+
+namespace {
+
+state_side store_of(const state_side &state, const std::string &uri) {
+  return {state.label, state.root, uri, state.layouts};
+}
+
+} // namespace
+
+// Where a promised record is not there, or has another value, its rule does not hold.
+void loss_report::look_at_promises(const state_side &after) {
+  for (auto &[uri, targets] : promised_) {
+    std::vector<std::string> keys;
+    for (const auto &[key, kept_back] : targets) {
+      keys.push_back(key);
+    }
+    std::map<std::string, std::string> values;
+    if (after_.contains(uri)) {
+      values = values_of(store_of(after, uri), keys);
+    }
+    for (auto &[key, kept_back] : targets) {
+      const auto found = values.find(key);
+      const bool holds = found != values.end() && (kept_back.rule->keeps != promise::folded ||
+                                                   found->second == kept_back.last_value);
+      records_total_ += kept_back.count;
+      balance_.by_rule += holds ? kept_back.count : 0;
+      for (lost_record &lost : kept_back.first) {
+        lost.why = holds ? lost.why : "";
+        list(std::move(lost));
+      }
+    }
+  }
+}
+
+// Of the records of one key in several of a VDC's stores, those whose value is nowhere afterwards.
+void loss_report::list_rivals(const state_side &before) {
+  for (const auto &[uri, keys] : gave_way_) {
+    for_each_record(store_of(before, uri), [&, &gone = keys](const state_change &change) {
+      if (gone.contains(*change.key)) {
+        ++removed_;
+        take_record(change, gave_way, author_of_(change));
+      }
+    });
+  }
+}
+
+// Whether the store has all that another one of its VDC had.
+bool loss_report::is_replaced(const moving_store &store, const state_side &before,
+                              const state_side &after) const {
+  if (!after_.contains(store.uri)) {
+    return false;
+  }
+  return std::any_of(store.places.begin() + 1, store.places.end(), [&](const std::string &other) {
+    bool whole = before_.contains(other);
+    if (whole) {
+      diff_states(store_of(before, other), store_of(after, store.uri),
+                  [&](const state_change &change) {
+                    whole = whole && !(change.key && change.how == state_change::what::removed);
+                  });
+    }
+    return whole;
+  });
 }
 
 // A record of it that is in none of the places is lost; fields of one that is may be.
 void loss_report::look_for(const moving_store &store, const state_side &before,
                            const state_side &after) {
-  const auto side_of = [](const state_side &state, const std::string &uri) {
-    return state_side{state.label, state.root, uri};
-  };
   hashes missing;
   bool first = true; // all are missing until then
   for (const std::string &place : store.places) {
@@ -199,16 +315,18 @@ void loss_report::look_for(const moving_store &store, const state_side &before,
       continue;
     }
     hashes not_here;
-    diff_states(side_of(before, store.uri), side_of(after, place), [&](const state_change &change) {
-      if (!change.key || !(first || has(missing, *change.key))) {
-        return;
-      }
-      if (change.how == state_change::what::removed) {
-        not_here.push_back(hash_of(*change.key));
-      } else if (change.how == state_change::what::changed && place != store.uri) {
-        take_fields(change, author_of_(change));
-      }
-    });
+    diff_states(store_of(before, store.uri), store_of(after, place),
+                [&](const state_change &change) {
+                  if (!change.key || !(first || has(missing, *change.key))) {
+                    return;
+                  }
+                  if (change.how == state_change::what::removed) {
+                    not_here.push_back(hash_of(*change.key));
+                  } else if (change.how == state_change::what::changed && place != store.uri &&
+                             !gave_way_to_another(store.uri, *change.key)) {
+                    take_fields(change, author_of_(change));
+                  }
+                });
     std::sort(not_here.begin(), not_here.end());
     missing = std::move(not_here);
     first = false;
@@ -216,20 +334,27 @@ void loss_report::look_for(const moving_store &store, const state_side &before,
   if (!first && missing.empty()) {
     return;
   }
-  for_each_record(side_of(before, store.uri), [&](const state_change &change) {
-    if (first || has(missing, *change.key)) {
-      const change_author author = author_of_(change);
-      ++removed_;
-      take_record(change,
-                  accepted_ && is_vrrp_route(change) ? accepted_loss
-                                                     : rule_of(change, author.routine),
-                  author);
+  const bool replaced = is_replaced(store, before, after);
+  for_each_record(store_of(before, store.uri), [&](const state_change &change) {
+    if (!first && !has(missing, *change.key)) {
+      return;
     }
+    ++removed_;
+    const change_author author = author_of_(change);
+    const removal_rule *const rule = rule_of(change, author.routine);
+    const bool holds = rule != nullptr && (rule->keeps != promise::replaced || replaced);
+    take_record(change,
+                accepted_ && is_vrrp_route(change) ? accepted_loss
+                : holds                            ? rule->why
+                                                   : "",
+                author);
   });
 }
 
 void loss_report::end(const state_side &before, const state_side &after,
                       const record_totals &totals) {
+  look_at_promises(after);
+  list_rivals(before);
   for (const moving_store &store : moving_) {
     if (store.lost_some && before_.contains(store.uri)) {
       look_for(store, before, after);

@@ -1,11 +1,13 @@
-// What a version change discards: records that are in no store afterwards and fields that the new
-// layout does not have. Each record that goes has a rule that tells why, is found in another store,
-// or is unaccounted for.
+// What a version change discards: records that are in no store afterwards, or whose value gave way
+// to another one's; fields that the new layout does not have, and elements of lists. Each record
+// that goes has a rule that tells why, is found in another store, or is unaccounted for.
 #ifndef DATAMORPH_LOSSES_H
 #define DATAMORPH_LOSSES_H
 
+#include <array>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -14,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "journal_authors.h"
+#include "removal_rules.h"
 #include "state_diff.h"
 #include "switch_state.h"
 
@@ -36,6 +39,7 @@ struct lost_field {
   nlohmann::json value;
   std::string text;
   std::optional<size_t> step;
+  std::string why;
 
   nlohmann::json to_json() const;
 };
@@ -60,6 +64,9 @@ public:
   loss_report(const switch_state &state, std::set<std::string> before, std::set<std::string> after,
               author_finder author_of, bool accepted);
 
+  // Before the first change: looks for records that gave way to others. Throws failure as
+  // diff_states.
+  void begin(const state_side &before, const state_side &after);
   // A change of the state, of those that diff_states gives.
   void take(const state_change &change, const change_author &author);
   // After the last one: looks for the records that changed stores. Throws failure as diff_states.
@@ -77,12 +84,33 @@ private:
     std::vector<std::string> places; // where its records may be afterwards; itself first
     bool lost_some = false;
   };
+  // Records whose rule names another one, which is looked at in the end.
+  struct promised {
+    std::vector<lost_record> first; // as many as could be listed
+    uint64_t count = 0;
+    std::string last_value; // hex
+    const removal_rule *rule = nullptr;
+  };
+  void take_removed(const state_change &change, const change_author &author);
   void take_record(const state_change &change, const std::string &why, const change_author &author);
+  void list(lost_record lost);
   void take_fields(const state_change &change, const change_author &author);
+  void take_elements(const state_change &change, const field_change &field,
+                     const change_author &author);
+  void list_field(const state_change &change, const change_author &author, const char *why,
+                  const decoded_field &field);
   moving_store *moving(const std::string &uri);
+  void look_at_promises(const state_side &after);
+  void list_rivals(const state_side &before);
+  bool gave_way_to_another(const std::string &uri, const std::string &key) const;
   void look_for(const moving_store &store, const state_side &before, const state_side &after);
+  bool is_replaced(const moving_store &store, const state_side &before,
+                   const state_side &after) const;
 
+  std::vector<std::array<std::string, 3>> vrrp_; // of each VDC
   std::vector<moving_store> moving_;
+  std::map<std::string, std::map<std::string, promised>> promised_; // by store and key
+  std::map<std::string, std::set<std::string>> gave_way_;           // keys by store
   std::set<std::string> before_;
   std::set<std::string> after_;
   author_finder author_of_;

@@ -245,9 +245,11 @@ constexpr record_kind kinds[] = {
 
 // Where VRRP's records stand: with the manager before 4.2(1), with the engine from then on, and in
 // a store for the time between.
-constexpr store_set vrrp_stores[] = {
+constexpr store_set service_stores[] = {
     {"nonvolatile:", "vrrp-cfg_config_sav"},
     {"nonvolatile:", "vrrp-eng_runtime_config"},
+};
+constexpr store_set waiting_stores[] = {
     {"nonvolatile:", "/tmp/vrrp-startup-pss*"},
     {"nonvolatile:", "/tmp/vrrp-pss*"},
 };
@@ -263,6 +265,11 @@ bool is_in(const store_set &set, const std::string &uri) {
   return uri.starts_with(set.scheme) && uri.substr(uri.rfind('/') + 1) == set.store;
 }
 
+template <size_t count> bool is_in_one(const store_set (&sets)[count], const std::string &uri) {
+  return std::any_of(std::begin(sets), std::end(sets),
+                     [&](const store_set &set) { return is_in(set, uri); });
+}
+
 } // namespace
 
 nlohmann::json decoded_record::to_json() const {
@@ -272,6 +279,9 @@ nlohmann::json decoded_record::to_json() const {
   }
   if (damaged) {
     document["damaged"] = true;
+  }
+  if (misfit) {
+    document["misfit"] = true;
   }
   return document;
 }
@@ -286,11 +296,15 @@ std::string decoded_record::to_text() const {
   if (damaged) {
     append_word(text, "damaged", ", ");
   }
+  if (misfit) {
+    append_word(text, "does not fit its release", ", ");
+  }
   return std::string(kind) + ": " + text;
 }
 
 std::optional<decoded_record> decode_record(const std::string &uri, std::string_view key,
-                                            std::string_view value) {
+                                            std::string_view value,
+                                            std::optional<layout_side> side) {
   for (const record_kind &row : kinds) {
     decoded_record record = {row.kind, false, {}};
     if (is_in({row.scheme, row.store}, uri) && row.key(key, &record.fields)) {
@@ -298,15 +312,20 @@ std::optional<decoded_record> decode_record(const std::string &uri, std::string_
       return record;
     }
   }
-  return has_layouts(uri) ? decode_vrrp_record(key, value) : std::nullopt;
+  if (!has_layouts(uri)) {
+    return std::nullopt;
+  }
+  return decode_vrrp_record(key, value, side ? layout_trouble(uri, key, value, *side) : "");
 }
 
 bool has_layouts(const std::string &uri) {
-  return std::any_of(std::begin(vrrp_stores), std::end(vrrp_stores),
-                     [&](const store_set &set) { return is_in(set, uri); });
+  return is_in_one(service_stores, uri) || is_in_one(waiting_stores, uri);
 }
 
 std::string layout_trouble(const std::string &uri, std::string_view key, std::string_view value,
                            layout_side side) {
-  return has_layouts(uri) ? vrrp_layout_trouble(key, value, side) : "";
+  if (is_in_one(waiting_stores, uri)) {
+    return vrrp_layout_trouble(key, value, std::nullopt);
+  }
+  return is_in_one(service_stores, uri) ? vrrp_layout_trouble(key, value, side) : "";
 }

@@ -19,26 +19,28 @@ struct decoded_record {
   const char *kind = "";
   bool damaged = false;              // the value is not what the key promises
   std::vector<decoded_field> fields; // those of the key, then those of the value
+  bool misfit = false; // the value has another layout than its release stores: it is not decoded
 
-  // "kind" and the fields; "damaged" when it is so.
+  // "kind" and the fields; "damaged" and "misfit" when it is so.
   nlohmann::json to_json() const;
   // "tag table: vdc 1, DOT1X """
   std::string to_text() const;
 };
 
-// What a record of this store, or of the flat file of this path, is; nothing when its place and key
-// are of no known kind. Any bytes may come.
-std::optional<decoded_record> decode_record(const std::string &uri, std::string_view key,
-                                            std::string_view value);
-
 // The release at which the layouts of records change, and the side of it that a release is on.
 inline constexpr char layout_release[] = "4.2(1)";
 enum class layout_side { before, from_then_on };
 
+// What a record of this store, or of the flat file of this path, is; nothing when its place and key
+// are of no known kind. Any bytes may come. Without a side the value's length chooses its layout.
+std::optional<decoded_record> decode_record(const std::string &uri, std::string_view key,
+                                            std::string_view value,
+                                            std::optional<layout_side> side = std::nullopt);
+
 // Whether a record of this store has another layout on the other side of that release, or could.
 bool has_layouts(const std::string &uri);
 // Why a record whose value has the length of a layout does not fit the releases on this side; empty
-// when it does.
+// when it does. Where records wait for the other side both layouts do.
 std::string layout_trouble(const std::string &uri, std::string_view key, std::string_view value,
                            layout_side side);
 

@@ -10,6 +10,7 @@
 #include "rehearsal.h"
 #include "rehearsal_files.h"
 #include "release_matrix.h"
+#include "release_sides.h"
 #include "saved_plan.h"
 #include "state_diff.h"
 #include "statuses.h"
@@ -30,6 +31,7 @@ struct change_counts {
   uint64_t things[3] = {}; // added, removed, changed
   uint64_t records[3] = {};
   uint64_t undecoded = 0;
+  uint64_t misfits = 0;
   uint64_t unreadable = 0;
 
   void take(const state_change &change) {
@@ -39,6 +41,7 @@ struct change_counts {
     }
     ++(change.key ? records : things)[static_cast<size_t>(change.how)];
     undecoded += change.undecoded() ? 1 : 0;
+    misfits += change.misfit() ? 1 : 0;
   }
   nlohmann::json to_json() const {
     const auto counts = [](const uint64_t(&of)[3]) {
@@ -47,6 +50,7 @@ struct change_counts {
     return {{"things", counts(things)},
             {"records", counts(records)},
             {"undecoded", undecoded},
+            {"misfits", misfits},
             {"unreadable", unreadable}};
   }
   std::string to_text() const {
@@ -121,7 +125,9 @@ private:
   void print_head(const rehearsal &main);
   void give(const nlohmann::json &change);
   void take(const rehearsal &main, const state_change &change);
+  state_side side(const std::string &label, int root, const std::string &release) const;
   void compare(const rehearsal &main);
+  void compare_further(comparison *other, const state_side &a, const state_side &b);
   void there_and_back(const rehearsal &main);
   void over_another(const rehearsal &main);
   void print_end(const rehearsal &main);
@@ -144,6 +150,8 @@ private:
   std::unique_ptr<rehearsal_files> files_;       // with --report
   std::unique_ptr<tree::placed_file> plan_file_; // with --save
   nlohmann::json matrix_;
+  std::unique_ptr<release_sides> sides_;
+  uint64_t by_length_ = 0; // values whose layout their length chose
   change_counts counts_;
   std::unique_ptr<loss_report> losses_;
   std::vector<comparison> others_;
@@ -317,7 +325,8 @@ void rehearse_run::print_end(const rehearsal &main) {
   for (const comparison &other : others_) {
     other.print();
   }
-  output::text("\n" + counts_.to_text() + "\n" + losses_->balance().to_text() + "\n");
+  output::text("\n" + counts_.to_text() + "\n" + misfits_text(counts_.misfits) +
+               losses_->balance().to_text() + "\n");
 }
 
 nlohmann::json rehearse_run::losses_json() const {
@@ -383,7 +392,7 @@ void rehearse_run::print_losses() const {
     }
   }
   for (const lost_field &lost : losses_->fields()) {
-    add(lost.store, lost.key, lost.step, lost.text, "the layout has no such field");
+    add(lost.store, lost.key, lost.step, lost.text, lost.why);
   }
   const uint64_t total = losses_->records_total() + losses_->fields_total();
   output::text("\nLost: " + counted(losses_->records_total(), "record") + ", " +
@@ -421,19 +430,32 @@ void rehearse_run::take(const rehearsal &main, const state_change &change) {
   }
 }
 
+// A whole state at this release, with the layouts that its records have there.
+state_side rehearse_run::side(const std::string &label, int root,
+                              const std::string &release) const {
+  return {label, root, "", sides_->of(release)};
+}
+
 void rehearse_run::compare(const rehearsal &main) {
-  const state_side before = {options_.work.dir, before_.get(), ""};
-  const state_side after = {"the copy", main.root(), ""};
+  sides_ = std::make_unique<release_sides>(common_.library, before_.get(),
+                                           std::vector<std::string>{switch_.state().release,
+                                                                    main.done().plan().from,
+                                                                    main.done().plan().to},
+                                           options_.work.timeout);
+  const state_side before = side(options_.work.dir, before_.get(), switch_.state().release);
+  const state_side after = side("the copy", main.root(), main.done().plan().to);
   losses_ = std::make_unique<loss_report>(
       switch_.state(), main.done().stores("stores_before"), main.done().stores("stores_after"),
       [&](const state_change &change) { return main.authors().of(change); },
       options_.work.accept_losses);
+  losses_->begin(before, after);
   progress shown;
   shown.begin("comparing", 0, "records read");
   const record_totals totals = diff_states(
       before, after, [&](const state_change &change) { take(main, change); },
       [&] { shown.advance(); });
   shown.end();
+  by_length_ += totals.by_length;
   losses_->end(before, after, totals);
 }
 
@@ -456,6 +478,11 @@ std::unique_ptr<rehearsal> rehearse_run::rehearse_further(comparison *other, con
   }
 }
 
+void rehearse_run::compare_further(comparison *other, const state_side &a, const state_side &b) {
+  by_length_ +=
+      diff_states(a, b, [&](const state_change &change) { other->take(change); }).by_length;
+}
+
 void rehearse_run::there_and_back(const rehearsal &main) {
   comparison other;
   other.name = "round_trip";
@@ -464,8 +491,8 @@ void rehearse_run::there_and_back(const rehearsal &main) {
   const std::unique_ptr<rehearsal> back =
       rehearse_further(&other, "back", main, main.done().plan().from, main.done().plan().to);
   if (back != nullptr) {
-    diff_states({options_.work.dir, before_.get(), ""}, {"the copy", back->root(), ""},
-                [&](const state_change &change) { other.take(change); });
+    compare_further(&other, side(options_.work.dir, before_.get(), switch_.state().release),
+                    side("the copy", back->root(), back->done().plan().to));
   }
   others_.push_back(std::move(other));
 }
@@ -482,8 +509,8 @@ void rehearse_run::over_another(const rehearsal &main) {
     const std::unique_ptr<rehearsal> second =
         rehearse_further(&other, "via-to", *first, main.done().plan().to, options_.via);
     if (second != nullptr) {
-      diff_states({"the copy", main.root(), ""}, {"the other copy", second->root(), ""},
-                  [&](const state_change &change) { other.take(change); });
+      compare_further(&other, side("the copy", main.root(), main.done().plan().to),
+                      side("the other copy", second->root(), second->done().plan().to));
     }
   }
   others_.push_back(std::move(other));
@@ -567,6 +594,9 @@ int rehearse_run::run() {
   print_end(*main);
   if (files_ != nullptr) {
     output::message("report: " + options_.report + ", all changes: " + files_->lines_path());
+  }
+  if (by_length_ > 0) {
+    sides_->explain_missing();
   }
   for (const std::string &note : main->done().report().notes) {
     output::message(in_quotes(options_.work.dir) + ": " + note);

@@ -176,6 +176,8 @@ std::string summary_part(const json &tail) {
          count_item("Lost", counted_of(losses["records_total"], "record") + ", " +
                                 counted_of(losses["fields_total"], "field")) +
          count_item("Undecoded", number(summary["undecoded"])) +
+         count_item("Do not fit their release", number(summary["misfits"]),
+                    summary["misfits"] != 0) +
          count_item("Unreadable", number(summary["unreadable"]), summary["unreadable"] != 0) +
          "</dl>\n";
 }
@@ -195,7 +197,7 @@ std::string record_fields(const json &loss) {
   return text + (loss.contains("value") ? field_item("bytes", loss["value"]) : "") + "</dl>";
 }
 
-// Why something is lost: "" where there is nothing to say, as of a field.
+// Why something is lost: "" where there is nothing to say.
 std::string why_text(const json &loss) {
   if (!loss.contains("why")) {
     return "";

@@ -80,12 +80,13 @@
     return make('table', { ariaLabel: caption }, make('thead', {}, head), make('tbody', {}, ...body));
   }
 
-  const undecoded = (side) => side && side.value !== undefined && (!side.decoded || side.decoded.damaged);
+  const undecoded = (side) => side && side.value !== undefined && (!side.decoded || side.decoded.damaged || side.decoded.misfit);
+  const misfit = (side) => side?.decoded?.misfit;
 
   // All that is known of one side, by name.
   function fieldsOf(side, withBytes) {
     if (side.value === undefined) return side;
-    const { kind, ...fields } = side.decoded ?? {};
+    const { kind, misfit: unfit, ...fields } = side.decoded ?? {};
     return withBytes || undecoded(side) ? { ...fields, bytes: side.value } : fields;
   }
 
@@ -117,6 +118,7 @@
       return oneSide(change.a ?? change.b);
     }
     const rows = Object.entries(change.fields ?? {}).map(([name, sides]) => [name, sides.a ?? undefined, sides.b ?? undefined]);
+    if (misfit(change.a) || misfit(change.b)) rows.push(['problems', change.a.decoded?.problems, change.b.decoded?.problems]);
     if (rows.length === 0 || undecoded(change.a) || undecoded(change.b)) rows.push(['bytes', change.a.value, change.b.value]);
     const whole = () => table('Whole record', bothSides(fieldsOf(change.a, true), fieldsOf(change.b, true)));
     return [table('Fields that changed', rows), ...(change.key === undefined ? [] : [folded('Whole record', whole)])];
@@ -137,6 +139,9 @@
     const item = make('li', { className: 'change ' + change.change }, head);
     if (loss) {
       item.append(' ', make('span', { className: 'word lost' }, 'lost' + (loss.length ? ': ' + loss.join(', ') : '')));
+    }
+    if (misfit(change.a) || misfit(change.b)) {
+      item.append(' ', make('span', { className: 'word misfit' }, 'does not fit its release'));
     }
     item.append(...bodyOf(change));
     if (change.step !== undefined) item.append(make('p', { className: 'by' }, ...madeBy(change)));

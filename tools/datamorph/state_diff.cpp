@@ -481,11 +481,12 @@ private:
 
 using what = state_change::what;
 
-side_value value_of(const std::string &uri, const side_message &record) {
+side_value value_of(const std::string &uri, const side_message &record,
+                    std::optional<layout_side> layouts) {
   side_value side;
   side.value = record.value;
-  side.decoded =
-      decode_record(uri, from_hex(record.key).value_or(""), from_hex(side.value).value_or(""));
+  side.decoded = decode_record(uri, from_hex(record.key).value_or(""),
+                               from_hex(side.value).value_or(""), layouts);
   return side;
 }
 
@@ -494,7 +495,7 @@ class merger {
 public:
   merger(const state_side &a, const state_side &b, asked_side *asked,
          const std::function<void(const state_change &)> &take)
-      : uri_a_(a.uri), uri_b_(b.uri), b_(*asked), take_(take) {}
+      : side_a_(a), side_b_(b), b_(*asked), take_(take) {}
 
   void hear(const side_message &message) {
     if (message.is_thing()) {
@@ -641,18 +642,24 @@ private:
     state_change change = named(how);
     if (a != nullptr) {
       change.key = a->key;
-      change.a = value_of(uri_a_.empty() ? name_ : uri_a_, *a);
+      change.a = value_on(side_a_, *a);
     }
     if (b != nullptr) {
       change.key = b->key;
-      change.b = value_of(uri_b_.empty() ? name_ : uri_b_, *b);
+      change.b = value_on(side_b_, *b);
     }
     take_(change);
   }
 
+  side_value value_on(const state_side &side, const side_message &record) {
+    const std::string &uri = side.uri.empty() ? name_ : side.uri;
+    totals_.by_length += !side.layouts && has_layouts(uri) ? 1 : 0;
+    return value_of(uri, record, side.layouts);
+  }
+
   record_totals totals_;
-  std::string uri_a_;
-  std::string uri_b_;
+  const state_side &side_a_;
+  const state_side &side_b_;
   asked_side &b_;
   const std::function<void(const state_change &)> &take_;
   const char *kind_ = "";
@@ -695,6 +702,17 @@ std::string field_text(const decoded_field *field) {
 
 } // namespace
 
+std::string side_value::to_text() const {
+  if (decoded) {
+    return decoded->to_text() + (decoded->damaged || decoded->misfit ? ", " + value : "");
+  }
+  std::string text = value;
+  for (const decoded_field &fact : facts.value_or(std::vector<decoded_field>())) {
+    append_word(text, fact.text, ", ");
+  }
+  return text;
+}
+
 nlohmann::json side_value::to_json() const {
   if (!trouble.empty()) {
     return {{"trouble", trouble}};
@@ -729,7 +747,7 @@ const char *state_change::word() const {
 
 std::vector<field_change> state_change::fields() const {
   std::vector<field_change> changes;
-  if (how != what::changed) {
+  if (how != what::changed || misfit()) {
     return changes;
   }
   const std::vector<decoded_field> of_a = fields_of(*a);
@@ -756,7 +774,7 @@ std::vector<field_change> state_change::fields() const {
 
 bool state_change::undecoded() const {
   const auto unknown = [](const std::optional<side_value> &side) {
-    return side && (!side->decoded || side->decoded->damaged);
+    return side && (!side->decoded || side->decoded->damaged || side->decoded->misfit);
   };
   return key && (unknown(a) || unknown(b));
 }
@@ -825,9 +843,39 @@ void for_each_record(const state_side &side,
     change.kind = kinds[store_kind];
     change.name = side.uri;
     change.key = message.key;
-    change.a = value_of(side.uri, message);
+    change.a = value_of(side.uri, message, side.layouts);
     take(change);
   });
+}
+
+std::map<std::string, std::string> values_of(const state_side &side,
+                                             const std::vector<std::string> &keys) {
+  std::map<std::string, std::string> values;
+  jail::request request;
+  request.root = side.root;
+  request.body = [&](const jail::channel &channel) {
+    store_handle store(side.uri, PSS2_MODE_READ);
+    for (const std::string &hex : keys) {
+      const std::string key = from_hex(hex).value_or("");
+      if (store.has(key)) {
+        channel.send_line(record_line(key, store.fetch(key)));
+      }
+    }
+    store.close();
+  };
+  request.on_line = [&](const std::string &line) {
+    std::optional<side_message> record = read_record(line);
+    if (record) {
+      values[record->key] = std::move(record->value);
+    }
+    return record.has_value();
+  };
+  const jail::outcome outcome = jail::run(request);
+  if (!outcome.finished()) {
+    throw failure(exit_failed,
+                  in_quotes(side.label) + ": looking into the state " + outcome.text());
+  }
+  return values;
 }
 
 std::string state_digest(const state_side &side) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,9 +15,10 @@
 #include "records.h"
 
 struct state_side {
-  std::string label; // in quotes before what went wrong there
-  int root = -1;     // the state's folder; stays the caller's
-  std::string uri;   // one store; empty for all of the state
+  std::string label;                       // in quotes before what went wrong there
+  int root = -1;                           // the state's folder; stays the caller's
+  std::string uri;                         // one store; empty for all of the state
+  std::optional<layout_side> layouts = {}; // of its release; none: a value's length chooses
 };
 
 // What stands on one side of a change.
@@ -26,6 +28,9 @@ struct side_value {
   std::optional<decoded_record> decoded;
   std::string trouble; // of a thing that cannot be read: why
 
+  bool misfit() const { return decoded && decoded->misfit; }
+  // Of a value that stands alone, for people; bytes where nobody knows, or not all.
+  std::string to_text() const;
   nlohmann::json to_json() const;
 };
 
@@ -48,10 +53,13 @@ struct state_change {
   std::optional<side_value> b;
 
   const char *word() const;
-  // Facts or decoded fields that differ. None for records that only bytes tell apart.
+  // Facts or decoded fields that differ. None for records that only bytes tell apart, or that do
+  // not fit their release.
   std::vector<field_change> fields() const;
-  // Whether one of its values is of no known form, or is damaged.
+  // Whether one of its values is of no known form, is damaged, or does not fit its release.
   bool undecoded() const;
+  // Whether one of its values does not fit its release.
+  bool misfit() const { return (a && a->misfit()) || (b && b->misfit()); }
   nlohmann::json to_json() const;
 };
 
@@ -60,6 +68,7 @@ struct record_totals {
   uint64_t a = 0;
   uint64_t b = 0;
   uint64_t uncompared = 0; // of a's, where b's thing cannot be read or is of another type
+  uint64_t by_length = 0;  // values of changes whose layout their length chose
 };
 
 // Gives each difference, things by kind and name and the records of each by key, behind their
@@ -74,6 +83,11 @@ record_totals diff_states(
 
 // Gives each record of one store as if it were removed. Throws as diff_states does.
 void for_each_record(const state_side &side, const std::function<void(const state_change &)> &take);
+
+// The values, in hex, of those of the keys, in hex, that are in one store. Throws as diff_states
+// does.
+std::map<std::string, std::string> values_of(const state_side &side,
+                                             const std::vector<std::string> &keys);
 
 // A checksum (16 hex digits) of all that diff_states compares: two states of which it tells no
 // difference have the same one. Throws failure as diff_states does, 3 also for what cannot be read.

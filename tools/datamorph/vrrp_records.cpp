@@ -280,9 +280,12 @@ bool key_agrees(const record_form &form, std::string_view key, std::string_view 
 
 // What is wrong with the record, in words.
 std::vector<std::string> problems_of(const record_form &form, std::string_view key,
-                                     std::string_view value, bool sound) {
+                                     std::string_view value, bool sound,
+                                     const std::string &misfit) {
   std::vector<std::string> problems;
-  if (!sound) {
+  if (!misfit.empty()) {
+    problems.push_back(misfit);
+  } else if (!sound) {
     const std::string size = std::to_string(form.size);
     problems.push_back(counted(value.size(), "byte") +
                        (form.size == form.new_size
@@ -298,10 +301,21 @@ std::vector<std::string> problems_of(const record_form &form, std::string_view k
   return problems;
 }
 
-decoded_record decode(const record_form &form, std::string_view key, std::string_view value) {
-  const bool sound = value.size() == form.size || value.size() == form.new_size;
-  const std::vector<std::string> problems = problems_of(form, key, value, sound);
-  decoded_record record = {form.kind, !sound, {}};
+// What tells the layout of a value that has one.
+decoded_field layout_field(const record_form &form, size_t size) {
+  if (size == form.size && form.stored == form.size) {
+    return {"layout", "every release", "layout of every release"};
+  }
+  const char *const layout = size == form.size ? "before 4.2(1)" : "4.2(1)";
+  return {"layout", layout, std::string("layout ") + layout};
+}
+
+decoded_record decode(const record_form &form, std::string_view key, std::string_view value,
+                      const std::string &misfit) {
+  const bool has_layout = value.size() == form.size || value.size() == form.new_size;
+  const bool sound = has_layout && misfit.empty();
+  const std::vector<std::string> problems = problems_of(form, key, value, sound, misfit);
+  decoded_record record = {form.kind, !has_layout, {}, !misfit.empty()};
   if (!problems.empty()) {
     std::string text;
     for (const std::string &problem : problems) {
@@ -314,8 +328,7 @@ decoded_record decode(const record_form &form, std::string_view key, std::string
   }
   if (sound) {
     if (form.size != form.new_size) {
-      const char *layout = value.size() == form.size ? "before 4.2(1)" : "4.2(1)";
-      record.fields.push_back({"layout", layout, std::string("layout ") + layout});
+      record.fields.push_back(layout_field(form, value.size()));
     }
     const std::vector<decoded_field> fields = fields_of(form, value);
     record.fields.insert(record.fields.end(), fields.begin(), fields.end());
@@ -332,20 +345,28 @@ const record_form *form_of(std::string_view key) {
 
 } // namespace
 
-std::optional<decoded_record> decode_vrrp_record(std::string_view key, std::string_view value) {
+std::optional<decoded_record> decode_vrrp_record(std::string_view key, std::string_view value,
+                                                 const std::string &misfit) {
   const record_form *const form = form_of(key);
-  return form == nullptr ? std::nullopt : std::optional(decode(*form, key, value));
+  return form == nullptr ? std::nullopt : std::optional(decode(*form, key, value, misfit));
 }
 
-std::string vrrp_layout_trouble(std::string_view key, std::string_view value, layout_side side) {
+std::string vrrp_layout_trouble(std::string_view key, std::string_view value,
+                                std::optional<layout_side> side) {
   const record_form *const form = form_of(key);
   if (form == nullptr || (value.size() != form->size && value.size() != form->new_size)) {
+    return "";
+  }
+  const bool changes = form->stored != form->size;
+  if (changes && !side) {
     return "";
   }
   const bool before = side == layout_side::before;
   const size_t stored = before ? form->size : form->stored;
   return value.size() == stored ? ""
                                 : counted(value.size(), "byte") + ", but " +
-                                      (before ? "before 4.2(1)" : "from 4.2(1) on") + " it has " +
-                                      std::to_string(stored);
+                                      (!changes ? "in every release"
+                                       : before ? "before 4.2(1)"
+                                                : "from 4.2(1) on") +
+                                      " it has " + std::to_string(stored);
 }

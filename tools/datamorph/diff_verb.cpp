@@ -9,7 +9,6 @@
 
 #include "change_tables.h"
 #include "failure.h"
-#include "progress.h"
 #include "state_diff.h"
 #include "store_access.h"
 #include "strict_json.h"
@@ -223,20 +222,15 @@ template <typename writer_t>
 int write_diff(const operand &a, const operand &b, known_changes *known) {
   writer_t writer(a, b);
   summary counts;
-  progress shown;
-  shown.begin("comparing", 0, "records read");
-  diff_states(
-      {a.path, a.root(), a.uri}, {b.path, b.root(), b.uri},
-      [&](const state_change &change) {
-        if (known->take(change)) {
-          ++counts.expected;
-          return;
-        }
-        counts.count(change);
-        writer.take(change);
-      },
-      [&] { shown.advance(); });
-  shown.end();
+  diff_states({a.path, a.root(), a.uri}, {b.path, b.root(), b.uri},
+              [&](const state_change &change) {
+                if (known->take(change)) {
+                  ++counts.expected;
+                  return;
+                }
+                counts.count(change);
+                writer.take(change);
+              });
   counts.missing = known->missing().size();
   writer.end(*known, counts);
   if (counts.unreadable > 0) {

@@ -228,27 +228,27 @@ TEST_F(at_terminal, nothing_is_told_to_programs) {
   EXPECT_EQ(run(convert).err.find('\33'), std::string::npos);
 }
 
-TEST_F(at_terminal, long_transfers_and_comparisons_tell_their_records) {
-  std::string records;
-  for (int at = 100000; at < 160000; ++at) {
-    records += (records.empty() ? "{\"key\":\"" : ",{\"key\":\"") + std::to_string(at) +
-               "\",\"value\":\"00\"}";
+// A switch "sw" with a large store and one "b" without it, and works on them.
+class at_large_switch : public at_terminal {
+protected:
+  void SetUp() override {
+    at_terminal::SetUp();
+    std::string records;
+    for (int at = 100000; at < 160000; ++at) {
+      records += (records.empty() ? "{\"key\":\"" : ",{\"key\":\"") + std::to_string(at) +
+                 "\",\"value\":\"00\"}";
+    }
+    write("d.json", R"({"stores":[{"uri":"nonvolatile:/cfg/large","records":[)" + records + "]}]}");
   }
-  write("d.json", R"({"stores":[{"uri":"nonvolatile:/cfg/large","records":[)" + records + "]}]}");
-  create("b");
-  ASSERT_EQ(end(start({"rehearse", "sw", "--to", "4.2(1)", "--save", "plan.json"}).get()).status,
-            0);
+  void import() {
+    ASSERT_EQ(end(start({"store", "import", "sw", "--file", "d.json"}).get()).status, 0);
+  }
   struct step {
     words arguments;
     const char *line;
     int status;
   };
-  for (const step &step : std::vector<step>{
-           {{"store", "import", "sw", "--file", "d.json"}, " of 60000 records, about ", 0},
-           {{"store", "export", "sw", "--file", "e.json"}, "\rexporting: ", 0},
-           {{"convert", "sw", "--plan", "plan.json"}, "\rmaking the digest: ", 3},
-           {{"check", "sw", "--to", "4.2(1)"}, "\rchecking: ", 0},
-           {{"diff", "sw", "b"}, " records, about ", 2}}) {
+  void expect_told(const step &step) {
     const std::unique_ptr<background> running = start(step.arguments);
     // What comes before the first record need not crawl.
     EXPECT_TRUE(stops_when(*running, [&] { return exists("sw/current/cfg/large.pss"); }));
@@ -256,6 +256,33 @@ TEST_F(at_terminal, long_transfers_and_comparisons_tell_their_records) {
     EXPECT_EQ(end(running.get()).status, step.status);
     EXPECT_TRUE(screen().ends_with("\r\33[K")) << step.line;
   }
+};
+
+TEST_F(at_large_switch, transfers_tell_their_records) {
+  expect_told({{"store", "import", "sw", "--file", "d.json"}, " of 60000 records, about ", 0});
+  expect_told({{"store", "export", "sw", "--file", "e.json"}, "\rexporting: ", 0});
+}
+
+TEST_F(at_large_switch, comparisons_tell_their_records) {
+  create("b");
+  import();
+  expect_told({{"diff", "sw", "b"}, " records, about ", 2});
+}
+
+TEST_F(at_large_switch, checks_tell_their_parts) {
+  import();
+  expect_told({{"check", "sw", "--to", "4.2(1)"}, "\rchecking: ", 0});
+}
+
+TEST_F(at_large_switch, digests_tell_their_records) {
+  import();
+  ASSERT_EQ(end(start({"rehearse", "sw", "--to", "3.3(1)", "--save", "plan.json"}).get()).status,
+            0);
+  const std::unique_ptr<background> running = start({"convert", "sw", "--plan", "plan.json"});
+  EXPECT_TRUE(stops_when(*running, [&] { return !read("sw/.lock").empty(); }));
+  EXPECT_TRUE(crawls_until(running.get(), "\rmaking the digest: "));
+  EXPECT_TRUE(crawls_until(running.get(), " records, about "));
+  EXPECT_EQ(end(running.get()).status, 0);
 }
 
 // "cp" is put before the real one: it stands still when it has copied a part.
@@ -274,11 +301,10 @@ TEST_F(at_terminal, a_slow_copy_tells_its_size) {
 }
 
 TEST_F(at_terminal, long_journals_and_many_runs_tell_how_far_they_are_read) {
-  create("sw");
   ASSERT_EQ(end(start({"convert", "sw", "--to", "3.3(1)"}).get()).status, 0);
   const std::string journal = read("sw/runs/0001/journal.jsonl");
   std::string much = journal;
-  while (much.size() < (2 << 20)) {
+  while (much.size() < (4 << 20)) {
     much += journal;
   }
   write("sw/runs/0001/journal.jsonl", much);

@@ -260,7 +260,8 @@ private:
         "datamorph history /tmp/switch\n\n"
         "Tells what each run wrote down in DIR/runs/NUMBER; \"-\" is what it did not. Records\n"
         "are counted of conversions that were done, at each call; 'datamorph diff' tells what is\n"
-        "different in the end. SECONDS is how long a run took.",
+        "different in the end. SECONDS is how long a run took. Where the terminal is too narrow\n"
+        "for the table, each run is told in a few lines, without what is not known.",
         [this] { return history(common_, dir_); });
     list->add_option("DIR", dir_, dir_help)->required();
     CLI::App *back =

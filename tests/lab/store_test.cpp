@@ -84,6 +84,10 @@ TEST_F(lab_test, parameters_are_kept) {
   EXPECT_EQ(info.params.max_node_keys, 64U);
   EXPECT_EQ(info.params.version, 7U);
   EXPECT_EQ(lab::store_inspect("volatile:/x", &info), 0x40480002U);
+  uint64_t records = 0;
+  EXPECT_EQ(lab::store_count(k_uri, &records), 0U);
+  EXPECT_EQ(records, 1U);
+  EXPECT_EQ(lab::store_count("volatile:/x", &records), 0x40480002U);
 }
 
 TEST_F(lab_test, what_is_over_the_limits_is_too_large_and_nothing_changes) {

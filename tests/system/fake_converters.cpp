@@ -94,6 +94,15 @@ void put_slowly() {
   }
 }
 
+// More than a copy of the example switch has room for when it just fits.
+void put_much() {
+  const pss_service_t store = open_store();
+  for (int at = 0; at < 300; ++at) {
+    put(store, "much-" + std::to_string(at), 16 << 10);
+  }
+  pss_close(store);
+}
+
 [[noreturn]] void hang() {
   for (;;) {
     pause();
@@ -300,6 +309,8 @@ syserr_t act(std::string_view what) {
     spoil_snapshot();
   } else if (what == "spoil-store") {
     spoil_store();
+  } else if (what == "put-much") {
+    put_much();
   } else if (what == "slow") {
     put_slowly();
   } else if (what == "rest") {

@@ -4,6 +4,8 @@
 #include <csignal>
 #include <filesystem>
 
+#include <sys/syscall.h>
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -173,6 +175,52 @@ TEST_F(killed_run, the_next_command_tells_how_far_it_came) {
   EXPECT_EQ(state("sw"), before);
   expect_tidy("sw");
   EXPECT_EQ(run({"lab", "show", "sw"}).err, "");
+}
+
+// Whoever opens nothing for writing tells it, and leaves it to the next one.
+TEST_F(killed_run, a_rehearsal_tells_it_and_leaves_it) {
+  create("sw");
+  const files before = state("sw");
+  kill_conversion();
+  fake("nothing");
+  const std::string killed =
+      "run 0001 (convert, from 4.1(5) to 4.2(1)) was killed in SKSD (running-fs, VDC 1), 2 of 8 "
+      "service calls done; the switch stayed as it was; it left next, .copy";
+  const std::string told = "datamorph: 'sw': " + killed + "; 'datamorph lab show sw' tidies up\n";
+  const std::string record = read("sw/runs/0001/run.json");
+
+  EXPECT_TRUE(run({"rehearse", "sw", "--to", "4.2(1)"}).err.starts_with(told));
+  EXPECT_EQ(run({"matrix", "sw", "--release", "4.1(5)", "--release", "4.2(1)"}).err, told);
+  const nlohmann::json checked = run({"check", "sw", "--to", "4.2(1)", "--format", "json"}).json();
+
+  EXPECT_EQ(checked["findings"][0]["text"], killed);
+  EXPECT_EQ(checked["findings"][0]["remedy"], "datamorph lab show sw, which tidies up and says so");
+  EXPECT_TRUE(exists("sw/next"));
+  EXPECT_EQ(read("sw/runs/0001/run.json"), record);
+  EXPECT_EQ(run({"diff", "sw", "sw"}).status, 0);
+  EXPECT_EQ(state("sw"), before);
+  expect_tidy("sw");
+  EXPECT_EQ(run({"rehearse", "sw", "--to", "4.2(1)"}).err.find("killed"), std::string::npos);
+}
+
+TEST_F(killed_run, who_has_no_right_to_write_is_told_whose_it_is) {
+  create("sw");
+  kill_conversion();
+  fake("nothing");
+  in_child = [this] {
+    // Read-only for this one, whoever runs it.
+    deny_system_calls({SYS_faccessat2}, EACCES);
+  };
+
+  const result told = run({"history", "sw"});
+
+  EXPECT_EQ(told.status, 0);
+  EXPECT_EQ(told.err,
+            "datamorph: 'sw': run 0001 (convert, from 4.1(5) to 4.2(1)) was killed in "
+            "SKSD (running-fs, VDC 1), 2 of 8 service calls done; the switch stayed as it "
+            "was; it left next, .copy; 'datamorph lab show sw' tidies up when the user "
+            "that it belongs to runs it\n");
+  EXPECT_TRUE(exists("sw/next"));
 }
 
 TEST_F(killed_run, without_anything_left_it_is_told_too) {

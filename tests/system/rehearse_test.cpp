@@ -9,7 +9,10 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -51,12 +54,50 @@ protected:
     EXPECT_TRUE(fs::is_empty(path("scratch")));
     command_test::TearDown();
   }
+  // Lets a traced command work until it is about to lock the folder that it made for its copies.
+  static bool stops_before_lock(pid_t pid) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    bool made = false;
+    while (ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr) == 0 && waitpid(pid, &status, 0) == pid &&
+           WIFSTOPPED(status)) {
+      __ptrace_syscall_info info = {};
+      const long got = ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info, &info);
+      const bool begins = got > 0 && info.op == PTRACE_SYSCALL_INFO_ENTRY;
+      made |= begins && (info.entry.nr == SYS_mkdir || info.entry.nr == SYS_mkdirat);
+      if (made && begins && info.entry.nr == SYS_flock) {
+        return true;
+      }
+    }
+    return false;
+  }
+  // A file system of this test's process, in a user namespace when that is needed.
+  void mount_small(const std::string &name, const char *size) {
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    ASSERT_EQ(unshare(uid == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER), 0);
+    if (uid != 0) {
+      std::ofstream("/proc/self/setgroups") << "deny";
+      std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
+      std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
+    }
+    ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    fs::create_directory(path(name));
+    ASSERT_EQ(mount("tmpfs", path(name).c_str(), "tmpfs", 0, (std::string("size=") + size).c_str()),
+              0);
+  }
   nlohmann::json rehearse(const words &more, int status = 0) {
     words all = {"rehearse", "sw", "--format", "json"};
     all.insert(all.end(), more.begin(), more.end());
     const result done = run(all);
     EXPECT_EQ(done.status, status) << done.err;
     return done.json();
+  }
+  // Whether a rehearsal has begun to fill its folder.
+  static bool has_copy(const std::string &scratch) {
+    const fs::directory_iterator folder(scratch);
+    return folder != fs::end(folder) && !fs::is_empty(folder->path());
   }
   static const nlohmann::json &find(const nlohmann::json &changes, const std::string &name,
                                     const std::string &key) {
@@ -454,8 +495,8 @@ TEST_F(rehearsals, what_a_stopped_command_left_stays) {
   const result shown = run({"rehearse", "sw", "--to", "4.2(1)"});
   EXPECT_EQ(shown.status, 0);
   EXPECT_TRUE(
-      shown.err.starts_with("datamorph: 'sw': a command was stopped here; the next one that may "
-                            "write tidies up\n"))
+      shown.err.starts_with("datamorph: 'sw': a command was cut short and left next, .copy; "
+                            "'datamorph lab show sw' tidies up\n"))
       << shown.err;
   EXPECT_TRUE(exists("sw/next"));
 }
@@ -525,7 +566,7 @@ TEST_F(rehearsals, stopped_or_killed) {
   EXPECT_TRUE(fs::is_empty(path("scratch")));
 
   const std::unique_ptr<background> killed = start({"rehearse", "sw", "--to", "4.2(1)"});
-  ASSERT_TRUE(eventually([&] { return !fs::is_empty(path("scratch")); }));
+  ASSERT_TRUE(eventually([&] { return has_copy(path("scratch")); }));
   killed->signal(SIGKILL);
   EXPECT_EQ(killed->wait().status, 1000 + SIGKILL);
   fake("");
@@ -535,6 +576,56 @@ TEST_F(rehearsals, stopped_or_killed) {
     return next.err.starts_with(
         "datamorph: removed what a rehearsal that was stopped had left in ");
   }));
+}
+
+// The first one has just made its folder and has not locked it yet: the second one sees a folder
+// that nobody holds.
+TEST_F(rehearsals, two_that_begin_at_one_moment) {
+  in_child = [] { ptrace(PTRACE_TRACEME, 0, nullptr, nullptr); };
+  const std::unique_ptr<background> first = start({"rehearse", "sw", "--to", "4.2(1)"});
+  in_child = [] {};
+  ASSERT_TRUE(stops_before_lock(first->pid()));
+  ASSERT_FALSE(fs::is_empty(path("scratch")));
+
+  const result second = run({"rehearse", "sw", "--to", "4.2(1)"});
+  ptrace(PTRACE_DETACH, first->pid(), nullptr, nullptr);
+  const result done = first->wait();
+
+  EXPECT_EQ(second.status, 0) << second.err;
+  EXPECT_EQ(done.status, 0) << done.err;
+  EXPECT_EQ(second.err, done.err); // nothing is told of the other one
+}
+
+TEST_F(rehearsals, the_disk_of_the_copy_becomes_full) {
+  mount_small("small", "3m");
+  set("TMPDIR", path("small"));
+  fake("put-much");
+
+  const result full = run({"rehearse", "sw", "--to", "4.2(1)"});
+
+  EXPECT_EQ(full.status, 3);
+  EXPECT_EQ(full.out, "");
+  unsigned wanted = 0;
+  ASSERT_EQ(std::sscanf(full.err.c_str(),
+                        "datamorph: 'sw': the disk of the copy became full while it was converted: "
+                        "more than %u KiB are wanted there",
+                        &wanted),
+            1)
+      << full.err;
+  EXPECT_TRUE(full.err.ends_with(" KiB are wanted there; make room in " + path("small") +
+                                 ", or name another place in TMPDIR\n"))
+      << full.err;
+  EXPECT_EQ(run({"rehearse", "sw", "--to", "4.2(1)", "--via", "4.1(2)"}).status, 3);
+  EXPECT_EQ(run({"matrix", "sw", "--release", "4.1(5)", "--release", "4.2(1)"}).status, 3);
+  EXPECT_TRUE(fs::is_empty(path("small")));
+
+  EXPECT_GT(wanted, 2048u); // the copies that stood there, and what was free beside them
+  EXPECT_LE(wanted, 3072u);
+  const std::string size = "size=" + std::to_string(3 * wanted) + "k";
+  ASSERT_EQ(mount("none", path("small").c_str(), nullptr, MS_REMOUNT, size.c_str()), 0);
+  const result enough = run({"rehearse", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(enough.status, 0) << enough.err;
+  umount2(path("small").c_str(), MNT_DETACH);
 }
 
 TEST_F(rehearsals, one_at_a_time_with_a_conversion) {

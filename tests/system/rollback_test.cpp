@@ -270,7 +270,7 @@ protected:
 
   std::unique_ptr<background> start_and_be_asked() {
     std::unique_ptr<background> running = start({"rollback", "sw"});
-    EXPECT_EQ(shown_until("[y/N] "), "Roll 'sw' back from 4.2(1) to 4.1(5)? [y/N] ");
+    EXPECT_EQ(shown_until("[y/N] "), "datamorph: 'sw': roll back, from 4.2(1) to 4.1(5)? [y/N] ");
     return running;
   }
 
@@ -302,9 +302,11 @@ TEST_F(rollback_asked, anything_else_does_not) {
     type(said);
 
     EXPECT_EQ(running->wait().status, 3) << said;
-    EXPECT_NE(shown_until("as it was\r\n")
-                  .find("datamorph: 'sw': not rolled back, as asked; the switch is as it was\r\n"),
-              std::string::npos);
+    EXPECT_NE(
+        shown_until("beforehand\r\n")
+            .find("datamorph: 'sw': not confirmed, nothing was changed; answer y, or say --yes "
+                  "beforehand\r\n"),
+        std::string::npos);
     expect_untouched();
   }
 }

@@ -90,6 +90,47 @@ TEST_F(tables, what_has_no_blanks_runs_over_and_is_whole) {
   EXPECT_GT(widest(narrow), 300u);
 }
 
+// Fourteen columns and more: told line by line, with all that is known.
+TEST_F(tables, runs_and_what_they_touched_fit_a_usual_terminal) {
+  create("sw");
+  ASSERT_EQ(run({"convert", "sw", "--to", "3.3(1)"}).status, 0);
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.1(5)", "--service", "sksd"}).status, 0);
+  const words history = {"history", "sw"};
+  const words why = {"why", "sw", "volatile:/cfg/0/plugin_debug"};
+
+  const std::string runs = on_terminal(80, history);
+  const std::string touches = on_terminal(80, why);
+
+  EXPECT_LE(widest(runs), 80u) << runs;
+  EXPECT_LE(widest(touches), 80u) << touches;
+  for (const char *known :
+       {"RUN 0001  STARTED 20", "  SECONDS ", "VERB convert", "FROM 4.1(5)", "TO 3.3(1)",
+        "MOMENTS all", "SERVICES all", "SERVICES SKSD", "RESULT done", "BY ", "ADDED ", "CHANGED ",
+        "REMOVED ", "\nRUN 0002  STARTED 20"}) {
+    EXPECT_NE(runs.find(known), std::string::npos) << known << "\n" << runs;
+  }
+  EXPECT_EQ(runs.find("REMARK"), std::string::npos) << runs; // there is none
+  for (const char *known : {"RUN 0001  STARTED 20", "STATE kept", "MOMENT running-fs", "VDC 1",
+                            "SERVICE PLUGIN", "ROUTINE ", "CALL ", "STATUS ok"}) {
+    EXPECT_NE(touches.find(known), std::string::npos) << known << "\n" << touches;
+  }
+  EXPECT_EQ(on_terminal(500, history), run(history).out);
+  EXPECT_EQ(on_terminal(500, why), run(why).out);
+}
+
+TEST_F(tables, long_remarks_are_broken_where_rows_are_told) {
+  create("sw");
+  fake("fail");
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 1);
+
+  const std::string runs = on_terminal(60, {"history", "sw"});
+
+  EXPECT_LE(widest(runs), 60u) << runs;
+  EXPECT_TRUE(runs.ends_with("\n  REMARK 1 service failed (--accept-failures keeps the\n"
+                             "  result all the same)\n"))
+      << runs;
+}
+
 TEST_F(tables, what_is_wrong_is_red_on_a_terminal_that_wants_colour) {
   create("sw");
   write("sw/current/cfg/0/vlan_cfg.pss", "no store at all");

@@ -3,7 +3,9 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -226,23 +228,27 @@ TEST_F(at_terminal, nothing_is_told_to_programs) {
   EXPECT_EQ(run(convert).err.find('\33'), std::string::npos);
 }
 
-TEST_F(at_terminal, long_transfers_and_comparisons_tell_their_records) {
-  std::string records;
-  for (int at = 100000; at < 160000; ++at) {
-    records += (records.empty() ? "{\"key\":\"" : ",{\"key\":\"") + std::to_string(at) +
-               "\",\"value\":\"00\"}";
+// A switch "sw" with a large store and one "b" without it, and works on them.
+class at_large_switch : public at_terminal {
+protected:
+  void SetUp() override {
+    at_terminal::SetUp();
+    std::string records;
+    for (int at = 100000; at < 160000; ++at) {
+      records += (records.empty() ? "{\"key\":\"" : ",{\"key\":\"") + std::to_string(at) +
+                 "\",\"value\":\"00\"}";
+    }
+    write("d.json", R"({"stores":[{"uri":"nonvolatile:/cfg/large","records":[)" + records + "]}]}");
   }
-  write("d.json", R"({"stores":[{"uri":"nonvolatile:/cfg/large","records":[)" + records + "]}]}");
-  create("b");
+  void import() {
+    ASSERT_EQ(end(start({"store", "import", "sw", "--file", "d.json"}).get()).status, 0);
+  }
   struct step {
     words arguments;
     const char *line;
     int status;
   };
-  for (const step &step : std::vector<step>{
-           {{"store", "import", "sw", "--file", "d.json"}, " of 60000 records, about ", 0},
-           {{"store", "export", "sw", "--file", "e.json"}, "\rexporting: ", 0},
-           {{"diff", "sw", "b"}, "\rcomparing: ", 2}}) {
+  void expect_told(const step &step) {
     const std::unique_ptr<background> running = start(step.arguments);
     // What comes before the first record need not crawl.
     EXPECT_TRUE(stops_when(*running, [&] { return exists("sw/current/cfg/large.pss"); }));
@@ -250,6 +256,85 @@ TEST_F(at_terminal, long_transfers_and_comparisons_tell_their_records) {
     EXPECT_EQ(end(running.get()).status, step.status);
     EXPECT_TRUE(screen().ends_with("\r\33[K")) << step.line;
   }
+};
+
+TEST_F(at_large_switch, transfers_tell_their_records) {
+  expect_told({{"store", "import", "sw", "--file", "d.json"}, " of 60000 records, about ", 0});
+  expect_told({{"store", "export", "sw", "--file", "e.json"}, "\rexporting: ", 0});
+}
+
+TEST_F(at_large_switch, comparisons_tell_their_records) {
+  create("b");
+  import();
+  expect_told({{"diff", "sw", "b"}, " records, about ", 2});
+}
+
+TEST_F(at_large_switch, checks_tell_their_parts) {
+  import();
+  expect_told({{"check", "sw", "--to", "4.2(1)"}, "\rchecking: ", 0});
+}
+
+TEST_F(at_large_switch, digests_tell_their_records) {
+  import();
+  ASSERT_EQ(end(start({"rehearse", "sw", "--to", "3.3(1)", "--save", "plan.json"}).get()).status,
+            0);
+  const std::unique_ptr<background> running = start({"convert", "sw", "--plan", "plan.json"});
+  EXPECT_TRUE(stops_when(*running, [&] { return !read("sw/.lock").empty(); }));
+  EXPECT_TRUE(crawls_until(running.get(), "\rmaking the digest: "));
+  EXPECT_TRUE(crawls_until(running.get(), " records, about "));
+  EXPECT_EQ(end(running.get()).status, 0);
+}
+
+// "cp" is put before the real one: it stands still when it has copied a part.
+TEST_F(at_terminal, a_slow_copy_tells_its_size) {
+  write("bin/cp", "#!/bin/sh\n"
+                  "for to; do :; done\n"
+                  "mkdir \"$to\" && head -c 200000 /dev/zero > \"$to/part\" && sleep 1.2 &&\n"
+                  "rm -r \"$to\" && exec env PATH=\"${PATH#*:}\" cp \"$@\"\n");
+  std::filesystem::permissions(path("bin/cp"), std::filesystem::perms::owner_all);
+  set("PATH", path("bin") + ":" + std::getenv("PATH"));
+
+  EXPECT_EQ(end(start({"convert", "sw", "--to", "3.3(1)"}).get()).status, 0);
+
+  const std::regex line("\rcopying: [0-9]+ of [0-9]+ KiB, about [0-9]+ s left\33\\[K");
+  EXPECT_TRUE(std::regex_search(screen(), line)) << screen();
+}
+
+TEST_F(at_terminal, long_journals_and_many_runs_tell_how_far_they_are_read) {
+  ASSERT_EQ(end(start({"convert", "sw", "--to", "3.3(1)"}).get()).status, 0);
+  const std::string journal = read("sw/runs/0001/journal.jsonl");
+  std::string much = journal;
+  while (much.size() < (4 << 20)) {
+    much += journal;
+  }
+  write("sw/runs/0001/journal.jsonl", much);
+  const std::unique_ptr<background> why = start({"why", "sw", vlan});
+  EXPECT_TRUE(crawls_until(why.get(), "\rreading journals: "));
+  EXPECT_TRUE(crawls_until(why.get(), " KiB, about "));
+  EXPECT_EQ(end(why.get()).status, 0);
+
+  write("sw/runs/0001/journal.jsonl", journal);
+  for (int number = 1001; number < 1400; ++number) {
+    const std::string to = "sw/runs/" + std::to_string(number);
+    nlohmann::json record = nlohmann::json::parse(read("sw/runs/0001/run.json"));
+    record["run"] = std::to_string(number);
+    write(to + "/run.json", record.dump());
+    write(to + "/report.json", read("sw/runs/0001/report.json"));
+  }
+  const std::unique_ptr<background> history = start({"history", "sw"});
+  EXPECT_TRUE(crawls_until(history.get(), " of 400 runs, about "));
+  EXPECT_EQ(end(history.get()).status, 0);
+}
+
+// The pairs are told, not the services of each.
+TEST_F(at_terminal, a_work_that_is_a_part_of_another_is_not_told) {
+  fake("rest");
+
+  EXPECT_EQ(end(start({"matrix", "sw", "--release", "4.1(5)", "--release", "4.2(1)"}).get()).status,
+            0);
+
+  EXPECT_TRUE(screen_has("\rrehearsing: 1 of 2 changes of release, about ")) << screen();
+  EXPECT_EQ(screen().find(" services"), std::string::npos) << screen();
 }
 
 } // namespace

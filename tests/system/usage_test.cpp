@@ -32,7 +32,18 @@ TEST_F(usage, words_that_are_no_verbs) {
 TEST_F(usage, options_that_are_none_or_missing) {
   expect_one_line({"convert"}, 64, "");
   expect_one_line({"convert", "sw"}, 64, "--to (or --plan) is required");
-  expect_one_line({"convert", "sw", "--to", "4.2(1)", "--bogus"}, 64, "");
+  expect_one_line({"convert", "sw", "--to", "4.2(1)", "--bogus"}, 64,
+                  "unknown option '--bogus'; see 'datamorph convert --help'");
+  expect_one_line(
+      {"rehearse", "--too", "4.2(1)", "sw"}, 64,
+      "unknown option '--too'; the nearest one is --to: see 'datamorph rehearse --help'");
+  expect_one_line({"store", "import", "sw", "--flie=x"}, 64,
+                  "unknown option '--flie'; the nearest one is --file: see 'datamorph store import "
+                  "--help'");
+  expect_one_line({"convert", "sw", "-x"}, 64, "unknown option '-x'; see 'datamorph convert");
+  // What looks like an option may be a value.
+  expect_one_line({"convert", "sw", "--from", "--too"}, 64, "--to (or --plan) is required");
+  expect_one_line({"convert", "sw", "--", "--too"}, 64, "");
   expect_one_line({"lab", "show", "sw", "extra"}, 64, "");
   expect_one_line({"services", "--format", "xml"}, 64, "--format: xml not in {table,json,jsonl}");
   expect_one_line({"--bogus"}, 64, "'--bogus' stands before the verb");

@@ -19,6 +19,7 @@
 #include "conversion_child.h"
 #include "failure.h"
 #include "jail.h"
+#include "progress.h"
 #include "stop_signal.h"
 #include "switch_dir.h"
 #include "text.h"
@@ -70,6 +71,7 @@ private:
   switch_dir switch_;
   check_subject subject_;
   survey survey_;
+  progress progress_;
 };
 
 checking::checking(const common_options &common, const check_options &options)
@@ -273,12 +275,8 @@ void checking::check_switch() {
 
 void checking::check_run() {
   survey_.looked(topic::run);
-  std::string names;
-  for (const std::string &name : switch_.leftovers()) {
-    append_word(names, name, ", ");
-  }
-  if (!names.empty()) {
-    add(topic::run, level::warning, "a command was cut short and left " + names,
+  if (!switch_.leftovers().empty()) {
+    add(topic::run, level::warning, switch_.unfinished(),
         "datamorph lab show " + shell_word(options_.dir) + ", which tidies up and says so");
   }
 }
@@ -305,9 +303,12 @@ bool checking::look_on(size_t *step) {
                [&](const nlohmann::json &message) {
                  if (message.contains("step")) {
                    at = message["step"].get<size_t>();
+                   progress_.expect(message["of"].get<uint64_t>());
+                   progress_.reach(*at);
                    store = from_hex(message.at("store").get<std::string>()).value_or("");
                  } else {
                    take(message);
+                   progress_.advance(0); // of a large store it comes many times
                  }
                }));
   if (outcome.finished()) {
@@ -332,8 +333,10 @@ bool checking::look_on(size_t *step) {
 
 void checking::check_state() {
   size_t step = 0;
+  progress_.begin("checking", 0, "stores and other parts");
   while (look_on(&step)) {
   }
+  progress_.end();
 }
 
 // ---- What is told ------------------------------------------------------------------------------

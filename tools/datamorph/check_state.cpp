@@ -29,8 +29,8 @@ class teller {
 public:
   explicit teller(const jail::channel &channel) : channel_(channel) {}
 
-  void step(size_t number, const std::string &store) {
-    channel_.send({{"step", number}, {"store", to_hex(store)}});
+  void step(size_t number, size_t all, const std::string &store) {
+    channel_.send({{"step", number}, {"of", all}, {"store", to_hex(store)}});
   }
   void looked(topic what) {
     ++counts_[static_cast<size_t>(what)][0];
@@ -527,9 +527,10 @@ void look_at_state(const jail::channel &channel, const check_subject &subject, s
   using part = void (state_check::*)();
   constexpr part parts[] = {&state_check::look_at_flat_files, &state_check::look_at_hand_over,
                             &state_check::look_at_places, &state_check::look_at_rights};
-  for (size_t step = first_step; step < uris.size() + std::size(parts); ++step) {
+  const size_t all = uris.size() + std::size(parts);
+  for (size_t step = first_step; step < all; ++step) {
     const bool of_store = step < uris.size();
-    tell.step(step, of_store ? uris[step] : "");
+    tell.step(step, all, of_store ? uris[step] : "");
     if (of_store) {
       check.look_at_store(uris[step]);
     } else {

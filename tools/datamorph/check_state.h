@@ -30,7 +30,7 @@ void ask_library(const jail::channel &channel, const library &library,
                  const check_subject &subject);
 
 // Looks at the state that the child's root is, step by step from this one on: each store is a step,
-// then come the steps that have none. Sends "step" and "store" (hex) before each; findings as
+// then come the steps that have none. Sends "step", "of" and "store" (hex) before each; findings as
 // finding::to_message; and "counts" (topic, looked at, further errors, further warnings) now and
 // then, and at the end of each step.
 void look_at_state(const jail::channel &channel, const check_subject &subject, size_t first_step);

@@ -3,18 +3,30 @@
 #include <cerrno>
 #include <cstdio>
 
+#include <poll.h>
 #include <unistd.h>
 
 #include "failure.h"
+#include "stop_signal.h"
 #include "text.h"
 
 namespace {
+
+// Until something was typed. A signal that asks the program to stop ends the wait.
+void wait_for_keys() {
+  pollfd in = {STDIN_FILENO, POLLIN, 0};
+  while (ppoll(&in, 1, nullptr, stop_signal::mask_while_waiting()) < 0 && errno == EINTR &&
+         !stop_signal::has_come()) {
+  }
+  stop_signal::check();
+}
 
 // The answer's line; what stands behind it is left for others.
 std::string read_line() {
   std::string line;
   for (;;) {
     char letter = 0;
+    wait_for_keys();
     const ssize_t got = read(STDIN_FILENO, &letter, 1);
     if (got < 0 && errno == EINTR) {
       continue;
@@ -32,8 +44,12 @@ std::string read_line() {
 
 } // namespace
 
+bool can_ask() {
+  return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+}
+
 void confirm(const std::string &question, bool yes) {
-  if (yes || isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1) {
+  if (yes || !can_ask()) {
     return;
   }
   std::fputs(("datamorph: " + question + " [y/N] ").c_str(), stderr);

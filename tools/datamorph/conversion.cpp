@@ -293,6 +293,18 @@ std::string conversion::verdict() const {
   return "";
 }
 
+bool conversion::met_full_disk() const {
+  const auto is_full = [](const nlohmann::json &line, const char *name) {
+    return line.is_object() && line.value(name, SYSERR_SUCCESS) == SYSERR_PSS_NO_ROOM;
+  };
+  const std::string first =
+      closing_.is_object() ? closing_.value("first_unexpected", "") : std::string();
+  return is_full(closing_, "close_status") || is_full(closing_, "tables_status") ||
+         is_full(nlohmann::json::parse(first, nullptr, false), "status") ||
+         std::any_of(report_.requests.begin(), report_.requests.end(),
+                     [](const request_report &one) { return one.status == SYSERR_PSS_NO_ROOM; });
+}
+
 // "vrrp_lost" or "vrrp_waiting": how many records by their store.
 nlohmann::json conversion::vrrp_records(const char *which) const {
   return closing_.is_object() ? closing_.value(which, nlohmann::json::object())

@@ -40,6 +40,8 @@ public:
       const std::function<void(const nlohmann::json &)> &also = [](const nlohmann::json &) {});
   // Why the copy may not become the state; empty when it may.
   std::string verdict() const;
+  // Whether the disk that it worked on took no more, as far as statuses tell.
+  bool met_full_disk() const;
   // What would be lost and may not be; empty when there is nothing.
   std::string unwanted_losses() const;
   // The state that the copy is then: with the release that it runs.

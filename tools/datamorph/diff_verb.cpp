@@ -9,7 +9,6 @@
 
 #include "change_tables.h"
 #include "failure.h"
-#include "progress.h"
 #include "release_sides.h"
 #include "state_diff.h"
 #include "store_access.h"
@@ -229,22 +228,17 @@ int write_diff(const std::string &library, const operand &a, const operand &b,
                known_changes *known) {
   writer_t writer(a, b);
   summary counts;
-  progress shown;
-  shown.begin("comparing", 0, "records read");
   const release_sides sides(library, a.root(), {a.state.release, b.state.release}, answer_seconds);
-  const record_totals totals = diff_states(
-      {a.path, a.root(), a.uri, sides.of(a.state.release)},
-      {b.path, b.root(), b.uri, sides.of(b.state.release)},
-      [&](const state_change &change) {
-        if (known->take(change)) {
-          ++counts.expected;
-          return;
-        }
-        counts.count(change);
-        writer.take(change);
-      },
-      [&] { shown.advance(); });
-  shown.end();
+  const record_totals totals = diff_states({a.path, a.root(), a.uri, sides.of(a.state.release)},
+                                           {b.path, b.root(), b.uri, sides.of(b.state.release)},
+                                           [&](const state_change &change) {
+                                             if (known->take(change)) {
+                                               ++counts.expected;
+                                               return;
+                                             }
+                                             counts.count(change);
+                                             writer.take(change);
+                                           });
   if (totals.by_length > 0) {
     sides.explain_missing();
   }

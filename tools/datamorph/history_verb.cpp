@@ -80,7 +80,7 @@ void print_table(const std::vector<run_row> &rows) {
                  {"CHANGED", align::right},
                  {"REMOVED", align::right},
                  {"REMARK"}},
-                cells);
+                cells, output::too_wide::is_told);
 }
 
 nlohmann::json or_null(const std::string &text) {

@@ -15,6 +15,7 @@
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -218,6 +219,14 @@ private:
   std::string next_action_;
 };
 
+// Can be read once a second; not open where the system has none to give.
+unique_fd each_second() {
+  unique_fd clock(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+  const itimerspec second = {{1, 0}, {1, 0}};
+  timerfd_settime(clock.get(), 0, &second, nullptr);
+  return clock;
+}
+
 } // namespace
 
 namespace jail {
@@ -277,7 +286,8 @@ outcome run(const request &request) {
   return outcome_of(status, messages.finished());
 }
 
-int run_program(const std::vector<std::string> &words, int folder, std::string *errors) {
+int run_program(const std::vector<std::string> &words, int folder, std::string *errors,
+                const std::function<void()> &now_and_then) {
   const stop_signal::guard guard;
   pipe_ends output = open_pipe();
   std::vector<char *> arguments;
@@ -311,6 +321,8 @@ int run_program(const std::vector<std::string> &words, int folder, std::string *
       errors->append(piece);
     }
   });
+  const unique_fd clock = each_second();
+  child.watch(clock.get(), [&](std::string_view) { now_and_then(); });
   child.wait(milliseconds(0));
   const int status = child.reap();
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);

@@ -56,8 +56,10 @@ struct outcome {
 outcome run(const request &request);
 
 // Runs a program of the host (found by PATH) to its end, in `folder`; dies with this process.
-// Its exit status, 128 and the signal; what it wrote to standard error in *errors.
-int run_program(const std::vector<std::string> &words, int folder, std::string *errors);
+// Its exit status, 128 and the signal; what it wrote to standard error in *errors. `now_and_then`
+// is called while it runs, each second.
+int run_program(const std::vector<std::string> &words, int folder, std::string *errors,
+                const std::function<void()> &now_and_then);
 
 // Whether standard error takes a few lines without blocking, waiting at most so long for its reader
 // (negative: without limit). False when a signal asks the program to stop.

@@ -14,6 +14,7 @@
 #include "output.h"
 #include "progress.h"
 #include "text.h"
+#include "unknown_option.h"
 #include "verbs.h"
 
 #ifndef DATAMORPH_VERSION
@@ -259,7 +260,8 @@ private:
         "datamorph history /tmp/switch\n\n"
         "Tells what each run wrote down in DIR/runs/NUMBER; \"-\" is what it did not. Records\n"
         "are counted of conversions that were done, at each call; 'datamorph diff' tells what is\n"
-        "different in the end. SECONDS is how long a run took.",
+        "different in the end. SECONDS is how long a run took. Where the terminal is too narrow\n"
+        "for the table, each run is told in a few lines, without what is not known.",
         [this] { return history(common_, dir_); });
     list->add_option("DIR", dir_, dir_help)->required();
     CLI::App *back =
@@ -268,9 +270,10 @@ private:
              "The switch's state and the one in previous/ change places in one step, release and\n"
              "all; rollback once more takes it back. What was stored since then, and every reboot\n"
              "since then, is of the state that goes to previous/.",
-             [this] { return rollback(common_, dir_, yes_); });
+             [this] { return rollback(common_, dir_); });
     back->add_option("DIR", dir_, dir_help)->required();
-    back->add_flag("-y,--yes", yes_, "Do not ask");
+    back->add_flag("-y,--yes", common_.yes,
+                   "Do not ask; needed where standard input or error is no terminal");
     add_why();
   }
 
@@ -531,9 +534,17 @@ private:
     for (size_t verb = 1; verb < path.size(); ++verb) {
       help += path[verb]->get_name() + " ";
     }
+    help += "--help'";
+    const command verb = command_tree(*path.back());
+    const std::string unknown = unknown_option(verb, {typed.begin() + at, typed.end()});
+    if (!unknown.empty()) {
+      const std::string nearest = nearest_option(verb, unknown);
+      return failure(exit_usage, "unknown option " + in_quotes(unknown),
+                     (nearest.empty() ? "" : "the nearest one is " + nearest + ": ") + help);
+    }
     const std::string what = error.what();
     return failure(exit_usage, to_text(what.size() > 500 ? what.substr(0, 500) + "..." : what),
-                   help + "--help'");
+                   help);
   }
 
   CLI::App app_;
@@ -549,7 +560,6 @@ private:
   std::string from_;
   std::string a_;
   std::string b_;
-  bool yes_ = false;
   std::string shell_;
   action chosen_;
 };

@@ -110,6 +110,7 @@ int show_matrix(const common_options &common, const matrix_options &options) {
   if (!owner.state_trouble().empty()) {
     throw failure(exit_refused, owner.state_trouble());
   }
+  owner.tell_unfinished();
   const scratch_folder scratch(options.work.dir);
   const unique_fd before = scratch.copy(owner.current(), "before");
   const std::vector<std::string> known = image_releases({options.work.dir, before.get(), ""});

@@ -114,6 +114,53 @@ table_rows fitted(const std::vector<output::column> &columns, table_rows rows) {
   return rows;
 }
 
+// Whether it can be made as narrow as the terminal is.
+bool can_fit(const std::vector<output::column> &columns, const table_rows &rows) {
+  size_t least = columns.size() - 1;
+  for (const extent &column : extents_of(columns, rows)) {
+    least += column.text ? column.least : column.width;
+  }
+  return terminal_width() == 0 || least <= terminal_width();
+}
+
+// ---- Rows that are told ------------------------------------------------------------------------
+
+constexpr size_t indent = 2;
+constexpr std::string_view between = "  ";
+
+// A text of several lines, those behind the first one indented.
+std::string indented(std::string_view lines) {
+  std::string text;
+  for (const char letter : lines) {
+    text += letter;
+    text += letter == '\n' ? std::string(indent, ' ') : "";
+  }
+  return text;
+}
+
+std::string told(const std::vector<output::column> &columns, const std::vector<output::cell> &row) {
+  const size_t room = std::max(terminal_width(), 2 * indent) - indent;
+  std::string text;
+  size_t used = 0; // of the last line
+  for (size_t at = 0; at < columns.size(); ++at) {
+    if (row[at].text == "-") {
+      continue;
+    }
+    const std::string whole = std::string(columns[at].name) + " " + row[at].text;
+    const std::string lines = broken(whole, room);
+    const bool fits = used == 0 || used + between.size() + whole.size() <= room + indent;
+    if (used > 0) {
+      text += fits ? std::string(between) : indented("\n");
+    }
+    used = (fits && used > 0 ? used + between.size() : indent) + whole.size();
+    // Whatever follows a text of several lines begins one of its own.
+    used = lines.size() > room ? room + indent : used;
+    text += row[at].alarming && wants_colour() ? "\033[31m" + indented(lines) + "\033[0m"
+                                               : indented(lines);
+  }
+  return text + "\n";
+}
+
 // ---- The table itself --------------------------------------------------------------------------
 
 void add_column(libscols_table *table, const output::column &column) {
@@ -155,13 +202,20 @@ void add_row(libscols_table *table, const std::vector<output::cell> &cells) {
 
 namespace output {
 
-void table(const std::vector<column> &columns, const std::vector<std::vector<cell>> &rows) {
+void table(const std::vector<column> &columns, const std::vector<std::vector<cell>> &rows,
+           too_wide what) {
   if (rows.empty()) {
     std::string head;
     for (const column &column : columns) {
       append_word(head, column.name);
     }
     raw(head + "\n");
+    return;
+  }
+  if (what == too_wide::is_told && !can_fit(columns, rows)) {
+    for (const std::vector<cell> &row : rows) {
+      raw(told(columns, row));
+    }
     return;
   }
   const table_ptr table(scols_new_table());

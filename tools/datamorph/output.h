@@ -39,9 +39,14 @@ struct cell {
   bool alarming = false; // in red where there is colour
 };
 
+// What becomes of a table that stays too wide for the terminal: it runs over, or each row is told
+// as "NAME value" in as many lines as it takes, without the cells that are "-".
+enum class too_wide { runs_over, is_told };
+
 // Writes a table to standard output. Nothing but the head when there are no rows. No cell is ever
-// cut: a table that stays too wide for the terminal runs over.
-void table(const std::vector<column> &columns, const std::vector<std::vector<cell>> &rows);
+// cut.
+void table(const std::vector<column> &columns, const std::vector<std::vector<cell>> &rows,
+           too_wide what = too_wide::runs_over);
 
 // Writes text to standard output as it is. Where JSON was asked for it is a piece of the document
 // that is the verb's result.

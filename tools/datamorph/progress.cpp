@@ -18,7 +18,8 @@ constexpr auto between_lines = 100ms;
 constexpr size_t usual_width = 80;
 
 bool allowed = false;
-bool shown = false; // the line stands on the terminal
+bool shown = false;                  // the line stands on the terminal
+const progress *outermost = nullptr; // whose line it is
 
 // A terminal that stands still keeps nothing waiting.
 void put(const std::string &text) {
@@ -47,6 +48,10 @@ void progress::allow(bool wanted) {
             std::string_view(terminal) != "dumb";
 }
 
+bool progress::is_allowed() {
+  return allowed;
+}
+
 void progress::clear() {
   if (shown) {
     put("\r\033[K");
@@ -55,7 +60,7 @@ void progress::clear() {
 }
 
 void progress::begin(const std::string &what, uint64_t total, const std::string &unit) {
-  running_ = true;
+  outermost = outermost == nullptr ? this : outermost;
   what_ = what;
   unit_ = unit;
   total_ = total;
@@ -64,11 +69,14 @@ void progress::begin(const std::string &what, uint64_t total, const std::string 
   next_ = begun_ + first_after;
 }
 
-void progress::advance(uint64_t units) {
-  done_ += units;
-  if (!allowed || !running_) {
-    return;
+void progress::reach(uint64_t units) {
+  done_ = units;
+  if (allowed && outermost == this) {
+    show();
   }
+}
+
+void progress::show() {
   const clock::time_point now = clock::now();
   if (now < next_) {
     return;
@@ -80,8 +88,8 @@ void progress::advance(uint64_t units) {
 }
 
 void progress::end() {
-  if (running_) {
-    running_ = false;
+  if (outermost == this) {
+    outermost = nullptr;
     clear();
   }
 }

@@ -15,22 +15,29 @@ public:
   progress &operator=(const progress &) = delete;
 
   // A work of `total` units, "records"; 0 when that many are not known. Nothing is shown within the
-  // first second, nor where nobody sees it (see allow).
+  // first second, nor where nobody sees it (see allow), nor while another one is shown: the line is
+  // of the work that this one is a part of.
   void begin(const std::string &what, uint64_t total, const std::string &unit);
-  void advance(uint64_t units = 1);
+  void advance(uint64_t units = 1) { reach(done_ + units); }
+  // How many there are, where that comes to be known later.
+  void expect(uint64_t total) { total_ = total; }
+  // So many units are done by now.
+  void reach(uint64_t units);
   void end();
 
   // For main: whether it may be shown at all. It is, where standard error is a terminal that can
   // erase a line.
   static void allow(bool wanted);
+  // For works whose total costs time to find out.
+  static bool is_allowed();
   // Before anything else is written to the terminal.
   static void clear();
 
 private:
   using clock = std::chrono::steady_clock;
   std::string line(clock::duration passed) const;
+  void show();
 
-  bool running_ = false;
   std::string what_;
   std::string unit_;
   uint64_t total_ = 0;

@@ -52,9 +52,16 @@ rehearsal::rehearsal(const common_options &common, const convert_options &option
     conversion_.be_quiet();
   }
   conversion_.prepare(root);
-  convert_copy(root);
-  stop_signal::check();
-  judge();
+  try {
+    convert_copy(root);
+    stop_signal::check();
+    judge();
+  } catch (const failure &error) {
+    if (error.status() == exit_failed && scratch_.is_full()) {
+      scratch_.throw_full();
+    }
+    throw;
+  }
 }
 
 rehearsal::~rehearsal() {
@@ -78,6 +85,9 @@ void rehearsal::convert_copy(int root) {
 // As convert does.
 void rehearsal::judge() {
   trouble_ = conversion_.verdict();
+  if (!trouble_.empty() && (conversion_.met_full_disk() || scratch_.is_full())) {
+    scratch_.throw_full();
+  }
   if (!trouble_.empty()) {
     status_ = exit_failed;
     return;

@@ -15,7 +15,7 @@ class rehearsal {
 public:
   // Converts a copy of `root`, the folder of a state whose switch.json holds `state`; nothing is
   // written there. The scratch folder, in which `name` is this rehearsal's own, outlives it. Throws
-  // failure(3) for what convert would refuse before it begins.
+  // failure(3) for what convert would refuse before it begins, and no_room.
   rehearsal(const common_options &common, const convert_options &options,
             const scratch_folder &scratch, const std::string &name, int root,
             const switch_state &state);
@@ -24,7 +24,8 @@ public:
   rehearsal(const rehearsal &) = delete;
   rehearsal &operator=(const rehearsal &) = delete;
 
-  // The exit status that convert would have, and its reason; "" when it would convert.
+  // The exit status that convert would have, and its reason; "" when it would convert. A copy's
+  // disk that became full tells nothing of the switch: that is thrown.
   int status() const { return status_; }
   const std::string &trouble() const { return trouble_; }
   const conversion &done() const { return conversion_; }

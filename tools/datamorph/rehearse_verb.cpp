@@ -449,12 +449,8 @@ void rehearse_run::compare(const rehearsal &main) {
       [&](const state_change &change) { return main.authors().of(change); },
       options_.work.accept_losses);
   losses_->begin(before, after);
-  progress shown;
-  shown.begin("comparing", 0, "records read");
-  const record_totals totals = diff_states(
-      before, after, [&](const state_change &change) { take(main, change); },
-      [&] { shown.advance(); });
-  shown.end();
+  const record_totals totals =
+      diff_states(before, after, [&](const state_change &change) { take(main, change); });
   by_length_ += totals.by_length;
   losses_->end(before, after, totals);
 }
@@ -469,6 +465,8 @@ std::unique_ptr<rehearsal> rehearse_run::rehearse_further(comparison *other, con
     std::unique_ptr<rehearsal> made = rehearse(name, before.root(), before.state(), to, from);
     other->trouble = made->trouble();
     return other->trouble.empty() ? std::move(made) : nullptr;
+  } catch (const no_room &) {
+    throw;
   } catch (const failure &error) {
     if (error.status() != exit_refused) {
       throw;
@@ -530,8 +528,13 @@ void rehearse_run::save(const rehearsal &main) const {
 void rehearse_run::every_pair() {
   const std::vector<std::string> releases = image_releases({options_.work.dir, before_.get(), ""});
   matrix_ = {{"releases", releases}, {"cells", nlohmann::json::array()}};
+  progress shown;
+  shown.begin("rehearsing", releases.size() * (releases.size() - 1), "changes of release");
   rehearse_pairs({common_, options_.work, scratch_, before_.get(), switch_.state()}, releases,
-                 [&](const matrix_cell &cell) { matrix_["cells"].push_back(cell.to_json()); });
+                 [&](const matrix_cell &cell) {
+                   matrix_["cells"].push_back(cell.to_json());
+                   shown.advance();
+                 });
 }
 
 // What would come to light after the work else.
@@ -571,10 +574,7 @@ int rehearse_run::run() {
   if (!switch_.state_trouble().empty()) {
     throw failure(exit_refused, switch_.state_trouble());
   }
-  if (!switch_.leftovers().empty()) {
-    output::message(in_quotes(options_.work.dir) +
-                    ": a command was stopped here; the next one that may write tidies up");
-  }
+  switch_.tell_unfinished();
   before_ = scratch_.copy(switch_.current(), "before");
   check_options();
   const std::unique_ptr<rehearsal> main =

@@ -2,12 +2,7 @@
 // lost.
 #include "verbs.h"
 
-#include <cerrno>
-#include <cstdio>
-
-#include <poll.h>
-#include <unistd.h>
-
+#include "confirm.h"
 #include "failure.h"
 #include "output.h"
 #include "run_folder.h"
@@ -18,39 +13,18 @@
 
 namespace {
 
-bool can_ask() {
-  return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
-}
-
-// A line of standard input, as far as it fits. A signal that asks the program to stop ends the
-// wait.
-std::string answer() {
-  pollfd in = {STDIN_FILENO, POLLIN, 0};
-  while (ppoll(&in, 1, nullptr, stop_signal::mask_while_waiting()) < 0 && errno == EINTR &&
-         !stop_signal::has_come()) {
-  }
-  stop_signal::check();
-  char line[64];
-  const ssize_t got = read(STDIN_FILENO, line, sizeof line);
-  const std::string text(line, got > 0 ? static_cast<size_t>(got) : 0);
-  return text.substr(0, text.find('\n'));
-}
-
-void confirm(const std::string &dir, const std::string &what) {
-  if (!can_ask()) {
-    throw failure(exit_refused, "not rolled back: there is no terminal to ask on",
-                  "'datamorph rollback " + dir + " --yes' goes back " + what);
-  }
-  std::fputs(("Roll " + in_quotes(dir) + " back " + what + "? [y/N] ").c_str(), stderr);
-  const std::string said = upper_case(answer());
-  if (said != "Y" && said != "YES") {
-    throw failure(exit_refused, "not rolled back, as asked; the switch is as it was");
-  }
-}
-
 std::string releases(const switch_state &from, const switch_state &to) {
   return from.release == to.release ? "at " + to.release + " as before"
                                     : "from " + from.release + " to " + to.release;
+}
+
+// Asks while the switch is locked: what was asked about is what is put back.
+void ask(const std::string &dir, const std::string &what, bool yes) {
+  if (!yes && !can_ask()) {
+    throw failure(exit_refused, "not rolled back: there is no terminal to ask on",
+                  "'datamorph rollback " + shell_word(dir) + " --yes' goes back " + what);
+  }
+  confirm(in_quotes(dir) + ": roll back, " + what + "?", yes);
 }
 
 // Puts previous/ in place; the number of the run that did it.
@@ -75,14 +49,12 @@ std::string put_back(switch_dir *target, const switch_state &back) {
   return folder.number();
 }
 
-int roll_back(const common_options &common, const std::string &dir, bool yes) {
+int roll_back(const common_options &common, const std::string &dir) {
   switch_dir target(dir, switch_dir::access::write);
   const switch_state now = target.state();
   const switch_state back = target.previous_state();
   target.check_exchange();
-  if (!yes) {
-    confirm(dir, releases(now, back));
-  }
+  ask(dir, releases(now, back), common.yes);
   const std::string run = put_back(&target, back);
   const std::string closing = dir + ": rolled back, " + releases(now, back) +
                               "; what was replaced is in previous/: rollback once more to take it "
@@ -105,10 +77,10 @@ int roll_back(const common_options &common, const std::string &dir, bool yes) {
 
 } // namespace
 
-int rollback(const common_options &common, const std::string &dir, bool yes) {
+int rollback(const common_options &common, const std::string &dir) {
   const stop_signal::guard guard;
   try {
-    return roll_back(common, dir, yes);
+    return roll_back(common, dir);
   } catch (const failure &error) {
     throw error.placed(in_quotes(dir));
   }

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 
 #include "failure.h"
+#include "progress.h"
 #include "run_steps.h"
 #include "strict_json.h"
 #include "text.h"
@@ -212,8 +213,12 @@ std::vector<run_row> run_rows(const switch_dir &target) {
                                     "; move what stands there out of the way, or run as the user "
                                     "that the switch belongs to");
   }
-  for (const std::string &name : names_in(runs.get())) {
+  const std::vector<std::string> names = names_in(runs.get());
+  progress shown;
+  shown.begin("reading", names.size(), "runs");
+  for (const std::string &name : names) {
     rows.push_back(row_of(runs.get(), name));
+    shown.advance();
   }
   tell_killed(&rows, target.state().generation);
   tell_kept(&rows);

@@ -19,6 +19,7 @@
 #include "jail.h"
 #include "lab/checksum.h"
 #include "lab/lab.h"
+#include "progress.h"
 #include "store_access.h"
 #include "strict_json.h"
 #include "switch_state.h"
@@ -33,6 +34,7 @@ constexpr const char *kinds[] = {"switch", "store", "file", "access point"};
 enum kind : size_t { switch_kind, store_kind, file_kind, point_kind };
 
 constexpr size_t largest_switch_file = 1 << 20;
+constexpr uint64_t records_told = 1000; // of a digest: how often its progress is
 
 // ---- In a side's root: what there is, as messages ----------------------------------------------
 //
@@ -292,6 +294,31 @@ void tell_side(const jail::channel &channel, const std::string &uri, const telli
   }
   store_handle(uri, PSS2_MODE_READ).close(); // one that was asked for has to be there
   tell_store(tell, uri, how.name);
+}
+
+// How many records of stores a side tells; 0 where nobody wants to know, for counting takes time.
+uint64_t records_to_read(const state_side &side, const telling &how) {
+  uint64_t total = 0;
+  if (!progress::is_allowed()) {
+    return total;
+  }
+  jail::request request;
+  request.root = side.root;
+  request.body = [&](const jail::channel &channel) {
+    const std::vector<std::string> uris =
+        side.uri.empty() ? lab::store_uris() : std::vector<std::string>{side.uri};
+    for (const std::string &uri : uris) {
+      uint64_t records = 0;
+      if (!how.skipped.contains(uri) && lab::store_count(uri, &records) == SYSERR_SUCCESS) {
+        channel.send({{"records", records}});
+      }
+    }
+  };
+  request.on_message = [&](const nlohmann::json &message) {
+    total += message.at("records").get<uint64_t>();
+  };
+  // What is wrong there is told when the side is read.
+  return jail::run(request).finished() ? total : 0;
 }
 
 // Records are given as lines to `take_record`, where there is one, and as messages else.
@@ -797,8 +824,7 @@ nlohmann::json state_change::to_json() const {
 }
 
 record_totals diff_states(const state_side &a, const state_side &b,
-                          const std::function<void(const state_change &)> &take,
-                          const std::function<void()> &record_read) {
+                          const std::function<void(const state_change &)> &take) {
   uint64_t same = 0;
   telling how = {a.uri, {}};
   try {
@@ -809,6 +835,9 @@ record_totals diff_states(const state_side &a, const state_side &b,
     }
     // A side that cannot be looked into is told below.
   }
+  progress shown;
+  shown.begin("comparing", records_to_read(a, how) + records_to_read(b, how), "records");
+  const auto record_read = [&] { shown.advance(); };
   asked_side asked(b, how, record_read);
   asked.advance();
   merger merged(a, b, &asked, take);
@@ -882,14 +911,26 @@ std::string state_digest(const state_side &side) {
   std::string digest;
   std::string trouble;
   jail::request request;
+  progress shown;
+  shown.begin("making the digest", records_to_read(side, {}), "records");
   request.root = side.root;
   request.body = [](const jail::channel &channel) {
     lab::running_sum sum;
-    tell_state(teller([&](std::string_view line) { sum.add(line.data(), line.size()); },
-                      [](const std::string &trouble) { throw failure(exit_refused, trouble); }));
+    uint64_t records = 0;
+    const auto add = [&](std::string_view line) {
+      sum.add(line.data(), line.size());
+      if (line.starts_with(record_mark) && ++records % records_told == 0) {
+        channel.send({{"records", records}});
+      }
+    };
+    tell_state(
+        teller(add, [](const std::string &trouble) { throw failure(exit_refused, trouble); }));
     channel.send({{"digest", sum_text(sum)}});
   };
-  request.on_message = [&](const nlohmann::json &message) { digest = message.value("digest", ""); };
+  request.on_message = [&](const nlohmann::json &message) {
+    digest = message.value("digest", "");
+    shown.reach(message.value("records", uint64_t(0)));
+  };
   const jail::outcome outcome = jail::run(request);
   if (!outcome.finished()) {
     throw failure(exit_failed,

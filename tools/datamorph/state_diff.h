@@ -75,11 +75,10 @@ struct record_totals {
 // thing. A thing on one side only comes with all of its records. Left out: the conversion logs and
 // their marker, the generation of the state, folders, the times of files. What cannot be read is a
 // change of its own; the rest of that thing is not compared. Both stores of two named ones must be
-// there. `record_read` is called for each record of either side. Writes nothing. Throws failure: 3
-// for what a side is, else 1 or 128 and the signal.
-record_totals diff_states(
-    const state_side &a, const state_side &b, const std::function<void(const state_change &)> &take,
-    const std::function<void()> &record_read = [] {});
+// there. Shows its progress. Writes nothing. Throws failure: 3 for what a side is, else 1 or 128
+// and the signal.
+record_totals diff_states(const state_side &a, const state_side &b,
+                          const std::function<void(const state_change &)> &take);
 
 // Gives each record of one store as if it were removed. Throws as diff_states does.
 void for_each_record(const state_side &side, const std::function<void(const state_change &)> &take);
@@ -90,7 +89,8 @@ std::map<std::string, std::string> values_of(const state_side &side,
                                              const std::vector<std::string> &keys);
 
 // A checksum (16 hex digits) of all that diff_states compares: two states of which it tells no
-// difference have the same one. Throws failure as diff_states does, 3 also for what cannot be read.
+// difference have the same one. Shows its progress. Throws failure as diff_states does, 3 also for
+// what cannot be read.
 std::string state_digest(const state_side &side);
 
 #endif

@@ -89,6 +89,19 @@ std::string start_of(const std::string &pid) {
   return members ? member : "";
 }
 
+// How far it came.
+std::string text_of(const killed_run &killed) {
+  const std::string where = how_far(killed.folder.get());
+  return killed.facts.name() + " was killed" + (where.empty() ? "" : " " + where);
+}
+
+// What became of the switch, to be put behind that.
+std::string outcome_of(const killed_run &killed, int folder) {
+  const std::optional<uint64_t> now = generation_of(folder, current_name);
+  const std::string outcome = now ? outcome_of_killed(killed.facts, *now) : "";
+  return outcome.empty() ? "" : "; " + outcome;
+}
+
 bool same_folder(int a, int b) {
   struct stat about_a = {};
   struct stat about_b = {};
@@ -261,13 +274,18 @@ std::vector<std::string> switch_dir::leftovers() const {
 void switch_dir::recover(access how) {
   const int folder = folder_.get();
   const bool any = !leftovers().empty();
-  if ((!any && !find_killed_run(folder)) || (how == access::read && !may_recover())) {
+  const std::optional<killed_run> killed = find_killed_run(folder);
+  if (!any && !killed) {
+    return;
+  }
+  if (how == access::read && !may_recover()) {
+    tell_unfinished();
     return;
   }
   std::string what = any ? tidy_up() : "";
-  const std::string killed = tell_killed_run(any);
-  if (!killed.empty()) {
-    append_word(what, killed, "; ");
+  if (killed) {
+    note_killed(*killed);
+    append_word(what, text_of(*killed) + (any ? "" : outcome_of(*killed, folder)), "; ");
   }
   if (how == access::read) {
     share_lock();
@@ -291,19 +309,30 @@ std::string switch_dir::tidy_up() {
   return what;
 }
 
-// How far the last run came when it was killed; "" when it was not, or that has been said. With
-// what became of the switch, unless `known` says that the message has it.
-std::string switch_dir::tell_killed_run(bool known) const {
-  const std::optional<killed_run> found = find_killed_run(folder_.get());
-  if (!found) {
-    return "";
+std::string switch_dir::unfinished() const {
+  std::string names;
+  for (const std::string &name : leftovers()) {
+    append_word(names, name, ", ");
   }
-  note_killed(*found);
-  const std::string where = how_far(found->folder.get());
-  const std::optional<uint64_t> now = generation_of(folder_.get(), current_name);
-  const std::string outcome = known || !now ? "" : outcome_of_killed(found->facts, *now);
-  return found->facts.name() + " was killed" + (where.empty() ? "" : " " + where) +
-         (outcome.empty() ? "" : "; " + outcome);
+  const std::optional<killed_run> killed = find_killed_run(folder_.get());
+  if (!killed) {
+    return names.empty() ? "" : "a command was cut short and left " + names;
+  }
+  return text_of(*killed) + outcome_of(*killed, folder_.get()) +
+         (names.empty() ? "" : "; it left " + names);
+}
+
+void switch_dir::tell_unfinished() const {
+  std::string what = unfinished();
+  if (what.empty()) {
+    return;
+  }
+  if (!leftovers().empty()) {
+    const bool writable = faccessat(folder_.get(), ".", W_OK, AT_EACCESS) == 0;
+    append_word(what, "'datamorph lab show " + shell_word(path_) + "' tidies up", "; ");
+    what += writable ? "" : " when the user that it belongs to runs it";
+  }
+  output::message(in_quotes(path_) + ": " + what);
 }
 
 // What was done, for a message.
@@ -423,7 +452,7 @@ unique_fd switch_dir::make_next() const {
     throw failure(exit_failed, "cannot mark the copy of the state: " + error_text(errno));
   }
   sync_folder(folder);
-  tree::copy(folder, current_name, next_name);
+  tree::copy(folder, current_name, next_name, "make room");
   unique_fd next = open_state(folder, next_name);
   if (!next.is_open()) {
     throw failure(exit_failed, "cannot open the copy of the state: " + error_text(errno));

@@ -37,8 +37,9 @@ public:
   };
 
   // Opens, locks and, where a command was cut short, recovers the switch, saying so on standard
-  // error. Throws failure: 3 when there is no switch or no right to it, 5 when it is in use. With
-  // `look` a switch.json that is wrong is no failure, and state() empty.
+  // error; with `read` and no right to write it says so only, with `look` unfinished() does. Throws
+  // failure: 3 when there is no switch or no right to it, 5 when it is in use. With `look` a
+  // switch.json that is wrong is no failure, and state() empty.
   switch_dir(const std::string &path, access how);
   ~switch_dir();
   switch_dir(const switch_dir &) = delete;
@@ -50,6 +51,11 @@ public:
   const std::string &state_trouble() const { return state_trouble_; }
   // What of a command that was cut short lies in the switch's folder.
   std::vector<std::string> leftovers() const;
+  // What is known of a command that was cut short and that nobody has tidied up behind, for a
+  // message: "" when there is none.
+  std::string unfinished() const;
+  // The same with what is to be done about it, as a message on standard error.
+  void tell_unfinished() const;
   int folder() const { return folder_.get(); }
   // The current state's folder, as a root for jail::run.
   int current() const { return current_.get(); }
@@ -91,7 +97,6 @@ private:
   void share_lock() const;
   void recover(access how);
   std::string tidy_up();
-  std::string tell_killed_run(bool known) const;
   std::string recover_next();
   std::string put_away(const char *name) const;
   void put_away_or_say(const char *name) const;

@@ -14,6 +14,7 @@
 
 #include "failure.h"
 #include "jail.h"
+#include "progress.h"
 #include "text.h"
 #include "unique_fd.h"
 
@@ -189,6 +190,42 @@ private:
   void leave(int, const std::string &) override {}
 };
 
+// Copies of a second and less are not measured: nothing is shown of them.
+class copy_progress {
+public:
+  copy_progress(int folder, const std::string &from, const std::string &to)
+      : folder_(folder), from_(from), to_(to) {
+    shown_.begin("copying", 0, "KiB");
+  }
+  void look() {
+    if (!progress::is_allowed()) {
+      return;
+    }
+    if (total_ == 0) {
+      total_ = measured(from_);
+      shown_.expect(total_);
+    }
+    shown_.reach(std::min(measured(to_), total_));
+  }
+
+private:
+  // In KiB. The copy is being made: what is not there yet, or gone, counts the next time.
+  uint64_t measured(const std::string &name) const {
+    measuring measured;
+    try {
+      measured.run(folder_, name);
+    } catch (const failure &) {
+    }
+    return measured.used >> 10;
+  }
+
+  int folder_;
+  std::string from_;
+  std::string to_;
+  progress shown_;
+  uint64_t total_ = 0;
+};
+
 constexpr size_t portion = size_t(1) << 16; // bytes written at once
 
 bool write_content(int file, const std::string &content) {
@@ -251,10 +288,11 @@ void check_room(int folder, const std::string &name, int where, const std::strin
   }
 }
 
-void copy(int folder, const std::string &from, const std::string &to) {
+void copy(int folder, const std::string &from, const std::string &to, const std::string &advice) {
   std::string errors;
-  const int status =
-      jail::run_program({"cp", "-a", "--reflink=auto", "-T", "--", from, to}, folder, &errors);
+  copy_progress shown(folder, from, to);
+  const int status = jail::run_program({"cp", "-a", "--reflink=auto", "-T", "--", from, to}, folder,
+                                       &errors, [&] { shown.look(); });
   if (status == 0) {
     return;
   }
@@ -263,7 +301,7 @@ void copy(int folder, const std::string &from, const std::string &to) {
     throw failure(exit_refused,
                   "the disk became full while its state was copied: " +
                       std::to_string(copy_wants(folder, from) >> 10) + " KiB are wanted",
-                  "make room");
+                  advice);
   }
   throw failure(exit_failed,
                 "cannot copy the switch's state: " +

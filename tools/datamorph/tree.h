@@ -27,9 +27,10 @@ uint64_t copy_wants(int folder, const std::string &name);
 // `advice` is its next action.
 void check_room(int folder, const std::string &name, int where, const std::string &advice);
 
-// Copies the tree `from` to `to` (not there yet), sharing blocks where the file system can. Throws
-// failure, 3 when the disk is full and else 1, the copy then as far as it came.
-void copy(int folder, const std::string &from, const std::string &to);
+// Copies the tree `from` to `to` (not there yet; absolute or below `folder`), sharing blocks where
+// the file system can. Throws failure, 3 when the disk is full (`advice` is its next action then)
+// and else 1, the copy then as far as it came.
+void copy(int folder, const std::string &from, const std::string &to, const std::string &advice);
 
 // Writes a file beside its place, syncs it and puts it there, all or nothing. Throws failure(1).
 void replace_file(int folder, const std::string &name, const std::string &content);

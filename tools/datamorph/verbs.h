@@ -54,7 +54,7 @@ struct matrix_options {
 };
 int matrix(const common_options &common, const matrix_options &options);
 int history(const common_options &common, const std::string &dir);
-int rollback(const common_options &common, const std::string &dir, bool yes);
+int rollback(const common_options &common, const std::string &dir);
 
 struct store_options {
   std::string dir;

@@ -16,6 +16,7 @@
 #include "journal_lines.h"
 #include "lab/lab.h"
 #include "output.h"
+#include "progress.h"
 #include "runs.h"
 #include "statuses.h"
 #include "store_access.h"
@@ -247,13 +248,39 @@ bool take_line(const run_row &run, std::string_view text, question *asked, const
   }
 }
 
-gap read_journal(int runs, const run_row &run, question *asked, const take_touch &take) {
+// Of all journals, in KiB.
+class journal_progress {
+public:
+  journal_progress(int runs, const std::vector<run_row> &rows) {
+    uint64_t bytes = 0;
+    for (const run_row &run : rows) {
+      struct stat about = {};
+      const std::string name = run.run + "/" + journal_file;
+      const bool has_one =
+          run.verb == "convert" && fstatat(runs, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) == 0;
+      bytes += has_one && S_ISREG(about.st_mode) ? static_cast<uint64_t>(about.st_size) : 0;
+    }
+    shown_.begin("reading journals", bytes >> 10, "KiB");
+  }
+  void take(std::string_view line) {
+    bytes_ += line.size() + 1;
+    shown_.reach(bytes_ >> 10);
+  }
+
+private:
+  progress shown_;
+  uint64_t bytes_ = 0;
+};
+
+gap read_journal(int runs, const run_row &run, question *asked, const take_touch &take,
+                 journal_progress *shown) {
   gap found = {run.run, 0, ""};
   try {
     const unique_fd folder = open_run(runs, run.run);
     line_reader lines(folder.get(), journal_file);
     for (std::string_view line; lines.next(&line);) {
       found.damaged_lines += take_line(run, line, asked, take) ? 0 : 1;
+      shown->take(line);
     }
   } catch (const failure &error) {
     found.trouble = error.what();
@@ -280,12 +307,13 @@ nlohmann::json run_touch(const run_row &run) {
 std::vector<gap> read_runs(const switch_dir &target, const std::vector<run_row> &rows,
                            question *asked, const take_touch &take) {
   const unique_fd runs = open_runs(target.folder());
+  journal_progress shown(runs.get(), rows);
   std::vector<gap> gaps;
   for (const run_row &run : rows) {
     if (matters(run, *asked)) {
       take(run_touch(run));
     } else if (run.verb == "convert") {
-      gap found = read_journal(runs.get(), run, asked, take);
+      gap found = read_journal(runs.get(), run, asked, take, &shown);
       if (found.damaged_lines > 0 || !found.trouble.empty()) {
         gaps.push_back(std::move(found));
       }
@@ -454,7 +482,7 @@ private:
                    {"CHANGED", align::right},
                    {"REMOVED", align::right},
                    {"STATUS"}},
-                  rows_);
+                  rows_, output::too_wide::is_told);
   }
 
   std::vector<std::vector<output::cell>> rows_;

@@ -45,6 +45,10 @@ struct store_info {
 // or of another program; the store is not changed.
 syserr_t store_inspect(const std::string &uri, store_info *info);
 
+// How many records a store has; quick, for they are not looked at. A status when it is missing or
+// of another program.
+syserr_t store_count(const std::string &uri, uint64_t *records);
+
 // From now on this process opens every store's file for reading only. One that waits for what a
 // killed writer left to be taken back gives SYSERR_PSS_NO_ACCESS then.
 void stores_for_reading_only();

@@ -337,6 +337,18 @@ syserr_t store_inspect(const std::string &uri, store_info *info) {
   });
 }
 
+syserr_t store_count(const std::string &uri, uint64_t *records) {
+  return guarded([&] {
+    store_path path;
+    if (!parse_uri(uri.c_str(), &path)) {
+      return SYSERR_PSS_BAD_ARGUMENT;
+    }
+    store_db db;
+    const syserr_t status = db.open(path, false);
+    return status == SYSERR_SUCCESS ? db.count(records) : status;
+  });
+}
+
 syserr_t close_all_stores(size_t *closed) {
   std::vector<uint32> open;
   syserr_t first = guarded([&] {

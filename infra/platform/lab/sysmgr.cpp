@@ -66,15 +66,15 @@ table_watch &watch() {
   return one;
 }
 
-void write_line(lab::journal_entry entry, vdc_id_t vdc, const table_look &before,
+void write_line(lab::journal_entry *entry, vdc_id_t vdc, const table_look &before,
                 const table_look &after) {
-  entry.table_vdc = vdc;
-  entry.has_sizes = entry.has_sums = true;
-  entry.old_size = before.size;
-  entry.old_sum = before.sum;
-  entry.new_size = after.size;
-  entry.new_sum = after.sum;
-  lab::journal_write(entry);
+  entry->table_vdc = vdc;
+  entry->has_sizes = entry->has_sums = true;
+  entry->old_size = before.size;
+  entry->old_sum = before.sum;
+  entry->new_size = after.size;
+  entry->new_sum = after.sum;
+  lab::journal_write(*entry);
 }
 
 // REQUIRES: the watch's mutex is held.
@@ -87,7 +87,7 @@ void write_edits(table_watch *tables) {
     if (!is_new && before != now) {
       lab::journal_entry entry;
       entry.call = "sysmgr_info_tbl";
-      write_line(entry, vdc, before, now);
+      write_line(&entry, vdc, before, now);
     }
   }
 }
@@ -118,7 +118,7 @@ syserr_t journalled(lab::journal_entry entry, vdc_id_t vdc, const changer &chang
   if (vdc < SYSMGR_VDC_ROWS) {
     tables.seen[vdc] = after;
   }
-  write_line(entry, vdc, before, after);
+  write_line(&entry, vdc, before, after);
   return entry.status;
 }
 

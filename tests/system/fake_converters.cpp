@@ -368,6 +368,18 @@ void write_over_tags(const std::string &table) {
   std::memcpy(static_cast<void *>(sysmgr_info_tbl[1].srv_tag_info_tbl), table.data(), table.size());
 }
 
+// All records go somewhere else and come back as they were.
+void snapshot_there_and_back() {
+  constexpr char other_uri[] = "volatile:/cfg/0/vlan_cfg_copy";
+  const pss_service_t store = open_store();
+  pss_snapshot(store, 0, other_uri);
+  pss_close(store);
+  syserr_t status = 0;
+  const pss_service_t other = pss_open(other_uri, &status);
+  pss_snapshot(other, 0, store_uri);
+  pss_close(other);
+}
+
 // `first` is SKSD's turn, the other one PLUGIN's.
 void take_turns(std::string_view what, bool first) {
   static std::string saved_tags;
@@ -381,6 +393,12 @@ void take_turns(std::string_view what, bool first) {
   } else if (what == "set-one-after-the-other") {
     put_as("the-same", "sksd"); // what stands there when it is PLUGIN's turn
     put_as("of-both", first ? "sksd" : "plugin");
+  } else if (what == "change-and-snapshot") {
+    if (first) {
+      put_as("changed", "sksd");
+    } else {
+      snapshot_there_and_back();
+    }
   } else if (what == "many-in-turn") {
     put_many(first ? "sksd" : "plugin");
   } else if (what == "exchange-tags") {

@@ -157,6 +157,17 @@ TEST_F(rehearsals, the_last_one_who_changed_a_record_is_its_author) {
   EXPECT_EQ(both["earlier_steps"].dump(), "[2]");
 }
 
+TEST_F(rehearsals, whoever_fills_a_store_with_what_stood_there_is_no_author) {
+  fake("change-and-snapshot");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+
+  const nlohmann::json &changed = find(shown["changes"], vlans, "6368616e676564");
+  EXPECT_EQ(step_of(changed), "running-fs 1 SKSD");
+  EXPECT_EQ(changed["earlier_steps"].dump(), "[]");
+  EXPECT_EQ(step_of(find(shown["changes"], "volatile:/cfg/0/vlan_cfg_copy", "6368616e676564")),
+            "running-fs 1 PLUGIN");
+}
+
 TEST_F(rehearsals, whoever_leaves_a_tag_table_as_it_was_is_no_author) {
   fake("exchange-tags");
   const nlohmann::json shown = rehearse({"--to", "4.2(1)"});

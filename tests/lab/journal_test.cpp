@@ -141,17 +141,65 @@ TEST_F(journal, has_a_line_for_each_change_of_a_tag_table) {
 
   EXPECT_EQ(
       stop(),
-      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"226f6e22ff","old_tag":null,"old":null,"new":null,"status":1075708022,"unexpected":false}
-{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":4,"old":null,"new":8,"status":0,"unexpected":false}
-{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"226f6e22ff","old_tag":null,"old":8,"new":22,"status":0,"unexpected":false}
-{"n":4,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"31323334353637383930313233343536373839303132333435363738393031","old_tag":"226f6e22ff","old":22,"new":48,"status":0,"unexpected":false}
-{"n":5,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"old_tag":"31323334353637383930313233343536373839303132333435363738393031","old":48,"new":48,"status":1075708067,"unexpected":true}
-{"n":6,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":4,"old":48,"new":8,"status":0,"unexpected":false}
-{"n":7,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":2,"old":null,"new":null,"status":1075708022,"unexpected":false}
-{"n":8,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":65535,"old":null,"new":null,"status":1075708022,"unexpected":false}
-{"n":9,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":542,"tag":"226f6e22ff","old_tag":null,"old":0,"new":0,"status":1078525954,"unexpected":true}
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"226f6e22ff","old_tag":null,"old":null,"new":null,"old_sum":null,"new_sum":null,"status":1075708022,"unexpected":false}
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":4,"old":null,"new":8,"old_sum":null,"new_sum":"cf8b74902d6648e2","status":0,"unexpected":false}
+{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"226f6e22ff","old_tag":null,"old":8,"new":22,"old_sum":"cf8b74902d6648e2","new_sum":"751a51b9a4d6b56b","status":0,"unexpected":false}
+{"n":4,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"tag":"31323334353637383930313233343536373839303132333435363738393031","old_tag":"226f6e22ff","old":22,"new":48,"old_sum":"751a51b9a4d6b56b","new_sum":"8cf05b6650bf5d94","status":0,"unexpected":false}
+{"n":5,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":381,"old_tag":"31323334353637383930313233343536373839303132333435363738393031","old":48,"new":48,"old_sum":"8cf05b6650bf5d94","new_sum":"8cf05b6650bf5d94","status":1075708067,"unexpected":true}
+{"n":6,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":4,"old":48,"new":8,"old_sum":"8cf05b6650bf5d94","new_sum":"cf8b74902d6648e2","status":0,"unexpected":false}
+{"n":7,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":2,"old":null,"new":null,"old_sum":null,"new_sum":null,"status":1075708022,"unexpected":false}
+{"n":8,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_table_prepare","table_vdc":65535,"old":null,"new":null,"old_sum":null,"new_sum":null,"status":1075708022,"unexpected":false}
+{"n":9,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_info_tbl","table_vdc":4,"old":8,"new":0,"old_sum":"cf8b74902d6648e2","new_sum":null,"status":0,"unexpected":false}
+{"n":10,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":4,"uuid":542,"tag":"226f6e22ff","old_tag":null,"old":0,"new":0,"old_sum":null,"new_sum":null,"status":1078525954,"unexpected":true}
 )");
   EXPECT_EQ(lab::journal_unexpected(nullptr), 2U);
+}
+
+// The library copies a saved table over the running one: no call, but a line before that of the
+// call that follows, or at the request's end.
+TEST_F(journal, has_a_line_for_a_tag_table_that_was_written_over) {
+  uint8 tag[] = "on";
+  lab::sysmgr_set_vdcs({1, 2});
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 2), 0U);
+  const std::string one = lab::tag_table_encode({{SRVUUID_KPS, "a"}});
+  const std::string other = lab::tag_table_encode({{SRVUUID_KPS, "b"}});
+  const auto write_over = [](vdc_id_t vdc, const std::string &table) {
+    std::memcpy(static_cast<void *>(sysmgr_info_tbl[vdc].srv_tag_info_tbl), table.data(),
+                table.size());
+  };
+  write_over(1, one);
+  start();
+  lab::sysmgr_journal_edits();
+  write_over(1, one); // as it stands
+  lab::sysmgr_journal_edits();
+  write_over(1, other);
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag, 1), 0U);
+  write_over(2, one);
+  lab::sysmgr_journal_edits();
+  lab::sysmgr_journal_edits();
+
+  EXPECT_EQ(
+      stop(),
+      R"({"n":1,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_info_tbl","table_vdc":1,"old":18,"new":18,"old_sum":"dcca27b11fc03f55","new_sum":"58a39b53035dc37f","status":0,"unexpected":false}
+{"n":2,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_srv_tag_info_add","table_vdc":1,"uuid":381,"tag":"6f6e","old_tag":null,"old":18,"new":29,"old_sum":"58a39b53035dc37f","new_sum":"0d8556063cc5a955","status":0,"unexpected":false}
+{"n":3,"moment":"startup","vdc":2,"service":"EVMS","call":"sysmgr_info_tbl","table_vdc":2,"old":8,"new":18,"old_sum":"cf8b74902d6648e2","new_sum":"dcca27b11fc03f55","status":0,"unexpected":false}
+)");
+}
+
+// What was written between two journals belongs to neither.
+TEST_F(journal, begins_with_the_tag_tables_as_they_stand) {
+  lab::sysmgr_set_vdcs({1});
+  ASSERT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  start();
+  lab::sysmgr_journal_edits();
+  stop();
+  const std::string other = lab::tag_table_encode({{SRVUUID_KPS, "b"}});
+  std::memcpy(static_cast<void *>(sysmgr_info_tbl[1].srv_tag_info_tbl), other.data(), other.size());
+  start();
+  lab::sysmgr_journal_edits();
+
+  EXPECT_EQ(stop(), "");
 }
 
 // A tag that is set as it was, and one that is set to as many other bytes, differ in it.

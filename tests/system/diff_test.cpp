@@ -383,6 +383,23 @@ TEST_F(diff_of_states, expected_ones) {
   EXPECT_EQ(run({"diff", "a", "b", "--expect", "nothing"}).status, 3);
 }
 
+// One that is too long is passed over; lists elsewhere in the document are none of it.
+TEST_F(diff_of_states, expected_ones_that_are_too_long_are_told) {
+  put("b", kps, "01", "00");
+  const nlohmann::json known = diff(2);
+  nlohmann::json document = {{"missing", {{{"old", 1}}, {{"old", 2}}}},
+                             {"result", {{"changes", {1}}}}};
+  document["changes"] = {{{"change", std::string(9 << 20, 'x')}}, known["changes"][0]};
+  write("known.json", document.dump());
+
+  const result done = run({"diff", "a", "b", "--format", "json", "--expect", "known.json"});
+  EXPECT_EQ(done.status, 0) << done.err;
+  EXPECT_EQ(done.json()["summary"]["expected"], 1);
+  EXPECT_EQ(done.json()["missing"], nlohmann::json::array());
+  EXPECT_EQ(done.err, "datamorph: 'known.json': 1 known difference of more than 8388608 bytes of "
+                      "JSON: damaged, and passed over\n");
+}
+
 TEST_F(diff_of_states, refused) {
   fs::create_directories(path("empty"));
   write("broken/switch.json", "{}");

@@ -1,6 +1,8 @@
 // Converters for the tests of the command line. What the SKSD routine of the running filesystem
-// does is told by FAKE_CONVERTERS_DO; everything else succeeds. Each routine notes its call in
-// /bootflash/calls. Those that bear the name of a real one act for it when they are asked to.
+// does is told by FAKE_CONVERTERS_DO; everything else succeeds, but for what two routines do to the
+// same things (take_turns). "back-" before what is done leaves it to falling releases. Each routine
+// notes its call in /bootflash/calls. Those that bear the name of a real one act for it when they
+// are asked to.
 #include "libdatamorph.h"
 
 #include <csignal>
@@ -20,6 +22,7 @@
 #include "platform/mts.h"
 #include "platform/pss.h"
 #include "platform/sysmgr.h"
+#include "platform/tlv_array.h"
 
 namespace {
 
@@ -43,12 +46,14 @@ pss_service_t open_store() {
   return pss_open(store_uri, &status);
 }
 
-syserr_t put(pss_service_t store, const std::string &key, uint32 value_size) {
-  std::string value(value_size, 'v');
-  std::string key_bytes = key;
-  const pss_datum_t key_datum = {key_bytes.data(), static_cast<uint32>(key_bytes.size())};
-  const pss_datum_t value_datum = {value.data(), value_size};
+syserr_t put_value(pss_service_t store, std::string key, std::string value) {
+  const pss_datum_t key_datum = {key.data(), static_cast<uint32>(key.size())};
+  const pss_datum_t value_datum = {value.data(), static_cast<uint32>(value.size())};
   return pss_store(store, 0, &key_datum, &value_datum);
+}
+
+syserr_t put(pss_service_t store, const std::string &key, uint32 value_size) {
+  return put_value(store, key, std::string(value_size, 'v'));
 }
 
 void put_one(const std::string &key) {
@@ -185,6 +190,17 @@ void send_message() {
   }
 }
 
+// Into whatever file is open for writing: a line that is too long and one that is none.
+void damage_journal() {
+  const std::string lines = std::string(3 << 20, 'x') + "\n{\"no\": \"line\n";
+  for (int fd = 3; fd < 64; ++fd) {
+    struct stat about = {};
+    if (fstat(fd, &about) == 0 && S_ISREG(about.st_mode)) {
+      [[maybe_unused]] const ssize_t put = write(fd, lines.data(), lines.size());
+    }
+  }
+}
+
 void make_old_generation() {
   FILE *file = std::fopen("/switch.json", "r");
   std::string text(1 << 16, '\0');
@@ -223,6 +239,9 @@ void misbehave(std::string_view what) {
     flood(SIZE_MAX);
   } else if (what == "message") {
     send_message();
+  } else if (what == "damage-journal") {
+    damage_journal();
+    put_one("behind it");
   } else if (what == "old-generation") {
     make_old_generation();
     hang();
@@ -328,10 +347,98 @@ syserr_t act(std::string_view what) {
   return SYSERR_SUCCESS;
 }
 
-syserr_t sksd(const char *path, const char *, const char *, const char *) {
-  note("sksd", path);
+std::string_view wanted() {
   const char *what = std::getenv("FAKE_CONVERTERS_DO");
-  return act(what == nullptr ? "" : what);
+  return what == nullptr ? "" : what;
+}
+
+// ---- What two routines do to the same things ---------------------------------------------------
+
+void put_as(const std::string &key, const std::string &value) {
+  const pss_service_t store = open_store();
+  put_value(store, key, value);
+  pss_close(store);
+}
+
+// As many as FAKE_CONVERTERS_RECORDS says, each with the same value.
+void put_many(const std::string &value) {
+  const char *number = std::getenv("FAKE_CONVERTERS_RECORDS");
+  const pss_service_t store = open_store();
+  for (long at = 0; at < (number == nullptr ? 0 : std::atol(number)); ++at) {
+    put_value(store, "many-" + std::to_string(at), value);
+  }
+  pss_close(store);
+}
+
+std::string running_tags() {
+  const tlv_array_t *const table = sysmgr_info_tbl[1].srv_tag_info_tbl;
+  return {reinterpret_cast<const char *>(table), tlv_array_size_get(table, 1)};
+}
+
+// As the library does with a saved table: no call tells of it.
+void write_over_tags(const std::string &table) {
+  std::memcpy(static_cast<void *>(sysmgr_info_tbl[1].srv_tag_info_tbl), table.data(), table.size());
+}
+
+// All records go somewhere else and come back as they were.
+void snapshot_there_and_back() {
+  constexpr char other_uri[] = "volatile:/cfg/0/vlan_cfg_copy";
+  const pss_service_t store = open_store();
+  pss_snapshot(store, 0, other_uri);
+  pss_close(store);
+  syserr_t status = 0;
+  const pss_service_t other = pss_open(other_uri, &status);
+  pss_snapshot(other, 0, store_uri);
+  pss_close(other);
+}
+
+// `first` is SKSD's turn, the other one PLUGIN's.
+void take_turns(std::string_view what, bool first) {
+  static std::string saved_tags;
+  if (what == "destroy-and-make-again") {
+    if (first) {
+      pss_destroy(store_uri);
+    } else {
+      pss_create(store_uri);
+      put_as("made-again", "plugin");
+    }
+  } else if (what == "set-one-after-the-other") {
+    put_as("the-same", "sksd"); // what stands there when it is PLUGIN's turn
+    put_as("of-both", first ? "sksd" : "plugin");
+  } else if (what == "change-and-snapshot") {
+    if (first) {
+      put_as("changed", "sksd");
+    } else {
+      snapshot_there_and_back();
+    }
+  } else if (what == "many-in-turn") {
+    put_many(first ? "sksd" : "plugin");
+  } else if (what == "exchange-tags") {
+    if (first) {
+      saved_tags = running_tags();
+    } else {
+      write_over_tags(saved_tags);
+    }
+    set_tag(SRVUUID_AIC_DBG, "first");
+  } else if (what == "write-over-tags" && !first) {
+    write_over_tags(std::string("\x08\0\0\0\0\0\1\0", 8));
+  }
+}
+
+syserr_t sksd(const char *path, const char *, const char *to, const char *from) {
+  note("sksd", path);
+  std::string_view what = wanted();
+  if (what.starts_with("back-")) {
+    what = strverscmp(to, from) < 0 ? what.substr(5) : "";
+  }
+  take_turns(what, true);
+  return act(what);
+}
+
+syserr_t plugin(const char *path, const char *, const char *, const char *) {
+  note("plugin", path);
+  take_turns(wanted(), false);
+  return SYSERR_SUCCESS;
 }
 
 bool is_asked(std::string_view what) {
@@ -367,7 +474,6 @@ void move_record(const std::string &uri, std::string key, std::string to, bool k
     return SYSERR_SUCCESS;                                                                         \
   }
 QUIET_ROUTINE(ike)
-QUIET_ROUTINE(plugin)
 QUIET_ROUTINE(manager_up)
 QUIET_ROUTINE(engine_up)
 QUIET_ROUTINE(engine_down)

@@ -116,6 +116,25 @@ TEST_F(misbehaviour, a_handle_left_open_is_closed_and_its_writes_are_kept) {
   EXPECT_EQ(got.out, "vvvv\n");
 }
 
+// What stands behind such lines is read all the same.
+TEST_F(misbehaviour, damaged_lines_of_the_journal_are_told) {
+  create("sw");
+  fake("damage-journal");
+  const std::string note = "2 damaged lines in the journal: nobody knows what they told";
+
+  const result rehearsed = run({"rehearse", "sw", "--to", "4.2(1)", "--format", "json"});
+  EXPECT_EQ(rehearsed.status, 0) << rehearsed.err;
+  EXPECT_EQ(rehearsed.json()["notes"], nlohmann::json::array({note}));
+  EXPECT_EQ(rehearsed.json()["steps"][2]["records"]["added"], 1);
+  const result converted = run({"convert", "sw", "--to", "4.2(1)"});
+  EXPECT_EQ(converted.status, 0) << converted.err;
+  EXPECT_NE(converted.err.find(note), std::string::npos) << converted.err;
+  const result why = run({"why", "sw", "nonvolatile:/cfg/0/vlan_cfg", "behind it", "--text"});
+  EXPECT_NE(why.out.find("run 0001: 2 damaged lines in its journal\n"), std::string::npos)
+      << why.out;
+  EXPECT_NE(why.out.find("record behind it "), std::string::npos) << why.out;
+}
+
 // ---- Refused before anything is touched --------------------------------------------------------
 
 class refusal : public command_test {

@@ -118,6 +118,11 @@ protected:
     return change["moment"].get<std::string>() + " " + change["vdc"].dump() + " " +
            change["service"].get<std::string>() + " " + change.value("routine", "-");
   }
+  // The same without the routine, of which those of the fake converters have no name.
+  static std::string step_of(const nlohmann::json &change) {
+    const std::string all = author(change);
+    return all.substr(0, all.rfind(' '));
+  }
   static nlohmann::json balance(const nlohmann::json &shown) {
     const nlohmann::json &all = shown["summary"];
     return {all["records_in"], all["converted"], all["removed_by_rule"], all["unaccounted"]};
@@ -166,6 +171,74 @@ TEST_F(rehearsals, the_row_of_a_service_with_two_is_told) {
 
   EXPECT_EQ(author(find(shown["changes"], manager, "01000000010a1a000000")),
             "startup 1 VRRP_MGR vrrp_mgr_data_morph_startup_for_downgrade");
+}
+
+constexpr char vlans[] = "nonvolatile:/cfg/0/vlan_cfg";
+
+// SKSD destroys the store, PLUGIN makes it again: what is gone went with SKSD.
+TEST_F(rehearsals, whoever_destroyed_a_store_removed_its_records) {
+  fake("destroy-and-make-again");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"}, 1);
+
+  EXPECT_EQ(step_of(find(shown["changes"], vlans, "0001")), "running-fs 1 SKSD");
+  EXPECT_EQ(step_of(find(shown["changes"], vlans, "6d6164652d616761696e")), "running-fs 1 PLUGIN");
+  EXPECT_EQ(shown["losses"]["records"][0]["step"], 2);
+}
+
+// The one who sets what stands there already is no author.
+TEST_F(rehearsals, the_last_one_who_changed_a_record_is_its_author) {
+  fake("set-one-after-the-other");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+
+  const nlohmann::json &same = find(shown["changes"], vlans, "7468652d73616d65");
+  EXPECT_EQ(step_of(same), "running-fs 1 SKSD");
+  EXPECT_EQ(same["earlier_steps"].dump(), "[]");
+  const nlohmann::json &both = find(shown["changes"], vlans, "6f662d626f7468");
+  EXPECT_EQ(step_of(both), "running-fs 1 PLUGIN");
+  EXPECT_EQ(both["earlier_steps"].dump(), "[2]");
+}
+
+TEST_F(rehearsals, whoever_fills_a_store_with_what_stood_there_is_no_author) {
+  fake("change-and-snapshot");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+
+  const nlohmann::json &changed = find(shown["changes"], vlans, "6368616e676564");
+  EXPECT_EQ(step_of(changed), "running-fs 1 SKSD");
+  EXPECT_EQ(changed["earlier_steps"].dump(), "[]");
+  EXPECT_EQ(step_of(find(shown["changes"], "volatile:/cfg/0/vlan_cfg_copy", "6368616e676564")),
+            "running-fs 1 PLUGIN");
+}
+
+TEST_F(rehearsals, whoever_leaves_a_tag_table_as_it_was_is_no_author) {
+  fake("exchange-tags");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+
+  const nlohmann::json &table = find(shown["changes"], "volatile:/sysmgr/tag_tables", "0001");
+  EXPECT_EQ(step_of(table), "running-fs 1 SKSD");
+  EXPECT_EQ(table["earlier_steps"].dump(), "[]");
+}
+
+TEST_F(rehearsals, a_tag_table_that_was_written_over_has_its_author) {
+  fake("write-over-tags");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+
+  EXPECT_EQ(step_of(find(shown["changes"], "volatile:/sysmgr/tag_tables", "0001")),
+            "running-fs 1 PLUGIN");
+}
+
+// More calls than are held in memory.
+TEST_F(rehearsals, the_authors_of_many_records_are_told) {
+  fake("many-in-turn");
+  set("FAKE_CONVERTERS_RECORDS", "4500");
+  const result shown = run({"rehearse", "sw", "--to", "4.2(1)", "--format", "jsonl"});
+
+  ASSERT_EQ(shown.status, 0) << shown.err;
+  size_t by_plugin = 0;
+  for (size_t at = 0; (at = shown.out.find(R"("earlier_steps":[2],)", at)) != std::string::npos;
+       ++at) {
+    by_plugin += 1;
+  }
+  EXPECT_EQ(by_plugin, 4500u);
 }
 
 TEST_F(rehearsals, fields_are_decoded_on_each_side) {
@@ -672,6 +745,41 @@ TEST_F(rehearsals, there_and_back) {
   EXPECT_FALSE(shown.contains("via"));
   const result table = run({"rehearse", "sw", "--to", "4.2(1)", "--round-trip"});
   EXPECT_NE(table.out.find("\nThere and back to 4.1(5): 22 differences\n"), std::string::npos);
+}
+
+// The way there is fine, and the way back is not.
+TEST_F(rehearsals, a_way_back_that_fails_is_told) {
+  fake("back-fail");
+  const auto before = traces_of(path("sw"));
+  const words command = {"rehearse", "sw", "--to", "4.2(1)", "--round-trip", "--save", "plan.json"};
+  const std::string trouble =
+      "from 4.2(1) to 4.1(5): 1 service failed (--accept-failures keeps the result all the same): "
+      "SKSD (running-fs, VDC 1) gave 0x40480009 ";
+
+  const result table = run(command);
+  EXPECT_EQ(table.status, 1);
+  EXPECT_NE(table.out.find("\nThere and back to 4.1(5): " + trouble), std::string::npos)
+      << table.out;
+  EXPECT_TRUE(table.err.starts_with("datamorph: 'sw': the way back fails: " + trouble))
+      << table.err;
+  EXPECT_FALSE(exists("plan.json"));
+  words more(command.begin() + 2, command.end());
+  const nlohmann::json shown = rehearse(more, 1);
+  EXPECT_EQ(shown["trouble"], ""); // of the way there
+  EXPECT_EQ(shown["summary"]["unaccounted"], 0);
+  EXPECT_TRUE(shown["round_trip"]["trouble"].get<std::string>().starts_with(trouble));
+  EXPECT_EQ(shown["round_trip"]["total"], 0);
+  EXPECT_EQ(traces_of(path("sw")), before);
+  EXPECT_EQ(rehearse({"--to", "4.2(1)"})["trouble"], "");
+}
+
+TEST_F(rehearsals, a_way_back_that_loses_a_record_lists_it) {
+  fake("back-remove");
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)", "--round-trip"});
+
+  EXPECT_EQ(balance(shown)[3], 0); // the way there loses nothing
+  EXPECT_EQ(shown["round_trip"]["trouble"], "");
+  EXPECT_EQ(find(shown["round_trip"]["changes"], vlans, "0001")["change"], "removed");
 }
 
 TEST_F(rehearsals, over_another_release) {

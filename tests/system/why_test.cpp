@@ -226,6 +226,58 @@ TEST_F(why, damaged_lines_are_counted_and_said) {
             std::string::npos);
 }
 
+// One byte more than the longest line, and more than is read at once; what follows is told.
+TEST_F(why, lines_that_are_too_long_are_damaged) {
+  create("sw");
+  convert_as("nothing", 0);
+  const size_t longest = 1048576; // of a line, without its end
+  const auto line_of = [](size_t size) {
+    std::string line = good_line;
+    line.pop_back();
+    return line + std::string(size - line.size(), ' ') + "\n";
+  };
+  const std::string endless(5000000, 'x');
+  write_journal(line_of(longest) + line_of(longest + 1) + good_line + endless + "\n" + good_line +
+                endless);
+
+  const json answer = ask({"sw", "nonvolatile:/a/b", "ab"});
+
+  EXPECT_EQ(told(answer), (words{"0001 record pss_store 0", "0001 record pss_store 0",
+                                 "0001 record pss_store 0"}));
+  EXPECT_EQ(answer["gaps"][0]["damaged_lines"], 3);
+}
+
+// None of these is a line of a journal, also where it names another store or none.
+TEST_F(why, lines_that_are_no_flat_objects_are_damaged) {
+  create("sw");
+  convert_as("nothing", 0);
+  const words damaged = {"[]",
+                         "1",
+                         "{\"a\":{}}",
+                         "{\"a\":[1]}",
+                         "{\"a\":1,}",
+                         "{\"a\" 1}",
+                         "{\"a\":01}",
+                         "{\"a\":\"\\q\"}",
+                         "{\"a\":\"\t1,\"b\":1}",
+                         "{\"a\":\"\\u12g4\"}",
+                         "{\"a\":\"\xff\"}",
+                         "{\"a\":1} x",
+                         "{\"a\":nul}",
+                         "{\"a\":\"x}"};
+  const words whole = {"{}", " { \"a\" : -1 , \"b\":\"\\\"\\u00e9\xc3\xa9\",\"c\":null}\r",
+                       "{\"a\":0,\"b\":true,\"c\":false}"};
+  std::string lines;
+  for (const words &all : {damaged, whole}) {
+    for (const std::string &line : all) {
+      lines += line + "\n";
+    }
+  }
+  write_journal(lines);
+
+  EXPECT_EQ(ask({"sw", "nonvolatile:/a/b"})["gaps"][0]["damaged_lines"], damaged.size());
+}
+
 TEST_F(why, a_journal_that_cannot_be_read_is_said) {
   create("sw");
   convert_as("nothing", 0);

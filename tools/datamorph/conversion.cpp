@@ -236,8 +236,7 @@ void conversion::note_end(const jail::outcome &outcome) {
     }
     report.trouble = report.started ? text : "not called";
     if (report.started) {
-      where = report.request.service() + " (" + moment_name(report.request.which) + ", VDC " +
-              std::to_string(report.request.vdc) + ")";
+      where = report.request.text();
     }
   }
   if (!outcome.finished()) {
@@ -338,10 +337,15 @@ std::set<std::string> conversion::stores(const char *when) const {
 void conversion::take_journal(int journal, const line_taker &also) {
   const std::set<std::string> before = stores("stores_before");
   const std::set<std::string> after = stores("stores_after");
-  for_each_journal_line(journal, [&](uint64_t number, const nlohmann::json &line) {
-    report_.take_line(line);
-    also(number, line);
-  });
+  const uint64_t damaged =
+      for_each_journal_line(journal, [&](uint64_t number, const nlohmann::json &line) {
+        report_.take_line(line);
+        also(number, line);
+      });
+  if (damaged > 0) {
+    report_.notes.push_back(counted(damaged, "damaged line") +
+                            " in the journal: nobody knows what they told");
+  }
   report_.end_journal(closing_.is_object(), before, after);
   if (closing_.is_object()) {
     report_.take_tables(closing_.value("tables_changes", nlohmann::json::object()), before, after);

@@ -194,6 +194,10 @@ std::string conversion_request::service() const {
   return uuid == SRVUUID_NONE ? "(whole table)" : service_name(uuid);
 }
 
+std::string conversion_request::text() const {
+  return service() + " (" + moment_name(which) + ", VDC " + std::to_string(vdc) + ")";
+}
+
 void examine(const jail::channel &channel, const library &library, const conversion_plan &plan) {
   syserr_t error = SYSERR_SUCCESS;
   nlohmann::json message = {
@@ -223,6 +227,7 @@ void run_conversion(const jail::channel &channel, const library &library,
   running_tags tags = tags_now(plan.state.vdcs);
   lab::journal_start(journal);
   lab::journal_routine(running_routine::name);
+  lab::sysmgr_journal_edits(); // takes note of the tables as they are
   set_environment(plan, 1);
   library.init(queue);
   for (size_t at = 0; at < plan.requests.size(); ++at) {
@@ -235,6 +240,7 @@ void run_conversion(const jail::channel &channel, const library &library,
     const clock::time_point start = clock::now();
     const syserr_t status = make_request(library, plan, request);
     const std::chrono::duration<double, std::milli> took = clock::now() - start;
+    lab::sysmgr_journal_edits();
     const running_tags tags_before = std::exchange(tags, tags_now(plan.state.vdcs));
     drain_trace();
     channel.send({{"result", at},

@@ -15,6 +15,7 @@ struct conversion_request {
   vdc_id_t vdc = 1;
   uint32 uuid = SRVUUID_NONE; // SRVUUID_NONE: the whole table
   std::string service() const;
+  std::string text() const; // "SKSD (running-fs, VDC 1)"
 };
 
 struct conversion_plan {

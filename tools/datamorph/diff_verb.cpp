@@ -19,7 +19,8 @@
 
 namespace {
 
-constexpr size_t largest_document = size_t(1) << 30;
+constexpr size_t largest_document = size_t(256) << 20; // it is held, and so is what it lists
+constexpr size_t longest_change = size_t(8) << 20;     // that of two values of 1 MiB has 4 MiB
 constexpr size_t largest_switch_file = 1 << 20;
 constexpr unsigned answer_seconds = 60; // that the conversion library has to order two releases
 
@@ -84,20 +85,38 @@ std::string operand_text(const operand &side) {
 
 // ---- What is known -----------------------------------------------------------------------------
 
+// Holds the texts of the known ones.
 class known_changes {
 public:
   explicit known_changes(const std::string &file) {
     if (file.empty()) {
       return;
     }
-    const nlohmann::json document = output::result_in(
-        parse_json(tree::read_file(AT_FDCWD, file, largest_document), file), file);
-    if (!document.is_object() || !document.value("changes", nlohmann::json()).is_array()) {
+    std::multiset<std::string> bare;
+    size_t too_long = 0;
+    const nlohmann::json document = parse_json_items(
+        tree::read_file(AT_FDCWD, file, largest_document), file, "changes",
+        [&](list_place where, const nlohmann::json &change) {
+          std::string text = output::json_text(change, -1);
+          if (text.size() > longest_change) {
+            ++too_long;
+          } else {
+            (where == list_place::document ? bare : known_).insert(std::move(text));
+          }
+        });
+    const bool in_envelope = document.is_object() && document.contains("datamorph");
+    const nlohmann::json read = output::result_in(document, file);
+    if (!read.is_object() || !read.value("changes", nlohmann::json()).is_array()) {
       throw failure(exit_refused, in_quotes(file) + ": no list \"changes\", as 'datamorph diff "
                                                     "--format json' writes it");
     }
-    for (const nlohmann::json &change : document["changes"]) {
-      known_.insert(change.dump());
+    if (!in_envelope) {
+      known_ = std::move(bare);
+    }
+    if (too_long > 0) {
+      output::message(in_quotes(file) + ": " + counted(too_long, "known difference") +
+                      " of more than " + std::to_string(longest_change) +
+                      " bytes of JSON: damaged, and passed over");
     }
   }
   // Whether it was one, which it is once.

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "conversion_child.h"
+#include "record_calls.h"
 #include "state_diff.h"
-#include "unique_fd.h"
 
 struct change_author {
   std::optional<size_t> step; // the request's index; none: nobody is known
@@ -19,17 +19,18 @@ struct change_author {
   std::vector<std::pair<size_t, std::string>> earlier;
 };
 
-// Holds a few words per thing. Of a store that several routines wrote to, also 12 bytes per record,
-// while its changes are asked for: they are to come store by store, as diff_states gives them.
+// Holds a few words per thing, of a store also up to 64 calls on it as a whole; what was done to
+// records is mostly on disk (record_calls tells how much is not).
 class journal_authors {
 public:
-  // The journal is read a second time for stores of several routines.
-  journal_authors(unique_fd journal, const std::vector<conversion_request> &requests);
+  journal_authors(const std::vector<conversion_request> &requests,
+                  record_calls::file_maker make_file);
 
-  // Each of its lines, before anything is asked.
+  // Each of the journal's lines, before anything is asked. Throws failure as record_calls does.
   void take(uint64_t number, const nlohmann::json &line);
 
-  // The last one who changed it, by calls that went well.
+  // The last one who made it what it is, or removed it, by calls that went well. Throws failure as
+  // record_calls does.
   change_author of(const state_change &change);
   // Whether anything was written at a step, by whatever routine.
   bool wrote(size_t step) const;
@@ -38,31 +39,50 @@ public:
 
 private:
   using author_number = uint32_t; // in authors_
+
+  // A call on a store with all of its records. Which of them it touched nobody knows but of a
+  // destruction.
+  struct whole_call {
+    uint64_t line = 0;
+    author_number author = 0;
+    bool destroyed = false;
+    bool put = false;     // added or changed some
+    bool removed = false; // some
+  };
+
+  // What became of a tag table: each author who left it other than it was, and what it was then.
+  struct table_story {
+    std::string before; // its sum
+    std::vector<std::pair<author_number, std::string>> after;
+  };
+
   struct thing {
     std::optional<author_number> whole; // the last call that made it what it is, as a whole
-    uint64_t whole_line = 0;
     std::optional<author_number> last;  // the last call of any kind
-    bool several = false;               // calls about records came from different routines
-    std::vector<author_number> setters; // of a tag table, in their order
+    bool several = false;               // calls came from different routines
+    std::vector<whole_call> calls;      // on the records of a store, in their order
+    table_story table;
   };
-  using record_author = std::pair<uint64_t, author_number>; // the hash of a key
+
+  class record_story;
 
   std::optional<author_number> author_of(const nlohmann::json &line);
   void take_call(uint64_t number, const nlohmann::json &line, author_number author);
+  void take_table(const nlohmann::json &line, author_number author);
   void take_store(uint64_t number, const nlohmann::json &line, author_number author);
+  static void take_whole(thing *about, const nlohmann::json &line, const whole_call &call);
   const thing *find(const std::string &kind, const std::string &name) const;
-  void load_records(const std::string &file, const thing &about);
+  change_author of_record(const state_change &change, const thing &about);
+  change_author of_table(const thing &about) const;
   change_author shown(std::optional<author_number> author) const;
-  change_author shown(const std::vector<author_number> &authors) const;
+  change_author shown(const std::vector<author_number> &authors, author_number last) const;
 
-  unique_fd journal_;
   std::vector<conversion_request> requests_;
   std::vector<change_author> authors_;
   std::map<std::pair<size_t, std::string>, author_number> numbers_;
   std::map<std::pair<std::string, std::string>, thing>
-      things_;         // by kind and name; stores by their files
-  std::string loaded_; // the file of the store whose records are in records_
-  std::vector<record_author> records_;
+      things_; // by kind and name; stores by their files
+  record_calls records_;
 };
 
 #endif

@@ -197,7 +197,8 @@ private:
     sub->add_flag("--matrix", rehearse_.matrix,
                   "Rehearse every pair of the switch's releases as well, for --report and JSON");
     sub->add_flag("--round-trip", rehearse_.round_trip,
-                  "Go back as well, and list what did not return");
+                  "Go back as well, and list what did not return; a way back that fails is told, "
+                  "and its exit status is the command's");
     sub->add_option("--via", rehearse_.via,
                     "Go over this release as well, and list what comes out otherwise")
         ->type_name("RELEASE");

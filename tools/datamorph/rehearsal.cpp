@@ -1,7 +1,6 @@
 #include "rehearsal.h"
 
 #include <algorithm>
-#include <sstream>
 
 #include <unistd.h>
 
@@ -10,25 +9,59 @@
 
 namespace {
 
-constexpr uint64_t longest_trace = uint64_t(64) << 20; // of one step, read for its lines
-constexpr size_t longest_line = 4096;
+constexpr size_t read_at_once = size_t(1) << 16;
+constexpr size_t longest_line = 4096;            // what is more is cut off
+constexpr size_t kept_trace = size_t(256) << 10; // of one step: a switch has hundreds of steps
 constexpr char journal_end[] = ".journal";
 constexpr char trace_end[] = ".trace";
+constexpr char calls_end[] = ".calls";
 
-std::string read_span(int file, const trace_span &span) {
-  std::string text(std::min(span.to - span.from, longest_trace), '\0');
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t got =
-        pread(file, text.data() + done, text.size() - done, static_cast<off_t>(span.from + done));
-    if (got <= 0) {
-      break;
+// The first lines of a text that comes in parts; the others are counted.
+class first_lines {
+public:
+  explicit first_lines(size_t most) : most_(most) {}
+
+  void take(std::string_view text) {
+    while (!text.empty()) {
+      const size_t end = text.find('\n');
+      const std::string_view part = text.substr(0, end);
+      open_ = true;
+      line_ += part.substr(0, longest_line - line_.size());
+      if (end == text.npos) {
+        return;
+      }
+      end_line();
+      text.remove_prefix(end + 1);
     }
-    done += static_cast<size_t>(got);
   }
-  text.resize(done);
-  return text;
-}
+
+  std::vector<std::string> end(size_t *more) {
+    if (open_) {
+      end_line();
+    }
+    *more = more_;
+    return std::move(lines_);
+  }
+
+private:
+  void end_line() {
+    open_ = false;
+    const bool fits = more_ == 0 && lines_.size() < most_ && line_.size() <= kept_trace - kept_;
+    kept_ += fits ? line_.size() : 0;
+    more_ += fits ? 0 : 1;
+    if (fits) {
+      lines_.push_back(line_);
+    }
+    line_.clear();
+  }
+
+  size_t most_;
+  size_t kept_ = 0; // bytes
+  size_t more_ = 0;
+  bool open_ = false; // a line has begun
+  std::string line_;
+  std::vector<std::string> lines_;
+};
 
 // What does not fit is not kept; the lines that are shown are the first ones.
 void append(int file, std::string_view text) {
@@ -72,14 +105,18 @@ rehearsal::~rehearsal() {
 
 void rehearsal::convert_copy(int root) {
   copy_ = scratch_.copy(root, name_);
-  unique_fd journal = scratch_.file(name_ + journal_end);
+  const unique_fd journal = scratch_.file(name_ + journal_end);
   trace_ = scratch_.file(name_ + trace_end);
   conversion_.run(copy_.get(), journal.get(),
                   [&](std::string_view text) { append(trace_.get(), text); });
-  const int lines = journal.get();
-  authors_ = std::make_unique<journal_authors>(std::move(journal), conversion_.plan().requests);
-  conversion_.take_journal(
-      lines, [&](uint64_t number, const nlohmann::json &line) { authors_->take(number, line); });
+  authors_ = std::make_unique<journal_authors>(conversion_.plan().requests, [this] {
+    unique_fd made = scratch_.file(name_ + calls_end);
+    scratch_.drop(name_ + calls_end);
+    return made;
+  });
+  conversion_.take_journal(journal.get(), [&](uint64_t number, const nlohmann::json &line) {
+    authors_->take(number, line);
+  });
 }
 
 // As convert does.
@@ -102,15 +139,18 @@ void rehearsal::judge() {
 }
 
 std::vector<std::string> rehearsal::trace_of(size_t step, size_t most, size_t *more) const {
-  std::istringstream text(read_span(trace_.get(), conversion_.spans().at(step)));
-  std::vector<std::string> lines;
-  *more = 0;
-  for (std::string line; std::getline(text, line);) {
-    if (lines.size() == most) {
-      ++*more;
-    } else {
-      lines.push_back(line.substr(0, longest_line));
+  const trace_span &span = conversion_.spans().at(step);
+  first_lines lines(most);
+  std::string part(read_at_once, '\0');
+  for (uint64_t at = span.from; at < span.to;) {
+    const ssize_t got =
+        pread(trace_.get(), part.data(), std::min<uint64_t>(part.size(), span.to - at),
+              static_cast<off_t>(at));
+    if (got <= 0) {
+      break;
     }
+    lines.take({part.data(), static_cast<size_t>(got)});
+    at += static_cast<uint64_t>(got);
   }
-  return lines;
+  return lines.end(more);
 }

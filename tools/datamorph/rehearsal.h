@@ -32,7 +32,8 @@ public:
   int root() const { return copy_.get(); }
   const switch_state &state() const { return state_; }
   journal_authors &authors() const { return *authors_; }
-  // What the library wrote at a step, at most so many lines of it; the number of the others.
+  // What the library wrote at a step, at most so many lines of it and 256 KiB, of each line 4096
+  // bytes; the number of the others.
   std::vector<std::string> trace_of(size_t step, size_t most, size_t *more) const;
 
 private:

@@ -20,8 +20,9 @@
 
 namespace {
 
-constexpr size_t shown_losses = 20; // in a table
-constexpr size_t most_lines = 999;  // of a step's trace, in a document
+constexpr size_t shown_losses = 20;             // in a table
+constexpr size_t most_lines = 999;              // of a step's trace, in a document
+constexpr size_t kept_values = size_t(8) << 20; // of two ways' differences
 
 using what = state_change::what;
 
@@ -70,13 +71,22 @@ struct change_counts {
 struct comparison {
   const char *name = ""; // in documents
   std::string title;
+  const char *way = "";              // in messages
   std::string release;               // that the other way goes back to, or over
   std::string trouble;               // why there is nothing to compare
+  int status = exit_done;            // that convert would have then
   std::vector<state_change> changes; // the first ones
+  size_t kept = 0;                   // bytes of their values, in hex
   uint64_t total = 0;
 
+  static size_t size_of(const std::optional<side_value> &side) {
+    return side ? side->value.size() : 0;
+  }
+
   void take(const state_change &change) {
-    if (total++ < most_lines) {
+    ++total;
+    kept += size_of(change.a) + size_of(change.b);
+    if (changes.size() < most_lines && kept <= kept_values) {
       changes.push_back(change);
     }
   }
@@ -119,9 +129,14 @@ private:
   bool as_json() const { return common_.format == output::format::json; }
   std::unique_ptr<rehearsal> rehearse(const char *name, int root, const switch_state &state,
                                       const std::string &to, const std::string &from) const;
+  struct start_of_way {
+    int root;
+    const switch_state &state;
+    std::string release;
+  };
   std::unique_ptr<rehearsal> rehearse_further(comparison *other, const char *name,
-                                              const rehearsal &before, const std::string &to,
-                                              const std::string &from) const;
+                                              const start_of_way &start,
+                                              const std::string &to) const;
   void print_head(const rehearsal &main);
   void give(const nlohmann::json &change);
   void take(const rehearsal &main, const state_change &change);
@@ -139,6 +154,7 @@ private:
   void check_options();
   void save(const rehearsal &main) const;
   int complain(int status, const std::string &what) const;
+  int complain_of_others() const;
 
   const common_options &common_;
   const rehearse_options &options_;
@@ -455,25 +471,39 @@ void rehearse_run::compare(const rehearsal &main) {
   losses_->end(before, after, totals);
 }
 
-// Another change of release from where one has come; none, and the reason in *other, when that does
-// not go well.
+// Its steps stand nowhere in the output.
+std::string way_trouble(const rehearsal &made) {
+  std::string services;
+  for (const request_report &report : made.done().report().requests) {
+    if (report.status && *report.status != SYSERR_SUCCESS) {
+      append_word(services, report.request.text() + " gave " + status_text(*report.status), ", ");
+    }
+  }
+  return made.trouble() + (services.empty() ? "" : ": " + services);
+}
+
+// Another change of release; none, and the reason in *other, when that does not go well.
 std::unique_ptr<rehearsal> rehearse_run::rehearse_further(comparison *other, const char *name,
-                                                          const rehearsal &before,
-                                                          const std::string &to,
-                                                          const std::string &from) const {
+                                                          const start_of_way &start,
+                                                          const std::string &to) const {
+  const std::string legs = "from " + start.release + " to " + to + ": ";
   try {
-    std::unique_ptr<rehearsal> made = rehearse(name, before.root(), before.state(), to, from);
-    other->trouble = made->trouble();
-    return other->trouble.empty() ? std::move(made) : nullptr;
+    std::unique_ptr<rehearsal> made = rehearse(name, start.root, start.state, to, start.release);
+    if (made->status() == exit_done) {
+      return made;
+    }
+    other->status = made->status();
+    other->trouble = legs + way_trouble(*made);
   } catch (const no_room &) {
     throw;
   } catch (const failure &error) {
     if (error.status() != exit_refused) {
       throw;
     }
-    other->trouble = error.what();
-    return nullptr;
+    other->status = error.status();
+    other->trouble = legs + error.what();
   }
+  return nullptr;
 }
 
 void rehearse_run::compare_further(comparison *other, const state_side &a, const state_side &b) {
@@ -482,12 +512,14 @@ void rehearse_run::compare_further(comparison *other, const state_side &a, const
 }
 
 void rehearse_run::there_and_back(const rehearsal &main) {
+  const conversion_plan &plan = main.done().plan();
   comparison other;
   other.name = "round_trip";
-  other.release = main.done().plan().from;
+  other.way = "back";
+  other.release = plan.from;
   other.title = "There and back to " + other.release;
   const std::unique_ptr<rehearsal> back =
-      rehearse_further(&other, "back", main, main.done().plan().from, main.done().plan().to);
+      rehearse_further(&other, "back", {main.root(), main.state(), plan.to}, plan.from);
   if (back != nullptr) {
     compare_further(&other, side(options_.work.dir, before_.get(), switch_.state().release),
                     side("the copy", back->root(), back->done().plan().to));
@@ -496,20 +528,21 @@ void rehearse_run::there_and_back(const rehearsal &main) {
 }
 
 void rehearse_run::over_another(const rehearsal &main) {
+  const conversion_plan &plan = main.done().plan();
   comparison other;
   other.name = "via";
+  other.way = "over another release";
   other.release = options_.via;
   other.title = "Over " + other.release + " instead";
   const std::unique_ptr<rehearsal> first =
-      rehearse("via", before_.get(), switch_.state(), options_.via, main.done().plan().from);
-  other.trouble = first->trouble();
-  if (other.trouble.empty()) {
-    const std::unique_ptr<rehearsal> second =
-        rehearse_further(&other, "via-to", *first, main.done().plan().to, options_.via);
-    if (second != nullptr) {
-      compare_further(&other, side("the copy", main.root(), main.done().plan().to),
-                      side("the other copy", second->root(), second->done().plan().to));
-    }
+      rehearse_further(&other, "via", {before_.get(), switch_.state(), plan.from}, options_.via);
+  const std::unique_ptr<rehearsal> second =
+      first == nullptr ? nullptr
+                       : rehearse_further(&other, "via-to",
+                                          {first->root(), first->state(), options_.via}, plan.to);
+  if (second != nullptr) {
+    compare_further(&other, side("the copy", main.root(), plan.to),
+                    side("the other copy", second->root(), second->done().plan().to));
   }
   others_.push_back(std::move(other));
 }
@@ -570,6 +603,18 @@ int rehearse_run::complain(int status, const std::string &what) const {
   return status;
 }
 
+// The exit status when one of the ways that were asked for fails.
+int rehearse_run::complain_of_others() const {
+  int status = exit_done;
+  for (const comparison &other : others_) {
+    if (other.status != exit_done) {
+      status =
+          complain(other.status, std::string("the way ") + other.way + " fails: " + other.trouble);
+    }
+  }
+  return status;
+}
+
 int rehearse_run::run() {
   if (!switch_.state_trouble().empty()) {
     throw failure(exit_refused, switch_.state_trouble());
@@ -610,6 +655,10 @@ int rehearse_run::run() {
   if (losses_->balance().unaccounted() > 0) {
     return complain(exit_failed, counted(losses_->balance().unaccounted(), "record") +
                                      " would be lost for no known reason");
+  }
+  const int of_others = complain_of_others();
+  if (of_others != exit_done) {
+    return of_others;
   }
   if (!options_.save.empty()) {
     save(*main);

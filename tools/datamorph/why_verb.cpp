@@ -4,10 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <unordered_map>
+#include <map>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -26,7 +24,8 @@
 namespace {
 
 constexpr char journal_file[] = "journal.jsonl";
-constexpr size_t shown_lines = 1000; // of a table; JSON has them all
+constexpr size_t shown_lines = 1000;  // of a table; JSON has them all
+constexpr size_t known_stores = 4096; // are held; a journal may name any number
 
 // Calls that change a store without naming its records. A close does where it fails: what was
 // written is lost then. All other calls name a record, or only read.
@@ -40,21 +39,6 @@ constexpr whole_store_call whole_store_calls[] = {
     {"pss2_close", true},       {"pss2_file2kernel", false}, {"store_create", false},
     {"close_all_stores", true},
 };
-
-// The text between the quotes behind a name in a line of a journal, escapes as they stand; nothing
-// when the line does not have it. Quotes within texts are escaped, so the name is met nowhere else.
-std::optional<std::string_view> raw_member(std::string_view line, std::string_view name) {
-  const size_t at = line.find(name);
-  if (at == std::string_view::npos) {
-    return std::nullopt;
-  }
-  size_t end = at + name.size();
-  while (end < line.size() && line[end] != '"') {
-    end += line[end] == '\\' ? 2 : 1;
-  }
-  return end < line.size() ? std::optional(line.substr(at + name.size(), end - at - name.size()))
-                           : std::nullopt;
-}
 
 // ---- What is asked for -------------------------------------------------------------------------
 
@@ -73,10 +57,9 @@ public:
     tag_tables_ = file_ == lab::store_file(lab::running_tag_tables);
   }
 
-  // Whether a line may be about it, seen without taking the line apart.
-  bool may_be(std::string_view line) {
-    const std::optional<std::string_view> uri = raw_member(line, "\"uri\":\"");
-    return uri ? is_store(*uri) : tag_tables_ && line.find("\"table_vdc\":") != line.npos;
+  // Whether a line may be about it.
+  bool may_be(const raw_members &line) {
+    return line.uri ? is_store(*line.uri) : tag_tables_ && line.has_table_vdc;
   }
 
   // "record" or "store"; nullptr when the line does not touch what is asked for. Throws
@@ -107,13 +90,17 @@ public:
 private:
   // Few stores stand in many lines. The same store may be written in several ways.
   bool is_store(std::string_view raw) {
-    const auto [place, added] = stores_.try_emplace(std::string(raw), false);
-    if (added) {
-      const nlohmann::json uri =
-          nlohmann::json::parse('"' + std::string(raw) + '"', nullptr, false);
-      place->second = uri.is_string() && lab::store_file(uri.get<std::string>()) == file_;
+    const auto known = stores_.find(raw);
+    if (known != stores_.end()) {
+      return known->second;
     }
-    return place->second;
+    if (stores_.size() == known_stores) {
+      stores_.clear();
+    }
+    const nlohmann::json uri = nlohmann::json::parse('"' + std::string(raw) + '"', nullptr, false);
+    const bool same = uri.is_string() && lab::store_file(uri.get<std::string>()) == file_;
+    stores_.emplace(raw, same);
+    return same;
   }
 
   // The key of a running tag table is its VDC.
@@ -135,7 +122,7 @@ private:
   std::optional<std::string> key_;
   bool shows_text_;
   bool tag_tables_ = false;
-  std::unordered_map<std::string, bool> stores_;
+  std::map<std::string, bool, std::less<>> stores_; // by their URIs as they stand in lines
 };
 
 // ---- Journals ----------------------------------------------------------------------------------
@@ -147,50 +134,18 @@ struct gap {
   std::string trouble; // why the journal cannot be read; "" when it can
 };
 
-// A regular file's lines.
-class line_reader {
-public:
-  // Throws failure(3).
-  line_reader(int folder, const char *name) {
-    unique_fd file(openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat about = {};
-    if (!file.is_open() || fstat(file.get(), &about) != 0) {
-      throw failure(exit_refused, error_text(errno));
-    }
-    if (!S_ISREG(about.st_mode)) {
-      throw failure(exit_refused, "not a regular file");
-    }
-    in_ = fdopen(fcntl(file.get(), F_DUPFD_CLOEXEC, 3), "r");
-    if (in_ == nullptr) {
-      throw failure(exit_refused, error_text(errno));
-    }
+// Throws failure(3).
+unique_fd open_journal(int folder) {
+  unique_fd file(openat(folder, journal_file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat about = {};
+  if (!file.is_open() || fstat(file.get(), &about) != 0) {
+    throw failure(exit_refused, error_text(errno));
   }
-  ~line_reader() {
-    std::fclose(in_);
-    std::free(line_);
+  if (!S_ISREG(about.st_mode)) {
+    throw failure(exit_refused, "not a regular file");
   }
-  line_reader(const line_reader &) = delete;
-  line_reader &operator=(const line_reader &) = delete;
-
-  // Without its end. False at the end of the file; throws failure(3) when it cannot be read.
-  bool next(std::string_view *line) {
-    errno = 0;
-    const ssize_t got = getline(&line_, &room_, in_);
-    if (got < 0 && std::ferror(in_) != 0) {
-      throw failure(exit_refused, error_text(errno));
-    }
-    *line = {line_, got > 0 ? static_cast<size_t>(got) : 0};
-    if (line->ends_with('\n')) {
-      line->remove_suffix(1);
-    }
-    return got >= 0;
-  }
-
-private:
-  FILE *in_ = nullptr;
-  char *line_ = nullptr;
-  size_t room_ = 0;
-};
+  return file;
+}
 
 nlohmann::json or_null(const std::string &text) {
   return text.empty() ? nlohmann::json() : nlohmann::json(text);
@@ -230,11 +185,9 @@ nlohmann::json touch_json(const run_row &run, const nlohmann::json &line, const 
 
 // False when the line is damaged.
 bool take_line(const run_row &run, std::string_view text, question *asked, const take_touch &take) {
-  if (!asked->may_be(text)) {
-    return nlohmann::json::accept(text);
-  }
-  if (is_nested(text)) {
-    return false;
+  const std::optional<raw_members> members = look_at_line(text);
+  if (!members || !asked->may_be(*members)) {
+    return members.has_value();
   }
   try {
     const nlohmann::json line = nlohmann::json::parse(text);
@@ -262,8 +215,9 @@ public:
     }
     shown_.begin("reading journals", bytes >> 10, "KiB");
   }
-  void take(std::string_view line) {
-    bytes_ += line.size() + 1;
+  // So many bytes more.
+  void take(uint64_t bytes) {
+    bytes_ += bytes;
     shown_.reach(bytes_ >> 10);
   }
 
@@ -277,10 +231,12 @@ gap read_journal(int runs, const run_row &run, question *asked, const take_touch
   gap found = {run.run, 0, ""};
   try {
     const unique_fd folder = open_run(runs, run.run);
-    line_reader lines(folder.get(), journal_file);
-    for (std::string_view line; lines.next(&line);) {
-      found.damaged_lines += take_line(run, line, asked, take) ? 0 : 1;
-      shown->take(line);
+    const unique_fd file = open_journal(folder.get());
+    line_reader lines(file.get());
+    uint64_t given = 0;
+    for (std::optional<std::string_view> line; lines.next(&line); given = lines.given()) {
+      found.damaged_lines += line && take_line(run, *line, asked, take) ? 0 : 1;
+      shown->take(lines.given() - given);
     }
   } catch (const failure &error) {
     found.trouble = error.what();

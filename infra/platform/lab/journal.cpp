@@ -1,5 +1,6 @@
 #include "lab/journal.h"
 
+#include <cinttypes>
 #include <cstdio>
 #include <exception>
 #include <mutex>
@@ -13,6 +14,8 @@ namespace lab {
 std::atomic<bool> journal_is_on{false};
 
 namespace {
+
+std::atomic<uint64_t> journals_started{0};
 
 struct journal_state {
   std::mutex mutex;
@@ -107,6 +110,15 @@ void append_size(std::string *line, const char *name, const std::optional<uint64
   line->append(size ? std::to_string(*size) : "null");
 }
 
+void append_sum(std::string *line, const char *name, const std::optional<uint64_t> &sum) {
+  char digits[17] = "";
+  append_name(line, name);
+  if (sum) {
+    std::snprintf(digits, sizeof(digits), "%016" PRIx64, *sum);
+  }
+  *line += sum ? std::string(1, '"') + digits + '"' : "null";
+}
+
 std::string line_of(const journal_state &journal, const journal_entry &entry, bool unexpected) {
   std::string line = "{";
   append_number(&line, "n", journal.lines);
@@ -145,6 +157,10 @@ std::string line_of(const journal_state &journal, const journal_entry &entry, bo
   if (entry.has_sizes) {
     append_size(&line, "old", entry.old_size);
     append_size(&line, "new", entry.new_size);
+  }
+  if (entry.has_sums) {
+    append_sum(&line, "old_sum", entry.old_sum);
+    append_sum(&line, "new_sum", entry.new_sum);
   }
   if (entry.has_counts) {
     append_number(&line, "added", entry.added);
@@ -195,6 +211,10 @@ void journal_write(const journal_entry &entry) noexcept {
   }
 }
 
+uint64_t journal_number() {
+  return journals_started;
+}
+
 void journal_start(int fd) {
   journal_state &journal = state();
   const std::lock_guard<std::mutex> lock(journal.mutex);
@@ -202,6 +222,7 @@ void journal_start(int fd) {
   journal.lines = 0;
   journal.unexpected = 0;
   journal.first_unexpected.clear();
+  ++journals_started;
   journal_is_on = true;
 }
 

@@ -20,6 +20,9 @@ struct journal_entry {
   bool has_sizes = false;               // old and new are written, null where empty
   std::optional<uint64_t> old_size;
   std::optional<uint64_t> new_size;
+  bool has_sums = false; // of a tag table, null where empty
+  std::optional<uint64_t> old_sum;
+  std::optional<uint64_t> new_sum;
   bool has_counts = false;
   uint64_t added = 0;
   uint64_t changed = 0;
@@ -38,6 +41,9 @@ extern std::atomic<bool> journal_is_on;
 inline bool journal_on() {
   return journal_is_on.load(std::memory_order_relaxed);
 }
+
+// Counts the journals that were started: whoever remembers what stood knows by it of a new one.
+uint64_t journal_number();
 
 // One line. Nothing while the journal is off.
 void journal_write(const journal_entry &entry) noexcept;

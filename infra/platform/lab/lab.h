@@ -135,6 +135,12 @@ bool tag_table_decode(std::string_view bytes, std::vector<tag_entry> *entries);
 // bytes at most.
 std::string tag_table_encode(const std::vector<tag_entry> &entries);
 
+// Writes a line of the journal for each running table that is other than it was when the journal
+// last told of it, or began: the library writes into them without a call. Calls that edit a table
+// look first by themselves; this one is for the end of a request. The first look after
+// journal_start, by whichever of them, only takes note.
+void sysmgr_journal_edits();
+
 // Where the running tag tables are between two processes that play the system manager. A record
 // per VDC that has one: key = the VDC as 2 bytes, big-endian, value = the table.
 inline constexpr char running_tag_tables[] = "volatile:/sysmgr/tag_tables";
@@ -155,7 +161,8 @@ syserr_t sysmgr_save_tables();
 // JSON: n, moment, vdc, service (the request that was running), routine (whose call it is, where
 // somebody knows), call, and where they apply uri, file (a flat file), key (hex), old and new
 // (bytes of the value, null when absent), added, changed, removed (records of that store), sap,
-// table_vdc, uuid, tag, old_tag (an entry of a tag table; hex), status, and unexpected (true for a
+// table_vdc, uuid, tag, old_tag (an entry of a tag table; hex), old_sum and new_sum (checksums of a
+// tag table), status, and unexpected (true for a
 // write that failed for another reason than that the thing was not there).
 
 // Writes to `fd` (owned by the caller, who closes it after journal_stop). `fd` -1: counts only.

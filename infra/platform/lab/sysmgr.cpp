@@ -3,12 +3,16 @@
 #include "lab/sysmgr.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <optional>
+#include <utility>
 #include <vector>
 
+#include "lab/checksum.h"
 #include "lab/journal.h"
 #include "lab/lab.h"
 #include "lab/tag_table.h"
@@ -28,8 +32,64 @@ tlv_array_t *table_of(vdc_id_t vdc) {
   return vdc < SYSMGR_VDC_ROWS ? sysmgr_info_tbl[vdc].srv_tag_info_tbl : nullptr;
 }
 
-std::optional<uint64_t> size_of(const tlv_array_t *table) {
-  return table == nullptr ? std::nullopt : std::optional<uint64_t>(lab::tag_table_size(table));
+// What the journal tells of a table. One that states a size that no table has is not summed up.
+struct table_look {
+  std::optional<uint64_t> size;
+  std::optional<uint64_t> sum;
+  bool operator==(const table_look &) const = default;
+};
+
+table_look look_at(vdc_id_t vdc) {
+  const tlv_array_t *const table = table_of(vdc);
+  if (table == nullptr) {
+    return {};
+  }
+  const uint32 size = lab::tag_table_size(table);
+  if (size == 0 || size > SYSMGR_TAG_TABLE_MAX) {
+    return {size, std::nullopt};
+  }
+  lab::running_sum sum;
+  sum.add(reinterpret_cast<const char *>(table), size);
+  return {size, sum.digest()};
+}
+
+// The tables as the journal knows them. The library writes into them past all calls; what the next
+// look finds changed since the last one was done so.
+struct table_watch {
+  std::mutex mutex; // held while a call edits a table, too
+  uint64_t journal = 0;
+  std::array<table_look, SYSMGR_VDC_ROWS> seen;
+};
+
+table_watch &watch() {
+  static table_watch &one = *new table_watch; // outlives the service's thread
+  return one;
+}
+
+void write_line(lab::journal_entry *entry, vdc_id_t vdc, const table_look &before,
+                const table_look &after) {
+  entry->table_vdc = vdc;
+  entry->has_sizes = entry->has_sums = true;
+  entry->old_size = before.size;
+  entry->old_sum = before.sum;
+  entry->new_size = after.size;
+  entry->new_sum = after.sum;
+  lab::journal_write(*entry);
+}
+
+// REQUIRES: the watch's mutex is held.
+void write_edits(table_watch *tables) {
+  const uint64_t journal = lab::journal_number();
+  const bool is_new = std::exchange(tables->journal, journal) != journal;
+  for (vdc_id_t vdc = 0; vdc < SYSMGR_VDC_ROWS; ++vdc) {
+    const table_look now = look_at(vdc);
+    const table_look before = std::exchange(tables->seen[vdc], now);
+    if (!is_new && before != now) {
+      lab::journal_entry entry;
+      entry.call = "sysmgr_info_tbl";
+      write_line(&entry, vdc, before, now);
+    }
+  }
 }
 
 // For the journal only; nothing is worked out while it is off.
@@ -45,13 +105,20 @@ std::optional<std::string> tag_before(vdc_id_t vdc, uint32 uuid) {
 // Runs `change` on the VDC's table and writes the line that tells of it.
 template <typename changer>
 syserr_t journalled(lab::journal_entry entry, vdc_id_t vdc, const changer &change) {
-  entry.table_vdc = vdc;
-  entry.has_sizes = true;
+  if (!lab::journal_on()) {
+    return change();
+  }
+  table_watch &tables = watch();
+  const std::lock_guard<std::mutex> lock(tables.mutex);
+  write_edits(&tables);
+  const table_look before = look_at(vdc);
   entry.expected = SYSERR_NO_SUCH_VDC;
-  entry.old_size = size_of(table_of(vdc));
   entry.status = change();
-  entry.new_size = size_of(table_of(vdc));
-  lab::journal_write(entry);
+  const table_look after = look_at(vdc);
+  if (vdc < SYSMGR_VDC_ROWS) {
+    tables.seen[vdc] = after;
+  }
+  write_line(&entry, vdc, before, after);
   return entry.status;
 }
 
@@ -109,6 +176,15 @@ namespace lab {
 bool sysmgr_has_vdc(uint32 vdc) {
   return vdc != 0 && vdc < SYSMGR_VDC_ROWS &&
          std::find(vdcs().begin(), vdcs().end(), vdc) != vdcs().end();
+}
+
+void sysmgr_journal_edits() {
+  if (!journal_on()) {
+    return;
+  }
+  table_watch &tables = watch();
+  const std::lock_guard<std::mutex> lock(tables.mutex);
+  write_edits(&tables);
 }
 
 void sysmgr_set_vdcs(const std::vector<vdc_id_t> &wanted) {

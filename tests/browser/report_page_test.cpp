@@ -60,6 +60,7 @@ json empty_tail() {
             {"records", none},
             {"undecoded", 0},
             {"misfits", 0},
+            {"unchanged_misfits", 0},
             {"unreadable", 0}}},
           {"round_trip", nullptr},
           {"via", nullptr},
@@ -282,7 +283,7 @@ TEST_F(report_page_test, what_does_not_fit_its_release_is_told) {
   EXPECT_EQ(all("#things .word.misfit"), texts({"does not fit its release"}));
   EXPECT_EQ(all("#things .change > table tbody tr"),
             texts({"problemsnone2 bytes, but it has 117", "bytes0a0b0c0d"}));
-  EXPECT_EQ(all("#summary .bad"), texts({"Do not fit their release1"}));
+  EXPECT_EQ(all("#summary .bad"), texts({"Do not fit their release1 changed, 0 unchanged"}));
 }
 
 TEST_F(report_page_test, what_is_not_known_is_told) {

@@ -53,6 +53,7 @@ TEST_F(diff_of_states, none) {
                            "unreadable" : 0,
                            "undecoded" : 0,
                            "misfits" : 0,
+                           "unchanged_misfits" : 0,
                            "expected" : 0,
                            "missing" : 0,
                            "things" : {"added" : 0, "removed" : 0, "changed" : 0},
@@ -165,6 +166,30 @@ TEST_F(diff_of_states, each_side_is_decoded_by_the_layout_of_its_release) {
   const nlohmann::json risen = diff(2);
   EXPECT_EQ(risen["summary"]["misfits"], 0);
   EXPECT_EQ(risen["changes"][1]["fields"]["prio"], parsed(R"j({"a": 100, "b": 120})j"));
+}
+
+TEST_F(diff_of_states, a_record_that_is_the_same_and_does_not_fit_is_counted) {
+  for (const char *dir : {"a", "b"}) {
+    put(dir, engine, router_key, router("64000000") + std::string(2 * 32, '0'));
+  }
+  const result table = run({"diff", "a", "b"});
+  EXPECT_EQ(table.status, 0) << table.err;
+  EXPECT_TRUE(table.out.ends_with("\n1 unchanged record does not fit the layout of its release; "
+                                  "'datamorph check' names them\n"))
+      << table.out;
+  EXPECT_EQ(diff(0)["summary"]["unchanged_misfits"], 1);
+  EXPECT_EQ(diff(0)["summary"]["misfits"], 0);
+}
+
+// All of it is in the document.
+TEST_F(diff_of_states, a_long_value_is_cut_in_the_table) {
+  const std::string uri = "nonvolatile:/cfg/0/vlan_cfg";
+  put("b", uri, "6c6f6e67", std::string(2000, 'a'));
+  const result table = run({"diff", "a", "b"});
+  EXPECT_NE(table.out.find(std::string(512, 'a') + "... (1000 bytes)\n"), std::string::npos)
+      << table.out;
+  EXPECT_EQ(table.out.find(std::string(513, 'a')), std::string::npos);
+  EXPECT_EQ(change()["b"]["value"], std::string(2000, 'a'));
 }
 
 // In the hand-over store records wait in the layout of the side that they come from.

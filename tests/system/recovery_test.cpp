@@ -177,6 +177,18 @@ TEST_F(killed_run, the_next_command_tells_how_far_it_came) {
   EXPECT_EQ(run({"lab", "show", "sw"}).err, "");
 }
 
+// It had done its work: nothing stands in the way of the next one.
+TEST_F(killed_run, a_check_tells_one_that_left_nothing) {
+  create("sw");
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  forget_end("0001");
+  const result checked = run({"check", "sw", "--to", "4.2(3)"});
+  EXPECT_EQ(checked.status, 0) << checked.out;
+  EXPECT_NE(checked.err.find("run 0001 (convert, from 4.1(5) to 4.2(1)) was killed"),
+            std::string::npos)
+      << checked.err;
+}
+
 // Whoever opens nothing for writing tells it, and leaves it to the next one.
 TEST_F(killed_run, a_rehearsal_tells_it_and_leaves_it) {
   create("sw");

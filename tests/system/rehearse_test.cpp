@@ -416,6 +416,56 @@ TEST_F(rehearsals, a_value_that_gives_way_going_down) {
 
 // ---- Layouts by release ------------------------------------------------------------------------
 
+// Nothing changes it, so that nothing but a count tells of it.
+TEST_F(rehearsals, an_unchanged_layout_that_does_not_fit_is_counted) {
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  ASSERT_EQ(rehearse({"--to", "4.2(3)"})["summary"]["unchanged_misfits"], 0);
+  const std::string key = "01000000010a1a000000";
+  const std::string wide = run({"store", "get", "sw", engine, key}).out;
+  ASSERT_EQ(run({"store", "put", "sw", engine, key, wide.substr(0, 2 * 85)}).status, 0);
+
+  EXPECT_EQ(rehearse({"--to", "4.2(3)"})["summary"]["unchanged_misfits"], 1);
+}
+
+// Lists of losses hold no more of them, however long they are.
+TEST_F(rehearsals, long_values_are_cut_among_the_losses) {
+  const std::string store = "nonvolatile:/cfg/0/ethpm_runtime_cfg";
+  const std::string value(60000, 'a');
+  ASSERT_EQ(run({"store", "put", "sw", store, "6514ff000000", value}).status, 0);
+
+  const nlohmann::json shown = rehearse({"--to", "4.2(1)"});
+
+  const nlohmann::json &records = shown["losses"]["records"];
+  const auto lost = std::find_if(records.begin(), records.end(), [](const nlohmann::json &record) {
+    return record["key"] == "6514ff000000";
+  });
+  ASSERT_NE(lost, records.end());
+  EXPECT_EQ((*lost)["value"], std::string(2048, 'a'));
+  EXPECT_EQ((*lost)["bytes"], 30000);
+  EXPECT_EQ(find(shown["changes"], store, "6514ff000000")["a"]["value"], value);
+}
+
+// One that is refused for its losses was not asked to accept any.
+TEST_F(rehearsals, losses_that_are_refused_are_not_told_as_accepted) {
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  const words again = {"rehearse", "sw",     "--to",     "4.2(1)",
+                       "--from",   "4.1(5)", "--moment", "startup"};
+  const result refused = run(again);
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_NE(refused.err.find(" would be lost"), std::string::npos) << refused.err;
+  EXPECT_EQ(refused.err.find("accepted"), std::string::npos) << refused.err;
+}
+
+TEST_F(rehearsals, via_is_another_release_than_the_one_to_come_from) {
+  const words command = {"rehearse", "sw", "--from", "4.0(4)", "--to", "4.2(1)", "--via"};
+  words same = command;
+  same.push_back("4.0(4)");
+  EXPECT_EQ(run(same).status, 64);
+  words between = command;
+  between.push_back("4.1(5)");
+  EXPECT_EQ(run(between).status, 0);
+}
+
 // What a part of a change has left at the engine is of a later release than the switch's.
 TEST_F(rehearsals, a_layout_that_does_not_fit_the_release) {
   ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)", "--moment", "startup"}).status, 0);
@@ -446,7 +496,8 @@ TEST_F(rehearsals, a_layout_that_does_not_fit_the_release) {
       << table.out;
   EXPECT_NE(table.out.find(", does not fit its release, 0000001a0a"), std::string::npos);
   EXPECT_NE(
-      read("r.html").find("<div class=\"bad\"><dt>Do not fit their release</dt><dd>5</dd></div>"),
+      read("r.html").find("<div class=\"bad\"><dt>Do not fit their release</dt><dd>5 changed, 0 "
+                          "unchanged</dd></div>"),
       std::string::npos);
 }
 

@@ -421,8 +421,8 @@ TEST_F(vrrp, an_upgrade_that_is_repeated_loses_the_engines_records_when_that_is_
   expect_no_hand_over();
   const std::string warning = "--from names 4.1(5), the switch ran 4.2(1): converting once more "
                               "what was converted already can lose records";
-  const std::string lost = "8 VRRP records of '" + std::string(engine_1) +
-                           "', 4 VRRP records of '" + engine_2 + "' were lost; accepted as asked";
+  const std::string lost = "lost, and accepted as asked: 8 VRRP records of '" +
+                           std::string(engine_1) + "', 4 VRRP records of '" + engine_2 + "'";
   EXPECT_NE(again.err.find("datamorph: 'sw': " + warning + "\n"), std::string::npos) << again.err;
   EXPECT_NE(again.err.find("datamorph: 'sw': " + lost + "\n"), std::string::npos) << again.err;
   const nlohmann::json report = nlohmann::json::parse(read("sw/runs/0002/report.json"));

@@ -22,17 +22,24 @@ std::string meaning_of(const state_change &change) {
     append_word(text, field.text, ", ");
   }
   if (text.empty() || change.undecoded()) {
-    append_word(text, change.a->value + " -> " + change.b->value, ", ");
+    append_word(text, hex_text(change.a->value) + " -> " + hex_text(change.b->value), ", ");
   }
   return text;
 }
 
 } // namespace
 
-std::string misfits_text(uint64_t count) {
-  return count == 0 ? ""
-                    : counted(count, "record") + (count == 1 ? " does" : " do") +
-                          " not fit the layout of " + (count == 1 ? "its" : "their") + " release\n";
+std::string misfits_text(uint64_t count, uint64_t unchanged) {
+  std::string text;
+  const auto tell = [&](uint64_t number, const char *what, const char *rest) {
+    if (number > 0) {
+      text += counted(number, what) + (number == 1 ? " does" : " do") + " not fit the layout of " +
+              (number == 1 ? "its" : "their") + " release" + rest + "\n";
+    }
+  };
+  tell(count, "record", "");
+  tell(unchanged, "unchanged record", "; 'datamorph check' names them");
+  return text;
 }
 
 void change_tables::take(const state_change &change, const std::string &author) {

@@ -9,8 +9,9 @@
 #include "output.h"
 #include "state_diff.h"
 
-// "2 records do not fit the layout of their release", as a line; empty when there is none.
-std::string misfits_text(uint64_t count);
+// "2 records do not fit the layout of their release", as a line, and another one for those that are
+// the same on both sides; empty when there is none.
+std::string misfits_text(uint64_t count, uint64_t unchanged);
 
 // Written when a thing's last change has come. They are to come thing by thing.
 class change_tables {

@@ -278,6 +278,8 @@ void checking::check_run() {
   if (!switch_.leftovers().empty()) {
     add(topic::run, level::warning, switch_.unfinished(),
         "datamorph lab show " + shell_word(options_.dir) + ", which tidies up and says so");
+  } else {
+    switch_.tell_unfinished(); // it left nothing that would be in the way
   }
 }
 

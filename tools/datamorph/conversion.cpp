@@ -364,7 +364,7 @@ void conversion::note_remainders() {
   }
   const std::string lost = vrrp_records_text(vrrp_records("vrrp_lost"));
   if (!lost.empty()) {
-    report_.notes.push_back(lost + " were lost; accepted as asked");
+    report_.notes.push_back("lost, and accepted as asked: " + lost);
   }
   const std::string waiting = vrrp_records_text(vrrp_records("vrrp_waiting"));
   if (!waiting.empty()) {

@@ -147,6 +147,7 @@ struct summary {
   size_t unreadable = 0;
   size_t undecoded = 0;
   size_t misfits = 0;
+  uint64_t unchanged_misfits = 0;
   size_t expected = 0;
   size_t missing = 0;
 
@@ -178,6 +179,7 @@ struct summary {
             {"unreadable", unreadable},
             {"undecoded", undecoded},
             {"misfits", misfits},
+            {"unchanged_misfits", unchanged_misfits},
             {"expected", expected},
             {"missing", missing}};
   }
@@ -192,7 +194,7 @@ struct summary {
            ": stores, files and the like: " + counts(things) + "; records: " + counts(records) +
            ", " + std::to_string(undecoded) + " undecoded; " + std::to_string(unreadable) +
            " unreadable; " + std::to_string(expected) + " as expected, " + std::to_string(missing) +
-           " expected and missing\n" + misfits_text(misfits);
+           " expected and missing\n" + misfits_text(misfits, unchanged_misfits);
   }
 };
 static_assert(static_cast<size_t>(what::added) == 0 && static_cast<size_t>(what::removed) == 1 &&
@@ -261,6 +263,7 @@ int write_diff(const std::string &library, const operand &a, const operand &b,
   if (totals.by_length > 0) {
     sides.explain_missing();
   }
+  counts.unchanged_misfits = totals.unchanged_misfits;
   counts.missing = known->missing().size();
   writer.end(*known, counts);
   if (counts.unreadable > 0) {

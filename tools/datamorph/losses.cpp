@@ -13,6 +13,7 @@
 namespace {
 
 constexpr uint64_t kept = 1000;
+constexpr size_t kept_hex = 2048; // characters of a value
 
 constexpr char accepted_loss[] = "accepted with --accept-losses";
 constexpr char gave_way[] = "the record of its key in another of VRRP's stores took its place";
@@ -160,9 +161,19 @@ void loss_report::take(const state_change &change, const change_author &author) 
 
 namespace {
 
+// Of a long value as much as a list of thousands can hold; all of it stands among the changes.
+nlohmann::json short_value(const side_value &side) {
+  nlohmann::json document = side.to_json();
+  if (side.value.size() > kept_hex) {
+    document["value"] = side.value.substr(0, kept_hex);
+    document["bytes"] = side.value.size() / 2;
+  }
+  return document;
+}
+
 lost_record lost_record_of(const state_change &change, const std::string &why,
                            const change_author &author) {
-  return {shown_uri(change.name), *change.key, change.a->to_json(),
+  return {shown_uri(change.name), *change.key, short_value(*change.a),
           change.a->to_text(),    author.step, why};
 }
 
@@ -205,7 +216,8 @@ void loss_report::list(lost_record lost) {
 
 void loss_report::take_fields(const state_change &change, const change_author &author) {
   if (change.misfit()) {
-    list_field(change, author, unknown_fields, {"value", change.a->value, change.a->to_text()});
+    list_field(change, author, unknown_fields,
+               {"value", change.a->value.substr(0, kept_hex), change.a->to_text()});
   }
   if (change.undecoded()) {
     return; // nobody knows its fields

@@ -537,7 +537,8 @@ private:
     }
     help += "--help'";
     const command verb = command_tree(*path.back());
-    const std::string unknown = unknown_option(verb, {typed.begin() + at, typed.end()});
+    const std::string unknown =
+        unknown_option(verb, {typed.begin() + static_cast<std::ptrdiff_t>(at), typed.end()});
     if (!unknown.empty()) {
       const std::string nearest = nearest_option(verb, unknown);
       return failure(exit_usage, "unknown option " + in_quotes(unknown),

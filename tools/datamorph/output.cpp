@@ -271,6 +271,7 @@ void message(const std::string &message) {
   }
   line += '\n';
   progress::clear();
+  std::fflush(stdout); // what was written before it stands before it where both go
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 

@@ -7,6 +7,7 @@
 
 #include "failure.h"
 #include "lab/files.h"
+#include "scratch_folder.h"
 #include "text.h"
 
 namespace {
@@ -23,8 +24,7 @@ bool comes_before(const record_call &one, const record_call &other) {
 
 void write_calls(int file, const std::vector<record_call> &calls) {
   if (!lab::write_all(file, calls.data(), calls.size() * sizeof(record_call))) {
-    throw failure(exit_refused,
-                  "cannot keep what was done to the records in the scratch folder: " +
+    throw no_room("cannot keep what was done to the records in the scratch folder: " +
                       error_text(errno),
                   "make room there, or name another place in TMPDIR");
   }

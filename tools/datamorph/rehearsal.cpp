@@ -130,10 +130,11 @@ void rehearsal::judge() {
     return;
   }
   trouble_ = conversion_.unwanted_losses();
-  if (!trouble_.empty()) {
+  if (trouble_.empty()) {
+    conversion_.note_remainders();
+  } else {
     status_ = exit_refused;
   }
-  conversion_.note_remainders();
   state_ = conversion_.state_after();
   state_.save(copy_.get());
 }

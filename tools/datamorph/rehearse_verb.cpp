@@ -33,6 +33,7 @@ struct change_counts {
   uint64_t records[3] = {};
   uint64_t undecoded = 0;
   uint64_t misfits = 0;
+  uint64_t unchanged_misfits = 0;
   uint64_t unreadable = 0;
 
   void take(const state_change &change) {
@@ -52,6 +53,7 @@ struct change_counts {
             {"records", counts(records)},
             {"undecoded", undecoded},
             {"misfits", misfits},
+            {"unchanged_misfits", unchanged_misfits},
             {"unreadable", unreadable}};
   }
   std::string to_text() const {
@@ -341,7 +343,8 @@ void rehearse_run::print_end(const rehearsal &main) {
   for (const comparison &other : others_) {
     other.print();
   }
-  output::text("\n" + counts_.to_text() + "\n" + misfits_text(counts_.misfits) +
+  output::text("\n" + counts_.to_text() + "\n" +
+               misfits_text(counts_.misfits, counts_.unchanged_misfits) +
                losses_->balance().to_text() + "\n");
 }
 
@@ -468,6 +471,7 @@ void rehearse_run::compare(const rehearsal &main) {
   const record_totals totals =
       diff_states(before, after, [&](const state_change &change) { take(main, change); });
   by_length_ += totals.by_length;
+  counts_.unchanged_misfits = totals.unchanged_misfits;
   losses_->end(before, after, totals);
 }
 
@@ -572,8 +576,9 @@ void rehearse_run::every_pair() {
 
 // What would come to light after the work else.
 void rehearse_run::check_options() {
-  if (!options_.via.empty() &&
-      (options_.via == options_.work.to || options_.via == switch_.state().release)) {
+  const std::string &from =
+      options_.work.from.empty() ? switch_.state().release : options_.work.from;
+  if (!options_.via.empty() && (options_.via == options_.work.to || options_.via == from)) {
     throw failure(exit_usage, "--via is one of the two releases", "name another one between them");
   }
   if (!options_.via.empty()) {

@@ -176,8 +176,10 @@ std::string summary_part(const json &tail) {
          count_item("Lost", counted_of(losses["records_total"], "record") + ", " +
                                 counted_of(losses["fields_total"], "field")) +
          count_item("Undecoded", number(summary["undecoded"])) +
-         count_item("Do not fit their release", number(summary["misfits"]),
-                    summary["misfits"] != 0) +
+         count_item("Do not fit their release",
+                    number(summary["misfits"]) + " changed, " +
+                        number(summary["unchanged_misfits"]) + " unchanged",
+                    summary["misfits"] != 0 || summary["unchanged_misfits"] != 0) +
          count_item("Unreadable", number(summary["unreadable"]), summary["unreadable"] != 0) +
          "</dl>\n";
 }

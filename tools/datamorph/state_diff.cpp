@@ -405,7 +405,8 @@ names same_stores(const state_side &a, const state_side &b, uint64_t *records) {
   const store_prints of_b = prints_of(b, false);
   for (const auto &[uri, print] : prints_of(a, true)) {
     const auto found = of_b.find(uri);
-    if (found != of_b.end() && found->second.sum == print.sum) {
+    const bool wants_looking = has_layouts(uri) && (a.layouts || b.layouts);
+    if (found != of_b.end() && found->second.sum == print.sum && !wants_looking) {
       same.insert(uri);
       *records += *print.records;
     }
@@ -618,6 +619,8 @@ private:
     }
     if (b_.next()->value != record.value) {
       give_record(what::changed, &record, &*b_.next());
+    } else {
+      totals_.unchanged_misfits += is_misfit(side_a_, record) || is_misfit(side_b_, record) ? 1 : 0;
     }
     pass_b();
   }
@@ -678,6 +681,15 @@ private:
     take_(change);
   }
 
+  bool is_misfit(const state_side &side, const side_message &record) const {
+    const std::string &uri = side.uri.empty() ? name_ : side.uri;
+    if (!side.layouts || !has_layouts(uri)) {
+      return false;
+    }
+    const side_value value = value_of(uri, record, side.layouts);
+    return value.decoded && value.decoded->misfit;
+  }
+
   side_value value_on(const state_side &side, const side_message &record) {
     const std::string &uri = side.uri.empty() ? name_ : side.uri;
     totals_.by_length += !side.layouts && has_layouts(uri) ? 1 : 0;
@@ -729,11 +741,17 @@ std::string field_text(const decoded_field *field) {
 
 } // namespace
 
+std::string hex_text(const std::string &hex) {
+  return hex.size() <= shown_hex
+             ? hex
+             : hex.substr(0, shown_hex) + "... (" + counted(hex.size() / 2, "byte") + ")";
+}
+
 std::string side_value::to_text() const {
   if (decoded) {
-    return decoded->to_text() + (decoded->damaged || decoded->misfit ? ", " + value : "");
+    return decoded->to_text() + (decoded->damaged || decoded->misfit ? ", " + hex_text(value) : "");
   }
-  std::string text = value;
+  std::string text = hex_text(value);
   for (const decoded_field &fact : facts.value_or(std::vector<decoded_field>())) {
     append_word(text, fact.text, ", ");
   }

@@ -21,6 +21,10 @@ struct state_side {
   std::optional<layout_side> layouts = {}; // of its release; none: a value's length chooses
 };
 
+// Characters of a value's hex in a text, which says how many bytes there are.
+inline constexpr size_t shown_hex = 512;
+std::string hex_text(const std::string &hex);
+
 // What stands on one side of a change.
 struct side_value {
   std::optional<std::vector<decoded_field>> facts; // of a thing: its members
@@ -67,8 +71,9 @@ struct state_change {
 struct record_totals {
   uint64_t a = 0;
   uint64_t b = 0;
-  uint64_t uncompared = 0; // of a's, where b's thing cannot be read or is of another type
-  uint64_t by_length = 0;  // values of changes whose layout their length chose
+  uint64_t uncompared = 0;        // of a's, where b's thing cannot be read or is of another type
+  uint64_t by_length = 0;         // values of changes whose layout their length chose
+  uint64_t unchanged_misfits = 0; // records that are the same, and do not fit a side's release
 };
 
 // Gives each difference, things by kind and name and the records of each by key, behind their

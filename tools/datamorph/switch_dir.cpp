@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "failure.h"
@@ -165,17 +166,22 @@ std::string switch_dir::holder() const {
   return number && !start.empty() && start == start_of(pid) ? pid : "";
 }
 
-// Of one who only reads, whose number stands in no file; "" when the system does not tell.
+// Of one who only reads, whose number stands in no file; "" when the system does not tell. Files of
+// different file systems have the same number.
 std::string switch_dir::locking_process() const {
   struct stat about = {};
+  if (fstat(folder_.get(), &about) != 0) {
+    return "";
+  }
+  char wanted[64];
+  std::snprintf(wanted, sizeof wanted, "%02x:%02x:%llu", major(about.st_dev), minor(about.st_dev),
+                static_cast<unsigned long long>(about.st_ino));
   std::ifstream locks("/proc/locks");
-  const std::string inode =
-      fstat(folder_.get(), &about) == 0 ? ":" + std::to_string(about.st_ino) : "";
   for (std::string line; std::getline(locks, line);) {
     std::istringstream words(line);
     std::string number, kind, advisory, mode, pid, file;
     words >> number >> kind >> advisory >> mode >> pid >> file;
-    if (kind == "FLOCK" && !inode.empty() && file.ends_with(inode) && !start_of(pid).empty()) {
+    if (kind == "FLOCK" && file == wanted && !start_of(pid).empty()) {
       return pid;
     }
   }

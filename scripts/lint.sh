@@ -15,7 +15,7 @@ echo 'layering'
 scripts/check_layers.sh
 
 echo 'cppcheck'
-cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --inline-suppr \
+cppcheck --quiet -j "$(nproc)" --error-exitcode=1 --std=c++20 --language=c++ --inline-suppr \
   --enable=warning,performance,portability --suppress=missingIncludeSystem \
   -I infra/platform/include -I infra/platform -I infra/convert_libs/comps/libdatamorph \
   infra tools

@@ -98,9 +98,9 @@ protected:
   }
   // What a remedy says, typed into a shell.
   void follow(const std::string &command) {
-    const std::string line = "cd '" + path("") + "' && export DATAMORPH_LIBRARY='" +
-                             DATAMORPH_REAL_LIBRARY + "' && datamorph() { '" + program +
-                             "' \"$@\"; } && " + command + " >/dev/null 2>&1";
+    const std::string line = "cd '" + path("") + "' && export DATAMORPH_LIBRARY='" + real_library +
+                             "' && datamorph() { '" + program + "' \"$@\"; } && " + command +
+                             " >/dev/null 2>&1";
     EXPECT_EQ(std::system(line.c_str()), 0) << line;
   }
   // The one finding; after its remedy there is none.
@@ -182,8 +182,8 @@ TEST_F(check_verb, changes_nothing_and_opens_nothing_for_writing) {
   EXPECT_EQ(findings().size(), 2u);
   EXPECT_EQ(times(), before);
   // Neither root's rights nor a lock file that can be written are of use to it.
-  fs::copy_file(DATAMORPH_PROGRAM, path("datamorph"));
-  fs::copy_file(DATAMORPH_REAL_LIBRARY, path("libdatamorph.so.1"));
+  fs::copy_file(datamorph_program, path("datamorph"));
+  fs::copy_file(real_library, path("libdatamorph.so.1"));
   follow("chmod -R a+rX,a-w sw && chmod a+rwx .");
   const auto readable = times();
   program = path("datamorph");
@@ -247,12 +247,12 @@ TEST_F(check_verb, images) {
 
 TEST_F(check_verb, libraries) {
   create("sw");
-  const nlohmann::json incomplete = findings({"--library", FAKE_INCOMPLETE})[0];
+  const nlohmann::json incomplete = findings({"--library", fake_incomplete})[0];
   EXPECT_EQ(incomplete["check"], "library");
   EXPECT_EQ(incomplete["text"],
-            "'" FAKE_INCOMPLETE "' is no conversion library: it has no datamorph_gsync");
+            "'" + fake_incomplete + "' is no conversion library: it has no datamorph_gsync");
   EXPECT_EQ(incomplete["remedy"], "name another one with --library or DATAMORPH_LIBRARY");
-  EXPECT_EQ(findings({"--library", FAKE_CRASHING})[0]["text"],
+  EXPECT_EQ(findings({"--library", fake_crashing})[0]["text"],
             "the conversion library crashed: Illegal instruction (signal 4)");
   fake("hang-in-compare");
   EXPECT_EQ(findings({"--timeout", "1"}), parsed(R"j([{"level": "error", "check": "library",
@@ -400,8 +400,8 @@ TEST_F(check_verb, stores_and_flat_files) {
 
 TEST_F(check_verb, what_this_user_may_not_read) {
   create("sw");
-  fs::copy_file(DATAMORPH_PROGRAM, path("datamorph"));
-  fs::copy_file(DATAMORPH_REAL_LIBRARY, path("libdatamorph.so.1"));
+  fs::copy_file(datamorph_program, path("datamorph"));
+  fs::copy_file(real_library, path("libdatamorph.so.1"));
   program = path("datamorph");
   set("DATAMORPH_LIBRARY", path("libdatamorph.so.1"));
   follow("chmod -R a+rwX . && chmod 0 sw/current/bootflash/boot.cfg "

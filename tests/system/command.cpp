@@ -46,6 +46,11 @@ void redirect(const std::string &path, int flags, int to) {
 
 } // namespace
 
+std::string built(const char *file) {
+  const char *other = std::getenv("DATAMORPH_BUILD");
+  return std::string(other != nullptr ? other : BUILD) + "/" + file;
+}
+
 nlohmann::json result::envelope() const {
   const nlohmann::json document = nlohmann::json::parse(out.substr(lines_end()), nullptr, false);
   if (!document.is_object()) {
@@ -118,7 +123,7 @@ void command_test::SetUp() {
   std::string name = (fs::temp_directory_path() / "datamorph-test-XXXXXX").string();
   ASSERT_NE(mkdtemp(name.data()), nullptr);
   folder_ = name;
-  set("DATAMORPH_LIBRARY", DATAMORPH_REAL_LIBRARY);
+  set("DATAMORPH_LIBRARY", real_library);
   set("NO_COLOR", "");
 }
 
@@ -141,7 +146,7 @@ bool command_test::exists(const std::string &name) const {
 }
 
 void command_test::fake(const std::string &what) {
-  set("DATAMORPH_LIBRARY", FAKE_CONVERTERS);
+  set("DATAMORPH_LIBRARY", fake_converters);
   set("FAKE_CONVERTERS_DO", what);
 }
 

@@ -14,6 +14,15 @@
 #include <nlohmann/json.hpp>
 #include <sys/types.h>
 
+// What is tested: what was built with the tests, or in the folder that DATAMORPH_BUILD names.
+std::string built(const char *file);
+inline const std::string datamorph_program = built("datamorph");
+inline const std::string real_library = built("libdatamorph.so.1");
+inline const std::string fake_converters = built("tests/system/fake_converters.so");
+inline const std::string fake_crashing = built("tests/system/fake_crashing.so");
+inline const std::string fake_incomplete = built("tests/system/fake_incomplete.so");
+inline const std::string examples = EXAMPLES;
+
 struct result {
   int status = -1; // the exit status; 1000 and the signal's number
   std::string out;
@@ -92,7 +101,7 @@ protected:
   // Nothing of a command that was stopped lies about.
   void expect_tidy(const std::string &name) const;
 
-  std::string program = DATAMORPH_PROGRAM;
+  std::string program = datamorph_program;
 
 private:
   pid_t spawn(const words &arguments, const std::string &in, const std::string &out,

@@ -102,7 +102,7 @@ TEST_F(convert_verb, running_fs_to_4_2_removes_nothing) {
 }
 
 TEST_F(convert_verb, npv_switch_going_down_loses_what_epp_owns) {
-  create("npv", {"--from", EXAMPLES "/npv-switch.json"});
+  create("npv", {"--from", examples + "/npv-switch.json"});
 
   const result converted = run({"convert", "npv", "--to", "4.0(4)"});
 
@@ -116,7 +116,7 @@ TEST_F(convert_verb, npv_switch_going_down_loses_what_epp_owns) {
 }
 
 TEST_F(convert_verb, conversion_log_holds_every_step) {
-  create("npv", {"--from", EXAMPLES "/npv-switch.json"});
+  create("npv", {"--from", examples + "/npv-switch.json"});
 
   ASSERT_EQ(run({"convert", "npv", "--to", "4.0(4)"}).status, 0);
 

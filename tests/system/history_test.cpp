@@ -44,7 +44,7 @@ protected:
     EXPECT_EQ(begun["milliseconds"], nullptr);
     running->signal(SIGKILL);
     running->wait();
-    set("DATAMORPH_LIBRARY", DATAMORPH_REAL_LIBRARY);
+    set("DATAMORPH_LIBRARY", real_library);
   }
 };
 
@@ -163,7 +163,7 @@ TEST_F(history, tells_why_a_run_failed) {
   create("sw");
   fake("fail");
   ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 1);
-  set("DATAMORPH_LIBRARY", DATAMORPH_REAL_LIBRARY);
+  set("DATAMORPH_LIBRARY", real_library);
   fs::remove_all(path("sw/current/dev/shm/volatile"));
   write("sw/current/dev/shm/volatile", "in the way");
   ASSERT_EQ(run({"lab", "reboot", "sw"}).status, 1);

@@ -44,7 +44,7 @@ TEST_F(lab_verbs, create_builds_the_shipped_example) {
 
 TEST_F(lab_verbs, the_shipped_example_is_the_one_in_the_folder) {
   create("built-in");
-  create("from-file", {"--from", EXAMPLES "/datacenter-switch.json"});
+  create("from-file", {"--from", examples + "/datacenter-switch.json"});
 
   EXPECT_EQ(state("built-in"), state("from-file"));
 }

@@ -23,13 +23,13 @@ TEST_F(broken_library, one_that_crashes_is_named) {
   const std::string message = "fake_crashing.so': the library crashed: Illegal instruction (signal "
                               "4); name another one with --library\n";
 
-  expect_refused({"services", "--library", FAKE_CRASHING}, message);
-  expect_refused({"compare", "1.0(1)", "1.0(2)", "--library", FAKE_CRASHING}, message);
+  expect_refused({"services", "--library", fake_crashing}, message);
+  expect_refused({"compare", "1.0(1)", "1.0(2)", "--library", fake_crashing}, message);
 }
 
 TEST_F(broken_library, one_that_is_none_is_named) {
   expect_refused({"services", "--library", "missing.so"}, "cannot load the conversion library");
-  expect_refused({"services", "--library", FAKE_INCOMPLETE}, "it has no datamorph_");
+  expect_refused({"services", "--library", fake_incomplete}, "it has no datamorph_");
   expect_refused({"compare", "1.0(1)", "1.0(2)", "--library", "/etc/passwd"},
                  "cannot load the conversion library");
 }

@@ -198,7 +198,7 @@ TEST_F(refusal, a_library_that_is_none) {
   create("sw");
 
   EXPECT_NE(
-      refuse({"--to", "4.2(1)", "--library", FAKE_INCOMPLETE}).err.find("it has no datamorph_"),
+      refuse({"--to", "4.2(1)", "--library", fake_incomplete}).err.find("it has no datamorph_"),
       std::string::npos);
   refuse({"--to", "4.2(1)", "--library", "/etc/passwd"});
   refuse({"--to", "4.2(1)", "--library", "missing.so"});

@@ -63,8 +63,8 @@ TEST_F(rights, without_the_right_to_change_the_root_nothing_is_done) {
 
 TEST_F(rights, an_ordinary_user_converts_where_user_namespaces_are_allowed) {
   // A copy, as the program may lie where only its owner can go.
-  fs::copy_file(DATAMORPH_PROGRAM, path("datamorph"));
-  fs::copy_file(DATAMORPH_REAL_LIBRARY, path("libdatamorph.so.1"));
+  fs::copy_file(datamorph_program, path("datamorph"));
+  fs::copy_file(real_library, path("libdatamorph.so.1"));
   program = path("datamorph");
   set("DATAMORPH_LIBRARY", "");
   fs::permissions(path(""), fs::perms::all);
@@ -91,7 +91,7 @@ TEST_F(rights, a_switch_of_somebody_else_is_not_converted) {
       become_nobody();
     }
   };
-  fs::copy_file(DATAMORPH_PROGRAM, path("datamorph"));
+  fs::copy_file(datamorph_program, path("datamorph"));
   program = path("datamorph");
   fs::permissions(path(""), fs::perms::all);
   const files before = state("sw");

@@ -24,7 +24,7 @@ protected:
 
   // The shipped example at 4.1(5), with fewer images.
   static nlohmann::json example() {
-    std::ifstream file(EXAMPLES "/datacenter-switch.json");
+    std::ifstream file(examples + "/datacenter-switch.json");
     nlohmann::json description = nlohmann::json::parse(file);
     description["releases"] = {"3.3(1)", "4.1(5)", "4.2(1)"};
     return description;

@@ -100,7 +100,7 @@ TEST_F(store_verbs, delete_all_removes_a_damaged_store) {
 
 TEST_F(store_verbs, export_and_import_carry_stores_over) {
   ASSERT_EQ(run({"store", "export", "sw", "--file", "all.json"}).status, 0);
-  create("other", {"--from", EXAMPLES "/npv-switch.json"});
+  create("other", {"--from", examples + "/npv-switch.json"});
 
   const result imported = run({"store", "import", "other", "--file", "all.json"});
 

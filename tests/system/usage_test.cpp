@@ -174,8 +174,8 @@ TEST_F(usage, compare_tells_the_order_by_text_and_status) {
 TEST_F(usage, the_library_is_found_beside_the_program_and_in_lib) {
   std::filesystem::create_directories(path("bin"));
   std::filesystem::create_directories(path("lib"));
-  std::filesystem::copy_file(DATAMORPH_PROGRAM, path("bin/datamorph"));
-  std::filesystem::copy_file(DATAMORPH_REAL_LIBRARY, path("lib/libdatamorph.so.1"));
+  std::filesystem::copy_file(datamorph_program, path("bin/datamorph"));
+  std::filesystem::copy_file(real_library, path("lib/libdatamorph.so.1"));
   program = path("bin/datamorph");
   set("DATAMORPH_LIBRARY", "");
 

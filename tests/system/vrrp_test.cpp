@@ -542,7 +542,7 @@ protected:
     create("traced", {"--from", "d.json"});
   }
   static std::string example() {
-    std::ifstream file(EXAMPLES "/datacenter-switch.json", std::ios::binary);
+    std::ifstream file(examples + "/datacenter-switch.json", std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
   }
   nlohmann::json stores(const std::string &name) { return run({"store", "export", name}).json(); }

@@ -23,13 +23,14 @@ struct vrrp_records : vrrp_fixture {
   void TestBody() override {}
 };
 
-const char *const k_removed_stores[] = {
-    "plugin_runtime_cfg",  "plugin_runtime_info", "plugin_debug",     "evms_runtime_cfg",
-    "evms_runtime_info",   "evmc_runtime_cfg",    "evmc_runtime_info", "mvsh_runtime_cfg",
-    "mvsh_runtime_info",   "clis_runtime_config", "clis_runtime_info", "epp_runtime_config",
-    "epp_runtime_ha",      "epp_debug"};
-const uint32 k_access_points[] = {3,   11,  109, 187, 245, 295, 296,
-                                  297, 341, 342, 364, 422, 485};
+const char *const k_removed_stores[] = {"plugin_runtime_cfg", "plugin_runtime_info",
+                                        "plugin_debug",       "evms_runtime_cfg",
+                                        "evms_runtime_info",  "evmc_runtime_cfg",
+                                        "evmc_runtime_info",  "mvsh_runtime_cfg",
+                                        "mvsh_runtime_info",  "clis_runtime_config",
+                                        "clis_runtime_info",  "epp_runtime_config",
+                                        "epp_runtime_ha",     "epp_debug"};
+const uint32 k_access_points[] = {3, 11, 109, 187, 245, 295, 296, 297, 341, 342, 364, 422, 485};
 
 void put_features(platform_double &platform) {
   const std::string on = bytes("01 00 00 00");
@@ -38,8 +39,7 @@ void put_features(platform_double &platform) {
     platform.put(folder + "/kps_saved_config", bytes("f0 00 00 00"), on);
     platform.put(folder + "/eth_port_sec_saved_config", bytes("00 00 00 00 00 00 00 00"), on);
   }
-  platform.put("nonvolatile:/cfg/bin/sysmgr_config",
-               bytes("09 00 00 00  00 00 00 00 00 00 00 00"),
+  platform.put("nonvolatile:/cfg/bin/sysmgr_config", bytes("09 00 00 00  00 00 00 00 00 00 00 00"),
                tlv_array_bytes({{1, bytes("f5 01 00 00") + "old" + std::string(1, '\0')}}));
 }
 
@@ -168,23 +168,28 @@ open_stores open_for_steps() {
   return open;
 }
 
-#define CONVERTER(name) {#name, convert<name>}
+#define ROWS(name, run)                                                                            \
+  { #name, run < name>, false, true }
+#define CONVERTER(name)                                                                            \
+  { #name, convert < name> }
 #define STEP(call)                                                                                 \
-  {#call,                                                                                          \
+  {                                                                                                \
+#call,                                                                                          \
    [](const open_stores &open, const releases &change) -> syserr_t {                               \
      static_cast<void>(open);                                                                      \
      static_cast<void>(change);                                                                    \
      return (call);                                                                                \
    },                                                                                              \
-   true}
+   true  \
+  }
 
 const std::vector<routine> k_routines = {
     // The entry points.
-    {"datamorph_gsync", run_each<datamorph_gsync>},
-    {"datamorph_startup", run_each<datamorph_startup>},
-    {"datamorph_running_fs_upg", run_each<datamorph_running_fs_upg>},
-    {"datamorph_startup_all", run_all<datamorph_startup_all>},
-    {"datamorph_running_fs_upg_all", run_all<datamorph_running_fs_upg_all>},
+    ROWS(datamorph_gsync, run_each),
+    ROWS(datamorph_startup, run_each),
+    ROWS(datamorph_running_fs_upg, run_each),
+    ROWS(datamorph_startup_all, run_all),
+    ROWS(datamorph_running_fs_upg_all, run_all),
     // The converters, in tables or not.
     CONVERTER(psshlpr_data_morph_gsync),
     CONVERTER(sksd_data_morph_running_fs_upg),

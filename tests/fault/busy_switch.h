@@ -26,6 +26,7 @@ struct routine {
   // Runs it on the busy switch; the status, or 0 where it gives none.
   syserr_t (*run)(const open_stores &open, const releases &change);
   bool takes_stores = false; // it works on open ones, and leaves them open
+  bool has_rows = false;     // runs several routines, of which a later one sees what one left
 };
 
 // Every exported routine that calls the platform.

@@ -47,6 +47,26 @@ case $check in
     readelf -lW "$library" | grep -q GNU_RELRO || fail 'has no RELRO'
     readelf -lW "$library" | grep GNU_STACK | grep -q ' RW ' || fail 'has an executable stack'
     ! readelf -dW "$library" | grep -qE 'TEXTREL|RPATH|RUNPATH' || fail 'has text relocations or a run path'
+    ! readelf -lW "$library" | grep -q 'LOAD.* RWE ' || fail 'has pages that are both written and run'
+    ;;
+  switches) # every object of the library was compiled with these
+    readelf -p .GCC.command.line "$library" | sed -n 's/^ *\[ *[0-9a-f]*\]  //p' >"$work/all"
+    [ -s "$work/all" ] || fail 'does not tell how it was compiled'
+    for switch in -fstack-protector-strong -fstack-clash-protection -fcf-protection=full \
+      -ftrivial-auto-var-init=zero; do
+      ! grep -vqe "$switch" "$work/all" || fail "was not all compiled with $switch"
+    done
+    nm -D --undefined-only "$library" | awk '{ sub(/@.*/, "", $2); print $2 }' >"$work/undefined"
+    grep -qx __stack_chk_fail "$work/undefined" || fail 'has no stack protector'
+    # The checked functions stand where a plain one would have to trust its caller.
+    grep -qx '__[a-z]*printf_chk' "$work/undefined" || fail 'was not compiled with _FORTIFY_SOURCE'
+    ! grep -xE 'v?sprintf|v?fprintf|vsnprintf|strcpy|strcat' "$work/undefined" || fail 'calls an unchecked function'
+    # Each exported function may be jumped to.
+    objdump -d --no-show-raw-insn "$library" >"$work/code"
+    nm -D --defined-only "$library" | awk '$2 == "T" { sub(/@.*/, "", $3); print $3 }' >"$work/functions"
+    while read -r name; do
+      grep -A 1 "<$name\(@@LIBDATAMORPH_1\)\?>:" "$work/code" | grep -q endbr || fail "$name has no landing mark"
+    done <"$work/functions"
     ;;
   size) # under 150 KiB when stripped
     strip -o "$work/stripped" "$library"

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "support/double_state.h"
+#include "support/scarce_malloc.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ bool is_mts(const char *function) {
 void *loan::give_bytes(const std::string &bytes) {
   take_back();
   size_ = bytes.size();
-  bytes_ = std::malloc(size_);
+  bytes_ = scarce_malloc::always(size_);
   if (bytes_ == nullptr) {
     std::perror("platform_double");
     std::abort();
@@ -64,7 +65,7 @@ void *loan::give_bytes(const std::string &bytes) {
 
 pss_datum_t *loan::give_datum(const std::string &bytes) {
   void *copied = give_bytes(bytes);
-  datum_ = static_cast<pss_datum_t *>(std::malloc(sizeof(*datum_)));
+  datum_ = static_cast<pss_datum_t *>(scarce_malloc::always(sizeof(*datum_)));
   if (datum_ == nullptr) {
     std::perror("platform_double");
     std::abort();
@@ -209,6 +210,10 @@ void platform_double::fail_from(const std::string &function, syserr_t status, un
 
 void platform_double::fail_any(unsigned nth, syserr_t status) {
   fail("", status, nth);
+}
+
+void platform_double::fail_any_from(unsigned nth, syserr_t status) {
+  fail_from("", status, nth);
 }
 
 unsigned platform_double::scripted() const {

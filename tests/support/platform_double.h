@@ -73,6 +73,8 @@ public:
   void fail_from(const std::string &function, syserr_t status, unsigned nth = 1);
   // The n-th call of any function (mts_ functions: EIO), from now on.
   void fail_any(unsigned nth, syserr_t status);
+  // That one and all later calls of any function.
+  void fail_any_from(unsigned nth, syserr_t status);
   // How many scripted answers have been given since reset(): a loop over `fail_any(n)` ends when
   // this stays 0.
   unsigned scripted() const;

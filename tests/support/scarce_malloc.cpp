@@ -12,11 +12,13 @@ void *__wrap_realloc(void *block, size_t size);
 namespace {
 
 unsigned g_countdown = 0; // 0: none is refused by its number
+bool g_forever = false;
 size_t g_size = SIZE_MAX;
 bool g_refused = false;
 
 bool is_refused(size_t size) {
   const bool by_number = g_countdown > 0 && --g_countdown == 0;
+  g_countdown += by_number && g_forever ? 1U : 0U;
   const bool refused = by_number || size == g_size;
   g_refused = g_refused || refused;
   return refused;
@@ -26,6 +28,16 @@ bool is_refused(size_t size) {
 
 void scarce_malloc::refuse_nth(unsigned n) {
   g_countdown = n;
+  g_forever = false;
+}
+
+void scarce_malloc::refuse_from(unsigned n) {
+  g_countdown = n;
+  g_forever = true;
+}
+
+void *scarce_malloc::always(size_t size) {
+  return __real_malloc(size);
 }
 
 void scarce_malloc::refuse_size(size_t size) {

@@ -1,5 +1,5 @@
 // malloc and realloc of a test program that links the platform double, refused where a test wants
-// it. Those of shared libraries, operator new's among them, are not touched.
+// it. Those of shared libraries, operator new's among them, are not touched, nor are the double's.
 #ifndef TESTS_SUPPORT_SCARCE_MALLOC_H
 #define TESTS_SUPPORT_SCARCE_MALLOC_H
 
@@ -9,10 +9,15 @@ namespace scarce_malloc {
 
 // The n-th call from now on fails, once; 1 is the next one.
 void refuse_nth(unsigned n);
+// That one and all later calls fail.
+void refuse_from(unsigned n);
 // Calls for blocks of exactly this size fail.
 void refuse_size(size_t size);
 // None fail any more. Whether one did since the last relieve().
 bool relieve();
+
+// For the double's own use: never refused, and not counted.
+void *always(size_t size);
 
 } // namespace scarce_malloc
 

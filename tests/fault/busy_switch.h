@@ -1,0 +1,40 @@
+// A switch on the platform double on which every routine of the library finds something to do, and
+// those routines.
+#ifndef TESTS_FAULT_BUSY_SWITCH_H
+#define TESTS_FAULT_BUSY_SWITCH_H
+
+#include <string>
+#include <vector>
+
+#include "libdatamorph.h"
+
+// Stores that are open when a routine's steps run; what they are is what the step takes.
+struct open_stores {
+  pss_service_t mgr = 0;
+  pss_service_t eng = 0;
+  pss_service_t temp = 0;
+  pss2_service_t meta = 0;
+};
+
+struct releases {
+  const char *to;
+  const char *from;
+};
+
+struct routine {
+  const char *name;
+  // Runs it on the busy switch; the status, or 0 where it gives none.
+  syserr_t (*run)(const open_stores &open, const releases &change);
+  bool takes_stores = false; // it works on open ones, and leaves them open
+  bool has_rows = false;     // runs several routines, of which a later one sees what one left
+};
+
+// Every exported routine that calls the platform.
+extern const std::vector<routine> k_routines;
+
+// The switch as it is before each run, the library's own state included.
+void make_busy_switch(const releases &change);
+// Opens the stores that steps take.
+open_stores open_for_steps();
+
+#endif

@@ -1,7 +1,6 @@
 // At a terminal: how far a work is, and the question before something is discarded.
 #include "command.h"
 
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -77,41 +76,6 @@ protected:
     }
     screen();
     return running->wait();
-  }
-
-  static void signal_all(pid_t pid, int number) {
-    kill(pid, number);
-    const std::string name = std::to_string(pid);
-    std::ifstream children("/proc/" + name + "/task/" + name + "/children");
-    for (pid_t child = 0; children >> child;) {
-      signal_all(child, number);
-    }
-  }
-
-  // Lets the command work until something holds, and stops it there.
-  template <typename condition_t>
-  static bool stops_when(const background &running, condition_t holds) {
-    while (!has_ended(running)) {
-      signal_all(running.pid(), SIGSTOP);
-      if (holds()) {
-        return true;
-      }
-      signal_all(running.pid(), SIGCONT);
-      usleep(2000);
-    }
-    return false;
-  }
-
-  // Lets the command work for a moment in each tenth of a second, as on a very slow machine, until
-  // the text has come.
-  bool crawls_until(background *running, const std::string &text) {
-    while (screen().find(text) == std::string::npos && !has_ended(*running)) {
-      signal_all(running->pid(), SIGSTOP);
-      usleep(100000);
-      signal_all(running->pid(), SIGCONT);
-      usleep(1000);
-    }
-    return screen().find(text) != std::string::npos;
   }
 
   result answer(const words &arguments, const std::string &question, const std::string &keys) {
@@ -229,13 +193,18 @@ TEST_F(at_terminal, nothing_is_told_to_programs) {
   EXPECT_EQ(run(convert).err.find('\33'), std::string::npos);
 }
 
-// A switch "sw" with a large store and one "b" without it, and works on them.
+// A switch "sw" with a store more and one "b" without it, and works on them that tell each step,
+// less than a screen takes before it is read.
 class at_large_switch : public at_terminal {
 protected:
   void SetUp() override {
     at_terminal::SetUp();
+    set("DATAMORPH_PROGRESS_DELAY", "0");
+    describe(60);
+  }
+  void describe(int count) {
     std::string records;
-    for (int at = 100000; at < 160000; ++at) {
+    for (int at = 100000; at < 100000 + count; ++at) {
       records += (records.empty() ? "{\"key\":\"" : ",{\"key\":\"") + std::to_string(at) +
                  "\",\"value\":\"00\"}";
     }
@@ -244,45 +213,50 @@ protected:
   void import() {
     ASSERT_EQ(end(start({"store", "import", "sw", "--file", "d.json"}).get()).status, 0);
   }
-  struct step {
-    words arguments;
-    const char *line;
-    int status;
-  };
-  void expect_told(const step &step) {
-    const std::unique_ptr<background> running = start(step.arguments);
-    // What comes before the first record need not crawl.
-    EXPECT_TRUE(stops_when(*running, [&] { return exists("sw/current/cfg/large.pss"); }));
-    EXPECT_TRUE(crawls_until(running.get(), step.line)) << step.line;
-    EXPECT_EQ(end(running.get()).status, step.status);
-    EXPECT_TRUE(screen().ends_with("\r\33[K")) << step.line;
+  void expect_told(const words &arguments, const char *line, int status) {
+    EXPECT_EQ(end(start(arguments).get()).status, status);
+    EXPECT_NE(screen().find(line), std::string::npos) << line << "\n" << screen();
+    EXPECT_TRUE(screen().ends_with("\r\33[K")) << line;
   }
 };
 
 TEST_F(at_large_switch, transfers_tell_their_records) {
-  expect_told({{"store", "import", "sw", "--file", "d.json"}, " of 60000 records, about ", 0});
-  expect_told({{"store", "export", "sw", "--file", "e.json"}, "\rexporting: ", 0});
+  expect_told({"store", "import", "sw", "--file", "d.json"}, "\rimporting: ", 0);
+  expect_told({"store", "export", "sw", "--file", "e.json"}, " records, about ", 0);
 }
 
 TEST_F(at_large_switch, comparisons_tell_their_records) {
   create("b");
   import();
-  expect_told({{"diff", "sw", "b"}, " records, about ", 2});
+  expect_told({"diff", "sw", "b"}, " records, about ", 2);
 }
 
 TEST_F(at_large_switch, checks_tell_their_parts) {
   import();
-  expect_told({{"check", "sw", "--to", "4.2(1)"}, "\rchecking: ", 0});
+  expect_told({"check", "sw", "--to", "4.2(1)"}, "\rchecking: ", 0);
 }
 
 TEST_F(at_large_switch, digests_tell_their_records) {
+  describe(2500);
   import();
   ASSERT_EQ(end(start({"rehearse", "sw", "--to", "3.3(1)", "--save", "plan.json"}).get()).status,
             0);
-  const std::unique_ptr<background> running = start({"convert", "sw", "--plan", "plan.json"});
-  EXPECT_TRUE(stops_when(*running, [] { return true; }));
-  EXPECT_TRUE(crawls_until(running.get(), "\rmaking the digest: "));
-  EXPECT_EQ(end(running.get()).status, 0);
+  const result converted = end(start({"convert", "sw", "--plan", "plan.json"}).get());
+  EXPECT_EQ(converted.status, 0);
+  EXPECT_NE(screen().find("\rmaking the digest: 1000 of "), std::string::npos) << screen();
+}
+
+// What is no number of milliseconds does not count.
+TEST_F(at_large_switch, a_delay_is_a_number) {
+  describe(1);
+  import();
+  EXPECT_NE(screen().find("importing"), std::string::npos);
+  const size_t told = screen().size();
+  for (const char *delay : {"", "-1", "1.5", "0s", "99999999999999999999"}) {
+    set("DATAMORPH_PROGRESS_DELAY", delay);
+    import();
+  }
+  EXPECT_EQ(screen().substr(told), "");
 }
 
 // "cp" is put before the real one: it stands still when it has copied a part.
@@ -305,20 +279,20 @@ TEST_F(at_terminal, long_journals_and_many_runs_tell_how_far_they_are_read) {
   const std::string journal = read("sw/runs/0001/journal.jsonl");
   const std::string store = "nonvolatile:/cfg/startup/bin/vrrp-cfg_config_sav";
   std::istringstream lines(journal);
-  std::string touching; // lines that are asked for take their time
+  std::string touching; // lines that are asked for
   for (std::string line; std::getline(lines, line);) {
     touching += line.find(store) == std::string::npos ? "" : line + "\n";
   }
   ASSERT_NE(touching, "");
   std::string much = touching;
-  while (much.size() < (4 << 20)) {
+  while (much.size() < (50 << 10)) {
     much += touching;
   }
   write("sw/runs/0001/journal.jsonl", much);
-  const std::unique_ptr<background> why = start({"why", "sw", store});
-  EXPECT_TRUE(crawls_until(why.get(), "\rreading journals: "));
-  EXPECT_TRUE(crawls_until(why.get(), " KiB, about "));
-  EXPECT_EQ(end(why.get()).status, 0);
+  set("DATAMORPH_PROGRESS_DELAY", "0");
+  EXPECT_EQ(end(start({"why", "sw", store}).get()).status, 0);
+  EXPECT_NE(screen().find("\rreading journals: "), std::string::npos);
+  EXPECT_NE(screen().find(" KiB, about "), std::string::npos);
 
   write("sw/runs/0001/journal.jsonl", journal);
   for (int number = 1001; number < 1400; ++number) {
@@ -328,9 +302,8 @@ TEST_F(at_terminal, long_journals_and_many_runs_tell_how_far_they_are_read) {
     write(to + "/run.json", record.dump());
     write(to + "/report.json", read("sw/runs/0001/report.json"));
   }
-  const std::unique_ptr<background> history = start({"history", "sw"});
-  EXPECT_TRUE(crawls_until(history.get(), " of 400 runs, about "));
-  EXPECT_EQ(end(history.get()).status, 0);
+  EXPECT_EQ(end(start({"history", "sw"}).get()).status, 0);
+  EXPECT_NE(screen().find(" of 400 runs, about "), std::string::npos);
 }
 
 // The pairs are told, not the services of each.

@@ -18,7 +18,7 @@ namespace {
 constexpr char soname[] = "libdatamorph.so.1";
 constexpr size_t most_rows = 1000; // a table without its end row is not read for ever
 
-std::string own_folder() {
+std::string program_folder() {
   std::string path(4096, '\0');
   const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
   if (length <= 0) {
@@ -84,7 +84,7 @@ std::string find_library(const std::string &wanted) {
   if (environment != nullptr && *environment != '\0') {
     return environment;
   }
-  const std::string folder = own_folder();
+  const std::string folder = program_folder();
   for (const char *beside : {"/", "/../lib/", "/../" DATAMORPH_LIBDIR "/"}) {
     std::string file = folder + beside + soname;
     if (!folder.empty() && access(file.c_str(), F_OK) == 0) {

@@ -37,6 +37,9 @@ _DIR_/runs/_NUMBER_/
 *DATAMORPH_LIBRARY*
 	The conversion library, where *--library* does not name one.
 
+*DATAMORPH_PROGRESS_DELAY*
+	After how many milliseconds a work tells how far it is; 1000 otherwise. With 0 each step is told.
+
 *NO_COLOR*
 	When it is set and not empty, tables have no colour.
 

@@ -1,5 +1,7 @@
 #include "progress.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -13,13 +15,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto first_after = 1s;
-constexpr auto between_lines = 100ms;
+constexpr std::chrono::milliseconds usual_delay = 1s;
+constexpr std::chrono::milliseconds between_lines = 100ms;
 constexpr size_t usual_width = 80;
 
 bool allowed = false;
-bool shown = false;                  // the line stands on the terminal
-const progress *outermost = nullptr; // whose line it is
+std::chrono::milliseconds delay = usual_delay; // until the first line
+bool shown = false;                            // the line stands on the terminal
+const progress *outermost = nullptr;           // whose line it is
 
 // A terminal that stands still keeps nothing waiting.
 void put(const std::string &text) {
@@ -40,12 +43,23 @@ std::string time_text(std::chrono::seconds time) {
          std::to_string(time.count() % 60) + " s";
 }
 
+// What is no number of milliseconds is as if it were not there.
+std::chrono::milliseconds wanted_delay() {
+  const char *wanted = std::getenv("DATAMORPH_PROGRESS_DELAY");
+  const std::string_view text = wanted == nullptr ? "" : wanted;
+  uint32_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool whole = !text.empty() && error == std::errc() && end == text.data() + text.size();
+  return whole ? std::chrono::milliseconds(number) : usual_delay;
+}
+
 } // namespace
 
 void progress::allow(bool wanted) {
   const char *terminal = std::getenv("TERM");
   allowed = wanted && isatty(STDERR_FILENO) == 1 && terminal != nullptr &&
             std::string_view(terminal) != "dumb";
+  delay = wanted_delay();
 }
 
 bool progress::is_allowed() {
@@ -66,7 +80,7 @@ void progress::begin(const std::string &what, uint64_t total, const std::string 
   total_ = total;
   done_ = 0;
   begun_ = clock::now();
-  next_ = begun_ + first_after;
+  next_ = begun_ + delay;
 }
 
 void progress::reach(uint64_t units) {
@@ -81,7 +95,7 @@ void progress::show() {
   if (now < next_) {
     return;
   }
-  next_ = now + between_lines;
+  next_ = now + std::min(delay, between_lines);
   std::fflush(stdout); // what stands there stays above
   put("\r" + line(now - begun_).substr(0, width() - 1) + "\033[K");
   shown = true;

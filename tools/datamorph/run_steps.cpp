@@ -14,7 +14,7 @@ constexpr char steps_file[] = "steps.jsonl";
 constexpr size_t longest_steps = 64 << 20;
 
 // What the lines tell that are whole; the last one may be cut.
-struct progress {
+struct told_steps {
   std::optional<uint64_t> requests;
   uint64_t done = 0;
   std::string at; // the request that was begun last and has no end; "" when there is none
@@ -67,7 +67,7 @@ void step_log::put(const nlohmann::json &line) {
 }
 
 std::string how_far(int folder) {
-  progress found;
+  told_steps found;
   try {
     if (!tree::exists(folder, steps_file)) {
       return "";

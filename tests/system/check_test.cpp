@@ -279,15 +279,7 @@ TEST_F(check_verb, a_switch_in_use_and_directories_that_are_none) {
 class check_of_disks : public check_verb {
 protected:
   void mount_as(const char *type, const std::string &options) {
-    const uid_t uid = geteuid();
-    const gid_t gid = getegid();
-    ASSERT_EQ(unshare(uid == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER), 0);
-    if (uid != 0) {
-      std::ofstream("/proc/self/setgroups") << "deny";
-      std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
-      std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
-    }
-    ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_NO_FATAL_FAILURE(enter_private_mounts());
     fs::create_directory(path("disk"));
     fs::create_directory_symlink("disk/sw", path("sw"));
     ASSERT_EQ(mount(type, path("disk").c_str(), type, 0, options.c_str()), 0);

@@ -11,6 +11,8 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -143,6 +145,18 @@ std::string command_test::read(const std::string &name) const {
 
 bool command_test::exists(const std::string &name) const {
   return fs::exists(fs::symlink_status(path(name)));
+}
+
+void command_test::enter_private_mounts() {
+  const uid_t uid = geteuid();
+  const gid_t gid = getegid();
+  ASSERT_EQ(unshare(uid == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER), 0);
+  if (uid != 0) {
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
+    std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
+  }
+  ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
 }
 
 void command_test::fake(const std::string &what) {

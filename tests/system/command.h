@@ -84,6 +84,8 @@ protected:
   void set(const std::string &variable, const std::string &value) {
     environment_[variable] = value;
   }
+  // What is mounted from now on is seen by this test only.
+  static void enter_private_mounts();
   void fake(const std::string &what);     // the fake converters, doing this
   std::function<void()> in_child = [] {}; // called just before the program starts
 

@@ -327,6 +327,9 @@ TEST_F(lab_verbs, a_switch_file_that_is_wrong_is_refused) {
     const result shown = run({"lab", "show", "sw"});
     EXPECT_EQ(shown.status, 3);
     EXPECT_NE(shown.err.find(message), std::string::npos) << shown.err;
+    EXPECT_TRUE(shown.err.ends_with("; mend sw/current/switch.json, or bring it back from "
+                                    "sw/previous/switch.json\n"))
+        << shown.err;
   }
   write("sw/current/switch.json", good);
   EXPECT_EQ(run({"lab", "show", "sw"}).status, 0);

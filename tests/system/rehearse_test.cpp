@@ -6,7 +6,6 @@
 #include <fstream>
 #include <regex>
 
-#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
@@ -74,15 +73,7 @@ protected:
   }
   // A file system of this test's process, in a user namespace when that is needed.
   void mount_small(const std::string &name, const char *size) {
-    const uid_t uid = geteuid();
-    const gid_t gid = getegid();
-    ASSERT_EQ(unshare(uid == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER), 0);
-    if (uid != 0) {
-      std::ofstream("/proc/self/setgroups") << "deny";
-      std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
-      std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
-    }
-    ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_NO_FATAL_FAILURE(enter_private_mounts());
     fs::create_directory(path(name));
     ASSERT_EQ(mount("tmpfs", path(name).c_str(), "tmpfs", 0, (std::string("size=") + size).c_str()),
               0);
@@ -601,8 +592,7 @@ TEST_F(rehearsals, nothing_is_written) {
   if (geteuid() != 0) {
     return; // mounting is root's
   }
-  ASSERT_EQ(unshare(CLONE_NEWNS), 0);
-  ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  ASSERT_NO_FATAL_FAILURE(enter_private_mounts());
   const std::string at = path("sw");
   ASSERT_EQ(mount(at.c_str(), at.c_str(), nullptr, MS_BIND, nullptr), 0);
   ASSERT_EQ(mount(nullptr, at.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);

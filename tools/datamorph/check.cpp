@@ -268,8 +268,7 @@ void checking::check_switch() {
   if (!switch_.state_trouble().empty()) {
     add(topic::state, level::error,
         switch_.state_trouble() + "; VDCs, tag tables and what depends on them were not looked at",
-        "mend " + in_current("/switch.json") + ", or bring it back from " +
-            shell_word(options_.dir + "/previous/switch.json"));
+        switch_.state_remedy());
   }
 }
 

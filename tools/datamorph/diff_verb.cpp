@@ -85,6 +85,18 @@ std::string operand_text(const operand &side) {
 
 // ---- What is known -----------------------------------------------------------------------------
 
+constexpr char known_form[] = "known differences are what 'datamorph diff --format json' writes";
+
+template <typename taker_t>
+nlohmann::json known_document(const std::string &file, const taker_t &take) {
+  try {
+    return parse_json_items(tree::read_file(AT_FDCWD, file, largest_document), file, "changes",
+                            take);
+  } catch (const failure &error) {
+    throw failure(error.status(), error.message(), known_form);
+  }
+}
+
 // Holds the texts of the known ones.
 class known_changes {
 public:
@@ -94,9 +106,8 @@ public:
     }
     std::multiset<std::string> bare;
     size_t too_long = 0;
-    const nlohmann::json document = parse_json_items(
-        tree::read_file(AT_FDCWD, file, largest_document), file, "changes",
-        [&](list_place where, const nlohmann::json &change) {
+    const nlohmann::json document =
+        known_document(file, [&](list_place where, const nlohmann::json &change) {
           std::string text = output::json_text(change, -1);
           if (text.size() > longest_change) {
             ++too_long;
@@ -107,8 +118,7 @@ public:
     const bool in_envelope = document.is_object() && document.contains("datamorph");
     const nlohmann::json read = output::result_in(document, file);
     if (!read.is_object() || !read.value("changes", nlohmann::json()).is_array()) {
-      throw failure(exit_refused, in_quotes(file) + ": no list \"changes\", as 'datamorph diff "
-                                                    "--format json' writes it");
+      throw failure(exit_refused, in_quotes(file) + ": no list \"changes\"", known_form);
     }
     if (!in_envelope) {
       known_ = std::move(bare);

@@ -409,10 +409,15 @@ void switch_dir::open_current(access how) {
     state_ = read_state(current_.get());
   } catch (const failure &error) {
     if (how != access::look) {
-      throw;
+      throw failure(error.status(), error.message(), state_remedy());
     }
     state_trouble_ = error.what();
   }
+}
+
+std::string switch_dir::state_remedy() const {
+  return "mend " + shell_word(path_ + "/current/switch.json") + ", or bring it back from " +
+         shell_word(path_ + "/previous/switch.json");
 }
 
 void switch_dir::check_exchange() const {

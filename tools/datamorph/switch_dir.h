@@ -49,6 +49,8 @@ public:
   const switch_state &state() const { return state_; }
   // With `look`: what is wrong with switch.json, else empty.
   const std::string &state_trouble() const { return state_trouble_; }
+  // What to do about a state that cannot be read.
+  std::string state_remedy() const;
   // What of a command that was cut short lies in the switch's folder.
   std::vector<std::string> leftovers() const;
   // What is known of a command that was cut short and that nobody has tidied up behind, for a

@@ -21,9 +21,6 @@ namespace {
 
 using lines_t = std::vector<std::string>;
 
-const char *const k_releases[] = {"3.3(1)", "4.0(4)", "4.1(1)", "4.1(2)", "4.1(3)",
-                                  "4.1(5)", "4.2(0)", "4.2(1)", "4.2(2)", "4.2(3)"};
-
 // Each status of the platform, one of somebody else's, and all bits.
 const syserr_t k_statuses[] = {
     0x40480001, 0x40480002, 0x40480003, 0x40480004, 0x40480006, 0x40480008, 0x40480009, 0x4048000A,
@@ -84,11 +81,7 @@ class fault_test : public library_fixture {
 protected:
   void SetUp() override {
     library_fixture::SetUp();
-    setenv("SYSMGR_VDC_ID", "1", 1);
-    setenv("SYSMGR_RUNNING_CFG_DIR", "/cfg", 1);
-    setenv("SYSMGR_TO_SRG_PATH", "/images/to", 1);
-    setenv("SYSMGR_FROM_SRG_PATH", "/images/from", 1);
-    switch_root::write_file("/tmp/fc_nport_mux", "");
+    set_busy_environment();
     // A log that cannot be opened: what is traced is not what is looked at here.
     switch_root::write_file("/mnt/pss/data_morph.log/in the way", "");
     switch_root::write_file("/bootflash/data_morph_vrrp_mgr.log/in the way", "");

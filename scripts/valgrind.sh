@@ -59,7 +59,7 @@ calls=0
 call() {
   calls=$((calls + 1))
   # shellcheck disable=SC2086 # words
-  $checked --log-file="$logs/datamorph-$calls-%p" "$build/tools/datamorph/datamorph" "$@" \
+  $checked --log-file="$logs/datamorph-$calls-%p" "$build/datamorph" "$@" \
     >"$logs/datamorph-$calls.out" 2>&1 && status=0 || status=$?
   [ "$status" -eq 0 ] || {
     echo "datamorph $*: exit status $status, see $logs/datamorph-$calls*"

@@ -93,7 +93,7 @@ int plant_folder(const char *name) {
 int plant_device(const char *name) {
   if (mknod(name, S_IFCHR | 0666, makedev(1, 7)) != 0) {
     switch_root::write_file(name, "");
-    EXPECT_EQ(0, mount("/dev/full", name, nullptr, MS_BIND, nullptr));
+    EXPECT_EQ(0, mount("/dev/full", name, "none", MS_BIND, nullptr));
   }
   return -1;
 }

@@ -244,7 +244,7 @@ TEST_F(log_test, a_log_that_cannot_be_examined_gives_1) {
 
 TEST_F(log_test, a_log_folder_without_the_right_to_write) {
   switch_root::mount_small("/mnt/pss", "64k");
-  ASSERT_EQ(0, mount(nullptr, "/mnt/pss", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+  ASSERT_EQ(0, mount("none", "/mnt/pss", "none", MS_REMOUNT | MS_RDONLY, nullptr));
   expect_two_lines_without_a_log();
 }
 

@@ -73,8 +73,9 @@ call rehearse "$switches/sw" --to '4.2(1)'
 call convert "$switches/sw" --to '4.2(1)'
 call convert "$switches/sw" --to '4.1(5)'
 call rollback "$switches/sw" --yes
-call check "$switches/sw"
-reports=$(cat "$logs"/datamorph-*-* | wc -l)
+call check "$switches/sw" --to '4.2(1)'
+# Of a system call that valgrind does not know it only warns; the program does without it.
+reports=$(cat "$logs"/datamorph-*-* | grep -c '^==' || true)
 [ "$reports" -eq 0 ] || {
   echo "datamorph: see $logs/datamorph-*"
   failed=1

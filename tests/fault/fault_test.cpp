@@ -241,7 +241,7 @@ protected:
   }
 
   lines_t platform_calls_;
-  static constexpr unsigned k_stride = 53;
+  static constexpr unsigned k_stride = FAULT_STRIDE;
   uint64_t asked_ = 0;
   uint64_t done_ = 0;
   open_stores open_;

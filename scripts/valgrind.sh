@@ -15,6 +15,10 @@ logs=$build/valgrind
 programs='unit/unit_test support/support_test contract/contract_double_test fault/fault_test
   property/property_test widths/widths_test'
 
+# What cannot hold under valgrind, and why:
+# - without_descriptors...: a limit on descriptors that the process sets itself is valgrind's then, and not kept.
+left_out='log_test.without_descriptors_the_line_reaches_standard_error'
+
 scripts/packages.sh install valgrind
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DDATAMORPH_BENCH=OFF -DDATAMORPH_TESTS=ON \
   -DDATAMORPH_SYSTEM_TESTS=OFF >/dev/null
@@ -36,6 +40,7 @@ name=\$(basename "\$1")
 began=\$(date +%s)
 status=0
 $(echo "$checked" | tr '\n' ' ') "$build/tests/\$1" --gtest_shuffle --gtest_random_seed=$seed \
+  --gtest_filter="-$left_out" \
   >"$logs/\$name" 2>&1 || status=\$?
 passed=\$(grep -o 'PASSED  . [0-9]* tests*' "$logs/\$name" | grep -o '[0-9]* tests*')
 errors=\$(grep -c '^==[0-9]*== [A-Z]' "$logs/\$name")

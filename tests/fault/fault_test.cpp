@@ -91,6 +91,7 @@ protected:
     ASSERT_NE(nullptr, std::freopen("/dev/null", "w", stderr));
   }
   void TearDown() override {
+    std::fflush(stderr); // what still waits is not for the real one
     dup2(real_stderr_, STDERR_FILENO);
     close(real_stderr_);
     library_fixture::TearDown();

@@ -2,7 +2,7 @@
 #ifndef LIBDATAMORPH_PRIVATE_H
 #define LIBDATAMORPH_PRIVATE_H
 
-#include <sys/types.h>
+#include <fcntl.h>
 
 #include "libdatamorph.h"
 

@@ -7,6 +7,8 @@ help:
 	@echo 'make test      build, and run all tests (installs what is missing)'
 	@echo 'make build     the release library and command line, under build/'
 	@echo 'make bench     the figures, each beside its floor'
+	@echo 'make valgrind  the library'\''s tests in random order and the command line, under valgrind'
+	@echo 'make widths    the same inputs in 64 and in 32 bits'
 	@echo 'make lint      format, static analysis, layering'
 	@echo 'make install   into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo 'make clean     remove what was built'
@@ -25,6 +27,12 @@ build:
 bench:
 	scripts/bench.sh
 
+valgrind:
+	scripts/valgrind.sh $(SEED)
+
+widths:
+	scripts/widths.sh $(SEEDS)
+
 lint:
 	scripts/lint.sh
 
@@ -32,6 +40,6 @@ install: build
 	cmake --install build --prefix '$(PREFIX)'
 
 clean:
-	rm -rf build build-debug build-sanitized build-x86-32
+	rm -rf build build-debug build-sanitized build-x86-32 build-valgrind
 
-.PHONY: help demo test build bench lint install clean
+.PHONY: help demo test build bench lint valgrind widths install clean

@@ -132,6 +132,14 @@ template <auto asks> syserr_t ask(const open_stores &, const releases &) {
 
 } // namespace
 
+void set_busy_environment() {
+  setenv("SYSMGR_VDC_ID", "1", 1);
+  setenv("SYSMGR_RUNNING_CFG_DIR", "/cfg", 1);
+  setenv("SYSMGR_TO_SRG_PATH", "/images/to", 1);
+  setenv("SYSMGR_FROM_SRG_PATH", "/images/from", 1);
+  switch_root::write_file("/tmp/fc_nport_mux", "");
+}
+
 void make_busy_switch(const releases &change) {
   platform_double &platform = double_platform();
   platform.reset();

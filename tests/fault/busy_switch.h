@@ -32,6 +32,13 @@ struct routine {
 // Every exported routine that calls the platform.
 extern const std::vector<routine> k_routines;
 
+// Releases on both sides of every boundary that a routine knows.
+inline constexpr const char *k_releases[] = {"3.3(1)", "4.0(4)", "4.1(1)", "4.1(2)", "4.1(3)",
+                                             "4.1(5)", "4.2(0)", "4.2(1)", "4.2(2)", "4.2(3)"};
+
+// What the system manager gives its process, and NPV mode.
+void set_busy_environment();
+
 // The switch as it is before each run, the library's own state included.
 void make_busy_switch(const releases &change);
 // Opens the stores that steps take.

@@ -52,7 +52,7 @@ void enter_namespaces() {
     put("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
     put("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
   }
-  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+  if (mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
     fail("cannot make private", "/");
   }
 }
@@ -60,7 +60,7 @@ void enter_namespaces() {
 void bind_file(const std::string &root, const char *path) {
   const std::string target = root + path;
   std::ofstream(target).close();
-  if (mount(path, target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+  if (mount(path, target.c_str(), "none", MS_BIND, nullptr) != 0) {
     fail("cannot bind", target);
   }
 }
@@ -71,7 +71,7 @@ void enter(const std::string &root) {
     fs::create_directories(root + folder);
   }
   fs::create_directories(root + "/proc");
-  if (mount("/proc", (root + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+  if (mount("/proc", (root + "/proc").c_str(), "none", MS_BIND | MS_REC, nullptr) != 0) {
     fail("cannot bind", root + "/proc");
   }
   bind_file(root, "/dev/null");

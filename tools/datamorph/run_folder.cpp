@@ -77,7 +77,7 @@ void run_folder::keep_conversion_log(int state) const {
   request.root = state;
   request.silence = log_patience;
   request.body = [&](const jail::channel &) {
-    const unique_fd log(open(conversion_log, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const unique_fd log(open(conversion_log, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat about = {};
     if (!log.is_open() || fstat(log.get(), &about) != 0 || !S_ISREG(about.st_mode)) {
       return;

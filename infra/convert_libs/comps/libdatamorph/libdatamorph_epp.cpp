@@ -28,7 +28,7 @@ constexpr struct {
 
 bool in_npv_mode() {
   for (const char *marker : k_npv_markers) {
-    const int file = open(marker, O_RDONLY | O_EXCL | O_NONBLOCK | O_CLOEXEC);
+    const int file = open(marker, O_RDONLY | O_EXCL | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (file >= 0) {
       close(file);
       return true;

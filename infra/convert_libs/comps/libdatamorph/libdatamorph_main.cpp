@@ -343,11 +343,27 @@ syserr_t datamorph_destroy_nonvolatile_pss(char *path, char *pssname) {
 
 // ---- Conversion log ----------------------------------------------------------------------------
 
+int datamorph_open_own_file(const char *path, int flags, mode_t mode) {
+  const int opened =
+      open(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | (flags & ~O_TRUNC), mode);
+  if (opened < 0) {
+    return -1;
+  }
+  struct stat status = {};
+  const bool is_own =
+      fstat(opened, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1;
+  if (is_own && ((flags & O_TRUNC) == 0 || ftruncate(opened, 0) == 0)) {
+    return opened;
+  }
+  close(opened);
+  return -1;
+}
+
 namespace {
 
 // /tmp is emptied at every boot, so the marker tells whether the log was started in this one.
 bool log_started_in_this_boot() {
-  const int marker = open(k_boot_marker, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int marker = open(k_boot_marker, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (marker < 0) {
     fputs("File check failed\n", stderr);
     return false;
@@ -357,12 +373,21 @@ bool log_started_in_this_boot() {
   return true;
 }
 
+// Anybody may put something into /tmp: what stands there is neither followed nor emptied.
 void create_boot_marker() {
-  const int marker =
-      open(k_boot_marker, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666);
+  const int marker = open(k_boot_marker, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (marker >= 0) {
     close(marker);
   }
+}
+
+FILE *open_log(int flags, const char *mode) {
+  const int log = datamorph_open_own_file(k_log, O_CREAT | O_CLOEXEC | flags, 0666);
+  FILE *stream = log < 0 ? nullptr : fdopen(log, mode);
+  if (log >= 0 && stream == nullptr) {
+    close(log);
+  }
+  return stream;
 }
 
 void write_time_prefix(FILE *log) {
@@ -418,12 +443,12 @@ FILE *open_debug_log(void) {
   // Pinned by log_test, marker_lines_are_written_for_every_message.
   if (log_started_in_this_boot()) {
     fputs("File exists\n", stderr);
-    return fopen(k_log, "a+e");
+    return open_log(O_APPEND, "a+");
   }
   create_boot_marker();
   fputs("File doesn't exist\n", stderr);
   unlink(k_last_log);
-  return fopen(k_log, "w+e");
+  return open_log(O_TRUNC, "w+");
 }
 
 int check_data_morph_log_size(void) {
@@ -440,7 +465,7 @@ int check_data_morph_log_size(void) {
   rename(k_log, k_last_log);
   // QUIRK: executable bits on a log, as its readers have always found it.
   // Pinned by log_test, rotation_leaves_an_empty_log_of_mode_0700.
-  const int log = open(k_log, O_RDWR | O_CREAT | O_TRUNC, 0700);
+  const int log = datamorph_open_own_file(k_log, O_CREAT | O_TRUNC, 0700);
   // QUIRK: a descriptor of 0 is not closed: a process without standard input keeps its place taken.
   // Pinned by log_test, rotation_keeps_descriptor_0_open.
   if (log > 0) {

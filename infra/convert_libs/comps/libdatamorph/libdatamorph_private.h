@@ -2,6 +2,8 @@
 #ifndef LIBDATAMORPH_PRIVATE_H
 #define LIBDATAMORPH_PRIVATE_H
 
+#include <fcntl.h>
+
 #include "libdatamorph.h"
 
 // ---- Trace ------------------------------------------------------------------------------------
@@ -15,6 +17,12 @@ void datamorph_trace(const char *format, ...) __attribute__((format(printf, 1, 2
 
 // The same for a text that gets a line end on standard error, and none in the log.
 void datamorph_trace_line_apart(const char *text);
+
+// Opens a log for reading and writing; `flags` (O_APPEND, O_CREAT, O_TRUNC, O_CLOEXEC) and `mode`
+// as for open. -1 for what is no regular file or is not the library's alone: a link is not
+// followed, a file that has a second name is somebody else's too, and nothing else is ever written
+// to or waited for. Only a file that passes is emptied.
+int datamorph_open_own_file(const char *path, int flags, mode_t mode);
 
 // A string for a message: null reads "(null)".
 inline const char *datamorph_text(const char *text) {

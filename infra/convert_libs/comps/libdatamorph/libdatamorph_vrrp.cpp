@@ -196,7 +196,7 @@ const uint8 *vrrp_values::slot(int32 at) const {
 
 void vrrp_open_trace(vrrp_side_t &side) {
   if (side.trace_fd == -1) {
-    side.trace_fd = open(side.trace_file, O_RDWR | O_APPEND | O_NONBLOCK | O_CLOEXEC);
+    side.trace_fd = datamorph_open_own_file(side.trace_file, O_APPEND | O_CLOEXEC, 0);
   }
 }
 

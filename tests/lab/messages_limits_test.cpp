@@ -2,11 +2,13 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "lab/lab_fixture.h"
@@ -121,6 +123,25 @@ TEST_F(lab_test, an_owner_of_any_length_is_answered) {
   ASSERT_EQ(lab::mts_sap_register(queue, 100, std::string(5000, 'o')), 0);
   EXPECT_EQ(send_to(queue, 100, "1234"), 0);
   EXPECT_EQ(lab::mts_saps().at(0).owner, std::string(255, 'o'));
+}
+
+// What stands where a file of an access point is made is replaced, never written to or waited for.
+TEST_F(lab_test, a_planted_name_is_replaced) {
+  namespace fs = std::filesystem;
+  const std::string scratch = "/var/run/mts/sap-100.new";
+  const mts_q_handle_t queue = lab::mts_queue_open();
+  ASSERT_EQ(lab::mts_sap_register(queue, 99, "neighbour"), 0); // makes the folder
+  std::ofstream("/tmp/mine") << "mine";
+  fs::create_symlink("/tmp/mine", scratch);
+  ASSERT_EQ(lab::mts_sap_register(queue, 100, "one"), 0);
+  fs::create_symlink("/tmp/none", scratch);
+  ASSERT_EQ(lab::mts_sap_register(queue, 100, "two"), 0);
+  ASSERT_EQ(mkfifo(scratch.c_str(), 0600), 0);
+  ASSERT_EQ(lab::mts_sap_register(queue, 100, "three"), 0);
+  EXPECT_EQ(lab::mts_saps().at(1).owner, "three");
+  EXPECT_EQ(fs::file_size("/tmp/mine"), 4u);
+  EXPECT_FALSE(fs::exists("/tmp/none"));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(scratch)));
 }
 
 } // namespace

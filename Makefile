@@ -7,6 +7,7 @@ help:
 	@echo 'make test      build, and run all tests (installs what is missing)'
 	@echo 'make build     the release library and command line, under build/'
 	@echo 'make bench     the figures, each beside its floor'
+	@echo 'make fuzz      SECONDS=N or RUNS=M for each fuzz target; TARGETS names some of them'
 	@echo 'make lint      format, static analysis, layering'
 	@echo 'make install   into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo 'make clean     remove what was built'
@@ -25,6 +26,9 @@ build:
 bench:
 	scripts/bench.sh
 
+fuzz:
+	SECONDS='$(SECONDS)' RUNS='$(RUNS)' scripts/fuzz.sh $(TARGETS)
+
 lint:
 	scripts/lint.sh
 
@@ -32,6 +36,6 @@ install: build
 	cmake --install build --prefix '$(PREFIX)'
 
 clean:
-	rm -rf build build-debug build-sanitized build-x86-32
+	rm -rf build build-debug build-sanitized build-x86-32 build-fuzz
 
-.PHONY: help demo test build bench lint install clean
+.PHONY: help demo test build bench fuzz lint install clean

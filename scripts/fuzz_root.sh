@@ -13,7 +13,7 @@ folder=$1
 shift
 root=/tmp
 mount --make-rprivate /
-[ "$(stat -c %d "$folder")" = none ] || exec 3<"$folder" # stays open below the new /tmp
+exec 3<"$folder" # it may lie below /tmp, which is hidden now
 mount -t tmpfs -o mode=755 none "$root"
 for path in usr bin sbin lib lib32 lib64 libx32 proc dev; do
   [ -d "/$path" ] || continue

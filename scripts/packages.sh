@@ -4,16 +4,18 @@
 #   scripts/packages.sh install SET    installs what is missing of a set (with sudo when not root)
 #   scripts/packages.sh list SET       prints it
 #
-# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks).
+# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks),
+# fuzz (test and the fuzzers).
 set -eu
 
 demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash-dev
   libcli11-dev nlohmann-json3-dev libsmartcols-dev scdoc'
 test="$demo libgtest-dev librapidcheck-dev chromium zsh groff-base"
 ci="$test git g++-multilib googletest clang-format clang-tidy cppcheck"
+fuzz="$test clang libclang-rt-14-dev llvm-14"
 
 usage() {
-  echo "usage: scripts/packages.sh install|list demo|test|ci" >&2
+  echo "usage: scripts/packages.sh install|list demo|test|ci|fuzz" >&2
   exit 64
 }
 
@@ -22,6 +24,7 @@ case $2 in
   demo) set_of_packages=$demo ;;
   test) set_of_packages=$test ;;
   ci) set_of_packages=$ci ;;
+  fuzz) set_of_packages=$fuzz ;;
   *) usage ;;
 esac
 

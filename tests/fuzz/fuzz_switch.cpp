@@ -20,6 +20,7 @@ void reset() {
   vrrp_mgr_side.trace_fd = -1;
   vrrp_eng_side.trace_fd = -1;
   quiet_files::reset();
+  quiet_files::drop_trace();
 }
 
 void expect_tidy(const std::vector<std::string> &open_stores) {

@@ -84,6 +84,10 @@ ssize_t take(void * /*cookie*/, const char * /*bytes*/, size_t size) {
   return static_cast<ssize_t>(size);
 }
 
+ssize_t drop(void * /*cookie*/, const char * /*bytes*/, size_t size) {
+  return static_cast<ssize_t>(size);
+}
+
 FILE *log_stream() {
   static FILE *stream = fopencookie(nullptr, "w", {nullptr, take, nullptr, nullptr});
   return stream;
@@ -224,9 +228,9 @@ void set_vrrp_traces(bool on) {
   g_files[eng_trace].stands = on;
 }
 
-void buffer_trace() {
-  static char block[1 << 16];
-  std::setvbuf(stderr, block, _IOFBF, sizeof block);
+void drop_trace() {
+  static FILE *const dropped = fopencookie(nullptr, "w", {nullptr, drop, nullptr, nullptr});
+  stderr = dropped;
 }
 
 int open_files() {

@@ -12,8 +12,9 @@ void reset();
 void set_npv_mode(bool on);
 // Whether the trace files of VRRP stand.
 void set_vrrp_traces(bool on);
-// Standard error goes on, a block at a time.
-void buffer_trace();
+// From now on the trace on standard error is formatted and dropped. What is written to the
+// descriptor, as by a sanitizer, stays.
+void drop_trace();
 // The library's own descriptors that are open.
 int open_files();
 

@@ -201,7 +201,6 @@ extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
   setenv("SYSMGR_RUNNING_CFG_DIR", "/cfg", 1);
   setenv("SYSMGR_TO_SRG_PATH", "/images/to", 1);
   setenv("SYSMGR_FROM_SRG_PATH", "/images/from", 1);
-  quiet_files::buffer_trace();
   return 0;
 }
 

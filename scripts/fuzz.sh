@@ -5,7 +5,7 @@
 #   SECONDS=N scripts/fuzz.sh [TARGET...]    N seconds each (60 where nothing is said)
 #   RUNS=M scripts/fuzz.sh [TARGET...]       M executions each
 #   scripts/fuzz.sh merge [TARGET...]        makes the repository's corpora the fewest inputs that
-#                                            reach what all known ones do; those named seed-* stay
+#                                            reach all code that the known ones do; seed-* stay
 #
 # What is found on the way grows build-fuzz/corpus, not the repository's tests/fuzz/corpus. SEED is
 # the seed of the mutations (1 where nothing is said), JOBS how many run at a time.
@@ -60,7 +60,7 @@ merge() {
   rm -rf "build-fuzz/merged/$1"
   mkdir -p "build-fuzz/merged/$1"
   cp "tests/fuzz/corpus/$1/seed-"* "build-fuzz/merged/$1/"
-  fuzz "$1" -merge=1 "merged/$1" "corpus/$1"
+  fuzz "$1" -merge=1 -use_counters=0 "merged/$1" "corpus/$1"
   rm -f "tests/fuzz/corpus/$1/"*
   cp "build-fuzz/merged/$1/"* "tests/fuzz/corpus/$1/"
   echo "$1: $(find "tests/fuzz/corpus/$1" -type f | wc -l) inputs," \
@@ -76,8 +76,9 @@ told() {
 tell() {
   status=$(cat "build-fuzz/$1.status")
   findings=$((status != 0))
-  echo "$1: $(told "$1" '^stat::number_of_executed_units' 'units:') executions in" \
-    "$(told "$1" '^Done ' 'runs in') s, seed $SEED," \
+  seconds=$(told "$1" '^Done ' 'runs in')
+  echo "$1: $(told "$1" '^stat::number_of_executed_units' 'units:') executions" \
+    "in ${seconds:-?} s, seed $SEED," \
     "coverage $(told "$1" INITED 'cov:'), then $(told "$1" 'cov: [0-9]' 'cov:')," \
     "findings: $findings"
   [ "$findings" -ne 0 ] || return 0

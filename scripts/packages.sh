@@ -12,7 +12,7 @@ demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash
   libcli11-dev nlohmann-json3-dev libsmartcols-dev scdoc'
 test="$demo libgtest-dev librapidcheck-dev chromium zsh groff-base"
 ci="$test git g++-multilib googletest clang-format clang-tidy cppcheck"
-fuzz="$test clang libclang-rt-14-dev llvm-14"
+fuzz="$test clang libclang-rt-14-dev llvm"
 
 usage() {
   echo "usage: scripts/packages.sh install|list demo|test|ci|fuzz" >&2

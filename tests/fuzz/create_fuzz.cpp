@@ -82,8 +82,11 @@ std::string name(bytes_source *source) {
   return any;
 }
 
-std::string path(bytes_source *source) {
-  return k_folders[source->byte() % std::size(k_folders)] + ("/" + name(source));
+// Mostly one of its own, by the number of the part that it names.
+std::string path(bytes_source *source, size_t part) {
+  const std::string folder = k_folders[source->byte() % std::size(k_folders)];
+  const bool own = source->byte() < 224;
+  return folder + "/" + name(source) + (own ? std::to_string(part) : "");
 }
 
 json field(bytes_source *source) {
@@ -95,7 +98,7 @@ json field(bytes_source *source) {
   case 1:
     return {{"text", name(source)}, {"size", number + 1}};
   case 2:
-    return {{"zeros", kind == 250 ? 70000 : number * 64}};
+    return {{"zeros", kind == 250 ? 70000 : number * 16}};
   case 3:
     return {{"u32be", number}};
   case 4:
@@ -119,9 +122,9 @@ json records(bytes_source *source) {
   return all;
 }
 
-json store(bytes_source *source) {
+json store(bytes_source *source, size_t part) {
   const uint8_t how = source->byte();
-  json made = {{"uri", (how % 2 == 0 ? "nonvolatile:" : "volatile:") + path(source)},
+  json made = {{"uri", (how % 2 == 0 ? "nonvolatile:" : "volatile:") + path(source, part)},
                {"records", records(source)}};
   if (how >= 128) {
     made["params"] = {{"max_key_size", 4096 + how},
@@ -132,9 +135,10 @@ json store(bytes_source *source) {
   return made;
 }
 
-json file(bytes_source *source) {
+json file(bytes_source *source, size_t part) {
   const uint8_t how = source->byte();
-  json made = {{"path", path(source)}, {how % 2 == 0 ? "text" : "hex", how % 2 == 0 ? "x" : "00"}};
+  json made = {{"path", path(source, part)},
+               {how % 2 == 0 ? "text" : "hex", how % 2 == 0 ? "x" : "00"}};
   if (how >= 64) {
     made["mode"] = how >= 128 ? "0600" : "0777";
   }
@@ -150,12 +154,12 @@ std::string description_of(bytes_source *source) {
       {"stores", json::array()},
       {"files", json::array()},
       {"access_points", json::array()}};
-  while (!source->is_empty()) {
-    const uint8_t part = source->byte();
-    if (part % 8 < 4) {
-      made["stores"].push_back(store(source));
-    } else if (part % 8 < 7) {
-      made["files"].push_back(file(source));
+  for (size_t part = 0; !source->is_empty(); ++part) {
+    const uint8_t kind = source->byte();
+    if (kind % 8 < 4) {
+      made["stores"].push_back(store(source, part));
+    } else if (kind % 8 < 7) {
+      made["files"].push_back(file(source, part));
     } else {
       made["access_points"].push_back({{"sap", source->byte() * 257 + 1}, {"owner", name(source)}});
     }

@@ -411,6 +411,20 @@ void remove_all_stores() {
   }
 }
 
+// A switch's root, with the folders of all places. Not before the first input: the fuzzer opens
+// files of its own below /tmp until then.
+const switch_folder &enter_root() {
+  static const switch_folder root;
+  setenv("SYSMGR_VDC_ID", "1", 1);
+  setenv("SYSMGR_RUNNING_CFG_DIR", "/cfg", 1);
+  quiet_files::drop_trace();
+  mkdir("/tmp", 0755);
+  for (const char *uri : k_uris) {
+    expect(pss_create(uri) == 0 && pss_destroy(uri) == 0, "a place that cannot be had");
+  }
+  return root;
+}
+
 } // namespace
 
 // The engine waits for a lock that another handle has. Nobody gives one back meanwhile: what it
@@ -419,22 +433,10 @@ extern "C" int usleep(useconds_t /*microseconds*/) {
   return 0;
 }
 
-extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
-  setenv("SYSMGR_VDC_ID", "1", 1);
-  setenv("SYSMGR_RUNNING_CFG_DIR", "/cfg", 1);
-  quiet_files::drop_trace();
-  static const switch_folder root;
-  mkdir("/tmp", 0755);
-  // The folders of all places.
-  for (const char *uri : k_uris) {
-    expect(pss_create(uri) == 0 && pss_destroy(uri) == 0, "a place that cannot be had");
-  }
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   quiet_files::reset();
-  good();
+  static const switch_folder &root = enter_root();
+  static_cast<void>(root);
   bytes_source source(data, size);
   const uint8_t how = source.byte();
   const char *const uri = k_uris[how % std::size(k_uris)];

@@ -9,6 +9,7 @@ help:
 	@echo 'make bench     the figures, each beside its floor'
 	@echo 'make valgrind  the library'\''s tests in random order and the command line, under valgrind'
 	@echo 'make widths    the same inputs in 64 and in 32 bits'
+	@echo 'make fuzz      SECONDS=N or RUNS=M for each fuzz target; TARGETS names some of them'
 	@echo 'make lint      format, static analysis, layering'
 	@echo 'make install   into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo 'make clean     remove what was built'
@@ -32,6 +33,8 @@ valgrind:
 
 widths:
 	scripts/widths.sh $(SEEDS)
+fuzz:
+	SECONDS='$(SECONDS)' RUNS='$(RUNS)' scripts/fuzz.sh $(TARGETS)
 
 lint:
 	scripts/lint.sh
@@ -43,3 +46,6 @@ clean:
 	rm -rf build build-debug build-sanitized build-x86-32 build-valgrind
 
 .PHONY: help demo test build bench lint valgrind widths install clean
+	rm -rf build build-debug build-sanitized build-x86-32 build-fuzz
+
+.PHONY: help demo test build bench fuzz lint install clean

@@ -6,6 +6,8 @@
 #
 # Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks), valgrind
 # (test and valgrind).
+# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks),
+# fuzz (test and the fuzzers).
 set -eu
 
 demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash-dev
@@ -16,6 +18,10 @@ valgrind="$test valgrind"
 
 usage() {
   echo "usage: scripts/packages.sh install|list demo|test|ci|valgrind" >&2
+fuzz="$test clang libclang-rt-14-dev llvm"
+
+usage() {
+  echo "usage: scripts/packages.sh install|list demo|test|ci|fuzz" >&2
   exit 64
 }
 
@@ -25,6 +31,7 @@ case $2 in
   test) set_of_packages=$test ;;
   ci) set_of_packages=$ci ;;
   valgrind) set_of_packages=$valgrind ;;
+  fuzz) set_of_packages=$fuzz ;;
   *) usage ;;
 esac
 

@@ -1,4 +1,5 @@
-// Takes a fuzzer's bytes apart into the values that a target needs. When they run out, zeros follow.
+// Takes a fuzzer's bytes apart into the values that a target needs. When they run out, zeros
+// follow.
 #ifndef TESTS_FUZZ_BYTES_SOURCE_H
 #define TESTS_FUZZ_BYTES_SOURCE_H
 

@@ -1,11 +1,6 @@
 #include "fuzz/fuzz_switch.h"
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-
+#include "fuzz/quiet_files.h"
 #include "libdatamorph_vrrp.h"
 
 namespace fuzz_switch {
@@ -13,6 +8,7 @@ namespace fuzz_switch {
 void reset() {
   platform_double &platform = double_platform();
   platform.reset();
+  platform.keep_no_log();
   platform.add_queue(queue);
   datamorph_mts_q = queue;
   for (ethpm_pss_type_t *request :
@@ -21,18 +17,25 @@ void reset() {
     request->transition = ETHPM_TR_NOCHANGE;
     request->pss_action = ETHPM_PSS_NOCHANGE;
   }
+  vrrp_mgr_side.trace_fd = -1;
+  vrrp_eng_side.trace_fd = -1;
+  quiet_files::reset();
+  quiet_files::drop_trace();
 }
 
-void expect_tidy() {
+void expect_tidy(const std::vector<std::string> &open_stores) {
   const platform_double &platform = double_platform();
-  for (const std::string &message : platform.open_stores()) {
-    std::fprintf(stderr, "left open: %s\n", message.c_str());
-    std::abort();
+  const std::vector<std::string> left = platform.open_stores();
+  if (left != open_stores) {
+    std::string all;
+    for (const std::string &uri : left) {
+      all += " " + uri;
+    }
+    finding("open at the end:" + (all.empty() ? " nothing" : all));
   }
-  if (!platform.open_messages().empty() && platform.scripted() == 0) {
-    std::fputs("a message was left\n", stderr);
-    std::abort();
-  }
+  expect(platform.open_messages().empty(), "a message was left");
+  const int traces = (vrrp_mgr_side.trace_fd != -1) + (vrrp_eng_side.trace_fd != -1);
+  expect(quiet_files::open_files() == traces, "a file was left open");
 }
 
 } // namespace fuzz_switch

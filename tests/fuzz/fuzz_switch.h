@@ -1,8 +1,13 @@
-// The switch of the fuzz targets: the platform double, silent, in the process's own folders.
+// The switch of the fuzz targets: the platform double without its log, and the library's fixed
+// files in memory.
 #ifndef TESTS_FUZZ_FUZZ_SWITCH_H
 #define TESTS_FUZZ_FUZZ_SWITCH_H
 
+#include <string>
+#include <vector>
+
 #include "fuzz/bytes_source.h"
+#include "fuzz/finding.h"
 #include "libdatamorph_private.h"
 #include "support/platform_double.h"
 
@@ -12,8 +17,9 @@ inline constexpr mts_q_handle_t queue = 7;
 
 // An empty switch, and the library as its process started.
 void reset();
-// Ends the process when a store or a message was left.
-void expect_tidy();
+
+// Of stores exactly these are open, and every message was dropped.
+void expect_tidy(const std::vector<std::string> &open_stores = {});
 
 } // namespace fuzz_switch
 

@@ -95,6 +95,7 @@ struct platform_double::state {
   std::list<script> scripts;
   unsigned scripted = 0;
   bool tlvs_are_watched = false;
+  bool logs = true;
 
   // Logs "function(arguments)", runs what is to be run before it, and gives the answer that a
   // script has for it, if one has.
@@ -125,7 +126,7 @@ struct platform_double::state {
   std::map<std::string, std::string> images;
 };
 
-// Arguments as the log has them.
+// Arguments as the log has them; empty while the double keeps no log.
 namespace log_text {
 std::string number(uint32 value);
 std::string flags(uint32 value); // 0x3

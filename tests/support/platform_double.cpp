@@ -93,21 +93,38 @@ void loan::take_back() {
 
 namespace log_text {
 
+namespace {
+
+bool is_wanted() {
+  return double_platform().internals().logs;
+}
+
+} // namespace
+
 std::string number(uint32 value) {
-  return std::to_string(value);
+  return is_wanted() ? std::to_string(value) : std::string();
 }
 
 std::string flags(uint32 value) {
+  if (!is_wanted()) {
+    return {};
+  }
   char text[16];
   std::snprintf(text, sizeof(text), "0x%x", value);
   return text;
 }
 
 std::string string(const char *text) {
+  if (!is_wanted()) {
+    return {};
+  }
   return text == nullptr ? "null" : "\"" + std::string(text) + "\"";
 }
 
 std::string data(const void *bytes, size_t size) {
+  if (!is_wanted()) {
+    return {};
+  }
   if (bytes == nullptr) {
     return "null";
   }
@@ -141,11 +158,13 @@ std::string location(pss_location_t location) {
 
 std::optional<scripted_answer>
 platform_double::state::enter(const char *function, const std::vector<std::string> &arguments) {
-  std::string text = std::string(function) + "(";
-  for (size_t i = 0; i < arguments.size(); ++i) {
-    text += (i == 0 ? "" : ", ") + arguments[i];
+  if (logs) {
+    std::string text = std::string(function) + "(";
+    for (size_t i = 0; i < arguments.size(); ++i) {
+      text += (i == 0 ? "" : ", ") + arguments[i];
+    }
+    log.push_back({function, text + ")"});
   }
-  log.push_back({function, text + ")"});
 
   std::optional<scripted_answer> answer;
   std::vector<std::function<void()>> actions;
@@ -202,6 +221,10 @@ void platform_double::clear() {
 
 void platform_double::fail(const std::string &function, syserr_t status, unsigned nth) {
   add_script(state_->scripts, function, nth, false, with_status(status));
+}
+
+void platform_double::keep_no_log() {
+  state_->logs = false;
 }
 
 void platform_double::fail_from(const std::string &function, syserr_t status, unsigned nth) {

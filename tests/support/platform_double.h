@@ -55,6 +55,9 @@ public:
   std::vector<std::string> calls(const std::string &function) const;
   // Forgets the log only.
   void clear();
+  // From now on (until reset()) calls are not logged: a log that nobody reads is most of the time
+  // of a run of some thousand a second.
+  void keep_no_log();
 
   // From now on (until reset()) the TLV array functions are logged and scripted like the others.
   // Not before, since tests and the double itself look at tag tables through them.

@@ -74,6 +74,22 @@ TEST_F(double_test, messages_are_logged_with_payload_and_options) {
   EXPECT_EQ(platform.open_messages(), std::vector<mts_ref_t>{response});
 }
 
+TEST_F(double_test, without_a_log_calls_are_served_and_scripted_as_ever) {
+  platform.add_sap(5);
+  platform.add_queue(7);
+  platform.keep_no_log();
+  platform.fail("mts_sap_destroy", 13);
+
+  EXPECT_EQ(mts_sap_destroy(7, 5), -1);
+  EXPECT_EQ(mts_sap_destroy(7, 5), 0);
+
+  EXPECT_EQ(platform.calls(), lines{});
+  EXPECT_EQ(platform.scripted(), 1U);
+  platform.reset();
+  mts_sap_destroy(7, 5);
+  EXPECT_EQ(platform.calls(), lines{"mts_sap_destroy(7, 5)"});
+}
+
 // A TLV array of a test, and what the platform says of it.
 class tlv_double_test : public double_test {
 protected:

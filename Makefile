@@ -1,12 +1,18 @@
 # The human's door. Each target is one command; what it needs is installed by the scripts.
 .POSIX:
 PREFIX = /usr/local
+SEED = 1
+COUNT = 300
+JOBS = 2
+FILES =
 
 help:
 	@echo 'make demo      build, and convert a lab switch (installs what is missing)'
 	@echo 'make test      build, and run all tests (installs what is missing)'
 	@echo 'make build     the release library and command line, under build/'
 	@echo 'make bench     the figures, each beside its floor'
+	@echo 'make coverage  branches that the tests take, library, lab and command line'
+	@echo 'make mutants   the unit tests on COUNT changed libraries, chosen by SEED'
 	@echo 'make lint      format, static analysis, layering'
 	@echo 'make install   into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo 'make clean     remove what was built'
@@ -25,6 +31,13 @@ build:
 bench:
 	scripts/bench.sh
 
+coverage:
+	scripts/coverage.sh
+
+mutants:
+	scripts/packages.sh install mutants
+	scripts/mutants.py --seed $(SEED) --count $(COUNT) --jobs $(JOBS) --files '$(FILES)'
+
 lint:
 	scripts/lint.sh
 
@@ -32,6 +45,6 @@ install: build
 	cmake --install build --prefix '$(PREFIX)'
 
 clean:
-	rm -rf build build-debug build-sanitized build-x86-32
+	rm -rf build build-debug build-sanitized build-x86-32 build-coverage build-mutants
 
-.PHONY: help demo test build bench lint install clean
+.PHONY: help demo test build bench coverage mutants lint install clean

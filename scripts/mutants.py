@@ -101,6 +101,7 @@ class Token:
 class Mutant:
     def __init__(self, file, source, edits, change):
         self.file = file
+        self.source = source
         self.edits = sorted(edits)  # (start, end, replacement), apart from each other
         self.line = source.count("\n", 0, self.edits[0][0]) + 1
         whole = source.splitlines()[self.line - 1]
@@ -108,7 +109,8 @@ class Mutant:
         column = self.edits[0][0] - source.rfind("\n", 0, self.edits[0][0]) - (len(whole) - len(whole.lstrip()))
         self.change = f"{column}: {change}"  # where in the line of code, and what
 
-    def apply(self, source):
+    def changed_source(self):
+        source = self.source
         for start, end, text in reversed(self.edits):
             source = source[:start] + text + source[end:]
         return source
@@ -431,8 +433,7 @@ class Worker:
         header = mutant.file.endswith(".h")
         sources, tests = includers(mutant.file) if header else ([mutant.file], [])
         path = self.folder / "src" / mutant.file
-        original = (LIBRARY / mutant.file).read_text()
-        path.write_text(mutant.apply(original))
+        path.write_text(mutant.changed_source())
         try:
             for source in sources:
                 if run(self.program.library_command(source), self.folder, 120) != 0:
@@ -445,7 +446,7 @@ class Worker:
                 return "same code as another"
             return self.run_tests(mutant, tests, timeout)
         finally:
-            path.write_text(original)
+            path.write_text(mutant.source)
             for source in sources:
                 (self.folder / f"{source}.o").write_bytes(self.original[source])
 

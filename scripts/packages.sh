@@ -4,16 +4,19 @@
 #   scripts/packages.sh install SET    installs what is missing of a set (with sudo when not root)
 #   scripts/packages.sh list SET       prints it
 #
-# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks).
+# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks),
+# coverage and mutants (test, and what the scripts of that name use).
 set -eu
 
 demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash-dev
   libcli11-dev nlohmann-json3-dev libsmartcols-dev scdoc'
 test="$demo libgtest-dev librapidcheck-dev chromium zsh groff-base"
 ci="$test git g++-multilib googletest clang-format clang-tidy cppcheck"
+coverage="$test gcovr"
+mutants="$test python3 lld"
 
 usage() {
-  echo "usage: scripts/packages.sh install|list demo|test|ci" >&2
+  echo "usage: scripts/packages.sh install|list demo|test|ci|coverage|mutants" >&2
   exit 64
 }
 
@@ -22,6 +25,8 @@ case $2 in
   demo) set_of_packages=$demo ;;
   test) set_of_packages=$test ;;
   ci) set_of_packages=$ci ;;
+  coverage) set_of_packages=$coverage ;;
+  mutants) set_of_packages=$mutants ;;
   *) usage ;;
 esac
 

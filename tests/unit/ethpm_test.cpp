@@ -45,6 +45,9 @@ const auto g_set_reasons_at_start =
     std::count_if(upgrade_port_state_reason_table, upgrade_port_state_reason_table + 256,
                   [](uint32 reason) { return reason != 0; });
 
+const auto g_transition_at_start = ethpm_get_issu_transition();
+const auto g_action_at_start = ethpm_get_pss_action();
+
 // As the process started: nothing marked, no table filled.
 void forget_process() {
   for (ethpm_pss_type_t *request :
@@ -857,6 +860,17 @@ TEST_F(ethpm_walk_test, a_large_key_that_there_is_no_memory_for) {
   }
 }
 
+// A key that neither goes nor gives way to another one ends the walk.
+TEST_F(ethpm_walk_test, a_key_that_stays_under_the_cursor_ends_the_walk) {
+  platform.set_store(k_cfg, {{config_key(1), "a"}, {config_key(2), "b"}});
+  platform.answer_null_from("pss2_delete");
+  platform.answer_from("pss2_getkey", config_key(1));
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_EQ(3u, platform.calls("pss2_getkey").size()); // first, after the deletion, after the step
+  EXPECT_EQ(1u, platform.calls("pss2_delete").size());
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
 // Only one status of a location means that there is no such record.
 TEST_F(ethpm_walk_test, other_statuses_of_a_location_do_not_end_the_walk) {
   const records_t records = {{"k1", "v1"}, {config_key(1), "a"}};
@@ -999,6 +1013,20 @@ TEST(circle_guard_test, a_circle_of_any_length_is_noticed_and_a_line_is_none) {
     const exact key(std::to_string(step));
     EXPECT_FALSE(guard.has_met(key.datum));
   }
+}
+
+TEST(circle_guard_test, without_memory_for_its_key_it_holds_none) {
+  datamorph_circle_guard guard;
+  const exact key(std::string(65, 'k'));
+  scarce_malloc::refuse_nth(1);
+  EXPECT_FALSE(guard.has_met(key.datum));
+  EXPECT_TRUE(scarce_malloc::relieve());
+  EXPECT_FALSE(guard.has_met(exact("").datum)); // what it would hold if it held nothing
+}
+
+TEST_F(ethpm_walk_test, getters_before_any_conversion) {
+  EXPECT_EQ(0u, static_cast<uint32>(g_transition_at_start));
+  EXPECT_EQ(0u, static_cast<uint32>(g_action_at_start));
 }
 
 TEST_F(ethpm_walk_test, getters_follow_the_request_in_hand) {

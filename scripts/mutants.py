@@ -8,7 +8,7 @@ do not compile, and those whose object code is that of the original or of anothe
 live and do nothing else than the original stand in tests/mutants/survivors.txt with the reason, and are
 counted apart. The exit status is 1 when fewer than 95 % of the others die.
 
-Everything happens in copies under build-mutants/; the source tree is only read.
+Everything happens in copies under build-mutants/ (or --work); the source tree is only read.
 """
 
 import argparse
@@ -29,8 +29,6 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 LIBRARY = ROOT / "infra/convert_libs/comps/libdatamorph"
-WORK = ROOT / "build-mutants"
-BUILD = WORK / "build"
 LIMIT = 95.0  # percent that die
 
 # The tests that speak of a source come first. What is not named here is main's and the shared header's.
@@ -341,13 +339,15 @@ def run(command, cwd, timeout=None, env=None):
 class TestProgram:
     """How the unit tests are compiled and linked, as the build does it."""
 
-    def __init__(self):
+    def __init__(self, work):
+        self.work = work
+        self.build = work / "build"
         flags = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DCMAKE_C_FLAGS_DEBUG=-O0",
                  "-DDATAMORPH_LAB=OFF", "-DDATAMORPH_BENCH=OFF"]
-        subprocess.run(["cmake", "-S", ROOT, "-B", BUILD, "-G", "Ninja", *flags], check=True, stdout=subprocess.DEVNULL)
-        subprocess.run(["ninja", "-C", BUILD, "unit_test"], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(["cmake", "-S", ROOT, "-B", self.build, "-G", "Ninja", *flags], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(["ninja", "-C", self.build, "unit_test"], check=True, stdout=subprocess.DEVNULL)
         self.compile = {}  # of a source or an object
-        listed = subprocess.run(["ninja", "-C", BUILD, "-t", "commands", "unit_test"], check=True, capture_output=True, text=True)
+        listed = subprocess.run(["ninja", "-C", self.build, "-t", "commands", "unit_test"], check=True, capture_output=True, text=True)
         for line in listed.stdout.splitlines():
             for part in line.split(" && "):
                 words = shlex.split(part)
@@ -404,7 +404,7 @@ class Worker:
 
     def __init__(self, program, number, scratch):
         self.program = program
-        self.folder = WORK / f"worker-{number}"
+        self.folder = program.work / f"worker-{number}"
         shutil.rmtree(self.folder, ignore_errors=True)
         shutil.copytree(LIBRARY, self.folder / "src")
         self.scratch = scratch / str(number)
@@ -424,9 +424,7 @@ class Worker:
         return "hangs" if status is None else "fails" if status != 0 else None
 
     def linked(self, tests=()):
-        if run(self.program.link_command(self.folder, tests), BUILD) != 0:
-            return False
-        return True
+        return run(self.program.link_command(self.folder, tests), self.program.build) == 0
 
     def outcome(self, mutant, seen, timeout):
         """What became of a mutant: a word, and what killed it."""
@@ -459,7 +457,7 @@ class Worker:
         killed = self.tests(first, timeout) or self.tests("*", timeout)
         if killed is None and tests:  # those that hold code of the header themselves
             for source in tests:
-                if run(self.program.test_command(source, self.folder), BUILD, 300) != 0:
+                if run(self.program.test_command(source, self.folder), self.program.build, 300) != 0:
                     return "killed"  # a test's assertion at compile time
             killed = self.tests("*", timeout) if self.linked(tests) else "fails"
         return "killed" if killed else "lives"
@@ -494,8 +492,8 @@ def wanted(mutants, files):
 
 
 def known_survivors():
-    """{(file, line of code, change): reason}"""
-    known = {}
+    """[(pattern of "file @@ line of code @@ change", reason)]"""
+    known = []
     table = ROOT / "tests/mutants/survivors.txt"
     for number, line in enumerate(table.read_text().splitlines(), 1):
         if not line or line.startswith("#"):
@@ -503,14 +501,20 @@ def known_survivors():
         fields = [field.strip() for field in line.split(" @@ ")]
         if len(fields) != 4 or not all(fields):
             sys.exit(f"mutants: {table}:{number}: wants 'file @@ line of code @@ change @@ reason'")
-        known[tuple(fields[:3])] = fields[3]
+        pattern = " @@ ".join(fields[:3])
+        known.append((re.compile(".*".join(re.escape(part) for part in pattern.split("<any>"))), fields[3]))
     return known
 
 
-def run_all(mutants, jobs):
-    program = TestProgram()
+def reason_of(mutant, known):
+    text = f"{mutant.file} @@ {mutant.code} @@ {mutant.change}"
+    return next((reason for pattern, reason in known if pattern.fullmatch(text)), None)
+
+
+def run_all(mutants, jobs, work):
+    program = TestProgram(work)
     shared = pathlib.Path("/dev/shm")
-    with tempfile.TemporaryDirectory(prefix="mutants-", dir=shared if os.access(shared, os.W_OK) else WORK) as scratch:
+    with tempfile.TemporaryDirectory(prefix="mutants-", dir=shared if os.access(shared, os.W_OK) else work) as scratch:
         workers = queue.Queue()
         pool = [Worker(program, number, pathlib.Path(scratch)) for number in range(jobs)]
         started = time.monotonic()
@@ -545,13 +549,13 @@ def report(all_mutants, outcomes, seed, seconds):
     for _, outcome in outcomes:
         count[outcome] = count.get(outcome, 0) + 1
     lives = [mutant for mutant, outcome in outcomes if outcome == "lives"]
-    explained = [mutant for mutant in lives if (mutant.file, mutant.code, mutant.change) in known]
-    unexplained = [mutant for mutant in lives if mutant not in explained]
+    explained = [mutant for mutant in lives if reason_of(mutant, known)]
+    unexplained = [mutant for mutant in lives if not reason_of(mutant, known)]
     killed = count.get("killed", 0)
     held = killed + len(unexplained)
     percent = 100.0 * killed / held if held else 100.0
     for mutant in explained:
-        print(f"lives, the same behaviour: {mutant.where()}\n    {known[mutant.file, mutant.code, mutant.change]}")
+        print(f"lives, the same behaviour: {mutant.where()}\n    {reason_of(mutant, known)}")
     for mutant in unexplained:
         print(f"lives: {mutant.where()}")
     print(f"mutants: {len(all_mutants)} in all, {len(outcomes)} taken, seed {seed}, {seconds:.0f} s")
@@ -567,6 +571,7 @@ def main():
     parser.add_argument("--count", default="300", help="how many, or all")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--files", default="", help="names, or names with a line")
+    parser.add_argument("--work", type=pathlib.Path, default=ROOT / "build-mutants", help="the folder for the copies")
     parser.add_argument("--list", action="store_true", help="print the mutants and run none")
     arguments = parser.parse_args()
     known_survivors()
@@ -580,9 +585,9 @@ def main():
             print(mutant.where())
         print(f"mutants: {len(taken)} of {len(mutants)}")
         return 0
-    WORK.mkdir(exist_ok=True)
+    arguments.work.mkdir(parents=True, exist_ok=True)
     started = time.monotonic()
-    outcomes = run_all(taken, arguments.jobs)
+    outcomes = run_all(taken, arguments.jobs, arguments.work.resolve())
     return report(mutants, outcomes, arguments.seed, time.monotonic() - started)
 
 

@@ -94,6 +94,8 @@ TEST_F(ethpm_test, tables_are_filled_when_they_are_asked_for) {
   for (const uint32 *table : {upgrade_port_state_reason_table, downgrade_port_state_reason_table}) {
     EXPECT_EQ(256, std::count(table, table + 256, 0u));
   }
+  std::memset(upgrade_port_state_reason_table, 0xee, sizeof upgrade_port_state_reason_table);
+  std::memset(downgrade_port_state_reason_table, 0xee, sizeof downgrade_port_state_reason_table);
   ethpm_init_port_state_reason_tables();
   for (int reason = 0; reason < 256; ++reason) {
     EXPECT_EQ(k_up[reason], upgrade_port_state_reason_table[reason]) << reason;
@@ -623,20 +625,21 @@ TEST_F(ethpm_walk_test, several_requests_share_a_value_that_is_read_once) {
 
 // A value that cannot be read skips the request only: the next one reads it again.
 TEST_F(ethpm_walk_test, a_value_that_cannot_be_read_is_read_again_by_the_next_request) {
-  for (const bool null : {false, true}) {
+  const std::function<void()> failures[] = {
+      [this] { platform.fail("pss2_getvalue", 0x4048000B); },
+      [this] { platform.answer_null("pss2_getvalue"); },
+      [this] { platform.answer_without_bytes("pss2_getvalue", 2); },
+  };
+  for (const auto &fail : failures) {
     platform.reset();
     platform.set_store(k_cfg, {{"k1", "v1"}, {"k2", "v2"}});
     ethpm_pss_type_t list[] = {request_of("one", accept_update),
                                request_of("two", accept_sometimes)};
     g_accepts = true;
     g_handled.clear();
-    if (null) {
-      platform.answer_null("pss2_getvalue");
-    } else {
-      platform.fail("pss2_getvalue", 0x4048000B);
-    }
+    fail();
     walk(list, 2);
-    EXPECT_EQ(lines_t({"11 k1=v1", "21 k2=v2", "11 k2=v2"}), g_handled) << null;
+    EXPECT_EQ(lines_t({"11 k1=v1", "21 k2=v2", "11 k2=v2"}), g_handled);
     EXPECT_EQ(3u, platform.calls("pss2_getvalue").size());
   }
 }
@@ -796,6 +799,16 @@ TEST_F(ethpm_walk_test, every_failing_call_of_a_rewrite) {
         << row.nth;
     EXPECT_TRUE(platform.open_handles().empty()) << row.nth;
     EXPECT_EQ(1u, platform.scripted()) << row.nth;
+  }
+}
+
+TEST_F(ethpm_walk_test, records_of_any_size_are_rewritten_whole) {
+  for (const size_t size : {0, 1, 7, 30, 79, 80, 1000, 500000}) {
+    forget_process();
+    const std::string rest(size, 'r');
+    platform.set_store(k_info, {{runtime_key(1), runtime(124) + rest}});
+    gsync("4.2(2)", "4.1(3)");
+    EXPECT_EQ(records_t({{runtime_key(1), runtime(143) + rest}}), platform.records(k_info)) << size;
   }
 }
 

@@ -40,7 +40,10 @@ empty_counters() {
 run_tests() {
   empty_counters
   ctest --test-dir "$build" -L 'unit|fault|property|lab|system|browser' -j "$jobs" \
-    --output-on-failure --no-tests=error
+    --output-on-failure --no-tests=error || {
+    echo 'coverage: tests failed; the figures below are of a run that is not whole'
+    status=1
+  }
   find "$build" -name '*.gcda' -empty -delete
 }
 
@@ -60,13 +63,13 @@ figure() {
   [ -z "$marked" ] || printf '%s\n' "$marked"
 }
 
+status=0
 if [ "${1:-}" != figures ]; then
   scripts/packages.sh install coverage
   configure
   cmake --build "$build"
   run_tests
 fi
-status=0
 figure library infra/convert_libs/comps/libdatamorph 100
 figure lab infra/platform/lab 90
 figure command-line tools/datamorph 90

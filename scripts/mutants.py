@@ -430,6 +430,7 @@ class Worker:
         """What became of a mutant: a word, and what killed it."""
         header = mutant.file.endswith(".h")
         sources, tests = includers(mutant.file) if header else ([mutant.file], [])
+        tests = [source for source in tests if source in self.program.test_objects]  # added to the tree since
         path = self.folder / "src" / mutant.file
         path.write_text(mutant.changed_source())
         try:

@@ -20,7 +20,7 @@ configure() {
   gcc -O1 -fPIC -Wall -Wextra -Werror -DCOVERAGE_BUILD="\"$build\"" \
     -c tests/coverage/counters.c -o "$build/counters.o"
   flags='--coverage -fprofile-update=prefer-atomic'
-  linked="$build/counters.o -Wl,--wrap=open -Wl,--wrap=_exit -Wl,--wrap=_Exit"
+  linked="$build/counters.o -Wl,--wrap=open -Wl,--wrap=close -Wl,--wrap=_exit -Wl,--wrap=_Exit"
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DDATAMORPH_BENCH=OFF \
     -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" \
     -DCMAKE_C_FLAGS_DEBUG=-O0 -DCMAKE_CXX_FLAGS_DEBUG=-O0 \

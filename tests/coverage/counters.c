@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 int __real_open(const char *path, int flags, ...);
+int __real_close(int fd);
 _Noreturn void __real__exit(int status);
 _Noreturn void __real__Exit(int status);
 int __wrap_open(const char *path, int flags, ...);
+int __wrap_close(int fd);
 _Noreturn void __wrap__exit(int status);
 _Noreturn void __wrap__Exit(int status);
 void __gcov_dump(void);
@@ -25,7 +27,7 @@ __attribute__((constructor(101))) static void open_build(void) {
   const int folder = __real_open(COVERAGE_BUILD, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (folder >= 0) {
     g_build = fcntl(folder, F_DUPFD_CLOEXEC, k_lowest_descriptor);
-    close(folder);
+    __real_close(folder);
   }
 }
 
@@ -45,6 +47,11 @@ int __wrap_open(const char *path, int flags, ...) {
     return openat(g_build, path + sizeof k_build - 1, flags, mode);
   }
   return __real_open(path, flags, mode);
+}
+
+// Who closes all folders before it works in another root closes this one last, by its end.
+int __wrap_close(int fd) {
+  return fd >= 0 && fd == g_build ? 0 : __real_close(fd);
 }
 
 void __wrap__exit(int status) {

@@ -1,6 +1,10 @@
 # The human's door. Each target is one command; what it needs is installed by the scripts.
 .POSIX:
 PREFIX = /usr/local
+SEED = 1
+COUNT = 300
+JOBS = 2
+FILES =
 
 help:
 	@echo 'make demo      build, and convert a lab switch (installs what is missing)'
@@ -10,6 +14,8 @@ help:
 	@echo 'make valgrind  the library'\''s tests in random order and the command line, under valgrind'
 	@echo 'make widths    the same inputs in 64 and in 32 bits'
 	@echo 'make fuzz      SECONDS=N or RUNS=M for each fuzz target; TARGETS names some of them'
+	@echo 'make coverage  branches that the tests take, library, lab and command line'
+	@echo 'make mutants   the unit tests on COUNT changed libraries, chosen by SEED'
 	@echo 'make lint      format, static analysis, layering'
 	@echo 'make install   into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo 'make clean     remove what was built'
@@ -33,8 +39,16 @@ valgrind:
 
 widths:
 	scripts/widths.sh $(SEEDS)
+
 fuzz:
 	SECONDS='$(SECONDS)' RUNS='$(RUNS)' scripts/fuzz.sh $(TARGETS)
+
+coverage:
+	scripts/coverage.sh
+
+mutants:
+	scripts/packages.sh install mutants
+	scripts/mutants.py --seed $(SEED) --count $(COUNT) --jobs $(JOBS) --files '$(FILES)'
 
 lint:
 	scripts/lint.sh
@@ -43,9 +57,7 @@ install: build
 	cmake --install build --prefix '$(PREFIX)'
 
 clean:
-	rm -rf build build-debug build-sanitized build-x86-32 build-valgrind
+	rm -rf build build-debug build-sanitized build-x86-32 build-valgrind build-fuzz build-coverage \
+	  build-mutants build-crashes
 
-.PHONY: help demo test build bench lint valgrind widths install clean
-	rm -rf build build-debug build-sanitized build-x86-32 build-fuzz
-
-.PHONY: help demo test build bench fuzz lint install clean
+.PHONY: help demo test build bench valgrind widths fuzz coverage mutants lint install clean

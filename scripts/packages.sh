@@ -4,24 +4,21 @@
 #   scripts/packages.sh install SET    installs what is missing of a set (with sudo when not root)
 #   scripts/packages.sh list SET       prints it
 #
-# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks), valgrind
-# (test and valgrind).
-# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks),
-# fuzz (test and the fuzzers).
+# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks); fuzz,
+# coverage, mutants and valgrind (test, and what the scripts of that name use).
 set -eu
 
 demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash-dev
   libcli11-dev nlohmann-json3-dev libsmartcols-dev scdoc'
 test="$demo libgtest-dev librapidcheck-dev chromium zsh groff-base"
 ci="$test git g++-multilib googletest clang-format clang-tidy cppcheck"
+fuzz="$test clang libclang-rt-14-dev llvm"
+coverage="$test gcovr"
+mutants="$test python3 lld"
 valgrind="$test valgrind"
 
 usage() {
-  echo "usage: scripts/packages.sh install|list demo|test|ci|valgrind" >&2
-fuzz="$test clang libclang-rt-14-dev llvm"
-
-usage() {
-  echo "usage: scripts/packages.sh install|list demo|test|ci|fuzz" >&2
+  echo "usage: scripts/packages.sh install|list demo|test|ci|fuzz|coverage|mutants|valgrind" >&2
   exit 64
 }
 
@@ -32,6 +29,8 @@ case $2 in
   ci) set_of_packages=$ci ;;
   valgrind) set_of_packages=$valgrind ;;
   fuzz) set_of_packages=$fuzz ;;
+  coverage) set_of_packages=$coverage ;;
+  mutants) set_of_packages=$mutants ;;
   *) usage ;;
 esac
 

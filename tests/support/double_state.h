@@ -25,9 +25,12 @@ public:
 
   void *give_bytes(const std::string &bytes);
   pss_datum_t *give_datum(const std::string &bytes);
+  pss_datum_t *give_datum_without_bytes(uint32 size);
   void take_back();
 
 private:
+  pss_datum_t *make_datum(void *bytes, size_t size);
+
   pss_datum_t *datum_ = nullptr;
   void *bytes_ = nullptr;
   size_t size_ = 0;
@@ -36,6 +39,7 @@ private:
 struct scripted_answer {
   syserr_t status = 0;              // errno for the mts_ functions
   std::optional<std::string> bytes; // of the result
+  std::optional<uint32> missing;    // size of a result whose bytes are nowhere
   std::optional<syserr_t> handles;  // of pss2_move2location
 };
 

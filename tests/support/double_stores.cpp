@@ -85,6 +85,9 @@ pss_datum_t *read(generation made_by, const char *function, uint32 service,
   put_status(status, result);
   loan &last = state.loans[{service, function}];
   last.take_back();
+  if (answer && answer->missing) {
+    return last.give_datum_without_bytes(*answer->missing);
+  }
   return result == SYSERR_SUCCESS && found ? last.give_datum(*found) : nullptr;
 }
 

@@ -35,6 +35,12 @@ scripted_answer with_bytes(const std::string &bytes) {
   return made;
 }
 
+scripted_answer with_missing(uint32 size) {
+  scripted_answer made;
+  made.missing = size;
+  return made;
+}
+
 scripted_answer with_handles(syserr_t status) {
   scripted_answer made;
   made.handles = status;
@@ -64,14 +70,21 @@ void *loan::give_bytes(const std::string &bytes) {
 }
 
 pss_datum_t *loan::give_datum(const std::string &bytes) {
-  void *copied = give_bytes(bytes);
+  return make_datum(give_bytes(bytes), bytes.size());
+}
+
+pss_datum_t *loan::give_datum_without_bytes(uint32 size) {
+  take_back();
+  return make_datum(nullptr, size);
+}
+
+pss_datum_t *loan::make_datum(void *bytes, size_t size) {
   datum_ = static_cast<pss_datum_t *>(scarce_malloc::always(sizeof(*datum_)));
   if (datum_ == nullptr) {
     std::perror("platform_double");
     std::abort();
   }
-  datum_->ptr = copied;
-  datum_->siz = static_cast<uint32>(bytes.size());
+  *datum_ = {bytes, static_cast<uint32>(size)};
   return datum_;
 }
 
@@ -250,6 +263,10 @@ void platform_double::answer(const std::string &function, const std::string &byt
 void platform_double::answer_from(const std::string &function, const std::string &bytes,
                                   unsigned nth) {
   add_script(state_->scripts, function, nth, true, with_bytes(bytes));
+}
+
+void platform_double::answer_without_bytes(const std::string &function, uint32 size, unsigned nth) {
+  add_script(state_->scripts, function, nth, false, with_missing(size));
 }
 
 void platform_double::answer_null(const std::string &function, unsigned nth) {

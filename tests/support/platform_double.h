@@ -86,6 +86,8 @@ public:
   // pss_getvalue, pss2_fetch, pss2_getkey, pss2_getvalue, mts_payload_get, srg_sw_ver_file_get).
   void answer(const std::string &function, const std::string &bytes, unsigned nth = 1);
   void answer_from(const std::string &function, const std::string &bytes, unsigned nth = 1);
+  // Status 0 and a datum of that size with a null pointer, from the functions that give a datum.
+  void answer_without_bytes(const std::string &function, uint32 size, unsigned nth = 1);
   // Status 0 and nothing: a null result, or a write that is reported as done but is not.
   void answer_null(const std::string &function, unsigned nth = 1);
   void answer_null_from(const std::string &function, unsigned nth = 1);

@@ -141,7 +141,7 @@ TEST_F(known_records, tags_of_any_bytes) {
 
 // ---- The port index manager and the port manager -----------------------------------------------
 
-constexpr char indices[] = "nonvolatile:/cfg/0/pixm_runtime_info";
+constexpr char index_store[] = "nonvolatile:/cfg/0/pixm_runtime_info";
 
 TEST_F(known_records, forwarding_indices) {
   const auto index = [](bool q8, const std::vector<nlohmann::json> &items) {
@@ -153,36 +153,36 @@ TEST_F(known_records, forwarding_indices) {
   };
   const char *key = "36000010010102";
 
-  EXPECT_EQ(decoded(indices, key,
+  EXPECT_EQ(decoded(index_store, key,
                     "1100000001000100"
                     "02000500"
                     "00000000fd"),
             index(true, {item(2, 5)}));
-  EXPECT_EQ(decoded(indices, key,
+  EXPECT_EQ(decoded(index_store, key,
                     "1100000001000100"
                     "02000500"
                     "00000000fc"),
             index(false, {item(2, 5)}));
-  EXPECT_EQ(decoded(indices, key,
+  EXPECT_EQ(decoded(index_store, key,
                     "1100000001000100"
                     "03000500"
                     "00000000fd"),
             index(false, {item(3, 5)}));
   // Too short for the kind of LTL; one more behind it has it; bytes behind the array do not count.
-  EXPECT_EQ(decoded(indices, key,
+  EXPECT_EQ(decoded(index_store, key,
                     "1000000001000100"
                     "02000400"
                     "00000000"
                     "fd"),
             index(false, {item(2, 4)}));
-  EXPECT_EQ(decoded(indices, key,
+  EXPECT_EQ(decoded(index_store, key,
                     "1900000002000100"
                     "02000400"
                     "00000000"
                     "02000500"
                     "00000000fd"),
             index(true, {item(2, 4), item(2, 5)}));
-  EXPECT_EQ(decoded(indices, key, "0800000000000100"), index(false, {}));
+  EXPECT_EQ(decoded(index_store, key, "0800000000000100"), index(false, {}));
 }
 
 TEST_F(known_records, forwarding_indices_that_are_cut) {
@@ -193,7 +193,7 @@ TEST_F(known_records, forwarding_indices_that_are_cut) {
                             "1200000001000100"
                             "02000500"
                             "00000000fd"}) {
-    EXPECT_EQ(decoded(indices, key, value), damaged) << value;
+    EXPECT_EQ(decoded(index_store, key, value), damaged) << value;
   }
   damaged["q8"] = false;
   damaged["tlvs"] = nlohmann::json::array();
@@ -204,12 +204,12 @@ TEST_F(known_records, forwarding_indices_that_are_cut) {
         "00000000fd",
         "0a00000001000100"
         "0200"}) {
-    EXPECT_EQ(decoded(indices, key, value), damaged) << value;
+    EXPECT_EQ(decoded(index_store, key, value), damaged) << value;
   }
   // What stands before the cut counts, here and for its conversion.
   damaged["q8"] = true;
   damaged["tlvs"] = nlohmann::json::array({{{"type", 2}, {"length", 5}}});
-  EXPECT_EQ(decoded(indices, key,
+  EXPECT_EQ(decoded(index_store, key,
                     "1300000002000100"
                     "02000500"
                     "00000000fd"
@@ -220,11 +220,11 @@ TEST_F(known_records, forwarding_indices_that_are_cut) {
 TEST_F(known_records, cached_keys_have_any_value) {
   const nlohmann::json known = {{"kind", "DUAG cache record"}, {"cache_key", "0001000000ff"}};
 
-  EXPECT_EQ(decoded(indices, "3a0001000000ff", "da100000"), known);
-  EXPECT_EQ(decoded(indices, "3a0001000000ff", ""), known);
+  EXPECT_EQ(decoded(index_store, "3a0001000000ff", "da100000"), known);
+  EXPECT_EQ(decoded(index_store, "3a0001000000ff", ""), known);
   for (const char *key : {"", "3a", "3a0001000000", "3a000100000000ff", "36", "360000100101",
                           "3600001001010200", "3b000100000001"}) {
-    EXPECT_EQ(decoded(indices, key, "0800000000000100"), nlohmann::json()) << key;
+    EXPECT_EQ(decoded(index_store, key, "0800000000000100"), nlohmann::json()) << key;
   }
   EXPECT_EQ(decoded("volatile:/cfg/0/pixm_runtime_info", "3a000100000001", ""), nlohmann::json());
 }
@@ -265,7 +265,7 @@ TEST_F(known_records, ports_and_indices_in_words) {
     return run({"store", "show", "sw", uri}).out;
   };
 
-  const std::string all = text(indices);
+  const std::string all = text(index_store);
   EXPECT_NE(all.find(" LTL record: ltl 0x000010da, vdc 1, Q8 yes, TLV 1 of 4 bytes, TLV 2 of 52 "
                      "bytes\n"),
             std::string::npos)

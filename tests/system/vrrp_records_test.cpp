@@ -6,30 +6,30 @@ namespace {
 constexpr char manager[] = "nonvolatile:/cfg/startup/bin/vrrp-cfg_config_sav";
 constexpr char engine[] = "nonvolatile:/cfg/startup/bin/vrrp-eng_runtime_config";
 
-constexpr char vr_key[] = "01"                                       // type
-                          "00000001"                                 // addr_type
-                          "0a"                                       // vr_id
-                          "1a000000";                                // ifindex
-constexpr char old_vr[] = "0000001a"                                 // ifindex
-                          "0a"                                       // vr_id
-                          "01000000"                                 // addr_type
-                          "01000000"                                 // admin
-                          "64000000"                                 // prio
-                          "01000000"                                 // primary_ip: type
-                          "0a010101000000000000000000000000"         // primary_ip: address
-                          "02000000"                                 // auth
-                          "73656372657400000000000000000000"         // key
-                          "03000000"                                 // adv
-                          "01000000"                                 // preempt
-                          "05000000"                                 // track_prio
-                          "0010001a"                                 // track_intf
-                          "07000000"                                 // spi
-                          "08000000"                                 // row_status
-                          "00000000";                                // owner
-constexpr char added[] = "11000000"                                  // lower_threshold_prio
-                         "22000000"                                  // upper_threshold_prio
-                         "01000000"                                  // forwarding_state
-                         "a0a1a2a3a4a5a6a7a8a9b0b1b2b3b4b5b6b7b8b9"; // reserved
+constexpr char vr_key[] = "01"                                             // type
+                          "00000001"                                       // addr_type
+                          "0a"                                             // vr_id
+                          "1a000000";                                      // ifindex
+constexpr char old_vr[] = "0000001a"                                       // ifindex
+                          "0a"                                             // vr_id
+                          "01000000"                                       // addr_type
+                          "01000000"                                       // admin
+                          "64000000"                                       // prio
+                          "01000000"                                       // primary_ip: type
+                          "0a010101000000000000000000000000"               // primary_ip: address
+                          "02000000"                                       // auth
+                          "73656372657400000000000000000000"               // key
+                          "03000000"                                       // adv
+                          "01000000"                                       // preempt
+                          "05000000"                                       // track_prio
+                          "0010001a"                                       // track_intf
+                          "07000000"                                       // spi
+                          "08000000"                                       // row_status
+                          "00000000";                                      // owner
+constexpr char engine_part[] = "11000000"                                  // lower_threshold_prio
+                               "22000000"                                  // upper_threshold_prio
+                               "01000000"                                  // forwarding_state
+                               "a0a1a2a3a4a5a6a7a8a9b0b1b2b3b4b5b6b7b8b9"; // reserved
 
 constexpr char vip_key[] = "02"                                // type
                            "00000002"                          // addr_type
@@ -45,8 +45,8 @@ constexpr char old_vip[] = "0010001a"                          // ifindex
 constexpr char vip_reserved[] = "c0c1c2c3c4c5c6c7c8c9d0d1d2d3d4d5d6d7d8d9";
 
 constexpr char global_key[] = "04000000";
-constexpr char global_info[] = "01"
-                               "0000000000000000000000000000000000000000";
+constexpr char global_value[] = "01"
+                                "0000000000000000000000000000000000000000";
 
 struct shown_record {
   std::string text; // below "MEANING" in the table; empty without that column
@@ -115,7 +115,7 @@ TEST_F(vrrp_records, a_virtual_router_before_4_2) {
 }
 
 TEST_F(vrrp_records, a_virtual_router_of_4_2) {
-  const shown_record found = shown(vr_key, std::string(old_vr) + added, engine);
+  const shown_record found = shown(vr_key, std::string(old_vr) + engine_part, engine);
 
   EXPECT_EQ(found.text,
             "VR record: layout 4.2(1), ifindex 0x1a000000, vr_id 10, addr_type "
@@ -160,7 +160,7 @@ TEST_F(vrrp_records, an_address_in_either_layout) {
 }
 
 TEST_F(vrrp_records, the_global_info) {
-  const shown_record found = shown(global_key, global_info);
+  const shown_record found = shown(global_key, global_value);
 
   EXPECT_EQ(found.text, "VRRP global info: vrrp_enabled yes, reserved "
                         "0000000000000000000000000000000000000000\n");
@@ -192,7 +192,7 @@ protected:
   // One field of the virtual router with other bytes at this offset, as JSON and as text.
   void expect_field(const char *name, size_t offset, const std::string &bytes,
                     const nlohmann::json &value, const std::string &text) {
-    std::string changed = std::string(old_vr) + added;
+    std::string changed = std::string(old_vr) + engine_part;
     changed.replace(2 * offset, bytes.size(), bytes);
     const shown_record found = shown(vr_key, changed, engine);
     EXPECT_EQ(found.decoded[name], value) << name;
@@ -255,7 +255,7 @@ TEST_F(vrrp_fields, addresses) {
 // ---- What is wrong -----------------------------------------------------------------------------
 
 TEST_F(vrrp_records, values_of_no_layout) {
-  const std::string whole = std::string(old_vr) + added;
+  const std::string whole = std::string(old_vr) + engine_part;
   const std::string key = ", key (type 1, ifindex 0x1a000000, vr_id 10, addr_type "
                           "INET_ADDR_TYPE_IPV4), damaged\n";
   const std::pair<size_t, const char *> rows[] = {
@@ -317,7 +317,7 @@ TEST_F(vrrp_records, keys_of_addresses_that_disagree) {
                   "), layout of every release, ifindex 0x1a001000, vr_id 20, inet_addr fe80::1, "
                   "virtual yes, row_status 4\n");
   }
-  EXPECT_EQ(shown("04010000", global_info).text,
+  EXPECT_EQ(shown("04010000", global_value).text,
             "VRRP global info: key disagrees, key (type 260), vrrp_enabled yes, reserved "
             "0000000000000000000000000000000000000000\n");
 }
@@ -329,7 +329,7 @@ TEST_F(vrrp_records, keys_of_another_length) {
   EXPECT_EQ(found.decoded["vr_id"], 10);
   EXPECT_EQ(shown("02", "").text,
             "VIP record: 0 bytes, neither 33 nor 53, key of 1 byte, not 26, damaged\n");
-  EXPECT_EQ(shown("0400000000", global_info)
+  EXPECT_EQ(shown("0400000000", global_value)
                 .text.find("VRRP global info: key of 5 bytes, not 4, vrrp_enabled yes, "),
             0u);
 }

@@ -39,6 +39,13 @@ const char *const k_versions =
 const char *const k_start = "cond_srv1_data_morph_gsync: Start creating dummy pss "
                             "volatile:/cfg/0/cond_srv_config\n";
 
+TEST_F(conditional_test, the_start_is_told_before_the_store_goes) {
+  std::string last;
+  platform.before("pss_destroy", [&last] { last = log_lines().back(); });
+  plant();
+  EXPECT_EQ(k_start, last);
+}
+
 TEST_F(conditional_test, the_store_is_planted) {
   EXPECT_EQ(lines_t({k_args, k_versions, k_start,
                      "cond_srv1_data_morph_gsync: Done creating dummy pss "

@@ -45,6 +45,9 @@ const auto g_set_reasons_at_start =
     std::count_if(upgrade_port_state_reason_table, upgrade_port_state_reason_table + 256,
                   [](uint32 reason) { return reason != 0; });
 
+const auto g_transition_at_start = ethpm_get_issu_transition();
+const auto g_action_at_start = ethpm_get_pss_action();
+
 // As the process started: nothing marked, no table filled.
 void forget_process() {
   for (ethpm_pss_type_t *request :
@@ -91,6 +94,8 @@ TEST_F(ethpm_test, tables_are_filled_when_they_are_asked_for) {
   for (const uint32 *table : {upgrade_port_state_reason_table, downgrade_port_state_reason_table}) {
     EXPECT_EQ(256, std::count(table, table + 256, 0u));
   }
+  std::memset(upgrade_port_state_reason_table, 0xee, sizeof upgrade_port_state_reason_table);
+  std::memset(downgrade_port_state_reason_table, 0xee, sizeof downgrade_port_state_reason_table);
   ethpm_init_port_state_reason_tables();
   for (int reason = 0; reason < 256; ++reason) {
     EXPECT_EQ(k_up[reason], upgrade_port_state_reason_table[reason]) << reason;
@@ -620,20 +625,21 @@ TEST_F(ethpm_walk_test, several_requests_share_a_value_that_is_read_once) {
 
 // A value that cannot be read skips the request only: the next one reads it again.
 TEST_F(ethpm_walk_test, a_value_that_cannot_be_read_is_read_again_by_the_next_request) {
-  for (const bool null : {false, true}) {
+  const std::function<void()> failures[] = {
+      [this] { platform.fail("pss2_getvalue", 0x4048000B); },
+      [this] { platform.answer_null("pss2_getvalue"); },
+      [this] { platform.answer_without_bytes("pss2_getvalue", 2); },
+  };
+  for (const auto &fail : failures) {
     platform.reset();
     platform.set_store(k_cfg, {{"k1", "v1"}, {"k2", "v2"}});
     ethpm_pss_type_t list[] = {request_of("one", accept_update),
                                request_of("two", accept_sometimes)};
     g_accepts = true;
     g_handled.clear();
-    if (null) {
-      platform.answer_null("pss2_getvalue");
-    } else {
-      platform.fail("pss2_getvalue", 0x4048000B);
-    }
+    fail();
     walk(list, 2);
-    EXPECT_EQ(lines_t({"11 k1=v1", "21 k2=v2", "11 k2=v2"}), g_handled) << null;
+    EXPECT_EQ(lines_t({"11 k1=v1", "21 k2=v2", "11 k2=v2"}), g_handled);
     EXPECT_EQ(3u, platform.calls("pss2_getvalue").size());
   }
 }
@@ -796,6 +802,16 @@ TEST_F(ethpm_walk_test, every_failing_call_of_a_rewrite) {
   }
 }
 
+TEST_F(ethpm_walk_test, records_of_any_size_are_rewritten_whole) {
+  for (const size_t size : {0, 1, 7, 30, 79, 80, 1000, 500000}) {
+    forget_process();
+    const std::string rest(size, 'r');
+    platform.set_store(k_info, {{runtime_key(1), runtime(124) + rest}});
+    gsync("4.2(2)", "4.1(3)");
+    EXPECT_EQ(records_t({{runtime_key(1), runtime(143) + rest}}), platform.records(k_info)) << size;
+  }
+}
+
 // A record that no copy can be made of stays, and the walk goes on.
 TEST_F(ethpm_walk_test, a_rewrite_without_memory) {
   for (unsigned nth = 1; nth <= 4; ++nth) { // the copies of a key and a value
@@ -855,6 +871,22 @@ TEST_F(ethpm_walk_test, a_large_key_that_there_is_no_memory_for) {
     EXPECT_EQ(row.left, platform.records(k_cfg)) << row.nth;
     EXPECT_TRUE(platform.open_handles().empty());
   }
+}
+
+// A key that neither goes nor gives way to another one ends the walk at once. It is the fourth,
+// which the guard against circles does not hold yet when it comes again.
+TEST_F(ethpm_walk_test, a_key_that_stays_under_the_cursor_ends_the_walk) {
+  platform.set_store(k_cfg, {{config_key(1), "a"},
+                             {config_key(2), "b"},
+                             {config_key(3), "c"},
+                             {config_key(4), "d"},
+                             {config_key(5), "e"}});
+  platform.answer_null_from("pss2_delete", 4);
+  platform.answer_from("pss2_getkey", config_key(4), 4);
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_EQ(6u, platform.calls("pss2_getkey").size()); // four, after the deletion, after the step
+  EXPECT_EQ(4u, platform.calls("pss2_delete").size());
+  EXPECT_TRUE(platform.open_handles().empty());
 }
 
 // Only one status of a location means that there is no such record.
@@ -999,6 +1031,20 @@ TEST(circle_guard_test, a_circle_of_any_length_is_noticed_and_a_line_is_none) {
     const exact key(std::to_string(step));
     EXPECT_FALSE(guard.has_met(key.datum));
   }
+}
+
+TEST(circle_guard_test, without_memory_for_its_key_it_holds_none) {
+  datamorph_circle_guard guard;
+  const exact key(std::string(65, 'k'));
+  scarce_malloc::refuse_nth(1);
+  EXPECT_FALSE(guard.has_met(key.datum));
+  EXPECT_TRUE(scarce_malloc::relieve());
+  EXPECT_FALSE(guard.has_met(exact("").datum)); // what it would hold if it held nothing
+}
+
+TEST_F(ethpm_walk_test, getters_before_any_conversion) {
+  EXPECT_EQ(0u, static_cast<uint32>(g_transition_at_start));
+  EXPECT_EQ(0u, static_cast<uint32>(g_action_at_start));
 }
 
 TEST_F(ethpm_walk_test, getters_follow_the_request_in_hand) {

@@ -109,6 +109,15 @@ TEST_F(feature_test, a_fetch_that_gives_nothing_is_not_enabled) {
   }
 }
 
+TEST_F(feature_test, a_fetch_without_bytes_is_not_enabled) {
+  for (const feature_row &feature : k_features) {
+    enable(feature, "01 00 00 00");
+    platform.answer_without_bytes("pss_fetch", 4);
+    EXPECT_EQ(lines_t({uri_line(feature), feature.not_enabled}), ask(feature));
+    EXPECT_EQ(0, running);
+  }
+}
+
 TEST_F(feature_test, a_store_without_the_key) {
   for (const feature_row &feature : k_features) {
     platform.reset();

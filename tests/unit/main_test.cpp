@@ -16,6 +16,8 @@ extern "C" syserr_t __real_ike_data_morph_startup(const char *, const char *, co
 
 namespace {
 
+const mts_q_handle_t g_queue_at_start = datamorph_mts_q;
+
 std::vector<std::string> g_ike_calls;
 syserr_t g_ike_status = 0;
 
@@ -110,6 +112,10 @@ std::vector<std::pair<uint32, decltype(row_t::fn)>> rows(const row_t *table) {
 }
 
 // ---- Tables
+
+TEST_F(main_test, there_is_no_queue_before_the_initialization) {
+  EXPECT_EQ(0, g_queue_at_start);
+}
 
 TEST_F(main_test, gsync_table) {
   const decltype(rows(data_morph_gsync_table)) expected = {

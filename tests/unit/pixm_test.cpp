@@ -4,7 +4,10 @@
 
 #include "libdatamorph_private.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "support/library_fixture.h"
 #include "support/port_tables.h"
@@ -802,6 +805,16 @@ TEST_F(pixm_test, a_failed_leg_does_not_stop_the_next) {
   const lines_t lines = convert("4.1(1)", "4.2(3)");
   EXPECT_TRUE(has_line(lines, "Error: status = 0x0\n"));
   EXPECT_TRUE(platform.records(k_store).empty());
+}
+
+TEST_F(pixm_test, a_traced_key_leaves_errno_alone) {
+  ASSERT_EQ(0, mkdir("/mnt/pss/data_morph.log", 0700)); // the log's own failure shows in errno
+  const uint8 key[7] = {};
+  captured_stderr([&key] {
+    errno = EXDEV;
+    EXPECT_EQ(0u, pixm_print_pss_key("key", key));
+    EXPECT_EQ(EXDEV, errno);
+  });
 }
 
 } // namespace

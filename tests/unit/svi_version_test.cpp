@@ -1,4 +1,4 @@
-// SVI's converter where the comparison of releases fails, which no release makes it do by itself.
+// Converters where the comparison of releases fails, which no release makes it do by itself.
 
 #include "libdatamorph.h"
 
@@ -51,6 +51,22 @@ TEST_F(svi_version_test, an_error_of_the_second_comparison_ends_it_with_0) {
 TEST_F(svi_version_test, there_are_two_comparisons) {
   EXPECT_LT(3u, convert(2).size());
   EXPECT_FALSE(platform.calls().empty());
+}
+
+// The port index manager's goes on with its next leg.
+TEST_F(svi_version_test, a_leg_whose_releases_cannot_be_compared_is_left_out) {
+  const lines_t lines = traced([] {
+    g_good_comparisons = 1; // the leg's first one is
+    EXPECT_EQ(0u, pixm_data_morph_gsync("/cfg", "system", "4.2(3)", "4.2(3)"));
+    g_good_comparisons = -1;
+  });
+  ASSERT_EQ(10u, lines.size());
+  EXPECT_EQ("Error: 0x80abcdef to_comp:-2 to_ver:4.2(3) to_ref:4.1(2)\n", lines[2]);
+  EXPECT_EQ("Error: 0x80abcdef in pixm_compare_img_ver\n", lines[5]);
+  EXPECT_EQ("ISSU Leg DUAG Cache Cleanup From: =>4.2.3 --> To: <=4.2.2: No issu conversion reqd "
+            "from 4.2(3) to 4.2(3)\n",
+            lines[9]);
+  EXPECT_TRUE(platform.calls().empty());
 }
 
 } // namespace

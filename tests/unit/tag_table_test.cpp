@@ -276,6 +276,14 @@ TEST_F(tag_table_test, a_fetch_that_gives_nothing_is_no_table) {
   EXPECT_EQ(table({}), saved());
 }
 
+TEST_F(tag_table_test, a_fetch_without_bytes_is_no_table) {
+  platform.set_store(k_store, {{key(), table({})}});
+  platform.answer_without_bytes("pss_fetch", 8);
+  add(1);
+  EXPECT_EQ(0x40480009u, status);
+  EXPECT_EQ(table({}), saved());
+}
+
 TEST_F(tag_table_test, a_failed_addition_is_returned) {
   platform.set_store(k_store, {{key(), table({k_other})}});
   platform.fail("sysmgr_srv_tag_info_add", 0x401E0077);

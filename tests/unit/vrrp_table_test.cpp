@@ -15,6 +15,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include "support/scarce_malloc.h"
+
 // The address sanitizer's calloc gives null for what it cannot give, as the C library's does.
 extern "C" const char *__asan_default_options();
 extern "C" const char *__asan_default_options() {
@@ -316,6 +318,35 @@ TEST_F(vrrp_table_test, keys_of_any_length) {
   platform.set_store(k_store, records);
   EXPECT_EQ(expected, get(k_both[0], 1, 9));
   EXPECT_EQ(7, count);
+}
+
+TEST_F(vrrp_table_test, a_key_without_bytes_is_the_end) {
+  platform.set_store(k_store, {{bytes("01 01"), "abc"}, {bytes("01 02"), "def"}});
+  platform.answer_without_bytes("pss_move2location", 2);
+  EXPECT_EQ("abc", get(k_both[0], 1, 3)); // not counted, so not copied
+  EXPECT_EQ(0, result);
+  EXPECT_EQ(1, count);
+}
+
+TEST_F(vrrp_table_test, a_value_without_bytes_is_none) {
+  platform.set_store(k_store, {{bytes("01 01"), "abc"}});
+  platform.answer_without_bytes("pss_getvalue", 3);
+  EXPECT_EQ("", get(k_both[0], 1, 3));
+  EXPECT_EQ(2, result);
+  EXPECT_EQ(nullptr, array);
+}
+
+TEST_F(vrrp_table_test, a_large_key_that_there_is_no_memory_for) {
+  platform.set_store(k_store, {{bytes("01") + std::string(64, 'k'), "abc"}});
+  for (const unsigned pass : {1U, 2U}) {
+    platform.before(
+        "pss_move2key", [] { scarce_malloc::refuse_nth(1); }, pass);
+    EXPECT_EQ("", get(k_both[0], 1, 3));
+    EXPECT_TRUE(scarce_malloc::relieve());
+    EXPECT_EQ(3, result) << pass;
+    EXPECT_EQ(nullptr, array);
+    EXPECT_EQ(pass, calls.size() - (pass - 1)) << pass;
+  }
 }
 
 TEST_F(vrrp_table_test, an_empty_key_is_of_no_type) {

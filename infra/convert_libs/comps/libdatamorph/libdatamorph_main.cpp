@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "libdatamorph_private.h"
 #include "platform/mts.h"
@@ -118,6 +119,13 @@ constexpr removal_t k_clis   = {"clis_data_morph_running_fs_upg",   "CLIS",   re
 
 static_assert(MTS_SAP_CLIS == MTS_SAP_CLISH + 1 && MTS_SAP_CLIS_CTRL == MTS_SAP_CLISH + 2,
               "the command line's access points are a run of three");
+
+constexpr bool has_ends(const removal_t &service) {
+  return service.sap[std::size(service.sap) - 1] == 0 &&
+         service.store[std::size(service.store) - 1] == nullptr;
+}
+static_assert(has_ends(k_sksd) && has_ends(k_plugin) && has_ends(k_evms) && has_ends(k_evmc) &&
+              has_ends(k_mvsh) && has_ends(k_smm) && has_ends(k_clis));
 
 constexpr int k_removal_major = 3; // of the release being installed
 constexpr size_t k_uri_size = 256;
@@ -1085,7 +1093,7 @@ change examine(const feature_t &feature, const request_t &request, syserr_t *sta
   }
   int order = 0;
   *status = compare_releases(request.self, request.to_ver, request.from_ver, &order);
-  if (*status != SYSERR_SUCCESS) {
+  if (*status != SYSERR_SUCCESS) { // GCOVR_EXCL_BR_LINE: only a missing release is an error
     return change::error;
   }
   return order == 0 ? change::none : change::some;
@@ -1203,8 +1211,8 @@ syserr_t psec_data_morph_startup(const char *path, const char *pkg_name, const c
 namespace {
 
 void remove_saps(const removal_t &service) {
-  for (size_t i = 0; i < sizeof service.sap / sizeof *service.sap && service.sap[i] != 0; ++i) {
-    mts_sap_destroy(datamorph_mts_q, service.sap[i]);
+  for (const uint32 *sap = service.sap; *sap != 0; ++sap) {
+    mts_sap_destroy(datamorph_mts_q, *sap);
   }
 }
 
@@ -1216,11 +1224,8 @@ void remove_stores(const removal_t &service, const char *path) {
     snprintf(uri, sizeof uri - 1, "%s:%s", "volatile", service.fixed_store);
     pss_destroy(uri);
   }
-  for (const char *store : service.store) {
-    if (store == nullptr) {
-      break;
-    }
-    snprintf(uri, sizeof uri - 1, "%s:%s/%s", "volatile", path, store);
+  for (const char *const *store = service.store; *store != nullptr; ++store) {
+    snprintf(uri, sizeof uri - 1, "%s:%s/%s", "volatile", path, *store);
     pss_destroy(uri);
   }
 }

@@ -1,0 +1,76 @@
+#!/bin/sh
+# Branch coverage of the library, the lab and the command line by their tests, in a build of its own.
+# Exit status 1 when one is below its limit. Not counted are branches that only an exception takes and
+# those that the compiler makes where there is no code (gcovr: throw and unreachable branches), and those
+# that the code marks with GCOVR_EXCL_BR_LINE and the reason; these are counted and listed.
+#
+#   scripts/coverage.sh            builds, runs all tests, prints the figures
+#   scripts/coverage.sh figures    prints those of the last run once more
+#
+# The counters: tests/coverage/counters.c is linked into each program here. It writes them from within
+# other root directories and at _exit. The files are made before the tests, writable for everybody, as
+# some processes have given their rights away. Only what ends by a signal leaves none.
+set -eu
+cd "$(dirname "$0")/.."
+build=$(pwd -P)/build-coverage
+jobs=${JOBS:-$(nproc)}
+
+configure() {
+  mkdir -p "$build"
+  gcc -O1 -fPIC -Wall -Wextra -Werror -DCOVERAGE_BUILD="\"$build\"" \
+    -c tests/coverage/counters.c -o "$build/counters.o"
+  flags='--coverage -fprofile-update=prefer-atomic'
+  linked="$build/counters.o -Wl,--wrap=open -Wl,--wrap=close -Wl,--wrap=_exit -Wl,--wrap=_Exit"
+  cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DDATAMORPH_BENCH=OFF \
+    -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" \
+    -DCMAKE_C_FLAGS_DEBUG=-O0 -DCMAKE_CXX_FLAGS_DEBUG=-O0 \
+    -DCMAKE_EXE_LINKER_FLAGS="$linked" -DCMAKE_SHARED_LINKER_FLAGS="$linked" \
+    -DCMAKE_MODULE_LINKER_FLAGS="$linked"
+}
+
+# An empty file of counters is a new one to the program that writes it.
+empty_counters() {
+  find "$build" -name '*.gcda' -delete
+  find "$build/infra" "$build/tools" "$build/tests" -name '*.gcno' | sed 's/gcno$/gcda/' | while read -r file; do
+    : >"$file"
+    chmod 666 "$file"
+  done
+}
+
+run_tests() {
+  empty_counters
+  ctest --test-dir "$build" -L 'unit|fault|property|lab|system|browser' -j "$jobs" \
+    --output-on-failure --no-tests=error || {
+    echo 'coverage: tests failed; the figures below are of a run that is not whole'
+    status=1
+  }
+  find "$build" -name '*.gcda' -empty -delete
+}
+
+# figure NAME FOLDER LIMIT
+figure() {
+  echo "==== $1 ($2)"
+  gcovr --root . --object-directory "$build" --filter "$2/" --branches -j "$jobs" \
+    --exclude-throw-branches --exclude-unreachable-branches \
+    --txt "$build/$1.txt" --html-details "$build/$1.html" --fail-under-branch "$3" "$build/infra" "$build/tools" || {
+    echo "$1: below $3 % of its branches"
+    status=1
+  }
+  cat "$build/$1.txt"
+  echo "$1: $(awk '$1 == "TOTAL" { print $3 " of " $2 " branches, " $4 }' "$build/$1.txt"), at least $3 % wanted"
+  marked=$(grep -rn 'GCOVR_EXCL' "$2" || true)
+  echo "$1: $(printf '%s' "$marked" | grep -c . || true) lines marked as out of reach"
+  [ -z "$marked" ] || printf '%s\n' "$marked"
+}
+
+status=0
+if [ "${1:-}" != figures ]; then
+  scripts/packages.sh install coverage
+  configure
+  cmake --build "$build"
+  run_tests
+fi
+figure library infra/convert_libs/comps/libdatamorph 100
+figure lab infra/platform/lab 90
+figure command-line tools/datamorph 90
+exit $status

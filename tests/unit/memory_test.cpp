@@ -1,0 +1,81 @@
+// Conversions leave no memory behind, also where no sanitizer looks.
+
+#include <malloc.h>
+
+#include <iterator>
+
+#include "libdatamorph_private.h"
+#include "vrrp_fixture.h"
+
+namespace {
+
+// As the C library counts it; a sanitizer's own allocator does not show here, but tells leaks
+// itself.
+size_t memory_in_use() {
+  return mallinfo2().uordblks;
+}
+
+class memory_test : public vrrp_fixture {
+protected:
+  static constexpr unsigned k_records = 100; // what one of them leaves behind adds up
+  static constexpr size_t k_noise = 1000;    // bytes that the test's own helpers may come to keep
+
+  static std::string number(unsigned value) { return hex(&value, 1); }
+
+  // Both port managers' records, every other one with nothing to change; and keys that need memory.
+  void fill_port_managers() {
+    for (unsigned i = 0; i < k_records; ++i) {
+      platform.put("nonvolatile:/cfg/ethpm_runtime_info", bytes("33 06 1a 00 00" + number(i)),
+                   bytes("01 00 10 00") + "ninebytes" + bytes(i % 2 == 0 ? "7c" : "01"));
+    }
+    for (const size_t size : {100U, 2000U, 4000U}) {
+      platform.put("nonvolatile:/cfg/ethpm_runtime_cfg",
+                   bytes("65 14 1a 00 00 01") + std::string(size, 'k'), "v");
+      platform.put("nonvolatile:/cfg/pixm_runtime_info", std::string(size, 'k'), "v");
+    }
+  }
+
+  void fill_vrrp(const char *store,
+                 std::string (*layout)(const std::string &, const std::string &)) {
+    for (unsigned i = 0; i < k_records; ++i) {
+      platform.put(store, vr_key(number(i), "00 00 00 01"), layout(number(i), "01 00 00 00"));
+      platform.put(store, vip_key(number(i), "00 00 00 01", k_ipv4),
+                   vip(number(i), "01 00 00 00", k_ipv4));
+    }
+    platform.put(store, bytes("ff") + std::string(4000, 'k'), "v");
+  }
+
+  void expect_none_left(const std::function<void()> &fill, const std::function<void()> &convert) {
+    size_t before = 0;
+    for (int turn = 0; turn < 3; ++turn) { // the first ones fill what is kept for good
+      before = memory_in_use();
+      platform.reset();
+      fill();
+      captured_stderr(convert);
+      platform.reset();
+    }
+    EXPECT_LT(memory_in_use(), before + k_noise);
+  }
+};
+
+TEST_F(memory_test, port_managers) {
+  const auto fill = [this] { fill_port_managers(); };
+  expect_none_left(fill, [] { ethpm_data_morph_gsync("/cfg", "system", "4.2(1)", "4.1(5)"); });
+  expect_none_left(fill, [] { ethpm_data_morph_gsync("/cfg", "system", "4.1(5)", "4.2(1)"); });
+  expect_none_left(fill, [] { pixm_data_morph_gsync("/cfg", "system", "4.1(1)", "4.2(3)"); });
+}
+
+TEST_F(memory_test, vrrp) {
+  expect_none_left([this] { fill_vrrp(k_mgr, old_vr); },
+                   [] {
+                     vrrp_mgr_data_morph_startup_for_upgrade("/cfg", "s", "4.2(1)", "4.1(5)");
+                     vrrp_eng_data_morph_startup_for_upgrade("/cfg", "s", "4.2(1)", "4.1(5)");
+                   });
+  expect_none_left([this] { fill_vrrp(k_eng, full_vr); },
+                   [] {
+                     vrrp_eng_data_morph_startup_for_downgrade("/cfg", "s", "4.1(5)", "4.2(1)");
+                     vrrp_mgr_data_morph_startup_for_downgrade("/cfg", "s", "4.1(5)", "4.2(1)");
+                   });
+}
+
+} // namespace

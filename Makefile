@@ -7,6 +7,7 @@ help:
 	@echo 'make test      build, and run all tests (installs what is missing)'
 	@echo 'make build     the release library and command line, under build/'
 	@echo 'make bench     the figures, each beside its floor'
+	@echo 'make crashes   kills, power loss, full and failing disks: COUNT points of each kind, by SEED'
 	@echo 'make lint      format, static analysis, layering'
 	@echo 'make install   into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo 'make clean     remove what was built'
@@ -25,6 +26,11 @@ build:
 bench:
 	scripts/bench.sh
 
+COUNT = 2500
+SEED = 1
+crashes:
+	scripts/crashes.sh $(COUNT) $(SEED)
+
 lint:
 	scripts/lint.sh
 
@@ -34,4 +40,4 @@ install: build
 clean:
 	rm -rf build build-debug build-sanitized build-x86-32
 
-.PHONY: help demo test build bench lint install clean
+.PHONY: help demo test build bench crashes lint install clean

@@ -203,8 +203,9 @@ bool crash_test::expect_whole(const deed &what, bool finished) {
   }
   const disk_tree now = disk();
   for (const auto &[name, text] : now.listing("sw")) {
-    const bool known = name.find('/') != std::string::npos || name == ".lock" ||
-                       name == "current" || name == "previous" || name == "runs";
+    const std::string top = name.substr(0, name.find('/'));
+    const bool known = top == ".lock" || top == "current" || top == "previous" || top == "runs" ||
+                       put_aside_.find("; it is now " + top + "/") != std::string::npos;
     EXPECT_TRUE(known) << name << " is left";
   }
   const bool whole =
@@ -227,6 +228,18 @@ bool crash_test::expect_whole_state(const disk_tree &now, bool finished) {
   EXPECT_EQ(now.digest("sw/previous"), side.digest("sw/previous"));
   return (done || (not_done && !finished)) &&
          now.digest("sw/previous") == side.digest("sw/previous");
+}
+
+// What ended well is in the history as well.
+void crash_test::expect_told() {
+  const disk_tree now = disk();
+  std::string last;
+  for (const auto &[name, text] : now.listing("sw/runs")) {
+    last = name.ends_with("/run.json") ? name : last;
+  }
+  const nlohmann::json record =
+      nlohmann::json::parse(now.content("sw/runs/" + last), nullptr, false);
+  EXPECT_EQ(record.is_object() ? record.value("result", "") : "none", "done") << last;
 }
 
 // Each store is replaced by itself.

@@ -56,6 +56,8 @@ protected:
   // The next command finds the disk whole, tidies up, and says what it must; false, and a failure
   // told, when not. `finished`: the deed ended well before, so its change must be there.
   bool expect_whole(const deed &what, bool finished);
+  // The last run stands in the history as one that ended well.
+  void expect_told();
   // The deed done once more gives what it gives undisturbed.
   void expect_done_again(const deed &what);
 
@@ -69,6 +71,7 @@ protected:
   disk_tree before_;
   disk_tree after_;
   bool logs_count_ = true; // see settled()
+  std::string put_aside_;  // messages: what they name as put aside may stand there
 
 private:
   result recover(const deed &what);

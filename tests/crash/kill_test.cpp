@@ -44,7 +44,7 @@ protected:
   void kill_at_platform_calls(answer_kind how, const deed &what);
 
   size_t count_calls(const deed &what, bool (*counts)(call_kind)) {
-    make_disk(what);
+    restore(before_);
     size_t seen = 0;
     const result done = watched(what.arguments, [&](const file_call &call) {
       seen += counts(call.kind) ? 1 : 0;

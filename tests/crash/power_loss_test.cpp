@@ -68,6 +68,9 @@ void power_loss::try_state(const deed &what, const disk_record &record, const mo
   EXPECT_TRUE(expect_whole(what, finished))
       << what.name << ": seed " << wanted_seed() << ", the power went after " << at.calls << " of "
       << record.calls() << " calls, survival " << static_cast<int>(at.how);
+  if (finished && &what != &import && &what != &creation) {
+    expect_told();
+  }
   if (++tried_ % recovered_every == 0 && &what != &creation && !HasFailure()) {
     expect_done_again(what);
     lose_power_in_recovery(what, tree, finished);

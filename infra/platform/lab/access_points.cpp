@@ -77,7 +77,8 @@ int sap_write(uint32 sap, const sap_entry &entry) {
   }
   const std::string text =
       one_line(entry.owner.substr(0, k_longest_owner)) + "\n" + entry.endpoint + "\n";
-  unique_fd fd(open(scratch.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  unique_fd fd(static_cast<int>(
+      TEMP_FAILURE_RETRY(open(scratch.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644))));
   if (!fd.good() || !write_all(fd.get(), text.data(), text.size()) || !fd.close_now() ||
       rename(scratch.c_str(), file.c_str()) != 0) {
     const int error = errno;

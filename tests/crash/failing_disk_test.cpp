@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using kinds = std::set<call_kind>;
 
-constexpr int short_form = 4; // points per deed and error
+constexpr int short_form = 2; // points per deed and error
 
 const kinds making = {call_kind::open,      call_kind::write,     call_kind::make_folder,
                       call_kind::make_link, call_kind::make_node, call_kind::give_name,

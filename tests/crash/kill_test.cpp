@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int short_form = 8; // points per deed
+constexpr int short_form = 3; // points per deed
 
 // Kills at a call, counted from 0, of those that `counts` says yes to.
 class killer {

@@ -62,7 +62,8 @@ protected:
   void expect_done_again(const deed &what);
 
   // The switch's state, without what tells of the moment: times in logs, and names with process
-  // numbers. `logs` false: without the logs as well.
+  // numbers. `logs` false: without the logs as well, and without the
+  // sockets of queues, which answer nobody any more, where the disk did not let them go.
   static listing settled(const disk_tree &tree, bool logs = true);
 
   // Where they differ, in short; "" where they do not.

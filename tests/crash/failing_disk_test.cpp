@@ -52,6 +52,13 @@ bool is_log(const std::string &path) {
          path.find("tmp/datamorphcheck") != std::string::npos;
 }
 
+// A change that is not whole all the same: the boot of a new switch goes on without a table that it
+// cannot read, as it does with a damaged one, and says so.
+bool is_told(const std::string &messages) {
+  return messages.find(" starts without a tag table: its saved one in the store ") !=
+         std::string::npos;
+}
+
 // Whom an interruption may keep from its work.
 const struct {
   const char *message;
@@ -118,6 +125,9 @@ void failing_disk::fail_during(const deed &what, const failing &how) {
                               std::to_string(ended.status) + "\n" + ended.err;
     EXPECT_TRUE(ended.status == 0 || ended.status == 1 || ended.status == 3) << where;
     EXPECT_TRUE(ended.status == 0 || ended.err.find("datamorph: ") != std::string::npos) << where;
+    if (&what == &creation && is_told(ended.err)) {
+      continue;
+    }
     put_aside_ = ended.err;
     EXPECT_TRUE(expect_whole(what, ended.status == 0)) << where;
     without_effect += ended.status == 0 ? 1 : 0;

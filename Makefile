@@ -2,7 +2,7 @@
 .POSIX:
 PREFIX = /usr/local
 SEED = 1
-COUNT = 300
+COUNT =
 JOBS = 2
 FILES =
 
@@ -16,6 +16,7 @@ help:
 	@echo 'make fuzz      SECONDS=N or RUNS=M for each fuzz target; TARGETS names some of them'
 	@echo 'make coverage  branches that the tests take, library, lab and command line'
 	@echo 'make mutants   the unit tests on COUNT changed libraries, chosen by SEED'
+	@echo 'make crashes   kills, power loss, full and failing disks: COUNT points of each kind, by SEED'
 	@echo 'make lint      format, static analysis, layering'
 	@echo 'make install   into PREFIX ($(PREFIX)), below DESTDIR'
 	@echo 'make clean     remove what was built'
@@ -48,7 +49,10 @@ coverage:
 
 mutants:
 	scripts/packages.sh install mutants
-	scripts/mutants.py --seed $(SEED) --count $(COUNT) --jobs $(JOBS) --files '$(FILES)'
+	count='$(COUNT)'; scripts/mutants.py --seed $(SEED) --count "$${count:-300}" --jobs $(JOBS) --files '$(FILES)'
+
+crashes:
+	scripts/crashes.sh '$(COUNT)' $(SEED)
 
 lint:
 	scripts/lint.sh
@@ -58,6 +62,6 @@ install: build
 
 clean:
 	rm -rf build build-debug build-sanitized build-x86-32 build-valgrind build-fuzz build-coverage \
-	  build-mutants build-crashes
+	  build-mutants
 
-.PHONY: help demo test build bench valgrind widths fuzz coverage mutants lint install clean
+.PHONY: help demo test build bench valgrind widths fuzz coverage mutants crashes lint install clean

@@ -37,26 +37,6 @@ void put(const char *path, const std::string &text) {
   close(fd);
 }
 
-void enter_namespaces() {
-  const uid_t uid = getuid();
-  const gid_t gid = getgid();
-  if (uid == 0) {
-    if (unshare(CLONE_NEWNS) != 0) {
-      fail("cannot unshare", "mounts");
-    }
-  } else {
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-      fail("cannot unshare", "user and mounts (are user namespaces allowed?)");
-    }
-    put("/proc/self/setgroups", "deny");
-    put("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-    put("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
-  }
-  if (mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
-    fail("cannot make private", "/");
-  }
-}
-
 void bind_file(const std::string &root, const char *path) {
   const std::string target = root + path;
   std::ofstream(target).close();
@@ -66,7 +46,7 @@ void bind_file(const std::string &root, const char *path) {
 }
 
 void enter(const std::string &root) {
-  enter_namespaces();
+  own_mounts();
   for (const char *folder : k_folders) {
     fs::create_directories(root + folder);
   }
@@ -107,6 +87,26 @@ void empty(const std::string &folder) {
 }
 
 } // namespace
+
+void own_mounts() {
+  const uid_t uid = getuid();
+  const gid_t gid = getgid();
+  if (uid == 0) {
+    if (unshare(CLONE_NEWNS) != 0) {
+      fail("cannot unshare", "mounts");
+    }
+  } else {
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+      fail("cannot unshare", "user and mounts (are user namespaces allowed?)");
+    }
+    put("/proc/self/setgroups", "deny");
+    put("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+    put("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+  }
+  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    fail("cannot make private", "/");
+  }
+}
 
 int run_inside(int argc, char **argv, int (*run)(int argc, char **argv)) {
   for (int i = 1; i < argc; ++i) {

@@ -13,6 +13,9 @@ namespace switch_root {
 // child's exit status, or its signal. With --gtest_list_tests `run` is called where it stands.
 int run_inside(int argc, char **argv, int (*run)(int argc, char **argv));
 
+// Gives this process mounts of its own, in a user namespace first when not root.
+void own_mounts();
+
 // Empties the root again to what a freshly started switch has: /tmp, /mnt/pss, /bootflash,
 // /dev/shm, /var/run/mts, /images, all empty. Mounts made below them are released; one that
 // a test makes elsewhere it must release itself.

@@ -11,6 +11,7 @@
 #include "layout.h"
 #include "statuses.h"
 #include "text.h"
+#include "tree.h"
 #include "unique_fd.h"
 
 namespace {
@@ -37,12 +38,13 @@ void make_folders(const std::string &path) {
 
 void write_file(const std::string &path, const std::string &content, mode_t mode) {
   make_folders(path.substr(0, std::max<size_t>(path.rfind('/'), 1)));
-  const unique_fd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  const unique_fd file = tree::make_file(AT_FDCWD, path, 0600);
   if (!file.is_open()) {
     failed("the file " + in_quotes(path), errno);
   }
   for (size_t done = 0; done < content.size();) {
-    const ssize_t put = write(file.get(), content.data() + done, content.size() - done);
+    const ssize_t put =
+        TEMP_FAILURE_RETRY(write(file.get(), content.data() + done, content.size() - done));
     if (put <= 0) {
       failed("the file " + in_quotes(path), errno);
     }

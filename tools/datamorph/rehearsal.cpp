@@ -66,7 +66,7 @@ private:
 // What does not fit is not kept; the lines that are shown are the first ones.
 void append(int file, std::string_view text) {
   while (!text.empty()) {
-    const ssize_t put = write(file, text.data(), text.size());
+    const ssize_t put = TEMP_FAILURE_RETRY(write(file, text.data(), text.size()));
     if (put <= 0) {
       return;
     }

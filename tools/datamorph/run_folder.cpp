@@ -23,7 +23,7 @@ constexpr auto log_patience = std::chrono::seconds(60);
 } // namespace
 
 unique_fd run_folder::create(const char *name) const {
-  unique_fd file(openat(folder_.get(), name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  unique_fd file = tree::make_file(folder_.get(), name, 0644);
   if (!file.is_open()) {
     throw failure(exit_failed, "cannot create " + std::string(name) +
                                    " in the run's folder: " + error_text(errno));
@@ -33,7 +33,7 @@ unique_fd run_folder::create(const char *name) const {
 
 bool limited_file::put(std::string_view text) {
   while (!text.empty()) {
-    const ssize_t put = write(file_.get(), text.data(), text.size());
+    const ssize_t put = TEMP_FAILURE_RETRY(write(file_.get(), text.data(), text.size()));
     if (put <= 0) {
       return false;
     }
@@ -61,6 +61,9 @@ std::string run_folder::read(const char *name, size_t limit) const {
 
 void run_folder::replace(const char *name, const std::string &content) const {
   tree::replace_file(folder_.get(), name, content);
+  if (fsync(folder_.get()) != 0) {
+    throw failure(exit_failed, "cannot sync the run's folder: " + error_text(errno));
+  }
 }
 
 void run_folder::write_report(const nlohmann::json &report) const {

@@ -138,7 +138,7 @@ unique_fd scratch_folder::copy(int state, const std::string &name) const {
 }
 
 unique_fd scratch_folder::file(const std::string &name) const {
-  unique_fd made(openat(folder_.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  unique_fd made = tree::make_file(folder_.get(), name, 0600);
   if (!made.is_open() && errno == ENOSPC) {
     throw no_room("no room for a file in " + in_quotes(path_), advice());
   }

@@ -199,7 +199,8 @@ void switch_dir::in_use() const {
 void switch_dir::open_lock_file(access how) {
   constexpr int flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   if (how != access::look) {
-    lock_.reset(openat(folder_.get(), lock_name, flags | O_RDWR | O_CREAT, 0644));
+    lock_.reset(static_cast<int>(
+        TEMP_FAILURE_RETRY(openat(folder_.get(), lock_name, flags | O_RDWR | O_CREAT, 0644))));
   }
   if (!lock_.is_open() && how != access::write) {
     lock_.reset(openat(folder_.get(), lock_name, flags | O_RDONLY));
@@ -457,8 +458,7 @@ unique_fd switch_dir::make_next() const {
   if (tree::exists(folder, next_name)) {
     throw failure(exit_failed, "next/ stands in the way", "move it elsewhere");
   }
-  const unique_fd mark(
-      openat(folder, copy_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  const unique_fd mark = tree::make_file(folder, copy_name, 0644);
   if (!mark.is_open() || fsync(mark.get()) != 0) {
     throw failure(exit_failed, "cannot mark the copy of the state: " + error_text(errno));
   }
@@ -592,6 +592,8 @@ unique_fd switch_dir::make_run(std::string *number) const {
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::snprintf(name, sizeof name, "%04lu", ++last);
     if (mkdirat(runs.get(), name, 0755) == 0) {
+      sync_folder(runs.get());
+      sync_folder(folder_.get());
       *number = name;
       return open_state(runs.get(), name);
     }

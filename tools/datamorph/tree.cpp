@@ -230,7 +230,8 @@ constexpr size_t portion = size_t(1) << 16; // bytes written at once
 
 bool write_content(int file, const std::string &content) {
   for (size_t done = 0; done < content.size();) {
-    const ssize_t put = write(file, content.data() + done, content.size() - done);
+    const ssize_t put =
+        TEMP_FAILURE_RETRY(write(file, content.data() + done, content.size() - done));
     if (put <= 0) {
       return false;
     }
@@ -308,10 +309,14 @@ void copy(int folder, const std::string &from, const std::string &to, const std:
                     (first.empty() ? "cp ended with " + std::to_string(status) : first));
 }
 
+unique_fd make_file(int folder, const std::string &name, mode_t mode) {
+  constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  return unique_fd(static_cast<int>(TEMP_FAILURE_RETRY(openat(folder, name.c_str(), flags, mode))));
+}
+
 void replace_file(int folder, const std::string &name, const std::string &content) {
   const std::string beside = name + "." + std::to_string(getpid()) + ".new";
-  const unique_fd file(
-      openat(folder, beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  const unique_fd file = make_file(folder, beside, 0644);
   if (!file.is_open()) {
     failed("create", beside, errno);
   }
@@ -333,7 +338,7 @@ bool lies_in(const std::string &path, const std::string &folder) {
 
 placed_file::placed_file(const std::string &path)
     : path_(path), beside_(path + "." + std::to_string(getpid()) + ".new"),
-      file_(open(beside_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644)) {
+      file_(make_file(AT_FDCWD, beside_, 0644)) {
   const int error = errno;
   struct stat about = {};
   const bool is_folder = stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include <sys/types.h>
+
 #include "unique_fd.h"
 
 namespace tree {
@@ -31,6 +33,9 @@ void check_room(int folder, const std::string &name, int where, const std::strin
 // the file system can. Throws failure, 3 when the disk is full (`advice` is its next action then)
 // and else 1, the copy then as far as it came.
 void copy(int folder, const std::string &from, const std::string &to, const std::string &advice);
+
+// A new file for reading and writing; not open, and errno says why, when it cannot be made.
+unique_fd make_file(int folder, const std::string &name, mode_t mode);
 
 // Writes a file beside its place, syncs it and puts it there, all or nothing. Throws failure(1).
 void replace_file(int folder, const std::string &name, const std::string &content);

@@ -68,7 +68,8 @@ syserr_t flat_writer::start(uint64_t records) {
   }
   // Under the lock, a scratch file can only be left from a writer that was killed.
   unlink(scratch_.c_str());
-  const int fd = open(scratch_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  const int fd = static_cast<int>(
+      TEMP_FAILURE_RETRY(open(scratch_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)));
   if (fd < 0) {
     return status_of_errno(errno);
   }

@@ -151,7 +151,8 @@ syserr_t check_copied(store_db &from, journal_entry *entry) {
 // The bytes of the store's file; the records are checked while the disk takes them.
 syserr_t copy_bytes(store_db &from, const store_path &path, const std::string &scratch,
                     journal_entry *entry) {
-  unique_fd fd(open(scratch.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+  unique_fd fd(
+      static_cast<int>(TEMP_FAILURE_RETRY(open(scratch.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC))));
   if (!fd.good()) {
     return status_of_errno(errno);
   }

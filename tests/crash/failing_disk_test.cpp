@@ -1,0 +1,298 @@
+// Every call that changes files fails, once and from then on, with what a full, failing or
+// read-only disk gives. The verb says so, or was not touched by it; the switch is wholly before or
+// wholly after, and what ended with 0 is there.
+#include "crash/crash_fixture.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include <fcntl.h>
+
+#include "support/switch_root.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kinds = std::set<call_kind>;
+
+constexpr int short_form = 2; // points per deed and error
+
+const kinds making = {call_kind::open,      call_kind::write,     call_kind::make_folder,
+                      call_kind::make_link, call_kind::make_node, call_kind::give_name,
+                      call_kind::move};
+const kinds syncing = {call_kind::sync, call_kind::sync_data, call_kind::sync_all};
+const kinds changing = {call_kind::resize, call_kind::exchange, call_kind::remove,
+                        call_kind::remove_folder, call_kind::set_mode};
+const kinds opening = {call_kind::open, call_kind::read_folder};
+const kinds interruptible = {call_kind::open, call_kind::write, call_kind::resize};
+
+kinds joined(kinds a, const kinds &b) {
+  a.insert(b.begin(), b.end());
+  return a;
+}
+
+struct failing {
+  const char *name;
+  int error;
+  kinds which;
+};
+
+const failing full = {"ENOSPC", ENOSPC, joined(making, syncing)};
+const failing broken = {"EIO", EIO, joined(joined(making, changing), syncing)};
+const failing read_only = {"EROFS", EROFS, joined(making, changing)};
+const failing no_descriptors = {"EMFILE", EMFILE, opening};
+const failing interrupted = {"EINTR", EINTR, interruptible};
+
+bool is_log(const std::string &path) {
+  return path.find("mnt/pss/data_morph.") != std::string::npos ||
+         path.find("tmp/datamorphcheck") != std::string::npos;
+}
+
+// A change that is not whole all the same: the boot of a new switch goes on without a table that it
+// cannot read, as it does with a damaged one, and says so.
+bool is_told(const std::string &messages) {
+  return messages.find(" starts without a tag table: its saved one in the store ") !=
+         std::string::npos;
+}
+
+// Whom an interruption may keep from its work.
+const struct {
+  const char *message;
+  const char *reason;
+} interruptions[] = {
+    {"cannot copy the switch's state: cp: ", "cp is another program, which does not open again"},
+};
+
+bool may_be_interrupted(const std::string &messages) {
+  return std::any_of(std::begin(interruptions), std::end(interruptions), [&](const auto &one) {
+    return messages.find(one.message) != std::string::npos;
+  });
+}
+
+class failing_disk : public crash_test {
+protected:
+  // Fails at each of the calls in turn, and from each of them on.
+  void fail_during(const deed &what, const failing &how);
+
+  result fail_at(const deed &what, const failing &how, size_t at, bool for_ever) {
+    size_t seen = 0;
+    first_.clear();
+    return watched(what.arguments, [&](const file_call &call) {
+      const bool counts = how.which.count(call.kind) == 1;
+      const size_t number = seen;
+      seen += counts ? 1 : 0;
+      const bool now = counts && (number == at || (for_ever && number > at));
+      if (now && first_.empty()) {
+        first_ = std::string(name_of(call.kind)) + " '" + call.path + "'";
+      }
+      return now ? answer{answer_kind::fail, how.error} : answer();
+    });
+  }
+
+  std::mt19937_64 random_{wanted_seed()};
+  std::string first_; // call that failed
+};
+
+void failing_disk::fail_during(const deed &what, const failing &how) {
+  record_deed(what);
+  logs_count_ = false;
+  restore(before_);
+  size_t calls = 0;
+  watched(what.arguments, [&](const file_call &call) {
+    calls += how.which.count(call.kind);
+    return answer();
+  });
+  // A signal comes once: who is interrupted for ever tries for ever.
+  std::vector<size_t> points(how.error == EINTR ? calls : 2 * calls);
+  for (size_t at = 0; at < points.size(); ++at) {
+    points[at] = at;
+  }
+  std::shuffle(points.begin(), points.end(), random_);
+  const size_t all = points.size();
+  points.resize(std::min(points.size(), static_cast<size_t>(wanted_count(short_form))));
+  size_t without_effect = 0;
+  for (const size_t point : points) {
+    restore(before_);
+    const bool for_ever = point >= calls;
+    const result ended = fail_at(what, how, point % calls, for_ever);
+    const std::string where = std::string(what.name) + ": " + how.name + " at call " +
+                              std::to_string(point % calls) + " of " + std::to_string(calls) +
+                              (for_ever ? " and on: " : ": ") + first_ + ": status " +
+                              std::to_string(ended.status) + "\n" + ended.err;
+    EXPECT_TRUE(ended.status == 0 || ended.status == 1 || ended.status == 3) << where;
+    EXPECT_TRUE(ended.status == 0 || ended.err.find("datamorph: ") != std::string::npos) << where;
+    if (&what == &creation && is_told(ended.err)) {
+      continue;
+    }
+    put_aside_ = ended.err;
+    EXPECT_TRUE(expect_whole(what, ended.status == 0)) << where;
+    without_effect += ended.status == 0 ? 1 : 0;
+    expect_done_again(what);
+    if (how.error == EINTR) {
+      EXPECT_TRUE(ended.status == 0 || may_be_interrupted(ended.err)) << where;
+    }
+    if (HasFailure()) {
+      return;
+    }
+  }
+  std::printf("failing disk: %s: %s at %zu of %zu points, %zu without effect, all hold (seed %u)\n",
+              what.name, how.name, points.size(), all, without_effect, wanted_seed());
+}
+
+struct work {
+  const char *name;
+  const deed *what;
+  const failing *how;
+};
+
+class each_failure : public failing_disk, public testing::WithParamInterface<work> {};
+
+TEST_P(each_failure, leaves_the_switch_whole) {
+  fail_during(*GetParam().what, *GetParam().how);
+}
+
+const work works[] = {
+    {"full_conversion", &conversion, &full},
+    {"broken_conversion", &conversion, &broken},
+    {"read_only_conversion", &conversion, &read_only},
+    {"scarce_conversion", &conversion, &no_descriptors},
+    {"interrupted_conversion", &conversion, &interrupted},
+    {"broken_second_conversion", &second_conversion, &broken},
+    {"full_rollback", &roll_back, &full},
+    {"broken_rollback", &roll_back, &broken},
+    {"read_only_rollback", &roll_back, &read_only},
+    {"scarce_rollback", &roll_back, &no_descriptors},
+    {"interrupted_rollback", &roll_back, &interrupted},
+    {"full_import", &import, &full},
+    {"broken_import", &import, &broken},
+    {"read_only_import", &import, &read_only},
+    {"scarce_import", &import, &no_descriptors},
+    {"interrupted_import", &import, &interrupted},
+    {"full_creation", &creation, &full},
+    {"broken_creation", &creation, &broken},
+    {"read_only_creation", &creation, &read_only},
+    {"scarce_creation", &creation, &no_descriptors},
+    {"interrupted_creation", &creation, &interrupted},
+};
+
+INSTANTIATE_TEST_SUITE_P(disk, each_failure, testing::ValuesIn(works),
+                         [](const auto &one) { return std::string(one.param.name); });
+
+// ---- The log's folder alone --------------------------------------------------------------------
+
+class failing_log : public failing_disk {};
+
+TEST_F(failing_log, changes_no_result) {
+  record_deed(conversion);
+  const std::string shown = run({"store", "export", "disk/sw"}).out;
+  for (const failing &how : {full, broken, read_only, no_descriptors, interrupted}) {
+    restore(before_);
+    size_t failed = 0;
+    const result ended = watched(conversion.arguments, [&](const file_call &call) {
+      const bool now = is_log(call.path) && call.path.find("next/") != std::string::npos &&
+                       call.kind != call_kind::remove && how.which.count(call.kind) == 1;
+      failed += now ? 1 : 0;
+      return now ? answer{answer_kind::fail, how.error} : answer();
+    });
+    EXPECT_EQ(ended.status, 0) << how.name << ended.err;
+    EXPECT_GT(failed, 20U) << how.name;
+    EXPECT_EQ(differences(settled(disk(), false), settled(after_, false)), "") << how.name;
+    EXPECT_EQ(run({"store", "export", "disk/sw"}).out, shown) << how.name;
+  }
+}
+
+// ---- 64 KiB ------------------------------------------------------------------------------------
+
+class tiny_disk : public crash_test {
+protected:
+  void SetUp() override {
+    crash_test::SetUp();
+    write("tiny.json",
+          R"JSON({"name": "tiny", "release": "4.1(5)", "releases": ["4.1(5)", "4.2(1)"],
+        "vdcs": [1], "running_cfg_dir": "/cfg/0",
+        "paths": {"gsync": "/cfg/0", "running-fs": "/cfg/0", "startup": "/cfg/startup"},
+        "package": "system", "files": [], "access_points": [],
+        "stores": [{"uri": "nonvolatile:/cfg/0/vlan_cfg", "records": [{"key": "01", "value": "02"}]}]})JSON");
+    switch_root::mount_small(path("small"), "64k");
+  }
+  // The tiny switch, on the small disk.
+  void put_there() {
+    create("tiny", {"--from", "tiny.json"});
+    disk_tree::read(path("tiny")).write(path("small/sw"));
+    before_ = disk_tree::read(path("small/sw/current"));
+  }
+  void fill() const {
+    std::ofstream file(path("small/filler"));
+    while (file << std::string(4096, 'f') << std::flush) {
+    }
+  }
+  void expect_as_before() {
+    fs::remove(path("small/filler"));
+    EXPECT_EQ(run({"lab", "show", "small/sw"}).status, 0);
+    const disk_tree now = disk_tree::read(path("small/sw/current"));
+    EXPECT_EQ(differences(now.listing(), before_.listing()), "");
+  }
+};
+
+TEST_F(tiny_disk, has_no_room_for_a_switch) {
+  const result ended = run({"lab", "create", "small/sw", "--from", "switch.json"});
+
+  EXPECT_EQ(ended.status, 1);
+  EXPECT_NE(ended.err.find("; its file system is full: make room there\n"), std::string::npos)
+      << ended.err;
+  EXPECT_TRUE(fs::is_empty(path("small")));
+}
+
+TEST_F(tiny_disk, has_no_room_for_a_conversion) {
+  put_there();
+
+  const result ended = run({"convert", "small/sw", "--to", "4.2(1)"});
+
+  EXPECT_EQ(ended.status, 3);
+  EXPECT_NE(ended.err.find("datamorph: 'small/sw': no room for a copy of its state: "),
+            std::string::npos)
+      << ended.err;
+  expect_as_before();
+}
+
+TEST_F(tiny_disk, has_no_room_for_an_import) {
+  put_there();
+
+  const result ended = run({"store", "import", "small/sw", "--file", "stores.json"});
+
+  EXPECT_EQ(ended.status, 1);
+  EXPECT_NE(ended.err.find("0x4048000c (no room left for a store)"), std::string::npos)
+      << ended.err;
+  EXPECT_NE(ended.err.find("some of its stores may have been replaced: import again"),
+            std::string::npos)
+      << ended.err;
+}
+
+TEST_F(tiny_disk, that_is_full_is_not_rolled_back) {
+  put_there();
+  disk_tree::read(path("small/sw/current")).write(path("small/sw/previous"));
+  fill();
+
+  const result ended = run({"rollback", "small/sw", "--yes"});
+
+  EXPECT_TRUE(ended.status == 1 || ended.status == 3) << ended.err;
+  EXPECT_NE(ended.err.find("No space left on device"), std::string::npos) << ended.err;
+  expect_as_before();
+}
+
+TEST_F(tiny_disk, is_no_scratch_folder_for_a_rehearsal) {
+  create("sw", {"--from", "switch.json"});
+  set("TMPDIR", path("small"));
+
+  const result ended = run({"rehearse", "sw", "--to", "4.2(1)"});
+
+  EXPECT_EQ(ended.status, 3);
+  EXPECT_NE(ended.err.find("no room for a copy of its state: "), std::string::npos) << ended.err;
+  EXPECT_TRUE(fs::is_empty(path("small")));
+}
+
+} // namespace

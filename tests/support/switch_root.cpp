@@ -103,7 +103,7 @@ void own_mounts() {
     put("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
     put("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
   }
-  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+  if (mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
     fail("cannot make private", "/");
   }
 }

@@ -37,9 +37,13 @@ empty_counters() {
   done
 }
 
+# Tests that no build with counters passes: one ends whoever opens a file for writing, which the
+# counters are, the other one is a limit of time.
+left_out='no_open_is_for_writing|a_document_of_300000_records_is_read_in_seconds'
+
 run_tests() {
   empty_counters
-  ctest --test-dir "$build" -L 'unit|fault|property|lab|system|browser' -j "$jobs" \
+  ctest --test-dir "$build" -L 'unit|fault|property|lab|system|browser' -E "$left_out" -j "$jobs" \
     --output-on-failure --no-tests=error || {
     echo 'coverage: tests failed; the figures below are of a run that is not whole'
     status=1

@@ -37,9 +37,11 @@ empty_counters() {
   done
 }
 
-# Tests that no build with counters passes: one ends whoever opens a file for writing, which the
-# counters are, the other one is a limit of time.
-left_out='no_open_is_for_writing|a_document_of_300000_records_is_read_in_seconds'
+# Tests that mean nothing in a build with counters: the first ends whoever opens a file for writing,
+# which the counters are; the second looks for a folder of the host that is left open, which theirs is;
+# the third is a limit of time.
+left_out='no_open_is_for_writing|converters_find_no_folder_of_the_host'
+left_out="$left_out|a_document_of_300000_records_is_read_in_seconds"
 
 run_tests() {
   empty_counters

@@ -37,9 +37,15 @@ empty_counters() {
   done
 }
 
+# Tests that mean nothing in a build with counters: the first ends whoever opens a file for writing,
+# which the counters are; the second looks for a folder of the host that is left open, which theirs is;
+# the third is a limit of time.
+left_out='no_open_is_for_writing|converters_find_no_folder_of_the_host'
+left_out="$left_out|a_document_of_300000_records_is_read_in_seconds"
+
 run_tests() {
   empty_counters
-  ctest --test-dir "$build" -L 'unit|fault|property|lab|system|browser' -j "$jobs" \
+  ctest --test-dir "$build" -L 'unit|fault|property|lab|system|browser' -E "$left_out" -j "$jobs" \
     --output-on-failure --no-tests=error || {
     echo 'coverage: tests failed; the figures below are of a run that is not whole'
     status=1

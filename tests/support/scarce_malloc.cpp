@@ -5,8 +5,12 @@
 extern "C" {
 void *__real_malloc(size_t size);
 void *__real_realloc(void *block, size_t size);
+void *__real_calloc(size_t count, size_t size);
+void __real_free(void *block);
 void *__wrap_malloc(size_t size);
 void *__wrap_realloc(void *block, size_t size);
+void *__wrap_calloc(size_t count, size_t size);
+void __wrap_free(void *block);
 }
 
 namespace {
@@ -15,6 +19,12 @@ unsigned g_countdown = 0; // 0: none is refused by its number
 bool g_forever = false;
 size_t g_size = SIZE_MAX;
 bool g_refused = false;
+long g_live = 0;
+
+void *counted(void *block) {
+  g_live += block != nullptr ? 1 : 0;
+  return block;
+}
 
 bool is_refused(size_t size) {
   const bool by_number = g_countdown > 0 && --g_countdown == 0;
@@ -37,7 +47,11 @@ void scarce_malloc::refuse_from(unsigned n) {
 }
 
 void *scarce_malloc::always(size_t size) {
-  return __real_malloc(size);
+  return counted(__real_malloc(size));
+}
+
+long scarce_malloc::live_blocks() {
+  return g_live;
 }
 
 void scarce_malloc::refuse_size(size_t size) {
@@ -53,9 +67,22 @@ bool scarce_malloc::relieve() {
 }
 
 void *__wrap_malloc(size_t size) {
-  return is_refused(size) ? nullptr : __real_malloc(size);
+  return is_refused(size) ? nullptr : counted(__real_malloc(size));
 }
 
 void *__wrap_realloc(void *block, size_t size) {
-  return is_refused(size) ? nullptr : __real_realloc(block, size);
+  if (is_refused(size)) {
+    return nullptr;
+  }
+  void *larger = __real_realloc(block, size);
+  return block == nullptr ? counted(larger) : larger;
+}
+
+void *__wrap_calloc(size_t count, size_t size) {
+  return counted(__real_calloc(count, size));
+}
+
+void __wrap_free(void *block) {
+  g_live -= block != nullptr ? 1 : 0;
+  __real_free(block);
 }

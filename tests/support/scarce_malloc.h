@@ -1,5 +1,6 @@
 // malloc and realloc of a test program that links the platform double, refused where a test wants
-// it. Those of shared libraries, operator new's among them, are not touched, nor are the double's.
+// it, and counted. Those of shared libraries, operator new's among them, are not touched, nor are
+// the double's.
 #ifndef TESTS_SUPPORT_SCARCE_MALLOC_H
 #define TESTS_SUPPORT_SCARCE_MALLOC_H
 
@@ -15,6 +16,10 @@ void refuse_from(unsigned n);
 void refuse_size(size_t size);
 // None fail any more. Whether one did since the last relieve().
 bool relieve();
+
+// How many blocks malloc, calloc and realloc have given that were not freed yet. Exact over a
+// stretch in which only the library and the double allocate and free.
+long live_blocks();
 
 // For the double's own use: never refused, and not counted.
 void *always(size_t size);

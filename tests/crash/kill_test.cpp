@@ -12,6 +12,7 @@
 namespace {
 
 constexpr int short_form = 3; // points per deed
+constexpr size_t pieces = 40; // of a trace, at most
 
 // Kills at a call, counted from 0, of those that `counts` says yes to.
 class killer {
@@ -74,12 +75,15 @@ void kills::kill_during(const deed &what) {
   for (const size_t at : chosen) {
     restore(before_);
     const result killed = watched(what.arguments, killer(at, answer_kind::kill_all, changes_files));
-    ASSERT_EQ(killed.status, 1000 + SIGKILL) << "at " << at;
+    // The trace comes in pieces as it happens: a run may have a few calls less than the counted
+    // one.
+    const bool ended = killed.status == 0 && at + pieces >= calls;
+    ASSERT_TRUE(ended || killed.status == 1000 + SIGKILL) << "at " << at;
     const size_t again = random_() % 40;
     const words next = &what == &creation ? what.arguments : words{"lab", "show", "disk/sw"};
     const result recovery = watched(next, killer(again, answer_kind::kill_all, changes_files));
     in_recovery += recovery.status == 1000 + SIGKILL ? 1 : 0;
-    ASSERT_TRUE(expect_whole(what, false))
+    ASSERT_TRUE(expect_whole(what, ended))
         << what.name << " killed at call " << at << ", its recovery at call " << again;
     expect_done_again(what);
     ASSERT_FALSE(HasFailure()) << what.name << " killed at call " << at;

@@ -15,9 +15,9 @@ public:
   progress &operator=(const progress &) = delete;
 
   // A work of `total` units, "records"; 0 when that many are not known. Nothing is shown within the
-  // first second (or what DATAMORPH_PROGRESS_DELAY says, in milliseconds; with 0 each unit is told),
-  // nor where nobody sees it (see allow), nor while another one is shown: the line is of the work
-  // that this one is a part of.
+  // first second (or what DATAMORPH_PROGRESS_DELAY says, in milliseconds; with 0 each unit is
+  // told), nor where nobody sees it (see allow), nor while another one is shown: the line is of the
+  // work that this one is a part of.
   void begin(const std::string &what, uint64_t total, const std::string &unit);
   void advance(uint64_t units = 1) { reach(done_ + units); }
   // How many there are, where that comes to be known later.

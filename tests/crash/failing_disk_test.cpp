@@ -149,6 +149,10 @@ struct work {
   const failing *how;
 };
 
+void PrintTo(const work &one, std::ostream *out) {
+  *out << one.name;
+}
+
 class each_failure : public failing_disk, public testing::WithParamInterface<work> {};
 
 TEST_P(each_failure, leaves_the_switch_whole) {

@@ -149,8 +149,8 @@ struct work {
   const failing *how;
 };
 
-void PrintTo(const work &one, std::ostream *to) {
-  *to << one.name;
+void PrintTo(const work &one, std::ostream *out) {
+  *out << one.name;
 }
 
 class each_failure : public failing_disk, public testing::WithParamInterface<work> {};

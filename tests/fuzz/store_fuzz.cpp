@@ -176,9 +176,9 @@ void expect_status(syserr_t status) {
 }
 
 // Two handles on the file, and what was given by them.
-class session {
+class store_calls {
 public:
-  session(std::string uri, bytes_source *source, bool believes_all)
+  store_calls(std::string uri, bytes_source *source, bool believes_all)
       : uri_(std::move(uri)), source_(source) {
     if (believes_all) {
       known_.believe_all();
@@ -189,13 +189,13 @@ public:
   void step() {
     const uint8_t which = source_->byte();
     at_ = which >> 7;
-    static void (session::*const calls[])() = {
-        &session::fetch,    &session::insert,   &session::erase,   &session::to_key,
-        &session::to_place, &session::value,    &session::place2,  &session::key2,
-        &session::value2,   &session::fetch2,   &session::insert2, &session::erase2,
-        &session::params,   &session::snapshot, &session::dump,    &session::load,
-        &session::inspect,  &session::count,    &session::remake,  &session::run,
-        &session::close,    &session::open_new, &session::list,    &session::walk};
+    static void (store_calls::*const calls[])() = {
+        &store_calls::fetch,    &store_calls::insert,   &store_calls::erase,   &store_calls::to_key,
+        &store_calls::to_place, &store_calls::value,    &store_calls::place2,  &store_calls::key2,
+        &store_calls::value2,   &store_calls::fetch2,   &store_calls::insert2, &store_calls::erase2,
+        &store_calls::params,   &store_calls::snapshot, &store_calls::dump,    &store_calls::load,
+        &store_calls::inspect,  &store_calls::count,    &store_calls::remake,  &store_calls::run,
+        &store_calls::close,    &store_calls::open_new, &store_calls::list,    &store_calls::walk};
     (this->*calls[which % std::size(calls)])();
   }
 
@@ -443,7 +443,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const bool any_bytes = how >= 224;
   put(lab::store_file(uri),
       any_bytes ? source.bytes(source.byte() * 64U) : damaged(good().bytes, &source));
-  session calls(uri, &source, any_bytes);
+  store_calls calls(uri, &source, any_bytes);
   for (int left = 32; left > 0 && !source.is_empty(); --left) {
     calls.step();
   }

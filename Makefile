@@ -1,10 +1,6 @@
 # The human's door. Each target is one command; what it needs is installed by the scripts.
 .POSIX:
 PREFIX = /usr/local
-SEED = 1
-COUNT =
-JOBS = 2
-FILES =
 
 help:
 	@echo 'make demo      build, and convert a lab switch (installs what is missing)'
@@ -16,6 +12,7 @@ help:
 	@echo 'make fuzz      SECONDS=N or RUNS=M for each fuzz target; TARGETS names some of them'
 	@echo 'make coverage  branches that the tests take, library, lab and command line'
 	@echo 'make mutants   the unit tests on COUNT changed libraries, chosen by SEED'
+	@echo 'make faults    every platform call of the library fails; COUNT=all, or one of COUNT (all)'
 	@echo 'make crashes   kills, power loss, full and failing disks: COUNT points of each kind, by SEED'
 	@echo 'make lint      format, static analysis, layering'
 	@echo 'make install   into PREFIX ($(PREFIX)), below DESTDIR'
@@ -41,6 +38,9 @@ valgrind:
 widths:
 	scripts/widths.sh $(SEEDS)
 
+faults:
+	scripts/faults.sh '$(COUNT)'
+
 fuzz:
 	SECONDS='$(SECONDS)' RUNS='$(RUNS)' scripts/fuzz.sh $(TARGETS)
 
@@ -49,10 +49,11 @@ coverage:
 
 mutants:
 	scripts/packages.sh install mutants
-	count='$(COUNT)'; scripts/mutants.py --seed $(SEED) --count "$${count:-300}" --jobs $(JOBS) --files '$(FILES)'
+	count='$(COUNT)' seed='$(SEED)' jobs='$(JOBS)'; \
+	scripts/mutants.py --seed "$${seed:-1}" --count "$${count:-300}" --jobs "$${jobs:-2}" --files '$(FILES)'
 
 crashes:
-	scripts/crashes.sh '$(COUNT)' $(SEED)
+	scripts/crashes.sh '$(COUNT)' '$(SEED)'
 
 lint:
 	scripts/lint.sh
@@ -64,4 +65,4 @@ clean:
 	rm -rf build build-debug build-sanitized build-x86-32 build-valgrind build-fuzz build-coverage \
 	  build-mutants
 
-.PHONY: help demo test build bench valgrind widths fuzz coverage mutants crashes lint install clean
+.PHONY: help demo test build bench valgrind widths faults fuzz coverage mutants crashes lint install clean

@@ -4,7 +4,7 @@
 # those that the compiler makes where there is no code (gcovr: throw and unreachable branches), and those
 # that the code marks with GCOVR_EXCL_BR_LINE and the reason; these are counted and listed.
 #
-#   scripts/coverage.sh            builds, runs all tests, prints the figures
+#   scripts/coverage.sh            builds, runs the tests of these three, prints the figures
 #   scripts/coverage.sh figures    prints those of the last run once more
 #
 # The counters: tests/coverage/counters.c is linked into each program here. It writes them from within

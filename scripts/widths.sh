@@ -20,8 +20,10 @@ run_in() {
 
 scripts/packages.sh install ci
 if [ "${1:-}" = update ]; then
-  run_in release 1 build >tests/widths/expected.txt.new
-  mv tests/widths/expected.txt.new tests/widths/expected.txt
+  made=$(mktemp)
+  trap 'rm -f "$made"' EXIT
+  run_in release 1 build >"$made"
+  cat "$made" >tests/widths/expected.txt
   exit
 fi
 results=$(mktemp -d)

@@ -378,6 +378,8 @@ void call_watch::enter() const {
 
 void call_watch::follow(pid_t pid, const decide_t &decide) {
   program_ = pid;
+  close(sockets_[1]); // the child's alone: when it ends without a word, so does the wait for it
+  sockets_[1] = -1;
   char byte = 0;
   iovec content = {&byte, 1};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
@@ -386,7 +388,7 @@ void call_watch::follow(pid_t pid, const decide_t &decide) {
   message.msg_iovlen = 1;
   message.msg_control = control;
   message.msg_controllen = sizeof control;
-  if (recvmsg(sockets_[0], &message, MSG_CMSG_CLOEXEC) < 0 || CMSG_FIRSTHDR(&message) == nullptr) {
+  if (recvmsg(sockets_[0], &message, MSG_CMSG_CLOEXEC) <= 0 || CMSG_FIRSTHDR(&message) == nullptr) {
     give_up("no listener came");
   }
   std::memcpy(&listener_, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof listener_);

@@ -235,9 +235,9 @@ protected:
         each(of, nth);
       }
     }
-    std::printf("%s: %llu of %llu cases hold, of %zu routines at pairs of releases\n", what,
+    std::printf("%s: %llu of %llu cases run, %s, of %zu routines at pairs of releases\n", what,
                 static_cast<unsigned long long>(done_), static_cast<unsigned long long>(asked_),
-                runs.size());
+                HasFailure() ? "not all hold" : "all hold", runs.size());
     EXPECT_GT(done_, std::getenv("DATAMORPH_FAULTS") != nullptr ? 0u : 300u);
   }
 

@@ -5,6 +5,18 @@
 
 namespace fuzz_switch {
 
+namespace {
+
+// Or the targets would go past the library's own code of logs.
+void expect_a_log() {
+  DATAMORPH_TRACE("%s", "a line\n");
+  expect(quiet_files::logged() > 0, "the library's log is not served");
+  expect(quiet_files::open_files() == 0, "the library's log was left open");
+  quiet_files::reset();
+}
+
+} // namespace
+
 void reset() {
   platform_double &platform = double_platform();
   platform.reset();
@@ -21,6 +33,11 @@ void reset() {
   vrrp_eng_side.trace_fd = -1;
   quiet_files::reset();
   quiet_files::drop_trace();
+  static bool checked = false;
+  if (!checked) {
+    checked = true;
+    expect_a_log();
+  }
 }
 
 void expect_tidy(const std::vector<std::string> &open_stores) {

@@ -12,11 +12,13 @@
 extern "C" {
 int __real_open64(const char *path, int flags, ...);
 int __real_close(int fd);
-FILE *__real_fopen64(const char *path, const char *mode);
+FILE *__real_fdopen(int fd, const char *mode);
 int __real_fclose(FILE *file);
 int __real_fileno(FILE *file);
 int __real_access(const char *path, int mode);
 int __real_stat64(const char *path, struct stat *status);
+int __real_fstat64(int fd, struct stat *status);
+int __real_ftruncate64(int fd, off_t size);
 int __real_rename(const char *from, const char *to);
 int __real_unlink(const char *path);
 int __real_fsync(int fd);
@@ -25,11 +27,13 @@ ssize_t __real_write(int fd, const void *bytes, size_t size);
 
 int __wrap_open64(const char *path, int flags, ...);
 int __wrap_close(int fd);
-FILE *__wrap_fopen64(const char *path, const char *mode);
+FILE *__wrap_fdopen(int fd, const char *mode);
 int __wrap_fclose(FILE *file);
 int __wrap_fileno(FILE *file);
 int __wrap_access(const char *path, int mode);
 int __wrap_stat64(const char *path, struct stat *status);
+int __wrap_fstat64(int fd, struct stat *status);
+int __wrap_ftruncate64(int fd, off_t size);
 int __wrap_rename(const char *from, const char *to);
 int __wrap_unlink(const char *path);
 int __wrap_fsync(int fd);
@@ -73,6 +77,13 @@ quiet_file *at(int fd) {
   return fd >= k_first_fd && fd < k_first_fd + files ? &g_files[fd - k_first_fd] : nullptr;
 }
 
+void tell(const quiet_file &file, struct stat *status) {
+  *status = {};
+  status->st_mode = S_IFREG | 0700;
+  status->st_nlink = 1;
+  status->st_size = file.size;
+}
+
 int absent() {
   errno = ENOENT;
   return -1;
@@ -107,8 +118,9 @@ int __wrap_open64(const char *path, int flags, ...) {
   if (!file->stands && (flags & O_CREAT) == 0) {
     return absent();
   }
-  if ((flags & O_TRUNC) != 0) {
-    file->size = 0;
+  if (file->stands && (flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) {
+    errno = EEXIST;
+    return -1;
   }
   file->stands = true;
   ++g_open;
@@ -123,16 +135,8 @@ int __wrap_close(int fd) {
   return 0;
 }
 
-FILE *__wrap_fopen64(const char *path, const char *mode) {
-  if (find(path) != &g_files[log]) {
-    return __real_fopen64(path, mode);
-  }
-  if (mode[0] == 'w') {
-    g_files[log].size = 0;
-  }
-  g_files[log].stands = true;
-  ++g_open;
-  return log_stream();
+FILE *__wrap_fdopen(int fd, const char *mode) {
+  return fd == k_first_fd + log ? log_stream() : __real_fdopen(fd, mode);
 }
 
 int __wrap_fclose(FILE *file) {
@@ -163,9 +167,25 @@ int __wrap_stat64(const char *path, struct stat *status) {
   if (!file->stands) {
     return absent();
   }
-  *status = {};
-  status->st_mode = S_IFREG | 0700;
-  status->st_size = file->size;
+  tell(*file, status);
+  return 0;
+}
+
+int __wrap_fstat64(int fd, struct stat *status) {
+  const quiet_file *file = at(fd);
+  if (file == nullptr) {
+    return __real_fstat64(fd, status);
+  }
+  tell(*file, status);
+  return 0;
+}
+
+int __wrap_ftruncate64(int fd, off_t size) {
+  quiet_file *file = at(fd);
+  if (file == nullptr) {
+    return __real_ftruncate64(fd, size);
+  }
+  file->size = size;
   return 0;
 }
 
@@ -235,6 +255,10 @@ void drop_trace() {
 
 int open_files() {
   return g_open;
+}
+
+long logged() {
+  return static_cast<long>(g_files[log].size);
 }
 
 } // namespace quiet_files

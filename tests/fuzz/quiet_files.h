@@ -17,6 +17,8 @@ void set_vrrp_traces(bool on);
 void drop_trace();
 // The library's own descriptors that are open.
 int open_files();
+// The bytes in its log.
+long logged();
 
 } // namespace quiet_files
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "support/double_state.h"
+#include "support/scarce_malloc.h"
 
 sysmgr_info_t sysmgr_info_tbl[SYSMGR_VDC_ROWS];
 debug_trace_fac_t debug_trace_fac_SYSMGR;
@@ -30,11 +31,12 @@ using items_t = std::vector<std::pair<uint16, std::string>>;
 
 // A block of exactly the room that a table has. Always another one than before.
 void put_table(vdc_id_t vdc, const std::string &content) {
-  void *table = std::calloc(1, SYSMGR_TAG_TABLE_MAX);
+  void *table = scarce_malloc::always(SYSMGR_TAG_TABLE_MAX);
   if (table == nullptr) {
     std::perror("platform_double");
     std::abort();
   }
+  std::memset(table, 0, SYSMGR_TAG_TABLE_MAX);
   std::memcpy(table, content.data(), content.size());
   std::free(sysmgr_info_tbl[vdc].srv_tag_info_tbl);
   sysmgr_info_tbl[vdc].srv_tag_info_tbl = static_cast<tlv_array_t *>(table);

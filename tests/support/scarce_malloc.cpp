@@ -79,7 +79,7 @@ void *__wrap_realloc(void *block, size_t size) {
 }
 
 void *__wrap_calloc(size_t count, size_t size) {
-  return counted(__real_calloc(count, size));
+  return is_refused(count * size) ? nullptr : counted(__real_calloc(count, size));
 }
 
 void __wrap_free(void *block) {

@@ -1,6 +1,6 @@
-// malloc and realloc of a test program that links the platform double, refused where a test wants
-// it, and counted. Those of shared libraries, operator new's among them, are not touched, nor are
-// the double's.
+// malloc, calloc and realloc of a test program that links the platform double, refused where a test
+// wants it, and counted. Those of shared libraries, operator new's among them, are not touched; the
+// double's are never refused.
 #ifndef TESTS_SUPPORT_SCARCE_MALLOC_H
 #define TESTS_SUPPORT_SCARCE_MALLOC_H
 
@@ -21,7 +21,7 @@ bool relieve();
 // stretch in which only the library and the double allocate and free.
 long live_blocks();
 
-// For the double's own use: never refused, and not counted.
+// For the double's own use: never refused, nor one of the numbered calls.
 void *always(size_t size);
 
 } // namespace scarce_malloc

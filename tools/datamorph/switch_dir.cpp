@@ -410,15 +410,18 @@ void switch_dir::open_current(access how) {
     state_ = read_state(current_.get());
   } catch (const failure &error) {
     if (how != access::look) {
-      throw failure(error.status(), error.message(), state_remedy());
+      throw failure(error.status(), error.message(),
+                    error.next_action().empty() ? state_remedy() : error.next_action());
     }
     state_trouble_ = error.what();
   }
 }
 
 std::string switch_dir::state_remedy() const {
-  return "mend " + shell_word(path_ + "/current/switch.json") + ", or bring it back from " +
-         shell_word(path_ + "/previous/switch.json");
+  const std::string mend = "mend " + shell_word(path_ + "/current/switch.json");
+  const std::string other = path_ + "/previous/switch.json";
+  return access(other.c_str(), F_OK) != 0 ? mend
+                                          : mend + ", or bring it back from " + shell_word(other);
 }
 
 void switch_dir::check_exchange() const {
@@ -592,8 +595,13 @@ unique_fd switch_dir::make_run(std::string *number) const {
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::snprintf(name, sizeof name, "%04lu", ++last);
     if (mkdirat(runs.get(), name, 0755) == 0) {
-      sync_folder(runs.get());
-      sync_folder(folder_.get());
+      try {
+        sync_folder(runs.get());
+        sync_folder(folder_.get());
+      } catch (const failure &) {
+        unlinkat(runs.get(), name, AT_REMOVEDIR);
+        throw;
+      }
       *number = name;
       return open_state(runs.get(), name);
     }

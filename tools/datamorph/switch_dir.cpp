@@ -420,8 +420,8 @@ void switch_dir::open_current(access how) {
 std::string switch_dir::state_remedy() const {
   const std::string mend = "mend " + shell_word(path_ + "/current/switch.json");
   const std::string other = path_ + "/previous/switch.json";
-  return access(other.c_str(), F_OK) != 0 ? mend
-                                          : mend + ", or bring it back from " + shell_word(other);
+  return ::access(other.c_str(), F_OK) != 0 ? mend
+                                            : mend + ", or bring it back from " + shell_word(other);
 }
 
 void switch_dir::check_exchange() const {

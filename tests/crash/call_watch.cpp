@@ -350,6 +350,27 @@ call_watch::~call_watch() {
   }
 }
 
+namespace {
+
+// A byte that a descriptor comes with.
+struct descriptor_message {
+  descriptor_message() {
+    message.msg_iov = &content;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+  }
+  descriptor_message(const descriptor_message &) = delete;
+  descriptor_message &operator=(const descriptor_message &) = delete;
+
+  char byte = 0;
+  iovec content = {&byte, 1};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message = {};
+};
+
+} // namespace
+
 void call_watch::enter() const {
   const instructions program = filter();
   const sock_fprog filters = {static_cast<unsigned short>(program.size()),
@@ -357,20 +378,13 @@ void call_watch::enter() const {
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   const auto listener = static_cast<int>(
       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filters));
-  char byte = 0;
-  iovec content = {&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message = {};
-  message.msg_iov = &content;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr *const header = CMSG_FIRSTHDR(&message);
+  descriptor_message sent;
+  cmsghdr *const header = CMSG_FIRSTHDR(&sent.message);
   header->cmsg_level = SOL_SOCKET;
   header->cmsg_type = SCM_RIGHTS;
   header->cmsg_len = CMSG_LEN(sizeof(int));
   std::memcpy(CMSG_DATA(header), &listener, sizeof listener);
-  if (listener < 0 || sendmsg(sockets_[1], &message, 0) < 0) {
+  if (listener < 0 || sendmsg(sockets_[1], &sent.message, 0) < 0) {
     _exit(125);
   }
   close(listener);
@@ -380,18 +394,12 @@ void call_watch::follow(pid_t pid, const decide_t &decide) {
   program_ = pid;
   close(sockets_[1]); // the child's alone: when it ends without a word, so does the wait for it
   sockets_[1] = -1;
-  char byte = 0;
-  iovec content = {&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message = {};
-  message.msg_iov = &content;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  if (recvmsg(sockets_[0], &message, MSG_CMSG_CLOEXEC) <= 0 || CMSG_FIRSTHDR(&message) == nullptr) {
+  descriptor_message sent;
+  if (recvmsg(sockets_[0], &sent.message, MSG_CMSG_CLOEXEC) <= 0 ||
+      CMSG_FIRSTHDR(&sent.message) == nullptr) {
     give_up("no listener came");
   }
-  std::memcpy(&listener_, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof listener_);
+  std::memcpy(&listener_, CMSG_DATA(CMSG_FIRSTHDR(&sent.message)), sizeof listener_);
   const auto ending = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   bool running = true;
   while (running || !children(pid).empty()) {

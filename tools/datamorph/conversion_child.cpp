@@ -172,7 +172,7 @@ void drain_trace() {
 
 void sync_state() {
   const unique_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!root.is_open() || syncfs(root.get()) != 0) {
+  if (!root.is_open() || TEMP_FAILURE_RETRY(syncfs(root.get())) != 0) {
     throw failure(exit_failed, "cannot sync the converted state: " + error_text(errno));
   }
 }

@@ -94,7 +94,7 @@ boot_report build(const workshop &shop, const description &wanted) {
     throw failure(exit_failed, "building the switch " + outcome.text());
   }
   wanted.state.save(current.get());
-  if (syncfs(folder) != 0) {
+  if (TEMP_FAILURE_RETRY(syncfs(folder)) != 0) {
     throw failure(exit_failed, "cannot sync the switch: " + error_text(errno));
   }
   return booted;

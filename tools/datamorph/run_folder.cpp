@@ -61,7 +61,7 @@ std::string run_folder::read(const char *name, size_t limit) const {
 
 void run_folder::replace(const char *name, const std::string &content) const {
   tree::replace_file(folder_.get(), name, content);
-  if (fsync(folder_.get()) != 0) {
+  if (TEMP_FAILURE_RETRY(fsync(folder_.get())) != 0) {
     throw failure(exit_failed, "cannot sync the run's folder: " + error_text(errno));
   }
 }

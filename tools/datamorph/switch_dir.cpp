@@ -71,7 +71,7 @@ std::optional<uint64_t> generation_of(int folder, const char *name) {
 }
 
 void sync_folder(int folder) {
-  if (fsync(folder) != 0) {
+  if (TEMP_FAILURE_RETRY(fsync(folder)) != 0) {
     throw failure(exit_failed, "cannot sync the switch's folder: " + error_text(errno));
   }
 }
@@ -462,7 +462,7 @@ unique_fd switch_dir::make_next() const {
     throw failure(exit_failed, "next/ stands in the way", "move it elsewhere");
   }
   const unique_fd mark = tree::make_file(folder, copy_name, 0644);
-  if (!mark.is_open() || fsync(mark.get()) != 0) {
+  if (!mark.is_open() || TEMP_FAILURE_RETRY(fsync(mark.get())) != 0) {
     throw failure(exit_failed, "cannot mark the copy of the state: " + error_text(errno));
   }
   sync_folder(folder);
@@ -499,7 +499,7 @@ void switch_dir::exchange(unique_fd next, const switch_state &state) {
   // All that the converters' processes could do is done: what stands in the file now is this
   // program's.
   state.save(next.get());
-  if (syncfs(next.get()) != 0) {
+  if (TEMP_FAILURE_RETRY(syncfs(next.get())) != 0) {
     throw failure(exit_failed, "cannot sync the copy of the state: " + error_text(errno));
   }
   if (!same_folder(next.get(), open_state(folder, next_name).get())) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "failure.h"
 #include "lab/lab.h"
 #include "platform/pss2.h"
 #include "platform/sysmgr.h"
@@ -81,6 +82,11 @@ std::string trouble_of(const found_value &saved) {
     return "the record is damaged";
   }
   return is_too_large(saved.value) ? std::string("it is ") + too_large : "";
+}
+
+// What the machine refused, not the table: it may be whole, and the next reader finds it.
+bool is_out_of_reach(const found_value &saved) {
+  return saved.status == SYSERR_PSS_IO || saved.status == SYSERR_PSS_NO_ROOM;
 }
 
 } // namespace
@@ -189,6 +195,12 @@ booted_tag_tables boot_tag_tables(const switch_state &state) {
     const found_value saved = find_saved(state, vdc);
     if (saved.status == SYSERR_PSS_NOT_FOUND) {
       continue;
+    }
+    if (is_out_of_reach(saved)) {
+      throw failure(exit_failed, "cannot read the tag table that VDC " + std::to_string(vdc) +
+                                     " has saved in the store " +
+                                     in_quotes(saved_tag_table_uri(state, vdc)) + ": " +
+                                     status_text(saved.status));
     }
     const std::string trouble = trouble_of(saved);
     if (trouble.empty()) {

@@ -60,8 +60,8 @@ struct booted_tag_tables {
 };
 
 // Makes the running tag tables from the saved ones, as a boot does; none may stand. A VDC without a
-// saved table gets none, and without any there is no store of them. Throws failure when the store
-// cannot be made.
+// saved table gets none, and without any there is no store of them. A damaged one is passed over.
+// Throws failure when the machine cannot read a saved one, or the store cannot be made.
 booted_tag_tables boot_tag_tables(const switch_state &state);
 
 #endif

@@ -320,7 +320,7 @@ void replace_file(int folder, const std::string &name, const std::string &conten
   if (!file.is_open()) {
     failed("create", beside, errno);
   }
-  if (!write_content(file.get(), content) || fsync(file.get()) != 0 ||
+  if (!write_content(file.get(), content) || TEMP_FAILURE_RETRY(fsync(file.get())) != 0 ||
       renameat(folder, beside.c_str(), folder, name.c_str()) != 0) {
     const int error = errno;
     unlinkat(folder, beside.c_str(), 0);
@@ -374,7 +374,7 @@ void placed_file::flush() {
 
 void placed_file::put() {
   flush();
-  if (fsync(file_.get()) != 0 || rename(beside_.c_str(), path_.c_str()) != 0) {
+  if (TEMP_FAILURE_RETRY(fsync(file_.get())) != 0 || rename(beside_.c_str(), path_.c_str()) != 0) {
     failed("write", path_, errno);
   }
   beside_.clear();

@@ -194,5 +194,5 @@ void workshop::become_switch() {
                   in_quotes(dir_) + ": cannot put the switch in place: " + error_text(errno));
   }
   done_ = true;
-  fsync(where);
+  TEMP_FAILURE_RETRY(fsync(where));
 }

@@ -77,9 +77,7 @@ int sap_write(uint32 sap, const sap_entry &entry) {
   }
   const std::string text =
       one_line(entry.owner.substr(0, k_longest_owner)) + "\n" + entry.endpoint + "\n";
-  unlink(scratch.c_str()); // of one that was killed, or planted: neither written to nor followed
-  unique_fd fd(static_cast<int>(
-      TEMP_FAILURE_RETRY(open(scratch.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644))));
+  unique_fd fd(replace_scratch(scratch));
   if (!fd.good() || !write_all(fd.get(), text.data(), text.size()) || !fd.close_now() ||
       rename(scratch.c_str(), file.c_str()) != 0) {
     const int error = errno;

@@ -85,10 +85,16 @@ syserr_t sync_folder(const std::string &folder) {
     return status_of_errno(errno);
   }
   // Some file systems cannot sync a folder and say so; there is nothing more to do on those.
-  if (fsync(fd.get()) != 0 && errno != EINVAL && errno != ENOTSUP) {
+  if (TEMP_FAILURE_RETRY(fsync(fd.get())) != 0 && errno != EINVAL && errno != ENOTSUP) {
     return status_of_errno(errno);
   }
   return SYSERR_SUCCESS;
+}
+
+int replace_scratch(const std::string &file) {
+  unlink(file.c_str());
+  return static_cast<int>(
+      TEMP_FAILURE_RETRY(open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)));
 }
 
 bool write_all(int fd, const void *bytes, size_t size) {

@@ -37,6 +37,11 @@ syserr_t make_parents(const std::string &path, bool durable);
 // Brings the entries of a folder to disk.
 syserr_t sync_folder(const std::string &folder);
 
+// Makes an empty file in place of what stands there, which is neither written to nor followed: a
+// scratch file may be left of one that was killed, or planted. The descriptor; -1 and errno on
+// failure.
+int replace_scratch(const std::string &file);
+
 // Writes all of it; false and errno on failure.
 bool write_all(int fd, const void *bytes, size_t size);
 

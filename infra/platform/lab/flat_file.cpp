@@ -67,9 +67,7 @@ syserr_t flat_writer::start(uint64_t records) {
     return lock_->status();
   }
   // Under the lock, a scratch file can only be left from a writer that was killed.
-  unlink(scratch_.c_str());
-  const int fd = static_cast<int>(
-      TEMP_FAILURE_RETRY(open(scratch_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)));
+  const int fd = replace_scratch(scratch_);
   if (fd < 0) {
     return status_of_errno(errno);
   }
@@ -121,7 +119,8 @@ syserr_t flat_writer::finish() {
   if (status != SYSERR_SUCCESS) {
     return status;
   }
-  if (fsync(fd_->get()) != 0 || !fd_->close_now() || rename(scratch_.c_str(), file_.c_str()) != 0) {
+  if (TEMP_FAILURE_RETRY(fsync(fd_->get())) != 0 || !fd_->close_now() ||
+      rename(scratch_.c_str(), file_.c_str()) != 0) {
     return status_of_errno(errno);
   }
   fd_.reset();

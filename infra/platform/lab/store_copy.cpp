@@ -124,7 +124,7 @@ private:
     lock.unlock();
     sync();
   }
-  void sync() { error_ = fsync(fd_) == 0 ? 0 : errno; }
+  void sync() { error_ = TEMP_FAILURE_RETRY(fsync(fd_)) == 0 ? 0 : errno; }
   bool wait() {
     const bool running = thread_.joinable();
     if (running) {

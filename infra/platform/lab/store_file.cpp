@@ -680,8 +680,7 @@ syserr_t store_in_making::start(const pss2_nonvol_params &params) {
   if (status != SYSERR_SUCCESS) {
     return status;
   }
-  unique_fd fd(static_cast<int>(
-      TEMP_FAILURE_RETRY(open(scratch_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644))));
+  unique_fd fd(replace_scratch(scratch_));
   if (!fd.good() || !write_all(fd.get(), image.data(), image.size()) || !fd.close_now()) {
     return status_of_errno(errno);
   }
@@ -691,7 +690,7 @@ syserr_t store_in_making::start(const pss2_nonvol_params &params) {
 syserr_t store_in_making::place() {
   if (path_.durable) {
     unique_fd fd(open(scratch_.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.good() || fsync(fd.get()) != 0) {
+    if (!fd.good() || TEMP_FAILURE_RETRY(fsync(fd.get())) != 0) {
       return status_of_errno(errno);
     }
   }

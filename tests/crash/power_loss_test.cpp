@@ -25,12 +25,21 @@ protected:
 private:
   void try_state(const deed &what, const disk_record &record, const moment &at);
   void lose_power_in_recovery(const deed &what, const disk_tree &tree, bool finished);
-  bool is_new(const disk_tree &tree) { return states_.insert(tree.digest()).second; }
+  bool is_new(const disk_tree &tree);
 
   std::mt19937_64 random_{wanted_seed()};
   std::set<std::string> states_;
   int tried_ = 0;
 };
+
+// Each new one is told, so that those of several programs can be counted once.
+bool power_loss::is_new(const disk_tree &tree) {
+  const auto [state, added] = states_.insert(tree.digest());
+  if (added && long_form()) {
+    std::printf("state: %s\n", state->c_str());
+  }
+  return added;
+}
 
 // Each moment with all that has no chance in it, in any order.
 std::vector<moment> plain_moments(size_t calls, std::mt19937_64 *random) {

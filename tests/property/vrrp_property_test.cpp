@@ -3,12 +3,10 @@
 
 #include "libdatamorph.h"
 
-#include <rapidcheck.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <random>
 
+#include "property/draws.h"
 #include "support/library_fixture.h"
 
 namespace {
@@ -92,11 +90,11 @@ private:
 };
 
 configuration any_configuration(int spare_groups) {
-  const int groups = spare_groups > 0
-                         ? *rc::gen::inRange(0, spare_groups)
-                         : *rc::gen::weightedOneOf<int>(
-                               {{2, rc::gen::inRange(0, 20)}, {1, rc::gen::inRange(20, 501)}});
-  return {*rc::gen::arbitrary<uint32>(), groups, *rc::gen::inRange(0, 5), *rc::gen::inRange(0, 8)};
+  const int groups =
+      spare_groups > 0 ? draws::in_range(0, spare_groups) : draws::mostly_below(20, 501);
+  const uint32 seed = draws::any_number();
+  const int most_addresses = draws::in_range(0, 5);
+  return {seed, groups, most_addresses, draws::in_range(0, 8)};
 }
 
 // ---- The model
@@ -149,8 +147,8 @@ constexpr side_t k_engine = {vrrp_eng_data_morph_startup_for_upgrade,
                              vrrp_eng_data_morph_startup_for_downgrade};
 
 void request(const side_t &side, const char *to, const char *from) {
-  RC_ASSERT(side.first("/cfg/vdc_2", "system", to, from) == 0u);
-  RC_ASSERT(side.second("/cfg/vdc_2", "system", to, from) == 0u);
+  HOLDS(side.first("/cfg/vdc_2", "system", to, from) == 0u);
+  HOLDS(side.second("/cfg/vdc_2", "system", to, from) == 0u);
 }
 
 void go_up() {
@@ -165,42 +163,40 @@ void go_down() {
 
 class vrrp_property_test : public library_fixture {
 protected:
-  static void SetUpTestSuite() { setenv("RC_PARAMS", "max_success=1000", 0); }
-
   void start(const records_t &records) {
     platform.reset();
     platform.set_store(k_mgr, records);
   }
 
   void nothing_else_stands() {
-    RC_ASSERT(platform.store_uris() == (std::vector<std::string>{k_mgr, k_eng}));
-    RC_ASSERT(platform.open_handles().empty());
+    HOLDS(platform.store_uris() == (std::vector<std::string>{k_mgr, k_eng}));
+    HOLDS(platform.open_handles().empty());
   }
 };
 
 TEST_F(vrrp_property_test, there_and_back_is_the_identity) {
-  EXPECT_TRUE(rc::check("up and down give every field back", [this] {
+  EXPECT_TRUE(draws::check("up and down give every field back", [this] {
     const records_t before = any_configuration(0).records;
     start(before);
     go_up();
     nothing_else_stands();
-    RC_ASSERT(platform.records(k_mgr) == without_moved(before));
+    HOLDS(platform.records(k_mgr) == without_moved(before));
     records_t engine = before;
     for (const auto &[key, value] : taken_over(before, 117)) {
       engine[key] = value;
     }
-    RC_ASSERT(platform.records(k_eng) == engine);
+    HOLDS(platform.records(k_eng) == engine);
     go_down();
     nothing_else_stands();
     records_t expected = before;
     expected[number(4)] = enabled();
-    RC_ASSERT(platform.records(k_mgr) == expected);
-    RC_ASSERT(platform.records(k_eng) == without_moved(before));
+    HOLDS(platform.records(k_mgr) == expected);
+    HOLDS(platform.records(k_eng) == without_moved(before));
   }));
 }
 
 TEST_F(vrrp_property_test, values_of_any_length_are_taken_over_or_left_alone) {
-  EXPECT_TRUE(rc::check("no record is lost, none is made up", [this] {
+  EXPECT_TRUE(draws::check("no record is lost, none is made up", [this] {
     configuration made = any_configuration(40);
     made.spoil();
     const records_t &before = made.records;
@@ -213,55 +209,55 @@ TEST_F(vrrp_property_test, values_of_any_length_are_taken_over_or_left_alone) {
       manager.erase(key);
       engine[key] = value;
     }
-    RC_ASSERT(platform.records(k_mgr) == manager);
-    RC_ASSERT(platform.records(k_eng) == engine);
+    HOLDS(platform.records(k_mgr) == manager);
+    HOLDS(platform.records(k_eng) == engine);
     go_down();
     for (const auto &[key, value] : taken_over(engine, 85)) {
       manager[key] = value;
       engine.erase(key);
     }
-    RC_ASSERT(platform.records(k_mgr) == manager);
-    RC_ASSERT(platform.records(k_eng) == engine);
+    HOLDS(platform.records(k_mgr) == manager);
+    HOLDS(platform.records(k_eng) == engine);
   }));
 }
 
 TEST_F(vrrp_property_test, a_repeated_upgrade_of_the_manager_hands_over_what_is_left) {
-  EXPECT_TRUE(rc::check("the hand-over store is replaced by what is left", [this] {
+  EXPECT_TRUE(draws::check("the hand-over store is replaced by what is left", [this] {
     const records_t before = any_configuration(40).records;
     start(before);
     request(k_manager, "4.2(1)", "4.1(5)");
     const std::string hand_over = "nonvolatile:/tmp/vrrp-startup-pss2/bin";
-    RC_ASSERT(platform.records(hand_over) == before);
+    HOLDS(platform.records(hand_over) == before);
     go_up();
-    RC_ASSERT(platform.records(k_mgr) == without_moved(before));
+    HOLDS(platform.records(k_mgr) == without_moved(before));
     records_t engine = without_moved(before);
     engine[number(4)] = enabled();
-    RC_ASSERT(platform.records(k_eng) == engine);
+    HOLDS(platform.records(k_eng) == engine);
   }));
 }
 
 TEST_F(vrrp_property_test, between_two_old_releases_the_records_end_where_they_were) {
-  EXPECT_TRUE(rc::check("both directions run, and nothing is lost", [this] {
+  EXPECT_TRUE(draws::check("both directions run, and nothing is lost", [this] {
     const records_t before = any_configuration(40).records;
     start(before);
     request(k_manager, "4.1(5)", "4.1(2)");
     request(k_engine, "4.1(5)", "4.1(2)");
     records_t expected = before;
     expected[number(4)] = enabled();
-    RC_ASSERT(platform.records(k_mgr) == expected);
-    RC_ASSERT(platform.store_uris() == (std::vector<std::string>{k_mgr}));
+    HOLDS(platform.records(k_mgr) == expected);
+    HOLDS(platform.store_uris() == (std::vector<std::string>{k_mgr}));
   }));
 }
 
 TEST_F(vrrp_property_test, from_4_2_1_on_nothing_is_touched) {
-  EXPECT_TRUE(rc::check("no store is opened", [this] {
+  EXPECT_TRUE(draws::check("no store is opened", [this] {
     const records_t before = any_configuration(20).records;
     start(before);
     platform.clear();
     request(k_manager, "5.0(2)", "4.2(1)");
     request(k_engine, "4.2(1)", "5.0(2)");
-    RC_ASSERT(platform.calls().empty());
-    RC_ASSERT(platform.records(k_mgr) == before);
+    HOLDS(platform.calls().empty());
+    HOLDS(platform.records(k_mgr) == before);
   }));
 }
 

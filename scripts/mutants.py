@@ -8,7 +8,8 @@ do not compile, and those whose object code is that of the original or of anothe
 live and do nothing else than the original stand in tests/mutants/survivors.txt with the reason, and are
 counted apart. The exit status is 1 when fewer than 95 % of the others die.
 
-Everything happens in copies under build-mutants/ (or --work); the source tree is only read.
+Everything happens in copies under build-mutants/ (or --work); the source tree is only read. With --build
+the tests' objects of a build that is there are taken, and none is made.
 """
 
 import argparse
@@ -29,6 +30,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 LIBRARY = ROOT / "infra/convert_libs/comps/libdatamorph"
+TABLE = ROOT / "tests/mutants/survivors.txt"
 LIMIT = 95.0  # percent that die
 
 # The tests that speak of a source come first. What is not named here is main's and the shared header's.
@@ -339,12 +341,13 @@ def run(command, cwd, timeout=None, env=None):
 class TestProgram:
     """How the unit tests are compiled and linked, as the build does it."""
 
-    def __init__(self, work):
+    def __init__(self, work, build):
         self.work = work
-        self.build = work / "build"
+        self.build = build or work / "build"
         flags = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DCMAKE_C_FLAGS_DEBUG=-O0",
-                 "-DDATAMORPH_LAB=OFF", "-DDATAMORPH_BENCH=OFF"]
-        subprocess.run(["cmake", "-S", ROOT, "-B", self.build, "-G", "Ninja", *flags], check=True, stdout=subprocess.DEVNULL)
+                 "-DDATAMORPH_LAB=OFF", "-DDATAMORPH_BENCH=OFF", "-DDATAMORPH_TESTS=ON"]
+        if build is None:
+            subprocess.run(["cmake", "-S", ROOT, "-B", self.build, "-G", "Ninja", *flags], check=True, stdout=subprocess.DEVNULL)
         subprocess.run(["ninja", "-C", self.build, "unit_test"], check=True, stdout=subprocess.DEVNULL)
         self.compile = {}  # of a source or an object
         listed = subprocess.run(["ninja", "-C", self.build, "-t", "commands", "unit_test"], check=True, capture_output=True, text=True)
@@ -493,27 +496,34 @@ def wanted(mutants, files):
 
 
 def known_survivors():
-    """[(pattern of "file @@ line of code @@ change", reason)]"""
+    """[(pattern of "file @@ line of code @@ change", reason, line of the table)]"""
     known = []
-    table = ROOT / "tests/mutants/survivors.txt"
-    for number, line in enumerate(table.read_text().splitlines(), 1):
+    for number, line in enumerate(TABLE.read_text().splitlines(), 1):
         if not line or line.startswith("#"):
             continue
         fields = [field.strip() for field in line.split(" @@ ")]
         if len(fields) != 4 or not all(fields):
-            sys.exit(f"mutants: {table}:{number}: wants 'file @@ line of code @@ change @@ reason'")
+            sys.exit(f"mutants: {TABLE}:{number}: wants 'file @@ line of code @@ change @@ reason'")
         pattern = " @@ ".join(fields[:3])
-        known.append((re.compile(".*".join(re.escape(part) for part in pattern.split("<any>"))), fields[3]))
+        known.append((re.compile(".*".join(re.escape(part) for part in pattern.split("<any>"))), fields[3], number))
     return known
 
 
 def reason_of(mutant, known):
     text = f"{mutant.file} @@ {mutant.code} @@ {mutant.change}"
-    return next((reason for pattern, reason in known if pattern.fullmatch(text)), None)
+    return next((reason for pattern, reason, _ in known if pattern.fullmatch(text)), None)
 
 
-def run_all(mutants, jobs, work):
-    program = TestProgram(work)
+def expect_rows_that_match(mutants, known):
+    """A row of the table that no mutant matches is of code that is gone."""
+    texts = [f"{mutant.file} @@ {mutant.code} @@ {mutant.change}" for mutant in mutants]
+    for pattern, _, number in known:
+        if not any(pattern.fullmatch(text) for text in texts):
+            sys.exit(f"mutants: {TABLE}:{number}: no mutant is like this row")
+
+
+def run_all(mutants, jobs, work, build):
+    program = TestProgram(work, build)
     shared = pathlib.Path("/dev/shm")
     with tempfile.TemporaryDirectory(prefix="mutants-", dir=shared if os.access(shared, os.W_OK) else work) as scratch:
         workers = queue.Queue()
@@ -573,12 +583,14 @@ def main():
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--files", default="", help="names, or names with a line")
     parser.add_argument("--work", type=pathlib.Path, default=ROOT / "build-mutants", help="the folder for the copies")
+    parser.add_argument("--build", type=pathlib.Path, help="a build that holds the unit tests")
     parser.add_argument("--list", action="store_true", help="print the mutants and run none")
     arguments = parser.parse_args()
-    known_survivors()
+    known = known_survivors()
     mutants = []
     for path in sorted([*LIBRARY.glob("*.cpp"), *LIBRARY.glob("libdatamorph_*.h")]):
         mutants += mutants_of(path)
+    expect_rows_that_match(mutants, known)
     count = None if arguments.count == "all" else int(arguments.count)
     taken = chosen(wanted(mutants, arguments.files), count, arguments.seed)
     if arguments.list:
@@ -588,7 +600,8 @@ def main():
         return 0
     arguments.work.mkdir(parents=True, exist_ok=True)
     started = time.monotonic()
-    outcomes = run_all(taken, arguments.jobs, arguments.work.resolve())
+    build = arguments.build.resolve() if arguments.build else None
+    outcomes = run_all(taken, arguments.jobs, arguments.work.resolve(), build)
     return report(mutants, outcomes, arguments.seed, time.monotonic() - started)
 
 

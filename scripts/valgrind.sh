@@ -1,27 +1,27 @@
 #!/bin/sh
-# The library's tests under valgrind, each program whole in one process and its tests in random order, two
-# programs at a time; then the command line through convert, rehearse and rollback.
+# The tests of library and lab under valgrind, each program whole in one process and its tests in random
+# order, two programs at a time; then the command line through convert, rehearse and rollback.
 #
 #   scripts/valgrind.sh [SEED]   the order of a former run; by default one by the clock
 #
-# BUILD names another folder to build in than build-valgrind; DATAMORPH_FAULTS and DATAMORPH_WIDTHS_SEEDS
-# are how much of tests/fault and tests/widths is run.
+# PROGRAMS names some of the tests; BUILD is a build that is there, in place of one made in build-valgrind;
+# DATAMORPH_FAULTS and DATAMORPH_WIDTHS_SEEDS are how much of tests/fault and tests/widths is run.
 # Exit status 1 when an invalid access, an unset value or a lost block is found, or a test fails.
 set -eu
 cd "$(dirname "$0")/.."
 seed=${1:-$(($(date +%s) % 99999 + 1))}
 build=${BUILD:-$PWD/build-valgrind}
 logs=$build/valgrind
-programs='unit/unit_test support/support_test contract/contract_double_test fault/fault_test
-  property/property_test widths/widths_test'
+programs=${PROGRAMS:-unit/unit_test support/support_test contract/contract_double_test fault/fault_test
+  property/property_test widths/widths_test contract/contract_lab_test lab/lab_test}
 
 # What cannot hold under valgrind, and why:
 # - without_descriptors...: a limit on descriptors that the process sets itself is valgrind's then, and not kept.
 left_out='log_test.without_descriptors_the_line_reaches_standard_error'
 
 scripts/packages.sh install valgrind
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DDATAMORPH_BENCH=OFF -DDATAMORPH_TESTS=ON \
-  -DDATAMORPH_SYSTEM_TESTS=OFF >/dev/null
+[ -n "${BUILD:-}" ] || cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DDATAMORPH_BENCH=OFF \
+  -DDATAMORPH_TESTS=ON -DDATAMORPH_SYSTEM_TESTS=OFF >/dev/null
 # shellcheck disable=SC2086 # a list of targets
 cmake --build "$build" --target datamorph libdatamorph $(for program in $programs; do
   basename "$program"

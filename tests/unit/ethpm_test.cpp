@@ -11,6 +11,7 @@
 #include "libdatamorph_private.h"
 #include "libdatamorph_walk.h"
 #include "support/library_fixture.h"
+#include "support/library_state.h"
 #include "support/port_tables.h"
 #include "support/scarce_malloc.h"
 
@@ -47,18 +48,6 @@ const auto g_set_reasons_at_start =
 
 const auto g_transition_at_start = ethpm_get_issu_transition();
 const auto g_action_at_start = ethpm_get_pss_action();
-
-// As the process started: nothing marked, no table filled.
-void forget_process() {
-  for (ethpm_pss_type_t *request :
-       {ethpm_convert_runtime_pss_list, ethpm_convert_config_tlv_pss_list}) {
-    request->b_version_chk = false;
-    request->transition = ETHPM_TR_NOCHANGE;
-    request->pss_action = ETHPM_PSS_NOCHANGE;
-  }
-  std::memset(upgrade_port_state_reason_table, 0, sizeof upgrade_port_state_reason_table);
-  std::memset(downgrade_port_state_reason_table, 0, sizeof downgrade_port_state_reason_table);
-}
 
 class ethpm_test : public library_fixture {
 protected:

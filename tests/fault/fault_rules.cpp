@@ -78,14 +78,16 @@ constexpr char k_addresses[] = ", 02)";
 constexpr char k_records_of_vrrp[] = "/bin/vrrp-"; // in the stores of its two sides
 constexpr char k_first[] = "PSS_FIRST_KEY";
 
-// Of somebody who had no saved table of tags, or another one.
+// The first table of tags, and the one that was saved.
 #define TABLE "pss_store(\"nonvolatile:/cfg/bin/sysmgr_config\", 1, 090000000000000000000000, "
 constexpr char k_new_table[] = TABLE "11000000010001000100050";
+constexpr char k_old_table[] = TABLE "140000000100010001000800f50100006f6c6400)";
 
 constexpr int64_t k_send_failed = 0x801E0005; // EIO
 constexpr int64_t k_no_payload = 0x801E0047;  // EPROTO
 constexpr int64_t k_unreadable = 0x401E0056;  // the version of an image
 constexpr int64_t k_damaged = 0x40480009;     // a record
+constexpr int64_t k_no_table = 0x401E0076;    // no such VDC
 constexpr int64_t k_no_value = 2;             // the bulk read's own
 constexpr int64_t k_refused = 0xFFFFFFFF;     // what the system manager says
 
@@ -157,6 +159,8 @@ const rule k_giving[] = {
     {k_any, "mts_payload_get", k_any, k_any, all_bits, k_refused, k_anything},
     // The startup tag table: none of these is one.
     {k_any, "pss_fetch", k_saved_table, k_any, always, k_damaged, k_anything},
+    {k_any, "sysmgr_srv_tag_info_table_prepare", k_any, k_any, always, k_no_table, k_anything},
+    {k_any, "sysmgr_srv_tag_info_add", k_any, k_any, always, k_as_ever, nullptr, 0, k_old_table},
     // Features: two look at a number, one asks whether there is anything.
     {"was_running_ was_kps_ kps_", "pss_fetch", "/kps_saved_config", k_any, null, 0, k_anything},
     {"was_dot1x_ dot1x_", "pss_fetch", "/dot1x_saved_config", k_any, no_or_zero, 0, k_anything},
@@ -164,7 +168,9 @@ const rule k_giving[] = {
     // Versions of images: none of these is of major 3.
     {k_version_asked, "srg_sw_ver_file_get", k_any, k_any, null, k_unreadable, k_anything},
     {k_two_removals, "srg_sw_ver_file_get", k_any, k_any, always, 0, k_anything},
+    {"delete_gsdb_table_entry", "pss2_delete", k_any, k_any, always, k_its_own, k_anything},
     // The port managers.
+    {"pixm_", "pss2_get_params", k_any, k_any, always, k_as_ever, ", 36"}, // all is too large
     {"pixm_", "pss2_fetch", k_any, k_any, always, k_as_ever, k_its_key},
     {k_ports, "pss2_getkey", k_any, k_first, null, k_as_ever, k_its_store},
     {"pixm_", "pss2_getkey", k_any, k_any, null, k_as_ever, k_its_store, 1},

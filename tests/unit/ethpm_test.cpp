@@ -878,6 +878,22 @@ TEST_F(ethpm_walk_test, a_key_that_stays_under_the_cursor_ends_the_walk) {
   EXPECT_TRUE(platform.open_handles().empty());
 }
 
+// A step that is reported as done, but is not: the second record's reason, 143, becomes 124, which
+// would become 162 if it were renumbered again.
+TEST_F(ethpm_walk_test, a_cursor_that_stays_has_no_record_changed_twice) {
+  platform.set_store(k_info, {{runtime_key(1), runtime(1)},
+                              {runtime_key(2), runtime(143)},
+                              {runtime_key(3), runtime(143)}});
+  platform.answer_null_from("pss2_move2location", 3);
+  gsync("4.1(3)", "4.2(2)");
+  EXPECT_EQ((records_t{{runtime_key(1), runtime(1)},
+                       {runtime_key(2), runtime(124)},
+                       {runtime_key(3), runtime(143)}}),
+            platform.records(k_info));
+  EXPECT_EQ(1u, platform.calls("pss2_store").size());
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
 // Only one status of a location means that there is no such record.
 TEST_F(ethpm_walk_test, other_statuses_of_a_location_do_not_end_the_walk) {
   const records_t records = {{"k1", "v1"}, {config_key(1), "a"}};

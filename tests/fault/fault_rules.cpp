@@ -1,8 +1,8 @@
 #include "fault/fault_rules.h"
 
 #include <algorithm>
-#include <cstring>
 #include <set>
+#include <string_view>
 
 const char k_anything[] = "";
 const char k_its_store[] = "<store>";
@@ -72,7 +72,6 @@ constexpr char k_version_asked[] = "cond_srv1_ datamorph_gsync";
 
 constexpr char k_any[] = "";
 constexpr char k_saved_table[] = "sysmgr_config";
-constexpr char k_meta_table[] = "globalpss_table\"";
 constexpr char k_routers[] = ", 01)";
 constexpr char k_addresses[] = ", 02)";
 constexpr char k_records_of_vrrp[] = "/bin/vrrp-"; // in the stores of its two sides
@@ -100,7 +99,7 @@ const rule k_failing[] = {
     {k_any, "mts_send", k_any, k_any, always, k_send_failed, k_anything},
     {k_any, "mts_recv", k_any, k_any, always, k_send_failed, k_anything},
     {k_any, "mts_payload_get", k_any, k_any, always, k_no_payload, k_anything},
-    // The startup tag table. A table that could not be made when none was saved is tried again.
+    // The startup tag table. One that cannot be made ends its update.
     {k_any, "pss_fetch", k_saved_table, k_any, absent, k_as_ever, nullptr, 0, k_new_table},
     {k_any, "pss_fetch", k_saved_table, k_any, always, k_its_own, k_anything},
     {k_any, "sysmgr_srv_tag_info_", k_any, k_any, always, k_its_own, k_anything},
@@ -223,20 +222,21 @@ std::set<const rule *> &used_rules() {
   return used;
 }
 
-bool begins_with(const std::string &text, const std::string &beginning) {
+bool begins_with(const std::string &text, std::string_view beginning) {
   return text.compare(0, beginning.size(), beginning) == 0;
 }
 
-bool is_one_of(const std::string &name, const char *beginnings) {
-  const std::string all = beginnings;
-  for (size_t start = 0; start <= all.size();) {
-    const size_t end = std::min(all.find(' ', start), all.size());
-    if (begins_with(name, all.substr(start, end - start))) {
+bool is_one_of(const std::string &name, std::string_view beginnings) {
+  for (;;) {
+    const size_t end = beginnings.find(' ');
+    if (begins_with(name, beginnings.substr(0, end))) {
       return true;
     }
-    start = end + 1;
+    if (end == std::string_view::npos) {
+      return false;
+    }
+    beginnings.remove_prefix(end + 1);
   }
-  return false;
 }
 
 std::string last_step(const lines_t &calls, size_t at) {
@@ -263,7 +263,7 @@ template <size_t count>
 const rule &first_rule(const rule (&rules)[count], const std::string &routine_name,
                        const fault &happens, const lines_t &calls, size_t at) {
   const rule *found = std::find_if(std::begin(rules), std::end(rules), [&](const rule &one) {
-    return is_one_of(routine_name, one.routines) && begins_with(calls[at], one.function) &&
+    return begins_with(calls[at], one.function) && is_one_of(routine_name, one.routines) &&
            tells(calls[at], one.text) &&
            (*one.step == '\0' || tells(last_step(calls, at), one.step)) && one.when(happens);
   });

@@ -431,6 +431,8 @@ TEST_F(fault_test, every_call_fails_with_every_status) {
   EXPECT_EQ("", rules_without_use(false));
 }
 
+// Data that is short, empty, long or none; and calls that say that all went well, and have done
+// nothing: a cursor that stays, a record that is not deleted, a table that is not there.
 TEST_F(fault_test, every_call_gives_data_that_cannot_be_right) {
   const std::set<std::string> giving = {
       "pss_fetch",   "pss_getvalue",  "pss_move2key",    "pss_move2location",  "pss2_fetch",
@@ -442,8 +444,6 @@ TEST_F(fault_test, every_call_gives_data_that_cannot_be_right) {
                                               std::string(64, '\xff'),
                                               std::string(4096, '\0'),
                                               std::string(70000, '\xff')};
-  // These say that all went well, and have done nothing: a cursor that stays, a record that is not
-  // deleted, a table that is not there.
   const std::set<std::string> claiming = {"pss2_move2location",
                                           "pss_store",
                                           "pss_delete",

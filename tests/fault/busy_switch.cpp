@@ -1,9 +1,9 @@
 #include "fault/busy_switch.h"
 
 #include <cstdlib>
-#include <cstring>
 
 #include "libdatamorph_private.h"
+#include "support/library_state.h"
 #include "unit/vrrp_fixture.h"
 
 namespace {
@@ -19,7 +19,6 @@ struct vrrp_records : vrrp_fixture {
   static constexpr const char *mgr = k_mgr;
   static constexpr const char *eng = k_eng;
   static constexpr const char *temp = k_temp;
-  using vrrp_fixture::forget_traces;
   void TestBody() override {}
 };
 
@@ -74,19 +73,6 @@ void put_databases(platform_double &platform) {
                                   {std::string("/cfg/other") + '\0', std::string(12, 'd')}}));
 }
 
-// What stays in the library from one call to the next.
-void forget_process() {
-  vrrp_records::forget_traces();
-  for (ethpm_pss_type_t *request :
-       {ethpm_convert_runtime_pss_list, ethpm_convert_config_tlv_pss_list}) {
-    request->b_version_chk = false;
-    request->transition = ETHPM_TR_NOCHANGE;
-    request->pss_action = ETHPM_PSS_NOCHANGE;
-  }
-  std::memset(upgrade_port_state_reason_table, 0, sizeof upgrade_port_state_reason_table);
-  std::memset(downgrade_port_state_reason_table, 0, sizeof downgrade_port_state_reason_table);
-}
-
 uint8 *no_tag() {
   static uint8 tag[1] = {};
   return tag;
@@ -113,21 +99,28 @@ template <auto entry_point> syserr_t run_all(const open_stores &, const releases
   return entry_point(&args);
 }
 
+std::vector<service_run> g_service_runs;
+
 // All services' entry points in the order of their numbers; the last failure.
-template <auto entry_point> syserr_t run_each(const open_stores &, const releases &change) {
+template <auto entry_point, auto is_in_table>
+syserr_t run_each(const open_stores &, const releases &change) {
   datamorph_args_t args = arguments(change);
   syserr_t last = 0;
-  for (uint32 uuid = 1; uuid < 1024; ++uuid) {
-    convert_ret_value_t failed = {};
-    const syserr_t status = entry_point(static_cast<uuid_t>(uuid), &failed, &args);
-    last = status != 0 ? status : last;
+  for (uint32 number = 1; number < 1024; ++number) {
+    const auto uuid = static_cast<uuid_t>(number);
+    service_run made = {uuid, 0, {}, 0};
+    made.status = entry_point(uuid, &made.failed, &args);
+    last = made.status != 0 ? made.status : last;
+    if (is_in_table(uuid)) {
+      made.calls = double_platform().calls().size();
+      g_service_runs.push_back(made);
+    }
   }
   return last;
 }
 
 template <auto asks> syserr_t ask(const open_stores &, const releases &) {
-  static_cast<void>(asks("/cfg/bin"));
-  return 0;
+  return asks("/cfg/bin") ? 1 : 0;
 }
 
 } // namespace
@@ -144,6 +137,7 @@ void make_busy_switch(const releases &change) {
   platform_double &platform = double_platform();
   platform.reset();
   forget_process();
+  g_service_runs.clear();
   platform.add_queue(k_queue);
   datamorph_mts_q = k_queue;
   platform.reply_always(3, bytes("00 00 00 00"));
@@ -164,6 +158,10 @@ void make_busy_switch(const releases &change) {
   platform.set_store(vrrp_records::temp, vrrp_records::before());
 }
 
+const std::vector<service_run> &service_runs() {
+  return g_service_runs;
+}
+
 open_stores open_for_steps() {
   syserr_t ignored = 0;
   open_stores open;
@@ -176,8 +174,10 @@ open_stores open_for_steps() {
   return open;
 }
 
-#define ROWS(name, run)                                                                            \
-  { #name, run < name>, false, true }
+#define EACH(name, is_in_table)                                                                    \
+  { #name, run_each < name, is_in_table>, false, true }
+#define ALL(name)                                                                                  \
+  { #name, run_all < name>, false, true }
 #define CONVERTER(name)                                                                            \
   { #name, convert < name> }
 #define STEP(call)                                                                                 \
@@ -186,18 +186,18 @@ open_stores open_for_steps() {
    [](const open_stores &open, const releases &change) -> syserr_t {                               \
      static_cast<void>(open);                                                                      \
      static_cast<void>(change);                                                                    \
-     return (call);                                                                                \
+     return static_cast<syserr_t>(call);                                                                                \
    },                                                                                              \
    true  \
   }
 
 const std::vector<routine> k_routines = {
     // The entry points.
-    ROWS(datamorph_gsync, run_each),
-    ROWS(datamorph_startup, run_each),
-    ROWS(datamorph_running_fs_upg, run_each),
-    ROWS(datamorph_startup_all, run_all),
-    ROWS(datamorph_running_fs_upg_all, run_all),
+    EACH(datamorph_gsync, is_uuid_in_convert_gsync_table),
+    EACH(datamorph_startup, is_uuid_in_convert_startup_table),
+    EACH(datamorph_running_fs_upg, is_uuid_in_convert_running_fs_upg_table),
+    ALL(datamorph_startup_all),
+    ALL(datamorph_running_fs_upg_all),
     // The converters, in tables or not.
     CONVERTER(psshlpr_data_morph_gsync),
     CONVERTER(sksd_data_morph_running_fs_upg),
@@ -227,7 +227,7 @@ const std::vector<routine> k_routines = {
     {"was_dot1x_running", ask<was_dot1x_running>},
     {"was_psec_running", ask<was_psec_running>},
     {"was_kps_running", ask<was_kps_running>},
-    STEP(was_running_compulsory_conditional("/cfg/bin", SRVUUID_KPS, change.from) * 0u),
+    STEP(was_running_compulsory_conditional("/cfg/bin", SRVUUID_KPS, change.from)),
     STEP(datamorph_destroy_volatile_pss(const_cast<char *>("/cfg"),
                                         const_cast<char *>("plugin_debug"))),
     STEP(datamorph_destroy_nonvolatile_pss(const_cast<char *>("/cfg"),

@@ -23,11 +23,22 @@ struct releases {
 
 struct routine {
   const char *name;
-  // Runs it on the busy switch; the status, or 0 where it gives none.
+  // Runs it on the busy switch; its status or answer, or 0 where it gives none.
   syserr_t (*run)(const open_stores &open, const releases &change);
   bool takes_stores = false; // it works on open ones, and leaves them open
   bool has_rows = false;     // runs several routines, of which a later one sees what one left
 };
+
+// What an entry point did for one service.
+struct service_run {
+  uuid_t uuid;
+  syserr_t status;
+  convert_ret_value_t failed; // the entry point's result record
+  size_t calls;               // of the platform, by it and by all before it
+};
+
+// Of the last run, where it was one of an entry point that is called for each service.
+const std::vector<service_run> &service_runs();
 
 // Every exported routine that calls the platform.
 extern const std::vector<routine> k_routines;

@@ -109,7 +109,7 @@ struct platform_double::state {
   // ---- Stores
   std::map<std::string, std::shared_ptr<double_store>> stores;
   std::map<uint32, double_handle> handles;
-  uint32 last_handle = 0;
+  std::vector<std::string> opened;                      // the stores of handles 1, 2, ...
   std::map<std::pair<uint32, std::string>, loan> loans; // by handle and function
 
   double_handle *find(generation made_by, uint32 service);

@@ -121,7 +121,8 @@ syserr_t open(generation made_by, const char *uri, bool create, double_handle **
   made.made_by = made_by;
   made.uri = uri;
   made.store = found->second;
-  *service = ++state.last_handle;
+  state.opened.emplace_back(uri);
+  *service = static_cast<uint32>(state.opened.size());
   *opened = &state.handles.emplace(*service, std::move(made)).first->second;
   return SYSERR_SUCCESS;
 }
@@ -315,6 +316,10 @@ std::vector<uint32> platform_double::open_handles() const {
     open.push_back(service);
   }
   return open;
+}
+
+std::string platform_double::store_of(uint32 handle) const {
+  return handle - 1 < state_->opened.size() ? state_->opened[handle - 1] : std::string();
 }
 
 std::vector<std::string> platform_double::open_stores() const {

@@ -119,6 +119,8 @@ public:
   // Handles of both generations that are open, in the order of opening, and their stores.
   std::vector<uint32> open_handles() const;
   std::vector<std::string> open_stores() const;
+  // The store that a handle is of, or was of when it was open; "" for a number that was none.
+  std::string store_of(uint32 handle) const;
 
   // The bytes of a flat file as pss2_kernel2file writes it, to be put down by a test.
   static std::string flat_file(const records_t &records);

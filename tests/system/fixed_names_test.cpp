@@ -2,9 +2,13 @@
 // writes nothing outside of the switch, waits for nobody and ends as it does without them.
 #include "command.h"
 
+#include <cerrno>
 #include <filesystem>
 
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace {
 
@@ -46,10 +50,10 @@ protected:
   }
 
   // What stands there is no store, so the switch stays as it was.
-  void expect_refused_hand_over(const char *why) {
+  void expect_refused_hand_over(const char *why, int status = 1) {
     const files before = state("sw");
     const result converted = convert();
-    EXPECT_EQ(converted.status, 1);
+    EXPECT_EQ(converted.status, status);
     EXPECT_NE(converted.err.find(why), std::string::npos) << converted.err;
     EXPECT_EQ(state("sw"), before);
   }
@@ -108,6 +112,50 @@ TEST_F(fixed_names, a_fifo_in_the_place_of_the_hand_over) {
 TEST_F(fixed_names, a_folder_in_the_place_of_the_hand_over) {
   fs::create_directory(hand_over());
   expect_refused_hand_over(k_damaged);
+}
+
+// A store of somebody else's, by its second name: what stands there is replaced, not written to.
+TEST_F(fixed_names, a_hard_link_to_a_store_in_the_place_of_the_hand_over) {
+  create("other");
+  const files others = state("other");
+  fs::create_hard_link(path("other/current/cfg/startup/bin/vrrp-cfg_config_sav.pss"), hand_over());
+  const result converted = convert();
+  EXPECT_EQ(converted.status, 0) << converted.err;
+  EXPECT_EQ(show("sw")["release"], "4.2(1)");
+  EXPECT_EQ(state("other"), others);
+  EXPECT_FALSE(fs::exists(hand_over()));
+  EXPECT_EQ(run({"convert", "other", "--to", "4.2(1)"}).status, 0);
+  EXPECT_EQ(run({"diff", "sw", "other"}).status, 0);
+}
+
+TEST_F(fixed_names, a_hard_link_to_what_is_no_store_in_the_place_of_the_hand_over) {
+  fs::create_hard_link(path("outside/victim"), hand_over());
+  expect_refused_hand_over("the store 'nonvolatile:/tmp/vrrp-startup-pss' cannot be read: "
+                           "0x40480009 (store or record damaged)",
+                           3);
+}
+
+// Not everybody may make a device: one that is there serves as well.
+TEST_F(fixed_names, a_device_in_the_place_of_the_hand_over) {
+  if (mknod(hand_over().c_str(), S_IFCHR | 0666, makedev(1, 7)) != 0) {
+    ASSERT_NO_FATAL_FAILURE(enter_private_mounts());
+    write("sw/current/tmp/vrrp-startup-pss.pss", "");
+    ASSERT_EQ(mount("/dev/full", hand_over().c_str(), "none", MS_BIND, nullptr), 0);
+  }
+  expect_refused_hand_over(k_damaged);
+  umount2(hand_over().c_str(), MNT_DETACH);
+}
+
+TEST_F(fixed_names, a_store_of_another_owner_in_the_place_of_the_hand_over) {
+  create("other");
+  fs::copy_file(path("other/current/cfg/startup/bin/vrrp-cfg_config_sav.pss"), hand_over());
+  const int changed = chown(hand_over().c_str(), 65534, 65534);
+  ASSERT_TRUE(changed == 0 || errno == EPERM); // only the superuser may give files away
+  const result converted = convert();
+  EXPECT_EQ(converted.status, 0) << converted.err;
+  EXPECT_FALSE(fs::exists(hand_over()));
+  EXPECT_EQ(run({"convert", "other", "--to", "4.2(1)"}).status, 0);
+  EXPECT_EQ(run({"diff", "sw", "other"}).status, 0);
 }
 
 } // namespace

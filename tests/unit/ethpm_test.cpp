@@ -11,6 +11,7 @@
 #include "libdatamorph_private.h"
 #include "libdatamorph_walk.h"
 #include "support/library_fixture.h"
+#include "support/library_state.h"
 #include "support/port_tables.h"
 #include "support/scarce_malloc.h"
 
@@ -47,18 +48,6 @@ const auto g_set_reasons_at_start =
 
 const auto g_transition_at_start = ethpm_get_issu_transition();
 const auto g_action_at_start = ethpm_get_pss_action();
-
-// As the process started: nothing marked, no table filled.
-void forget_process() {
-  for (ethpm_pss_type_t *request :
-       {ethpm_convert_runtime_pss_list, ethpm_convert_config_tlv_pss_list}) {
-    request->b_version_chk = false;
-    request->transition = ETHPM_TR_NOCHANGE;
-    request->pss_action = ETHPM_PSS_NOCHANGE;
-  }
-  std::memset(upgrade_port_state_reason_table, 0, sizeof upgrade_port_state_reason_table);
-  std::memset(downgrade_port_state_reason_table, 0, sizeof downgrade_port_state_reason_table);
-}
 
 class ethpm_test : public library_fixture {
 protected:
@@ -886,6 +875,22 @@ TEST_F(ethpm_walk_test, a_key_that_stays_under_the_cursor_ends_the_walk) {
   walk(ethpm_convert_config_tlv_pss_list, 1);
   EXPECT_EQ(6u, platform.calls("pss2_getkey").size()); // four, after the deletion, after the step
   EXPECT_EQ(4u, platform.calls("pss2_delete").size());
+  EXPECT_TRUE(platform.open_handles().empty());
+}
+
+// A step that is reported as done, but is not: the second record's reason, 143, becomes 124, which
+// would become 162 if it were renumbered again.
+TEST_F(ethpm_walk_test, a_cursor_that_stays_has_no_record_changed_twice) {
+  platform.set_store(k_info, {{runtime_key(1), runtime(1)},
+                              {runtime_key(2), runtime(143)},
+                              {runtime_key(3), runtime(143)}});
+  platform.answer_null_from("pss2_move2location", 3);
+  gsync("4.1(3)", "4.2(2)");
+  EXPECT_EQ((records_t{{runtime_key(1), runtime(1)},
+                       {runtime_key(2), runtime(124)},
+                       {runtime_key(3), runtime(143)}}),
+            platform.records(k_info));
+  EXPECT_EQ(1u, platform.calls("pss2_store").size());
   EXPECT_TRUE(platform.open_handles().empty());
 }
 

@@ -4,11 +4,10 @@
 
 #include "libdatamorph_vrrp.h"
 
-#include <unistd.h>
-
 #include <regex>
 
 #include "support/library_fixture.h"
+#include "support/library_state.h"
 
 class vrrp_fixture : public library_fixture {
 protected:
@@ -25,16 +24,6 @@ protected:
   void TearDown() override {
     forget_traces();
     library_fixture::TearDown();
-  }
-
-  // The sides open their trace files anew.
-  static void forget_traces() {
-    for (vrrp_side_t *side : {&vrrp_mgr_side, &vrrp_eng_side}) {
-      if (side->trace_fd != -1) {
-        close(side->trace_fd);
-        side->trace_fd = -1;
-      }
-    }
   }
 
   // What a call adds to a side's trace file, which exists: "routine: message", without time and

@@ -6,6 +6,7 @@
 //   one,
 //                                  and compares nothing
 //   DATAMORPH_WIDTHS_SHOW=ROUTINE  prints what the digests of that routine are made of
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -278,21 +279,21 @@ TEST_F(widths_test, what_is_taken_out_of_the_traces) {
 
 TEST_F(widths_test, a_run_is_told_by_all_that_it_leaves) {
   const releases change = {"4.2(1)", "4.1(5)"};
-  for (const routine &what : k_routines) {
-    if (std::string(what.name) == "vrrp_mgr_data_morph_startup_for_upgrade") {
-      const std::string told = told_run(what, change, 0);
-      EXPECT_EQ("seed 0 to 4.2(1) from 4.1(5) status 00000000\n"
-                "pss_open(\"nonvolatile:/cfg/bin/vrrp-cfg_config_sav\")\n",
-                told.substr(0, 98));
-      for (const char *part :
-           {"store nonvolatile:/cfg/bin/vrrp-cfg_config_sav\n  00 7a65726f\n", "access point 3\n",
-            "file /cfg/globalpss_table.snp ", "\nstandard error\nlog\n\n",
-            "<time> vrrp_handle_generic_convert: Done with conversion in Mgr\n"}) {
-        EXPECT_NE(std::string::npos, told.find(part)) << part;
-      }
-      EXPECT_NE(told, told_run(what, change, 1));
-    }
+  const auto what = std::find_if(k_routines.begin(), k_routines.end(), [](const routine &one) {
+    return std::string(one.name) == "vrrp_mgr_data_morph_startup_for_upgrade";
+  });
+  ASSERT_NE(k_routines.end(), what);
+  const std::string told = told_run(*what, change, 0);
+  EXPECT_EQ("seed 0 to 4.2(1) from 4.1(5) status 00000000\n"
+            "pss_open(\"nonvolatile:/cfg/bin/vrrp-cfg_config_sav\")\n",
+            told.substr(0, 98));
+  for (const char *part :
+       {"store nonvolatile:/cfg/bin/vrrp-cfg_config_sav\n  00 7a65726f\n", "access point 3\n",
+        "file /cfg/globalpss_table.snp ", "\nstandard error\nlog\n\n",
+        "<time> vrrp_handle_generic_convert: Done with conversion in Mgr\n"}) {
+    EXPECT_NE(std::string::npos, told.find(part)) << part;
   }
+  EXPECT_NE(told, told_run(*what, change, 1));
 }
 
 TEST_F(widths_test, every_routine_at_every_pair_of_releases) {

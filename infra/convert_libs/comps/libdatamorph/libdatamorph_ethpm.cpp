@@ -441,16 +441,17 @@ bool handle_key(const pss_datum_t *key, ethpm_pss_type_t *list, size_t list_num)
   return false;
 }
 
+// The key after one that was handled. A cursor that stays where it is ends the walk: a reason that
+// is renumbered twice is another one.
+const pss_datum_t *key_after(const datamorph_kept_key &handled) {
+  const pss_datum_t *key = next_key();
+  return key != nullptr && handled.equals(*key) ? nullptr : key;
+}
+
 // The key after one that was to be deleted. Where the deletion failed, that is the key after it.
 const pss_datum_t *key_after_deletion(const datamorph_kept_key &deleted) {
   const pss_datum_t *key = key_at_cursor();
-  if (key != nullptr && deleted.equals(*key)) {
-    key = next_key();
-    if (key != nullptr && deleted.equals(*key)) {
-      return nullptr;
-    }
-  }
-  return key;
+  return key != nullptr && deleted.equals(*key) ? key_after(deleted) : key;
 }
 
 void walk(ethpm_pss_type_t *list, size_t list_num) {
@@ -458,7 +459,7 @@ void walk(ethpm_pss_type_t *list, size_t list_num) {
   datamorph_kept_key current;
   const pss_datum_t *key = first_key();
   while (key != nullptr && !circle.has_met(*key) && current.keep(*key)) {
-    key = handle_key(key, list, list_num) ? key_after_deletion(current) : next_key();
+    key = handle_key(key, list, list_num) ? key_after_deletion(current) : key_after(current);
   }
 }
 

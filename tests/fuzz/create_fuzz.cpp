@@ -1,5 +1,5 @@
 // Whole switches: what a description says is made, in the process's own root, and stands there as
-// it was described. The input is a description's text, or changes one of the seeds.
+// it was described. The input says what parts the description has.
 #include <sys/stat.h>
 
 #include <fstream>

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "fault/busy_switch.h"
 #include "fuzz/conversion_model.h"
 #include "fuzz/fuzz_switch.h"
 #include "fuzz/quiet_files.h"
@@ -13,8 +14,6 @@ using conversion_model::outcome;
 using conversion_model::request;
 using conversion_model::row;
 
-const char *const k_releases[] = {"3.3(1)", "4.0(4)", "4.1(1)", "4.1(2)", "4.1(3)",
-                                  "4.1(5)", "4.2(0)", "4.2(1)", "4.2(2)", "4.2(3)"};
 const char *const k_paths[] = {"/cfg",       "/cfg/vdc_2",     "/cfg/vdc_1",
                                "/cfg/vdc_0", "/cfg/vdc_65553", "/cfg/vdc_ 16x"};
 

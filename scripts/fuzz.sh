@@ -27,7 +27,7 @@ build() {
 longest_input() {
   case $1 in
     version | mts) echo 300 ;;
-    store) echo 1024 ;;
+    store) echo 512 ;;
     *) echo 2048 ;;
   esac
 }

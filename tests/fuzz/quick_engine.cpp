@@ -36,7 +36,7 @@ static_assert(sizeof(block) == 16, "what follows is aligned for anything");
 // Kinds are powers of two. What is given back is not used again before so many others are.
 constexpr int k_smallest = 6;
 constexpr int k_kinds = 25;
-constexpr int k_kept_back = 32;
+constexpr int k_kept_back = 8;
 constexpr size_t k_at_once = 1 << 20;
 constexpr uint32_t k_free = UINT32_MAX; // no size
 

@@ -60,7 +60,8 @@ void expect_switch(const description &wanted) {
   for (const store_description &store : wanted.stores) {
     expect_store(store);
   }
-  expect(wanted.stores.empty() || lab::store_uris().size() == wanted.stores.size(),
+  // The search goes through all folders, which takes longer than making one store.
+  expect(wanted.stores.size() < 2 || lab::store_uris().size() == wanted.stores.size(),
          "stores that nobody described");
   for (const file_description &file : wanted.files) {
     expect_file(file);
@@ -197,18 +198,21 @@ json file(bytes_source *source, size_t part) {
 }
 
 std::string description_of(bytes_source *source) {
+  const uint8_t first = source->byte();
+  // Mostly one store: each takes as long as all else, and several only matter to each other's
+  // places.
+  const size_t most_stores = first % 16 < 2 ? 3 : 1;
   json made = {
       {"release", "4.1(5)"},
       {"releases", {"4.1(5)", "4.2(1)"}},
-      {"running_cfg_dir", k_folders[source->byte() % 2]},
+      {"running_cfg_dir", k_folders[first % 2]},
       {"paths", {{"gsync", "/cfg/0"}, {"running-fs", "/cfg/0"}, {"startup", "/cfg/startup"}}},
       {"stores", json::array()},
       {"files", json::array()},
       {"access_points", json::array()}};
-  // Few stores: each takes as long as all else, and two can be in each other's way.
-  for (size_t part = 0; part < 8 && made["stores"].size() < 2 && !source->is_empty(); ++part) {
+  for (size_t part = 0; part < 8 && !source->is_empty(); ++part) {
     const uint8_t kind = source->byte();
-    if (kind % 8 < 4) {
+    if (kind % 8 < 4 && made["stores"].size() < most_stores) {
       made["stores"].push_back(store(source, part));
     } else if (kind % 8 < 7) {
       made["files"].push_back(file(source, part));

@@ -18,8 +18,7 @@
 
 namespace {
 
-// ---- Memory
-// --------------------------------------------------------------------------------------
+// ---- Memory -------------------------------------------------------------------------------------
 //
 // The engine asks for some thousand small blocks for each file that it opens, which is most of a
 // run when the sanitizer keeps the books of each. Here a block comes from a list of its size. To
@@ -33,7 +32,8 @@ struct block {
 };
 static_assert(sizeof(block) == 16, "what follows is aligned for anything");
 
-// Kinds are powers of two. What is given back is not used again before so many others are.
+// Kinds are powers of two; what is larger than all of them is refused, as where memory has run out.
+// What is given back is not used again before so many others are.
 constexpr int k_smallest = 6;
 constexpr int k_kinds = 25;
 constexpr int k_kept_back = 8;
@@ -144,8 +144,7 @@ int start(void * /*data*/) {
 
 void stop(void * /*data*/) {}
 
-// ---- System calls
-// --------------------------------------------------------------------------------
+// ---- System calls -------------------------------------------------------------------------------
 
 // Locks are those of processes against each other, and here is one.
 int control(int fd, int command, ...) {

@@ -1,19 +1,27 @@
 // Whole switches: what a description says is made, in the process's own root, and stands there as
-// it was described. The input is a description's text, or changes one of the seeds.
+// it was described. The input says what parts the description has.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
+#include <set>
 
 #include "description.h"
 #include "failure.h"
 #include "fuzz/bytes_source.h"
 #include "fuzz/finding.h"
+#include "fuzz/quick_engine.h"
 #include "fuzz/switch_folder.h"
 #include "lab/lab.h"
+#include "layout.h"
 #include "populate.h"
 
 namespace {
+
+std::string version_of(const std::string &release) {
+  return "/images/" + release + "/version";
+}
 
 void expect_store(const store_description &store) {
   lab::store_info info;
@@ -52,14 +60,58 @@ void expect_switch(const description &wanted) {
   for (const store_description &store : wanted.stores) {
     expect_store(store);
   }
-  expect(lab::store_uris().size() == wanted.stores.size(), "stores that nobody described");
+  // The search goes through all folders, which takes longer than making one store.
+  expect(wanted.stores.size() < 2 || lab::store_uris().size() == wanted.stores.size(),
+         "stores that nobody described");
   for (const file_description &file : wanted.files) {
     expect_file(file);
   }
   expect(lab::mts_saps().size() == wanted.access_points.size(), "other access points");
   for (const std::string &release : wanted.releases) {
-    expect_file({"/images/" + release + "/version", 0644, release + "\n"});
+    expect_file({version_of(release), 0644, release + "\n"});
   }
+}
+
+// ---- The switch goes again ---------------------------------------------------------------------
+
+// What every description here has made, and so stays.
+const std::set<std::string> &lasting_folders() {
+  static const std::set<std::string> all = [] {
+    std::set<std::string> found(std::begin(usual_folders), std::end(usual_folders));
+    found.insert({"/cfg/0", "/cfg/startup", "/images/4.1(5)", "/images/4.2(1)"});
+    return found;
+  }();
+  return all;
+}
+
+// With the folders above it that hold nothing else.
+void remove_folder(std::string path) {
+  while (lasting_folders().count(path) == 0 && rmdir(path.c_str()) == 0) {
+    path.resize(path.rfind('/'));
+  }
+}
+
+void remove_file(const std::string &path) {
+  expect(unlink(path.c_str()) == 0, "what was made cannot be removed");
+  remove_folder(path.substr(0, path.rfind('/')));
+}
+
+// The next description finds the switch as this one did: what stays of a path is in another's way,
+// so that it would be found.
+void remove_switch(const description &made) {
+  for (const store_description &store : made.stores) {
+    remove_file(lab::store_file(store.uri));
+  }
+  for (const file_description &file : made.files) {
+    remove_file(file.path);
+  }
+  for (const access_point_description &point : made.access_points) {
+    remove_file("/var/run/mts/sap-" + std::to_string(point.sap));
+  }
+  for (const std::string &release : made.releases) {
+    remove_file(version_of(release));
+  }
+  remove_folder(made.state.running_cfg_dir);
 }
 
 // ---- Descriptions out of bytes -----------------------------------------------------------------
@@ -146,17 +198,21 @@ json file(bytes_source *source, size_t part) {
 }
 
 std::string description_of(bytes_source *source) {
+  const uint8_t first = source->byte();
+  // Mostly one store: each takes as long as all else, and several only matter to each other's
+  // places.
+  const size_t most_stores = first % 16 < 2 ? 3 : 1;
   json made = {
       {"release", "4.1(5)"},
       {"releases", {"4.1(5)", "4.2(1)"}},
-      {"running_cfg_dir", k_folders[source->byte() % 2]},
+      {"running_cfg_dir", k_folders[first % 2]},
       {"paths", {{"gsync", "/cfg/0"}, {"running-fs", "/cfg/0"}, {"startup", "/cfg/startup"}}},
       {"stores", json::array()},
       {"files", json::array()},
       {"access_points", json::array()}};
-  for (size_t part = 0; !source->is_empty(); ++part) {
+  for (size_t part = 0; part < 8 && !source->is_empty(); ++part) {
     const uint8_t kind = source->byte();
-    if (kind % 8 < 4) {
+    if (kind % 8 < 4 && made["stores"].size() < most_stores) {
       made["stores"].push_back(store(source, part));
     } else if (kind % 8 < 7) {
       made["files"].push_back(file(source, part));
@@ -165,6 +221,13 @@ std::string description_of(bytes_source *source) {
     }
   }
   return made.dump();
+}
+
+// Not before the first input: the fuzzer opens files of its own until then.
+const switch_folder &enter_root() {
+  static const switch_folder root;
+  quick_engine::set_up();
+  return root;
 }
 
 } // namespace
@@ -178,12 +241,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   } catch (const failure &) {
     return 0; // two parts at one place, or a name that is none
   }
-  const switch_folder root;
+  static const switch_folder &root = enter_root();
+  static_cast<void>(root);
+  const size_t blocks = quick_engine::blocks();
   try {
     populate(wanted);
   } catch (const failure &error) {
     finding(std::string("an accepted description cannot be made: ") + error.what());
   }
   expect_switch(wanted);
+  expect(quick_engine::blocks() == blocks, "memory of a connection that is closed");
+  remove_switch(wanted);
   return 0;
 }

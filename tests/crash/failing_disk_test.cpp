@@ -190,6 +190,24 @@ const work works[] = {
 INSTANTIATE_TEST_SUITE_P(disk, each_failure, testing::ValuesIn(works),
                          [](const auto &one) { return std::string(one.param.name); });
 
+// Somebody's files may lie in a folder that cannot be listed.
+TEST_F(failing_disk, that_does_not_list_a_folder_has_no_switch_made_in_it) {
+  make_disk(creation);
+  fs::create_directory(path("disk/sw"));
+  std::ofstream(path("disk/sw/letter")) << "of somebody";
+  const disk_tree before = disk();
+
+  int opened = 0; // it is, but then not once more for its names
+  const result ended = watched(creation.arguments, [&](const file_call &call) {
+    const bool now = call.kind == call_kind::read_folder && ++opened > 1;
+    return now ? answer{answer_kind::fail, EMFILE} : answer();
+  });
+
+  EXPECT_EQ(ended.status, 3);
+  EXPECT_EQ(ended.err, "datamorph: cannot read the directory 'disk/sw': Too many open files\n");
+  EXPECT_EQ(differences(disk().listing(), before.listing()), "");
+}
+
 // ---- The log's folder alone --------------------------------------------------------------------
 
 class failing_log : public failing_disk {};

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include <dirent.h>
 #include <fcntl.h>
 
 #include "failure.h"
@@ -36,22 +35,13 @@ bool earlier(const std::string &a, const std::string &b) {
   return number_a != number_b ? number_a < number_b : a < b;
 }
 
-std::vector<std::string> names_in(int runs) {
-  const int fd = openat(runs, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR *stream = fd < 0 ? nullptr : fdopendir(fd);
-  if (stream == nullptr) {
+std::vector<std::string> sorted_runs(int runs) {
+  std::optional<std::vector<std::string>> names = tree::names_in(runs);
+  if (!names) {
     throw failure(exit_refused, "cannot read the folder runs/: " + error_text(errno));
   }
-  std::vector<std::string> names;
-  while (const dirent *entry = readdir(stream)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") {
-      names.push_back(name);
-    }
-  }
-  closedir(stream);
-  std::sort(names.begin(), names.end(), earlier);
-  return names;
+  std::sort(names->begin(), names->end(), earlier);
+  return *names;
 }
 
 nlohmann::json document_in(int folder, const char *name, size_t limit) {
@@ -195,7 +185,7 @@ unique_fd open_run(int runs, const std::string &name) {
 
 std::string last_run(int runs) {
   std::string last;
-  for (const std::string &name : names_in(runs)) {
+  for (const std::string &name : sorted_runs(runs)) {
     last = is_number(name) ? name : last;
   }
   return last;
@@ -213,7 +203,7 @@ std::vector<run_row> run_rows(const switch_dir &target) {
                                     "; move what stands there out of the way, or run as the user "
                                     "that the switch belongs to");
   }
-  const std::vector<std::string> names = names_in(runs.get());
+  const std::vector<std::string> names = sorted_runs(runs.get());
   progress shown;
   shown.begin("reading", names.size(), "runs");
   for (const std::string &name : names) {

@@ -10,7 +10,6 @@
 #include <sstream>
 #include <thread>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -581,16 +580,15 @@ unique_fd switch_dir::make_run(std::string *number) const {
     throw failure(exit_failed, "cannot make the folder runs/: " + error_text(errno), runs_advice);
   }
   const unique_fd runs = open_state(folder_.get(), runs_name);
-  const int fd = runs.is_open() ? openat(runs.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
-  DIR *stream = fd < 0 ? nullptr : fdopendir(fd);
-  if (stream == nullptr) {
+  const std::optional<std::vector<std::string>> names =
+      runs.is_open() ? tree::names_in(runs.get()) : std::nullopt;
+  if (!names) {
     throw failure(exit_failed, "cannot read the folder runs/: " + error_text(errno), runs_advice);
   }
   unsigned long last = 0;
-  while (const dirent *entry = readdir(stream)) {
-    last = std::max(last, std::strtoul(entry->d_name, nullptr, 10));
+  for (const std::string &run : *names) {
+    last = std::max(last, std::strtoul(run.c_str(), nullptr, 10));
   }
-  closedir(stream);
   char name[32];
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::snprintf(name, sizeof name, "%04lu", ++last);

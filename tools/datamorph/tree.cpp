@@ -33,19 +33,12 @@ unique_fd open_folder(int parent, const std::string &name) {
   return unique_fd(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Calls `visit` with each entry's name. `folder` is read through a descriptor of its own.
-template <typename visit_t> void for_each_entry(int folder, visit_t visit) {
-  const int fd = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::unique_ptr<DIR, closer> stream(fd < 0 ? nullptr : fdopendir(fd));
-  if (stream == nullptr) {
+std::vector<std::string> entries_of(int folder) {
+  const std::optional<std::vector<std::string>> names = tree::names_in(folder);
+  if (!names) {
     failed("read the folder", ".", errno);
   }
-  while (const dirent *entry = readdir(stream.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") {
-      visit(name);
-    }
-  }
+  return *names;
 }
 
 // Goes through a tree with one folder open at a time and no recursion, so that neither its depth
@@ -101,11 +94,11 @@ void walk::down(int parent, const std::string &name) {
   folder_ = std::move(folder);
   levels_.push_back(std::move(next));
   level &here = levels_.back();
-  for_each_entry(folder_.get(), [&](const std::string &entry) {
+  for (const std::string &entry : entries_of(folder_.get())) {
     if (is_folder(folder_.get(), entry)) {
       here.below.push_back(entry);
     }
-  });
+  }
 }
 
 void walk::up() {
@@ -243,6 +236,27 @@ bool write_content(int file, const std::string &content) {
 } // namespace
 
 namespace tree {
+
+std::optional<std::vector<std::string>> names_in(int folder) {
+  const int fd = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const std::unique_ptr<DIR, closer> stream(fd < 0 ? nullptr : fdopendir(fd));
+  if (stream == nullptr) {
+    return std::nullopt;
+  }
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent *entry = readdir(stream.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") {
+      names.push_back(name);
+    }
+    errno = 0;
+  }
+  if (errno != 0) {
+    return std::nullopt;
+  }
+  return names;
+}
 
 bool exists(int folder, const std::string &name) {
   struct stat about = {};

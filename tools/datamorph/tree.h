@@ -3,8 +3,10 @@
 #define DATAMORPH_TREE_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -17,6 +19,9 @@ namespace tree {
 void remove(int folder, const std::string &name);
 
 bool exists(int folder, const std::string &name);
+
+// The names in a folder but "." and "..", in no order; nothing, and errno, when it cannot be read.
+std::optional<std::vector<std::string>> names_in(int folder);
 
 // Bytes that the tree takes on disk, and those that are free there for this user.
 uint64_t bytes_used(int folder, const std::string &name);

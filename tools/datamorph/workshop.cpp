@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <memory>
 #include <vector>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -22,27 +20,9 @@ constexpr char state_in_work[] = "current.creating";
 // All that a command can have left when it was stopped while it built a switch.
 constexpr const char *own_names[] = {"current", state_in_work, "runs", ".lock"};
 
-struct closer {
-  void operator()(DIR *folder) const { closedir(folder); }
-};
-
 bool is_own(const std::string &name) {
   return std::find(std::begin(own_names), std::end(own_names), name) != std::end(own_names) ||
          (name.starts_with(".lock.") && name.ends_with(".new"));
-}
-
-// The names in a folder but "." and "..".
-std::vector<std::string> names_in(int folder) {
-  const int fd = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::unique_ptr<DIR, closer> stream(fd < 0 ? nullptr : fdopendir(fd));
-  std::vector<std::string> names;
-  while (const dirent *entry = stream == nullptr ? nullptr : readdir(stream.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") {
-      names.push_back(name);
-    }
-  }
-  return names;
 }
 
 } // namespace
@@ -77,8 +57,17 @@ bool workshop::lock_folder() {
   return flock(folder_.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
+std::vector<std::string> workshop::contents() const {
+  const std::optional<std::vector<std::string>> names = tree::names_in(folder_.get());
+  if (!names) {
+    throw failure(exit_refused,
+                  "cannot read the directory " + in_quotes(dir_) + ": " + error_text(errno));
+  }
+  return *names;
+}
+
 void workshop::check_contents(const std::string &where) const {
-  for (const std::string &name : names_in(folder_.get())) {
+  for (const std::string &name : contents()) {
     if (!is_own(name)) {
       throw failure(exit_refused, in_quotes(dir_) + ": " + where);
     }
@@ -90,7 +79,7 @@ void workshop::clear() const {
     tree::remove(parent_.get(), building_);
     return;
   }
-  for (const std::string &name : names_in(folder_.get())) {
+  for (const std::string &name : contents()) {
     if (is_own(name)) {
       tree::remove(folder_.get(), name);
     }
@@ -112,7 +101,7 @@ void workshop::open_standing() {
     throw failure(exit_in_use, in_quotes(dir_) + ": another command is building it");
   }
   done_ = false;
-  if (!names_in(folder_.get()).empty()) {
+  if (!contents().empty()) {
     clear();
     output::message(in_quotes(dir_) + ": removed what a stopped command had built so far");
   }

@@ -3,6 +3,7 @@
 #define DATAMORPH_WORKSHOP_H
 
 #include <string>
+#include <vector>
 
 #include "unique_fd.h"
 
@@ -31,6 +32,7 @@ private:
   void open_standing();
   void open_beside();
   bool lock_folder();
+  std::vector<std::string> contents() const;
   void check_contents(const std::string &where) const;
   void clear() const;
 

@@ -4,18 +4,20 @@
 #   scripts/packages.sh install SET    installs what is missing of a set (with sudo when not root)
 #   scripts/packages.sh list SET       prints it
 #
-# Sets: demo (build and run), test (demo and the test programs), ci (test and the other checks); fuzz,
-# coverage, mutants and valgrind (test, and what the scripts of that name use).
+# Sets: demo (build and run), test (demo and the test programs); fuzz, coverage, mutants and valgrind
+# (test, and what the scripts of that name use); ci (all of these but coverage, and the other checks).
 set -eu
 
 demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash-dev
   libcli11-dev nlohmann-json3-dev libsmartcols-dev scdoc'
 test="$demo libgtest-dev librapidcheck-dev chromium zsh groff-base"
-ci="$test git g++-multilib googletest clang-format clang-tidy cppcheck"
-fuzz="$test clang libclang-rt-14-dev llvm"
+for_fuzz='clang libclang-rt-14-dev llvm'
+for_mutants='python3 lld'
+fuzz="$test $for_fuzz"
 coverage="$test gcovr"
-mutants="$test python3 lld"
+mutants="$test $for_mutants"
 valgrind="$test valgrind"
+ci="$test $for_fuzz $for_mutants valgrind git g++-multilib googletest clang-format clang-tidy cppcheck"
 
 usage() {
   echo "usage: scripts/packages.sh install|list demo|test|ci|fuzz|coverage|mutants|valgrind" >&2

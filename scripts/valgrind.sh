@@ -10,7 +10,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 seed=${1:-$(($(date +%s) % 99999 + 1))}
-build=${BUILD:-$PWD/build-valgrind}
+build=$(realpath -m "${BUILD:-build-valgrind}")
 logs=$build/valgrind
 programs=${PROGRAMS:-unit/unit_test support/support_test contract/contract_double_test fault/fault_test
   property/property_test widths/widths_test contract/contract_lab_test lab/lab_test}

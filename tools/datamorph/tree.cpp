@@ -246,7 +246,8 @@ namespace tree {
 
 bool exists(int folder, const std::string &name) {
   struct stat about = {};
-  return fstatat(folder, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) == 0;
+  return fstatat(folder, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) == 0 ||
+         (errno != ENOENT && errno != ENOTDIR);
 }
 
 void remove(int folder, const std::string &name) {

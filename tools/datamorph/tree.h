@@ -16,6 +16,7 @@ namespace tree {
 // failure(1).
 void remove(int folder, const std::string &name);
 
+// What cannot be examined is there: whoever reads it then says why not.
 bool exists(int folder, const std::string &name);
 
 // Bytes that the tree takes on disk, and those that are free there for this user.

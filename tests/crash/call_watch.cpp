@@ -81,6 +81,18 @@ constexpr call_row path_rows[] = {
 constexpr call_row symlink_row = {SYS_symlink, call_kind::make_link, -1, 1, -1, 0, -1, -1};
 constexpr call_row symlinkat_row = {SYS_symlinkat, call_kind::make_link, 1, 2, -1, 0, -1, -1};
 
+// What is looked at: the path may be empty, and the descriptor's file meant.
+// clang-format off
+constexpr call_row examining_rows[] = {
+    {SYS_stat,        call_kind::examine,       -1,    0,    -1, -1,       -1,   -1},
+    {SYS_lstat,       call_kind::examine,       -1,    0,    -1, -1,       -1,   -1},
+    {SYS_newfstatat,  call_kind::examine,        0,    1,    -1, -1,       -1,   -1},
+    {SYS_statx,       call_kind::examine,        0,    1,    -1, -1,       -1,   -1},
+    {SYS_readlink,    call_kind::examine,       -1,    0,    -1, -1,       -1,   -1},
+    {SYS_readlinkat,  call_kind::examine,        0,    1,    -1, -1,       -1,   -1},
+};
+// clang-format on
+
 struct descriptor_row {
   long number;
   call_kind kind;
@@ -106,8 +118,21 @@ constexpr descriptor_row descriptor_rows[] = {
     {SYS_splice, call_kind::unknown, 2},
 };
 
+constexpr descriptor_row reading_rows[] = {
+    {SYS_read, call_kind::read, 0},     {SYS_readv, call_kind::read, 0},
+    {SYS_pread64, call_kind::read, 0},  {SYS_getdents64, call_kind::list, 0},
+    {SYS_fstat, call_kind::examine, 0}, {SYS_fstatfs, call_kind::examine, 0},
+};
+
 // Nobody is known to make these.
 constexpr long strange_calls[] = {SYS_openat2, SYS_io_uring_setup, SYS_sync};
+
+// The row of a call's number; null when there is none.
+template <typename row_t, size_t size> const row_t *row_of(const row_t (&rows)[size], long number) {
+  const auto *const row = std::find_if(std::begin(rows), std::end(rows),
+                                       [&](const row_t &one) { return one.number == number; });
+  return row == std::end(rows) ? nullptr : row;
+}
 
 using instructions = std::vector<sock_filter>;
 
@@ -144,7 +169,16 @@ void tell_shared_mappings(instructions *program) {
   program->push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
 }
 
-instructions filter() {
+void tell_reading(instructions *program) {
+  for (const call_row &row : examining_rows) {
+    tell(program, row.number);
+  }
+  for (const descriptor_row &row : reading_rows) {
+    tell(program, row.number);
+  }
+}
+
+instructions filter(call_watch::scope what) {
   instructions program = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
   tell_values(&program, SYS_ioctl, 1,
               {static_cast<uint32_t>(FICLONE), static_cast<uint32_t>(FICLONERANGE)});
@@ -162,6 +196,9 @@ instructions filter() {
   }
   for (const long number : strange_calls) {
     tell(&program, number);
+  }
+  if (what == call_watch::scope::reading) {
+    tell_reading(&program);
   }
   program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
   return program;
@@ -300,9 +337,9 @@ void reap_others(pid_t except) {
 
 const char *name_of(call_kind kind) {
   constexpr const char *names[] = {
-      "open",      "read_folder", "write",     "resize",   "make_folder", "make_link",
-      "make_node", "give_name",   "move",      "exchange", "remove",      "remove_folder",
-      "set_mode",  "sync",        "sync_data", "sync_all", "platform",    "unknown"};
+      "open",      "read_folder", "write",    "resize", "make_folder",   "make_link", "make_node",
+      "give_name", "move",        "exchange", "remove", "remove_folder", "set_mode",  "sync",
+      "sync_data", "sync_all",    "read",     "list",   "examine",       "platform",  "unknown"};
   return names[static_cast<size_t>(kind)];
 }
 
@@ -318,10 +355,10 @@ struct call_watch::raw_call {
   // The path that an argument names, from this process's root.
   std::string path(int folder, int text) const {
     const std::string name = text_of(process, argument(text));
-    if (name.empty()) {
-      return "";
-    }
     const int from = descriptor(folder);
+    if (name.empty()) {
+      return folder < 0 || from == AT_FDCWD ? "" : of_descriptor(process, from);
+    }
     const std::string base = name.front() == '/' ? of_process(process, "root")
                              : from == AT_FDCWD  ? of_process(process, "cwd")
                                                  : of_descriptor(process, from);
@@ -335,7 +372,7 @@ struct call_watch::raw_call {
   }
 };
 
-call_watch::call_watch(std::string folder) : folder_(std::move(folder)) {
+call_watch::call_watch(std::string folder, scope what) : folder_(std::move(folder)), scope_(what) {
   if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sockets_) != 0) {
     give_up("socketpair");
   }
@@ -372,7 +409,7 @@ struct descriptor_message {
 } // namespace
 
 void call_watch::enter() const {
-  const instructions program = filter();
+  const instructions program = filter(scope_);
   const sock_fprog filters = {static_cast<unsigned short>(program.size()),
                               const_cast<sock_filter *>(program.data())};
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
@@ -475,12 +512,13 @@ bool call_watch::take_apart(const raw_call &raw, file_call *call) const {
       std::end(strange_calls)) {
     return true;
   }
-  const auto *const row =
-      std::find_if(std::begin(descriptor_rows), std::end(descriptor_rows),
-                   [&](const descriptor_row &one) { return one.number == raw.number; });
-  return row != std::end(descriptor_rows)
-             ? take_descriptor_call(raw, row->kind, raw.descriptor(row->descriptor), call)
-             : take_path_call(raw, call);
+  for (const descriptor_row *row :
+       {row_of(descriptor_rows, raw.number), row_of(reading_rows, raw.number)}) {
+    if (row != nullptr) {
+      return take_descriptor_call(raw, row->kind, raw.descriptor(row->descriptor), call);
+    }
+  }
+  return take_path_call(raw, call);
 }
 
 bool call_watch::take_descriptor_call(const raw_call &raw, call_kind kind, int fd,
@@ -543,11 +581,11 @@ bool call_watch::take_path_call(const raw_call &raw, file_call *call) const {
     call->path = fs::path(call->path).lexically_normal();
     return in_scope(&call->path);
   }
-  const call_row *row = std::find_if(std::begin(path_rows), std::end(path_rows),
-                                     [&](const call_row &one) { return one.number == raw.number; });
-  row = raw.number == SYS_symlink     ? &symlink_row
-        : raw.number == SYS_symlinkat ? &symlinkat_row
-                                      : row;
+  const call_row *const looking = row_of(examining_rows, raw.number);
+  const call_row *const row = raw.number == SYS_symlink     ? &symlink_row
+                              : raw.number == SYS_symlinkat ? &symlinkat_row
+                              : looking != nullptr          ? looking
+                                                            : row_of(path_rows, raw.number);
   call->kind = row->kind;
   call->path = raw.path(row->folder, row->path);
   call->flags = static_cast<unsigned>(raw.argument(row->flags));

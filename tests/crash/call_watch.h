@@ -28,6 +28,9 @@ enum class call_kind : uint8_t {
   sync, // of a file or a folder
   sync_data,
   sync_all,
+  read,     // of a file that lies there; these three only when reading is watched
+  list,     // of a folder
+  examine,  // what stands under a name, or behind a descriptor
   platform, // a mark: the library is about to call the platform
   unknown   // changes files in a way that nobody here understands
 };
@@ -58,8 +61,11 @@ class call_watch {
 public:
   using decide_t = std::function<answer(const file_call &)>;
 
+  // Which calls are told: those that change files, or those that read them as well.
+  enum class scope : uint8_t { changes, reading };
+
   // All paths that are told lie below `folder`, which may not exist yet.
-  explicit call_watch(std::string folder);
+  explicit call_watch(std::string folder, scope what = scope::changes);
   ~call_watch();
   call_watch(const call_watch &) = delete;
   call_watch &operator=(const call_watch &) = delete;
@@ -80,6 +86,7 @@ private:
   void reply(uint64_t id, const answer &what) const;
 
   std::string folder_;
+  scope scope_;
   int sockets_[2] = {-1, -1};
   int listener_ = -1;
   bool ended_ = false; // everything is killed: nobody is answered any more

@@ -113,8 +113,9 @@ void crash_test::restore(const disk_tree &tree) const {
   tree.write(path("disk"));
 }
 
-result crash_test::watched(const words &arguments, const call_watch::decide_t &decide) {
-  call_watch watch(fs::canonical(path("disk")));
+result crash_test::watched(const words &arguments, const call_watch::decide_t &decide,
+                           call_watch::scope what) {
+  call_watch watch(fs::canonical(path("disk")), what);
   in_child = [&] { watch.enter(); };
   const std::unique_ptr<background> running = start(arguments);
   in_child = [] {};

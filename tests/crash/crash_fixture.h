@@ -48,7 +48,8 @@ protected:
   void restore(const disk_tree &tree) const;
   disk_tree disk() const { return disk_tree::read(path("disk")); }
 
-  result watched(const words &arguments, const call_watch::decide_t &decide);
+  result watched(const words &arguments, const call_watch::decide_t &decide,
+                 call_watch::scope what = call_watch::scope::changes);
   recorded record(const words &arguments);
   // The deed on the disk as it was before, undisturbed: sets `after_`.
   recorded record_deed(const deed &what);

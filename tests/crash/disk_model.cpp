@@ -313,6 +313,9 @@ void disk_record::take(const file_call &call) {
     synced(0, false);
     break;
   case call_kind::read_folder:
+  case call_kind::read:
+  case call_kind::list:
+  case call_kind::examine:
   case call_kind::platform:
     return;
   case call_kind::give_name:

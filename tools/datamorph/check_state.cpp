@@ -521,7 +521,7 @@ void ask_library(const jail::channel &channel, const library &library,
 
 void look_at_state(const jail::channel &channel, const check_subject &subject, size_t first_step) {
   lab::stores_for_reading_only();
-  const std::vector<std::string> uris = lab::store_uris();
+  const std::vector<std::string> uris = all_store_uris(true);
   teller tell(channel);
   state_check check(subject, &tell);
   using part = void (state_check::*)();

@@ -18,6 +18,7 @@
 #include "running_routine.h"
 #include "services.h"
 #include "statuses.h"
+#include "store_access.h"
 #include "tag_tables.h"
 #include "text.h"
 #include "unique_fd.h"
@@ -56,7 +57,7 @@ syserr_t make_request(const library &library, const conversion_plan &plan,
 
 // "uri" and "status" of the first store that cannot be read; null when all can.
 nlohmann::json first_damaged_store(const switch_state &state) {
-  for (const std::string &uri : lab::store_uris()) {
+  for (const std::string &uri : all_store_uris()) {
     lab::store_info info;
     const syserr_t status = lab::store_inspect(uri, &info);
     if (status != SYSERR_SUCCESS) {
@@ -220,7 +221,7 @@ void run_conversion(const jail::channel &channel, const library &library,
   }
   start_system_manager(plan.state.vdcs);
   debug_trace_fac_SYSMGR = {stderr, 0xffffffffu};
-  const std::vector<std::string> before = lab::store_uris();
+  const std::vector<std::string> before = all_store_uris();
   const store_records tables_before = running_records();
   const bool vrrp = converts_vrrp(plan);
   const vrrp_places vrrp_before = vrrp ? vrrp_records_now(plan.state) : vrrp_places();
@@ -271,5 +272,5 @@ void run_conversion(const jail::channel &channel, const library &library,
                   {"unexpected", unexpected},
                   {"first_unexpected", first},
                   {"stores_before", before},
-                  {"stores_after", lab::store_uris()}}}});
+                  {"stores_after", all_store_uris()}}}});
 }

@@ -20,6 +20,7 @@
 #include "run_record.h"
 #include "statuses.h"
 #include "stop_signal.h"
+#include "store_access.h"
 #include "switch_dir.h"
 #include "tag_tables.h"
 #include "text.h"
@@ -128,17 +129,18 @@ void send_files(const jail::channel &channel, const std::vector<std::string> &ur
   std::error_code error;
   const auto options = std::filesystem::directory_options::skip_permission_denied;
   std::vector<std::string> paths;
-  for (std::filesystem::recursive_directory_iterator at("/", options, error), end; at != end;
-       at.increment(error)) {
-    if (error) {
-      break;
-    }
+  for (std::filesystem::recursive_directory_iterator at("/", options, error), end;
+       !error && at != end; at.increment(error)) {
     const std::string path = at->path();
+    std::error_code unknown;
     if (path == "/var/run/mts" || path == "/images") {
       at.disable_recursion_pending();
-    } else if (at->is_symlink(error) || (!hidden.contains(path) && !at->is_directory(error))) {
+    } else if (at->is_symlink(unknown) || (!hidden.contains(path) && !at->is_directory(unknown))) {
       paths.push_back(path);
     }
+  }
+  if (error) {
+    throw failure(exit_failed, "not all files could be looked at: " + error.message());
   }
   std::sort(paths.begin(), paths.end());
   for (const std::string &path : paths) {
@@ -168,12 +170,12 @@ void send_images(const jail::channel &channel) {
 
 void send_contents(const jail::channel &channel, const switch_state &state) {
   send_images(channel);
-  const std::vector<std::string> uris = lab::store_uris();
+  const std::vector<std::string> uris = all_store_uris(true);
   for (const std::string &uri : uris) {
     channel.send({{"store", store_row(uri)}});
   }
   send_files(channel, uris);
-  for (const lab::access_point &point : lab::mts_saps()) {
+  for (const lab::access_point &point : all_access_points(true)) {
     channel.send({{"access_point", {{"sap", point.sap}, {"owner", point.owner}}}});
   }
   for (const vdc_id_t vdc : state.vdcs) {

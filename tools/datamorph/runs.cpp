@@ -116,12 +116,13 @@ run_row row_of(int runs, const std::string &name) {
   run_row row;
   row.run = name;
   const unique_fd folder = open_run(runs, name);
-  if (!is_number(name) || (!folder.is_open() && errno != EACCES)) {
+  const int error = folder.is_open() ? 0 : errno;
+  if (!is_number(name) || error == ENOTDIR || error == ELOOP || error == ENOENT) {
     row.remark = "foreign: not the folder of a run";
     return row;
   }
-  if (!folder.is_open()) {
-    row.remark = "cannot be read: " + error_text(EACCES);
+  if (error != 0) {
+    row.remark = "cannot be read: " + error_text(error);
     return row;
   }
   const bool record = tree::exists(folder.get(), run_record_file);

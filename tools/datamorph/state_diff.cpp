@@ -255,7 +255,7 @@ void tell_files(const teller &tell, const std::vector<std::string> &uris) {
 
 void tell_points(const teller &tell) {
   std::vector<std::pair<std::string, std::string>> points;
-  for (const lab::access_point &point : lab::mts_saps()) {
+  for (const lab::access_point &point : all_access_points(true)) {
     points.emplace_back(std::to_string(point.sap), shown_uri(point.owner));
   }
   std::sort(points.begin(), points.end());
@@ -269,7 +269,7 @@ using names = std::set<std::string>;
 // But for these stores.
 void tell_state(const teller &tell, const names &skipped = {}) {
   tell_switch(tell);
-  std::vector<std::string> uris = lab::store_uris();
+  std::vector<std::string> uris = all_store_uris(true);
   std::sort(uris.begin(), uris.end());
   for (const std::string &uri : uris) {
     if (!skipped.contains(uri)) {

@@ -1,7 +1,8 @@
 #include "store_access.h"
 
+#include <cerrno>
+
 #include "failure.h"
-#include "lab/lab.h"
 #include "statuses.h"
 #include "text.h"
 
@@ -26,6 +27,15 @@ std::string advice(syserr_t status) {
     return "run as the user that the switch belongs to";
   default:
     return "";
+  }
+}
+
+void check_list(const std::string &what, int error, bool leave_out_closed) {
+  const bool closed = error == EACCES;
+  if (error != 0 && !(closed && leave_out_closed)) {
+    throw failure(closed ? exit_refused : exit_failed,
+                  "not all " + what + " of the switch can be read: " + error_text(error),
+                  closed ? advice(SYSERR_PSS_NO_ACCESS) : "");
   }
 }
 
@@ -157,6 +167,20 @@ std::string typed_bytes(const std::string &typed, bool is_text, const char *what
                                              "text"));
   }
   return *bytes;
+}
+
+std::vector<std::string> all_store_uris(bool leave_out_closed) {
+  int error = 0;
+  std::vector<std::string> uris = lab::store_uris(&error);
+  check_list("stores", error, leave_out_closed);
+  return uris;
+}
+
+std::vector<lab::access_point> all_access_points(bool leave_out_closed) {
+  int error = 0;
+  std::vector<lab::access_point> points = lab::mts_saps(&error);
+  check_list("access points", error, leave_out_closed);
+  return points;
 }
 
 std::string shown_uri(const std::string &uri) {

@@ -4,8 +4,10 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "jail.h"
+#include "lab/lab.h"
 #include "platform/pss2.h"
 #include "switch_dir.h"
 
@@ -40,6 +42,12 @@ private:
   std::string uri_;
   pss2_service_t handle_ = 0;
 };
+
+// The URIs of the switch's stores and its access points. A list with some left out would pass for
+// the whole, so these throw failure when something cannot be read: 3 where this user may not,
+// else 1. `leave_out_closed`: what this user may not read is left out all the same.
+std::vector<std::string> all_store_uris(bool leave_out_closed = false);
+std::vector<lab::access_point> all_access_points(bool leave_out_closed = false);
 
 // A store's name for a document: as to_text writes it when JSON cannot carry its bytes.
 std::string shown_uri(const std::string &uri);

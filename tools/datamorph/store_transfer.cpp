@@ -214,7 +214,7 @@ void import_stores(const switch_dir &target, const std::vector<store_description
 std::vector<std::string> exported_uris(const store_options &options, uint64_t *records) {
   std::vector<std::string> uris;
   std::set<std::string> files;
-  for (const std::string &uri : options.uris.empty() ? lab::store_uris() : options.uris) {
+  for (const std::string &uri : options.uris.empty() ? all_store_uris() : options.uris) {
     lab::store_info info;
     check_store(lab::store_inspect(uri, &info), uri);
     if (!is_described_uri(uri)) {

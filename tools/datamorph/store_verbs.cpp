@@ -78,7 +78,7 @@ int store_list(const common_options &common, const store_options &options) {
   in_switch(
       target,
       [](const jail::channel &channel) {
-        for (const std::string &uri : lab::store_uris()) {
+        for (const std::string &uri : all_store_uris()) {
           lab::store_info info;
           const syserr_t status = lab::store_inspect(uri, &info);
           channel.send({{"uri", shown_uri(uri)},

@@ -260,7 +260,8 @@ std::optional<std::vector<std::string>> names_in(int folder) {
 
 bool exists(int folder, const std::string &name) {
   struct stat about = {};
-  return fstatat(folder, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) == 0;
+  return fstatat(folder, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) == 0 ||
+         (errno != ENOENT && errno != ENOTDIR);
 }
 
 void remove(int folder, const std::string &name) {

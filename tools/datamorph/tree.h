@@ -18,6 +18,7 @@ namespace tree {
 // failure(1).
 void remove(int folder, const std::string &name);
 
+// What cannot be examined is there: whoever reads it then says why not.
 bool exists(int folder, const std::string &name);
 
 // The names in a folder but "." and "..", in no order; nothing, and errno, when it cannot be read.

@@ -91,22 +91,33 @@ int sap_remove(uint32 sap) {
   return unlink(file_of(sap).c_str()) == 0 ? 0 : errno;
 }
 
-std::vector<access_point> mts_saps() {
+std::vector<access_point> mts_saps(int *error) {
   std::vector<access_point> found;
+  int trouble = 0;
+  const auto note = [&](int one) { trouble = trouble == 0 && one != ENOENT ? one : trouble; };
+  errno = 0;
   const std::unique_ptr<DIR, int (*)(DIR *)> folder(opendir(mts_folder), closedir);
+  note(folder == nullptr ? errno : 0);
   while (folder != nullptr) {
+    errno = 0;
     const dirent *const entry = readdir(folder.get());
     if (entry == nullptr) {
+      note(errno);
       break;
     }
     const uint32 sap = sap_of(entry->d_name);
     sap_entry content;
-    if (sap != 0 && sap_read(sap, &content) == 0) {
+    const int status = sap == 0 ? 0 : sap_read(sap, &content);
+    note(status);
+    if (sap != 0 && status == 0) {
       found.push_back({sap, content.owner});
     }
   }
   std::sort(found.begin(), found.end(),
             [](const access_point &a, const access_point &b) { return a.sap < b.sap; });
+  if (error != nullptr) {
+    *error = trouble;
+  }
   return found;
 }
 

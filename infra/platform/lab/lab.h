@@ -29,8 +29,9 @@ inline constexpr pss2_nonvol_params default_store_params = {4096, 1048576, 0, 1}
 // /dev/shm/volatile. Empty for anything else.
 std::string store_file(const std::string &uri);
 
-// The URIs of all stores below the process's root, sorted, nonvolatile ones first.
-std::vector<std::string> store_uris();
+// The URIs of all stores below the process's root, sorted, nonvolatile ones first. What
+// cannot be read is left out. `error`, where it is wanted: 0, or why there may be more of them.
+std::vector<std::string> store_uris(int *error = nullptr);
 
 // Creates an empty store with these parameters; SYSERR_PSS_EXISTS when one stands there.
 syserr_t store_create(const std::string &uri, const pss2_nonvol_params &params);
@@ -80,8 +81,8 @@ struct access_point {
   std::string owner;
 };
 
-// All registered access points, by number.
-std::vector<access_point> mts_saps();
+// All registered access points, by number. `error` as for store_uris().
+std::vector<access_point> mts_saps(int *error = nullptr);
 
 // For whoever answers: what a received message is, and the response to it (0, or -1 and errno).
 struct message_info {

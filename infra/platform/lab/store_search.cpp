@@ -30,31 +30,51 @@ std::string uri_of(std::string_view file) {
   return std::string(in_memory ? "volatile:" : "nonvolatile:").append(path);
 }
 
-// The files below a folder, links not followed; what cannot be read is left out.
-void collect(const fs::path &folder, std::vector<std::string> *uris) {
-  std::error_code failed;
-  fs::recursive_directory_iterator entry(folder, fs::directory_options::skip_permission_denied,
-                                         failed);
-  while (!failed && entry != fs::recursive_directory_iterator()) {
+// What is gone meanwhile is no trouble, nor what lies deeper than a store's name can lead.
+void note(const std::error_code &error, int *trouble) {
+  if (error && error != std::errc::no_such_file_or_directory &&
+      error != std::errc::filename_too_long && *trouble == 0) {
+    *trouble = error.value();
+  }
+}
+
+// The stores in a folder and in those below it, links not followed. What cannot be read is left
+// out, and the first such error noted.
+void collect(const std::string &folder, std::vector<std::string> *uris, int *trouble) {
+  std::vector<std::string>
+      below; // looked at when this one is closed: any depth takes one descriptor
+  std::error_code error;
+  fs::directory_iterator entry(folder, error);
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
     const std::string path = entry->path().string();
-    std::error_code gone;
-    if (is_kernel_folder(path)) {
-      entry.disable_recursion_pending();
-    } else if (path.ends_with(k_ending) && fs::is_regular_file(entry->symlink_status(gone))) {
+    std::error_code unknown;
+    const fs::file_type type = entry->symlink_status(unknown).type();
+    note(unknown, trouble);
+    if (type == fs::file_type::directory && !is_kernel_folder(path)) {
+      below.push_back(path);
+    } else if (type == fs::file_type::regular && path.ends_with(k_ending)) {
       const std::string uri = uri_of(path);
       if (store_file(uri) == path) {
         uris->push_back(uri);
       }
     }
-    entry.increment(failed);
+  }
+  note(error, trouble);
+  entry = {};
+  for (const std::string &path : below) {
+    collect(path, uris, trouble);
   }
 }
 
 } // namespace
 
-std::vector<std::string> store_uris() {
+std::vector<std::string> store_uris(int *error) {
   std::vector<std::string> uris;
-  collect("/", &uris);
+  int trouble = 0;
+  collect("/", &uris, &trouble);
+  if (error != nullptr) {
+    *error = trouble;
+  }
   std::sort(uris.begin(), uris.end()); // "nonvolatile:" comes before "volatile:"
   return uris;
 }

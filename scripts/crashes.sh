@@ -13,7 +13,7 @@ cmake --build --preset release --target crash_test >&2
 log=build/crashes.log
 status=0
 DATAMORPH_CRASH_COUNT=$count DATAMORPH_CRASH_SEED=$seed build/tests/crash/crash_test >"$log" || status=$?
-grep -E '^(power loss|kills|failing disk): ' "$log" || true
+grep -E '^(power loss|kills|failing disk|failing reads): ' "$log" || true
 if [ "$status" -ne 0 ]; then
   grep -v '^state: ' "$log"
   exit "$status"

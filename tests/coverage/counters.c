@@ -49,8 +49,8 @@ int __wrap_open(const char *path, int flags, ...) {
   return __real_open(path, flags, mode);
 }
 
-// Who closes all folders before it works in another root closes this one last, by its end. A test that
-// has its own answer to close() keeps it.
+// Who closes all folders before it works in another root closes this one last, by its end. A test
+// that has its own answer to close() keeps it.
 __attribute__((weak)) int __wrap_close(int fd) {
   return fd >= 0 && fd == g_build ? 0 : __real_close(fd);
 }

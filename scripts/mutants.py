@@ -363,6 +363,9 @@ class TestProgram:
                     self.link = words
         self.library_objects = {pathlib.Path(name).name.removesuffix(".o"): name for name in self.link
                                 if "/datamorph_objects.dir/" in name}
+        if not any(word.startswith(str(LIBRARY)) for source in self.library_objects
+                   for word in self.compile[self.library_objects[source]]):
+            sys.exit(f"mutants: {self.build} is not a build of this tree")
         self.test_objects = {pathlib.Path(name).name.removesuffix(".o"): name for name in self.link
                              if "/unit_test.dir/" in name}
 
@@ -564,7 +567,7 @@ def report(all_mutants, outcomes, seed, seconds):
     unexplained = [mutant for mutant in lives if not reason_of(mutant, known)]
     killed = count.get("killed", 0)
     held = killed + len(unexplained)
-    percent = 100.0 * killed / held if held else 100.0
+    percent = 100.0 * killed / held if held else 0.0
     for mutant in explained:
         print(f"lives, the same behaviour: {mutant.where()}\n    {reason_of(mutant, known)}")
     for mutant in unexplained:
@@ -573,7 +576,7 @@ def report(all_mutants, outcomes, seed, seconds):
     print(f"left out: {count.get('does not compile', 0)} do not compile, {count.get('same code', 0)} are the same code, "
           f"{count.get('same code as another', 0)} the same as another mutant's, {len(explained)} live by the table")
     print(f"run: {held}, killed: {killed}, alive: {len(unexplained)}: {percent:.2f} % died, at least {LIMIT:.0f} % must")
-    return 0 if percent >= LIMIT else 1
+    return 0 if held > 0 and percent >= LIMIT else 1
 
 
 def main():

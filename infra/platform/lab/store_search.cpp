@@ -41,8 +41,8 @@ void note(const std::error_code &error, int *trouble) {
 // The stores in a folder and in those below it, links not followed. What cannot be read is left
 // out, and the first such error noted.
 void collect(const std::string &folder, std::vector<std::string> *uris, int *trouble) {
-  std::vector<std::string>
-      below; // looked at when this one is closed: any depth takes one descriptor
+  // They are looked at when this one is closed, so that any depth takes one descriptor.
+  std::vector<std::string> below;
   std::error_code error;
   fs::directory_iterator entry(folder, error);
   for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {

@@ -215,6 +215,9 @@ const struct {
     {k_startup, "sysmgr_srv_tag_info_table_prepare(0, 1)"},
     {k_startup, TABLE "1d0000000200010001000800f50100006f6c6400010005001e02000000)"},
     {k_startup, TABLE "1d0000000200010001000800f50100006f6c6400010005007d01000000)"},
+    // A table that one row does not find is made anew, and the next row adds its service to that.
+    {k_startup, TABLE "1a00000002000100010005007d01000000010005001e02000000)"},
+    {k_startup, TABLE "1a00000002000100010005001e02000000010005007d01000000)"},
 };
 
 std::set<const rule *> &used_rules() {

@@ -32,6 +32,9 @@ const char *const k_uris[] = {"nonvolatile:/cfg/pixm_runtime_info",
                               "volatile:/cfg/plugin_debug"};
 constexpr char k_copy[] = "volatile:/copy";
 constexpr char k_flat_file[] = "/tmp/flat";
+// What the calls on one input may cost together: one that makes more of them shows little that two
+// inputs would not.
+constexpr int k_calls_cost = 12;
 
 struct routine {
   syserr_t (*run)(const char *path, const char *pkg_name, const char *to, const char *from);
@@ -191,8 +194,7 @@ public:
     reopen(0);
   }
 
-  // Makes a call. What it costs: those on whole files take as long as a dozen others, and an input
-  // that makes many of them shows nothing that two inputs would not.
+  // Makes a call. What it costs: those on whole files take as long as a dozen others.
   int step() {
     const uint8_t which = source_->byte();
     at_ = which >> 7;
@@ -475,7 +477,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   put(lab::store_file(uri),
       any_bytes ? source.bytes(source.byte() * 64U) : damaged(good().bytes, &source));
   store_calls calls(uri, &source, any_bytes);
-  for (int left = 24; left > 0 && !source.is_empty();) {
+  for (int left = k_calls_cost; left > 0 && !source.is_empty();) {
     left -= calls.step();
   }
   calls.end();

@@ -1,8 +1,10 @@
 #include "crash/crash_fixture.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <regex>
 #include <set>
 
@@ -74,6 +76,14 @@ unsigned wanted_seed() {
 
 bool long_form() {
   return std::getenv("DATAMORPH_CRASH_COUNT") != nullptr;
+}
+
+std::vector<size_t> some_of(size_t count, int wanted, std::mt19937_64 *random) {
+  std::vector<size_t> all(count);
+  std::iota(all.begin(), all.end(), size_t(0));
+  std::shuffle(all.begin(), all.end(), *random);
+  all.resize(std::min(count, static_cast<size_t>(wanted)));
+  return all;
 }
 
 const deed conversion = {"convert", convert_words, {}};

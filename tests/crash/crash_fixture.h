@@ -7,7 +7,9 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "crash/call_watch.h"
 #include "crash/disk_model.h"
@@ -17,6 +19,16 @@
 int wanted_count(int short_form);
 unsigned wanted_seed();
 bool long_form();
+// All of so many points, or as many of them as are wanted, in any order.
+std::vector<size_t> some_of(size_t count, int wanted, std::mt19937_64 *random);
+
+// What calls fail with, and which do.
+using kinds = std::set<call_kind>;
+struct failing {
+  const char *name;
+  int error;
+  kinds which;
+};
 
 // A verb that changes the switch.
 struct deed {

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <set>
 
 #include <fcntl.h>
 
@@ -18,7 +17,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using kinds = std::set<call_kind>;
 
 constexpr int short_form = 2; // points per deed and error
 
@@ -37,12 +35,6 @@ kinds joined(kinds a, const kinds &b) {
   a.insert(b.begin(), b.end());
   return a;
 }
-
-struct failing {
-  const char *name;
-  int error;
-  kinds which;
-};
 
 const failing full = {"ENOSPC", ENOSPC, joined(making, syncing)};
 const failing broken = {"EIO", EIO, joined(joined(making, changing), syncing)};
@@ -111,13 +103,8 @@ void failing_disk::fail_during(const deed &what, const failing &how) {
     return answer();
   });
   // A signal comes once: who is interrupted for ever tries for ever.
-  std::vector<size_t> points(how.error == EINTR ? calls : 2 * calls);
-  for (size_t at = 0; at < points.size(); ++at) {
-    points[at] = at;
-  }
-  std::shuffle(points.begin(), points.end(), random_);
-  const size_t all = points.size();
-  points.resize(std::min(points.size(), static_cast<size_t>(wanted_count(short_form))));
+  const size_t all = how.error == EINTR ? calls : 2 * calls;
+  const std::vector<size_t> points = some_of(all, wanted_count(short_form), &random_);
   size_t without_effect = 0;
   size_t missed = 0; // the run had fewer calls than the counted one
   for (const size_t point : points) {

@@ -4,10 +4,8 @@
 // undisturbed.
 #include "crash/crash_fixture.h"
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <numeric>
 
 namespace {
 
@@ -55,22 +53,13 @@ protected:
     return seen;
   }
 
-  // All points, or as many of them as are wanted.
-  std::vector<size_t> points(size_t count) {
-    std::vector<size_t> all(count);
-    std::iota(all.begin(), all.end(), size_t(0));
-    std::shuffle(all.begin(), all.end(), random_);
-    all.resize(std::min(count, static_cast<size_t>(wanted_count(short_form))));
-    return all;
-  }
-
   std::mt19937_64 random_{wanted_seed()};
 };
 
 void kills::kill_during(const deed &what) {
   record_deed(what);
   const size_t calls = count_calls(what, changes_files);
-  const std::vector<size_t> chosen = points(calls);
+  const std::vector<size_t> chosen = some_of(calls, wanted_count(short_form), &random_);
   size_t in_recovery = 0;
   size_t missed = 0; // the run had ended before
   for (const size_t at : chosen) {
@@ -100,7 +89,7 @@ void kills::kill_at_platform_calls(answer_kind how, const deed &what) {
   record_deed(what);
   const size_t calls = count_calls(what, calls_platform);
   ASSERT_GT(calls, 50U);
-  const std::vector<size_t> chosen = points(calls);
+  const std::vector<size_t> chosen = some_of(calls, wanted_count(short_form), &random_);
   const bool all = how == answer_kind::kill_all;
   for (const size_t at : chosen) {
     restore(before_);

@@ -8,20 +8,12 @@
 #include <cstdio>
 #include <filesystem>
 #include <regex>
-#include <set>
 
 namespace {
 
 namespace fs = std::filesystem;
-using kinds = std::set<call_kind>;
 
 constexpr int short_form = 1; // points per verb and error
-
-struct failing {
-  const char *name;
-  int error;
-  kinds which;
-};
 
 const failing unreadable = {"EIO",
                             EIO,
@@ -146,13 +138,8 @@ void failing_look::look_undisturbed(const look &what) {
 void failing_look::fail_during(const look &what, const failing &how) {
   const auto calls = static_cast<size_t>(std::count_if(
       kinds_.begin(), kinds_.end(), [&](call_kind kind) { return how.which.count(kind) == 1; }));
-  std::vector<size_t> points(2 * calls);
-  for (size_t at = 0; at < points.size(); ++at) {
-    points[at] = at;
-  }
-  std::shuffle(points.begin(), points.end(), random_);
   const int wanted = std::max(1, wanted_count(short_form) / what.length);
-  points.resize(std::min(points.size(), static_cast<size_t>(wanted)));
+  const std::vector<size_t> points = some_of(2 * calls, wanted, &random_);
   for (const size_t point : points) {
     restore(before_);
     fail_at(what, how, point % calls, point >= calls);

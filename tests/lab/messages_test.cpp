@@ -1,6 +1,7 @@
 // Messages between live queues, and what the lab adds to them.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -274,6 +275,20 @@ TEST_F(messages, access_points_are_registered_and_listed) {
 
   EXPECT_EQ(mts_sap_destroy(queue_, 485), 0);
   EXPECT_FALSE(switch_root::exists("/var/run/mts/sap-485"));
+}
+
+// They keep nobody from listing the others.
+TEST_F(messages, what_is_no_access_points_file_is_none) {
+  ASSERT_EQ(lab::mts_sap_register(queue_, 485, "MVSH"), 0);
+  ASSERT_EQ(mkdir("/var/run/mts/sap-7", 0755), 0);
+  ASSERT_EQ(symlink("sap-8", "/var/run/mts/sap-8"), 0);
+  ASSERT_EQ(symlink("gone", "/var/run/mts/sap-9"), 0);
+
+  int error = -1;
+  const std::vector<lab::access_point> found = lab::mts_saps(&error);
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0].owner, "MVSH");
+  EXPECT_EQ(error, 0);
 }
 
 TEST_F(messages, a_closed_queue_knows_nothing) {

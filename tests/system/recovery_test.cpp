@@ -105,6 +105,34 @@ TEST_F(recovery, an_older_previous_state_makes_room) {
   expect_tidy("sw");
 }
 
+// It may be the only state before a conversion.
+TEST_F(recovery, a_whole_state_that_cannot_be_read_is_not_removed) {
+  create("sw");
+  ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
+  move("sw/previous", "sw/next");
+  write("sw/next/switch.json", "{");
+  const files before = state("sw");
+
+  const result shown = run({"lab", "show", "sw"});
+
+  EXPECT_EQ(shown.status, 3);
+  EXPECT_EQ(shown.err,
+            "datamorph: 'sw': next/ of a command that was stopped may be the state before it, and "
+            "cannot be read: switch.json is no JSON; nothing was changed; keep a copy of it, then "
+            "mend its switch.json or remove it\n");
+  EXPECT_EQ(read("sw/next/switch.json"), "{");
+  EXPECT_EQ(state("sw"), before);
+}
+
+TEST_F(recovery, the_rest_of_a_state_that_was_being_removed_goes) {
+  create("sw");
+  copy("sw/current", "sw/next");
+  fs::remove(path("sw/next/switch.json"));
+
+  EXPECT_EQ(run({"lab", "show", "sw"}).err, removed_copy);
+  expect_tidy("sw");
+}
+
 TEST_F(recovery, a_second_step_that_was_half_done_is_completed) {
   create("sw");
   ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);

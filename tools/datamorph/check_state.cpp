@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <set>
 
@@ -210,8 +211,10 @@ private:
 
 class state_check {
 public:
-  state_check(const check_subject &subject, teller *tell) : subject_(subject), tell_(*tell) {}
+  state_check(const check_subject &subject, const std::vector<std::string> &uris, teller *tell)
+      : subject_(subject), uris_(uris), tell_(*tell) {}
 
+  void tell_unread(int trouble);
   void look_at_store(const std::string &uri);
   void look_at_flat_files();
   void look_at_hand_over();
@@ -231,6 +234,7 @@ private:
   void look_at_log_folder();
 
   const check_subject &subject_;
+  const std::vector<std::string> &uris_; // of all stores that can be found
   teller &tell_;
 };
 
@@ -247,6 +251,15 @@ std::string store_remedy(const check_subject &subject, const std::string &uri, s
              ? "run as the user that the switch belongs to"
              : command_on(subject, "delete", uri) +
                    " --all, and bring it back with 'datamorph store import'";
+}
+
+// Why there may be more stores. What this user may not read is told with the rights.
+void state_check::tell_unread(int trouble) {
+  if (trouble != 0 && trouble != EACCES) {
+    tell(topic::store, level::error, "",
+         "not all stores of the switch can be read: " + error_text(trouble),
+         "mend the file system that the switch lies on");
+  }
 }
 
 void state_check::check_store_vdc(const std::string &uri) {
@@ -387,7 +400,7 @@ void state_check::look_at_hand_over() {
   if (!subject_.state) {
     return;
   }
-  for (const std::string &uri : lab::store_uris()) {
+  for (const std::string &uri : uris_) {
     if (!uri.starts_with("nonvolatile:/tmp/") || !has_layouts(uri)) {
       continue;
     }
@@ -468,7 +481,7 @@ void state_check::look_at_places() {
 // All that is to be copied has to be read; what the stores' checks have told is not told again.
 void state_check::look_at_rights() {
   std::set<std::string> stores;
-  for (const std::string &uri : lab::store_uris()) {
+  for (const std::string &uri : uris_) {
     stores.insert(lab::store_file(uri));
   }
   constexpr char remedy[] = "run as the user that the switch belongs to";
@@ -521,9 +534,13 @@ void ask_library(const jail::channel &channel, const library &library,
 
 void look_at_state(const jail::channel &channel, const check_subject &subject, size_t first_step) {
   lab::stores_for_reading_only();
-  const std::vector<std::string> uris = all_store_uris(true);
+  int trouble = 0;
+  const std::vector<std::string> uris = lab::store_uris(&trouble);
   teller tell(channel);
-  state_check check(subject, &tell);
+  state_check check(subject, uris, &tell);
+  if (first_step == 0) {
+    check.tell_unread(trouble);
+  }
   using part = void (state_check::*)();
   constexpr part parts[] = {&state_check::look_at_flat_files, &state_check::look_at_hand_over,
                             &state_check::look_at_places, &state_check::look_at_rights};

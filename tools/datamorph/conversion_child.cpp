@@ -188,6 +188,9 @@ nlohmann::json images() {
     const char *version = srg_sw_ver_file_get(at->path().c_str());
     found[at->path().filename()] = version == nullptr ? nlohmann::json() : nlohmann::json(version);
   }
+  if (error && error != std::errc::no_such_file_or_directory) {
+    throw failure(exit_failed, "not all images of the switch can be read: " + error.message());
+  }
   return found;
 }
 

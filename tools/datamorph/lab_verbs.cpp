@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "conversion_child.h"
 #include "description.h"
 #include "failure.h"
 #include "jail.h"
@@ -145,26 +146,19 @@ void send_files(const jail::channel &channel, const std::vector<std::string> &ur
   std::sort(paths.begin(), paths.end());
   for (const std::string &path : paths) {
     struct stat about = {};
-    if (lstat(path.c_str(), &about) == 0) {
-      char mode[8];
-      std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(about.st_mode & 07777));
-      channel.send({{"file", {{"path", path}, {"mode", mode}, {"bytes", about.st_size}}}});
+    if (lstat(path.c_str(), &about) != 0) {
+      throw failure(exit_failed, "cannot examine " + in_quotes(path) + ": " + error_text(errno));
     }
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(about.st_mode & 07777));
+    channel.send({{"file", {{"path", path}, {"mode", mode}, {"bytes", about.st_size}}}});
   }
 }
 
 void send_images(const jail::channel &channel) {
-  std::error_code error;
-  std::vector<std::string> paths;
-  for (std::filesystem::directory_iterator at("/images", error), end; at != end;
-       at.increment(error)) {
-    paths.push_back(at->path());
-  }
-  std::sort(paths.begin(), paths.end());
-  for (const std::string &path : paths) {
-    const char *version = srg_sw_ver_file_get(path.c_str());
-    const nlohmann::json text = version == nullptr ? nlohmann::json() : nlohmann::json(version);
-    channel.send({{"image", {{"release", path.substr(8)}, {"version", text}}}});
+  const nlohmann::json found = images();
+  for (const auto &[release, version] : found.items()) {
+    channel.send({{"image", {{"release", release}, {"version", version}}}});
   }
 }
 
@@ -175,7 +169,7 @@ void send_contents(const jail::channel &channel, const switch_state &state) {
     channel.send({{"store", store_row(uri)}});
   }
   send_files(channel, uris);
-  for (const lab::access_point &point : all_access_points(true)) {
+  for (const lab::access_point &point : all_access_points()) {
     channel.send({{"access_point", {{"sap", point.sap}, {"owner", point.owner}}}});
   }
   for (const vdc_id_t vdc : state.vdcs) {
@@ -296,7 +290,7 @@ size_t empty_folder(const char *path) {
 
 std::set<std::string> volatile_stores() {
   std::set<std::string> found;
-  for (const std::string &uri : lab::store_uris()) {
+  for (const std::string &uri : all_store_uris()) {
     if (uri.starts_with("volatile:")) {
       found.insert(uri);
     }
@@ -439,7 +433,12 @@ int lab_show(const common_options &common, const std::string &dir) {
       document[kind + "s"].push_back(row);
     }
   };
-  const jail::outcome outcome = jail::run(request);
+  jail::outcome outcome;
+  try {
+    outcome = jail::run(request);
+  } catch (const failure &error) {
+    throw error.placed(in_quotes(dir));
+  }
   if (!outcome.finished()) {
     throw failure(exit_failed, in_quotes(dir) + ": looking into the switch " + outcome.text());
   }

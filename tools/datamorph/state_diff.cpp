@@ -255,7 +255,7 @@ void tell_files(const teller &tell, const std::vector<std::string> &uris) {
 
 void tell_points(const teller &tell) {
   std::vector<std::pair<std::string, std::string>> points;
-  for (const lab::access_point &point : all_access_points(true)) {
+  for (const lab::access_point &point : all_access_points()) {
     points.emplace_back(std::to_string(point.sap), shown_uri(point.owner));
   }
   std::sort(points.begin(), points.end());

@@ -176,10 +176,10 @@ std::vector<std::string> all_store_uris(bool leave_out_closed) {
   return uris;
 }
 
-std::vector<lab::access_point> all_access_points(bool leave_out_closed) {
+std::vector<lab::access_point> all_access_points() {
   int error = 0;
   std::vector<lab::access_point> points = lab::mts_saps(&error);
-  check_list("access points", error, leave_out_closed);
+  check_list("access points", error, false);
   return points;
 }
 

@@ -47,7 +47,7 @@ private:
 // the whole, so these throw failure when something cannot be read: 3 where this user may not,
 // else 1. `leave_out_closed`: what this user may not read is left out all the same.
 std::vector<std::string> all_store_uris(bool leave_out_closed = false);
-std::vector<lab::access_point> all_access_points(bool leave_out_closed = false);
+std::vector<lab::access_point> all_access_points();
 
 // A store's name for a document: as to_text writes it when JSON cannot carry its bytes.
 std::string shown_uri(const std::string &uri);

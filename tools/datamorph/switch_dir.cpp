@@ -69,6 +69,29 @@ std::optional<uint64_t> generation_of(int folder, const char *name) {
   }
 }
 
+// Of a next/ that is not marked as a copy: it is a whole state or, without its file, the rest of
+// one that was being removed; what is no folder is none. Throws failure(3) when that cannot be
+// told.
+std::optional<uint64_t> unmarked_generation(int folder) {
+  const unique_fd next = open_state(folder, next_name);
+  try {
+    if (!next.is_open() && errno != ENOTDIR) {
+      throw failure(exit_refused, error_text(errno));
+    }
+    if (!next.is_open() || !tree::is_there(next.get(), switch_file)) {
+      return std::nullopt;
+    }
+    return read_state(next.get()).generation;
+  } catch (const failure &error) {
+    throw failure(exit_refused,
+                  std::string("next/ of a command that was stopped may be the state before it, and "
+                              "cannot be read: ") +
+                      error.what() +
+                      "; nothing was changed; keep a copy of it, then mend its switch.json or "
+                      "remove it");
+  }
+}
+
 void sync_folder(int folder) {
   if (TEMP_FAILURE_RETRY(fsync(folder)) != 0) {
     throw failure(exit_failed, "cannot sync the switch's folder: " + error_text(errno));
@@ -270,7 +293,7 @@ void switch_dir::share_lock() const {
 std::vector<std::string> switch_dir::leftovers() const {
   std::vector<std::string> found;
   for (const char *name : {next_name, discard_name, probe_a, probe_b, copy_name}) {
-    if (tree::exists(folder_.get(), name)) {
+    if (tree::is_there(folder_.get(), name)) {
       found.emplace_back(name);
     }
   }
@@ -308,9 +331,7 @@ std::string switch_dir::tidy_up() {
   for (const char *name : {discard_name, probe_a, probe_b}) {
     put_away_or_say(name);
   }
-  if (!tree::exists(folder, next_name)) {
-    put_away_or_say(copy_name);
-  }
+  drop_mark();
   sync_folder(folder);
   return what;
 }
@@ -344,7 +365,7 @@ void switch_dir::tell_unfinished() const {
 // What was done, for a message.
 std::string switch_dir::recover_next() {
   const int folder = folder_.get();
-  if (!tree::exists(folder, next_name)) {
+  if (!tree::is_there(folder, next_name)) {
     return "removed what a stopped command had left";
   }
   const std::optional<uint64_t> current = generation_of(folder, current_name);
@@ -354,16 +375,16 @@ std::string switch_dir::recover_next() {
                                 "nothing was changed; keep a copy of both, then put the whole one "
                                 "at current/");
   }
-  const bool is_copy = tree::exists(folder, copy_name);
-  const std::optional<uint64_t> next = generation_of(folder, next_name);
-  if (!is_copy && next && *next < *current) {
+  const bool is_copy = tree::is_there(folder, copy_name);
+  const std::optional<uint64_t> next = is_copy ? std::nullopt : unmarked_generation(folder);
+  if (next && *next < *current) {
     put_away_or_say(discard_name);
     keep_previous();
     return "completed a conversion that was stopped after its last step; the state before it is in "
            "previous/";
   }
   put_away_or_say(next_name);
-  return !is_copy && next == current
+  return next == current
              ? "removed a state that a stopped reboot had left; the switch is wholly as it was "
                "before it or after it"
              : "removed the copy of a command that was stopped; the switch is as it was before it";
@@ -457,7 +478,7 @@ void switch_dir::check_room() const {
 
 unique_fd switch_dir::make_next() const {
   const int folder = folder_.get();
-  if (tree::exists(folder, next_name)) {
+  if (tree::is_there(folder, next_name)) {
     throw failure(exit_failed, "next/ stands in the way", "move it elsewhere");
   }
   const unique_fd mark = tree::make_file(folder, copy_name, 0644);
@@ -475,11 +496,17 @@ unique_fd switch_dir::make_next() const {
 
 std::string switch_dir::drop_next() const {
   std::string trouble = put_away(next_name);
-  // Last: as long as there is a next/, it is known for a copy.
-  if (!tree::exists(folder_.get(), next_name)) {
-    unlinkat(folder_.get(), copy_name, 0);
-  }
+  drop_mark();
   return trouble;
+}
+
+// As long as there is a next/, also on disk, it is known for a copy. Where that cannot be told, the
+// next command tidies up.
+void switch_dir::drop_mark() const {
+  const int folder = folder_.get();
+  if (!tree::exists(folder, next_name) && TEMP_FAILURE_RETRY(fsync(folder)) == 0) {
+    unlinkat(folder, copy_name, 0);
+  }
 }
 
 void switch_dir::keep_previous() const {
@@ -543,7 +570,7 @@ void switch_dir::replace(unique_fd next) {
 }
 
 switch_state switch_dir::previous_state() const {
-  if (!tree::exists(folder_.get(), previous_name)) {
+  if (!tree::is_there(folder_.get(), previous_name)) {
     throw failure(exit_refused, "there is nothing to go back to: no state of before a conversion "
                                 "stands in previous/; 'datamorph history' lists what was done");
   }

@@ -100,6 +100,7 @@ private:
   void recover(access how);
   std::string tidy_up();
   std::string recover_next();
+  void drop_mark() const;
   std::string put_away(const char *name) const;
   void put_away_or_say(const char *name) const;
   void keep_previous() const;

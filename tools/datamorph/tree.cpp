@@ -241,6 +241,7 @@ std::optional<std::vector<std::string>> names_in(int folder) {
   const int fd = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const std::unique_ptr<DIR, closer> stream(fd < 0 ? nullptr : fdopendir(fd));
   if (stream == nullptr) {
+    const unique_fd left(fd); // for which there was no memory
     return std::nullopt;
   }
   std::vector<std::string> names;
@@ -262,6 +263,17 @@ bool exists(int folder, const std::string &name) {
   struct stat about = {};
   return fstatat(folder, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) == 0 ||
          (errno != ENOENT && errno != ENOTDIR);
+}
+
+bool is_there(int folder, const std::string &name) {
+  struct stat about = {};
+  if (fstatat(folder, name.c_str(), &about, AT_SYMLINK_NOFOLLOW) == 0) {
+    return true;
+  }
+  if (errno != ENOENT) {
+    failed("examine", name, errno);
+  }
+  return false;
 }
 
 void remove(int folder, const std::string &name) {

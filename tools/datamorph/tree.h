@@ -20,6 +20,8 @@ void remove(int folder, const std::string &name);
 
 // What cannot be examined is there: whoever reads it then says why not.
 bool exists(int folder, const std::string &name);
+// For those who act on the answer: throws failure(1) when it cannot be examined.
+bool is_there(int folder, const std::string &name);
 
 // The names in a folder but "." and "..", in no order; nothing, and errno, when it cannot be read.
 std::optional<std::vector<std::string>> names_in(int folder);

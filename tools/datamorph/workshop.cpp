@@ -86,20 +86,26 @@ void workshop::clear() const {
   }
 }
 
+// Of a directory that stands already.
+void workshop::check_free() const {
+  constexpr char taken[] = "stands already and is not empty; remove it or name another directory";
+  if (tree::is_there(folder_.get(), "current")) {
+    throw failure(exit_refused, in_quotes(dir_) + ": " + taken);
+  }
+  check_contents(taken);
+}
+
 void workshop::open_standing() {
   folder_.reset(open(dir_.c_str(), O_RDONLY | O_DIRECTORY));
   done_ = true; // until it is known to be this command's
   if (!folder_.is_open()) {
     throw failure(exit_refused, in_quotes(dir_) + ": " + error_text(errno));
   }
-  constexpr char taken[] = "stands already and is not empty; remove it or name another directory";
-  if (tree::exists(folder_.get(), "current")) {
-    throw failure(exit_refused, in_quotes(dir_) + ": " + taken);
-  }
-  check_contents(taken);
+  check_free();
   if (!lock_folder()) {
     throw failure(exit_in_use, in_quotes(dir_) + ": another command is building it");
   }
+  check_free(); // another command may have built it since
   done_ = false;
   if (!contents().empty()) {
     clear();
@@ -183,5 +189,10 @@ void workshop::become_switch() {
                   in_quotes(dir_) + ": cannot put the switch in place: " + error_text(errno));
   }
   done_ = true;
-  TEMP_FAILURE_RETRY(fsync(where));
+  if (TEMP_FAILURE_RETRY(fsync(where)) != 0) {
+    output::message(in_quotes(dir_) +
+                    ": the switch stands, but its name may not outlast a loss of "
+                    "power: " +
+                    error_text(errno));
+  }
 }

@@ -34,6 +34,7 @@ private:
   bool lock_folder();
   std::vector<std::string> contents() const;
   void check_contents(const std::string &where) const;
+  void check_free() const;
   void clear() const;
 
   std::string dir_;

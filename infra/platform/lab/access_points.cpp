@@ -37,6 +37,12 @@ uint32 sap_of(std::string_view name) {
   return whole && is_sap(sap) && std::to_string(sap) == name ? sap : 0;
 }
 
+// What opening gives, or reading, where something stands that is no access point's file, or in
+// the place of their folder.
+bool is_other_thing(int error) {
+  return error == EISDIR || error == ENXIO || error == ELOOP || error == ENOTDIR;
+}
+
 std::string one_line(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   return text;
@@ -72,8 +78,9 @@ int sap_read(uint32 sap, sap_entry *entry) {
 int sap_write(uint32 sap, const sap_entry &entry) {
   const std::string file = file_of(sap);
   const std::string scratch = file + ".new";
+  errno = 0;
   if (make_parents(file, false) != SYSERR_SUCCESS) {
-    return ENOENT;
+    return errno == 0 || errno == ENOTDIR ? ENOENT : errno; // where a file stands in the way
   }
   const std::string text =
       one_line(entry.owner.substr(0, k_longest_owner)) + "\n" + entry.endpoint + "\n";
@@ -94,7 +101,11 @@ int sap_remove(uint32 sap) {
 std::vector<access_point> mts_saps(int *error) {
   std::vector<access_point> found;
   int trouble = 0;
-  const auto note = [&](int one) { trouble = trouble == 0 && one != ENOENT ? one : trouble; };
+  const auto note = [&](int one) {
+    if (!is_other_thing(one)) {
+      note_trouble(one, &trouble);
+    }
+  };
   errno = 0;
   const std::unique_ptr<DIR, int (*)(DIR *)> folder(opendir(mts_folder), closedir);
   note(folder == nullptr ? errno : 0);

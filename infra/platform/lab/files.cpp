@@ -79,6 +79,12 @@ syserr_t make_parents(const std::string &path, bool durable) {
   return durable ? sync_folder(parent_of(folder)) : SYSERR_SUCCESS;
 }
 
+void note_trouble(int error, int *trouble) {
+  if (error != 0 && error != ENOENT && (*trouble == 0 || *trouble == EACCES)) {
+    *trouble = error;
+  }
+}
+
 syserr_t sync_folder(const std::string &folder) {
   const unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd.good()) {

@@ -34,6 +34,10 @@ std::string parent_of(const std::string &path);
 // Makes the folders that `path` lies in. `durable`: they are on disk when this returns 0.
 syserr_t make_parents(const std::string &path, bool durable);
 
+// Notes an error of many: that something is not there is none, and one that is not of rights counts
+// more than one that is, which may be looked past.
+void note_trouble(int error, int *trouble);
+
 // Brings the entries of a folder to disk.
 syserr_t sync_folder(const std::string &folder);
 

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "lab/files.h"
 #include "lab/lab.h"
 
 namespace lab {
@@ -30,16 +31,15 @@ std::string uri_of(std::string_view file) {
   return std::string(in_memory ? "volatile:" : "nonvolatile:").append(path);
 }
 
-// What is gone meanwhile is no trouble, nor what lies deeper than a store's name can lead.
+// What lies deeper than a store's name can lead is no trouble.
 void note(const std::error_code &error, int *trouble) {
-  if (error && error != std::errc::no_such_file_or_directory &&
-      error != std::errc::filename_too_long && *trouble == 0) {
-    *trouble = error.value();
+  if (error != std::errc::filename_too_long) {
+    note_trouble(error.value(), trouble);
   }
 }
 
 // The stores in a folder and in those below it, links not followed. What cannot be read is left
-// out, and the first such error noted.
+// out, and such an error noted.
 void collect(const std::string &folder, std::vector<std::string> *uris, int *trouble) {
   // They are looked at when this one is closed, so that any depth takes one descriptor.
   std::vector<std::string> below;

@@ -927,6 +927,27 @@ TEST_F(ethpm_walk_test, a_first_key_that_cannot_be_reached) {
   walk(ethpm_convert_config_tlv_pss_list, 1);
   EXPECT_TRUE(platform.open_handles().empty());
   EXPECT_EQ(1u, platform.records(k_cfg).size());
+  platform.fail("pss2_getkey", 0x4048000B);
+  walk(ethpm_convert_config_tlv_pss_list, 1);
+  EXPECT_TRUE(platform.open_handles().empty());
+  EXPECT_EQ(1u, platform.records(k_cfg).size());
+}
+
+TEST_F(ethpm_walk_test, a_next_key_that_cannot_be_read_ends_the_walk) {
+  const records_t records = {{bytes("64"), "a"}, {bytes("65"), "b"}, {bytes("66"), "c"}};
+  const std::function<void()> failures[] = {
+      [this] { platform.fail("pss2_getkey", 0x4048000B, 2); },
+      [this] { platform.answer_null("pss2_getkey", 2); },
+      [this] { platform.answer_without_bytes("pss2_getkey", 4, 2); }};
+  for (const auto &fail : failures) {
+    platform.reset();
+    platform.set_store(k_cfg, records);
+    fail();
+    walk(ethpm_convert_config_tlv_pss_list, 1);
+    EXPECT_EQ(2u, platform.calls("pss2_getkey").size());
+    EXPECT_TRUE(platform.open_handles().empty());
+    EXPECT_EQ(records, platform.records(k_cfg));
+  }
 }
 
 TEST_F(ethpm_walk_test, deletions_that_do_nothing_end) {

@@ -64,6 +64,14 @@ std::vector<off_t> g_synced;      // size of each file that fsync was called for
 std::vector<std::string> g_syncs; // what stood when sync was called
 size_t g_open_at_sync = 0;
 bool g_stat_fails = false;
+std::string g_fails; // the call on a file's descriptor that fails: the disk, or the memory
+
+bool fails(const char *call) {
+  if (g_fails == call) {
+    errno = EIO;
+  }
+  return g_fails == call;
+}
 
 // Two messages where no log can be made: standard error and the marker remain.
 void expect_two_lines_without_a_log() {
@@ -292,6 +300,25 @@ TEST_F(log_test, no_descriptor_is_left_open) {
   EXPECT_EQ(before, open_descriptors());
 }
 
+// The file was opened: it is closed again, and what it held stays.
+TEST_F(log_test, a_log_that_cannot_be_used_is_closed) {
+  const struct {
+    const char *call;
+    const char *left;
+  } rows[] = {{"fstat", "old\n"}, {"ftruncate", "old\n"}, {"fdopen", ""}};
+  const size_t before = open_descriptors();
+  for (const auto &row : rows) {
+    unlink(k_marker);
+    switch_root::write_file(k_log, "old\n");
+    g_fails = row.call;
+    const std::string text = captured_stderr([] { DATAMORPH_TRACE("a\n"); });
+    g_fails.clear();
+    EXPECT_EQ("a\nFile check failed\nFile doesn't exist\n", text) << row.call;
+    EXPECT_EQ(row.left, switch_root::read_file(k_log)) << row.call;
+    EXPECT_EQ(before, open_descriptors()) << row.call;
+  }
+}
+
 TEST_F(log_test, without_descriptors_the_line_reaches_standard_error) {
   const std::string text =
       captured_stderr([] { without_descriptors([] { DATAMORPH_TRACE("a\n"); }); });
@@ -400,6 +427,19 @@ extern "C" int fsync(int fd) {
   struct stat status = {};
   g_synced.push_back(fstat(fd, &status) == 0 ? status.st_size : -1);
   return static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+extern "C" int fstat(int fd, struct stat *status) noexcept {
+  return fails("fstat") ? -1 : fstatat(fd, "", status, AT_EMPTY_PATH);
+}
+
+extern "C" int ftruncate(int fd, off_t size) noexcept {
+  return fails("ftruncate") ? -1 : static_cast<int>(syscall(SYS_ftruncate, fd, size));
+}
+
+extern "C" FILE *__real_fdopen(int fd, const char *mode);
+extern "C" FILE *__wrap_fdopen(int fd, const char *mode) {
+  return fails("fdopen") ? nullptr : __real_fdopen(fd, mode);
 }
 
 extern "C" int stat(const char *path, struct stat *status) noexcept {

@@ -113,6 +113,16 @@ TEST_F(lab_test, a_store_without_parameters_is_damaged) {
   expect_damaged_and_untouched(database("DELETE FROM params WHERE name='version'"));
 }
 
+TEST_F(lab_test, a_store_with_parameters_that_are_no_sizes_is_damaged) {
+  for (const char *change : {"UPDATE params SET value=-1 WHERE name='version'",
+                             "UPDATE params SET value=4294967296 WHERE name='version'"}) {
+    fresh_store();
+    std::filesystem::rename(k_file, "/tmp/other.db");
+    expect_damaged_and_untouched(database(change));
+    std::filesystem::remove(k_file);
+  }
+}
+
 // Its journal is waiting: whoever opens the database would replay it.
 TEST_F(lab_test, the_journal_of_another_programs_database_is_left_alone) {
   const std::string bytes = database("CREATE TABLE t (a); INSERT INTO t VALUES (1)");

@@ -19,6 +19,7 @@ sqlite3_vfs *real_files = nullptr;
 sqlite3_io_methods methods;
 bool next_read_fails = false; // once
 long writes_left = -1;        // before one that fails, once; below 0: none does
+long reads_left = -1;         // the same
 
 struct wrapped_file {
   sqlite3_file base;
@@ -59,6 +60,9 @@ void wrap_files() {
   methods.xRead = [](sqlite3_file *file, void *bytes, int size, sqlite3_int64 at) {
     if (next_read_fails && reinterpret_cast<wrapped_file *>(file)->of_store) {
       next_read_fails = false;
+      return SQLITE_IOERR_READ;
+    }
+    if (reinterpret_cast<wrapped_file *>(file)->of_store && reads_left >= 0 && reads_left-- == 0) {
       return SQLITE_IOERR_READ;
     }
     return real_of(file)->pMethods->xRead(real_of(file), bytes, size, at);
@@ -191,6 +195,109 @@ TEST_F(failing_read, before_a_write_with_the_journal_on_loses_nothing_unnoticed)
   fail_during([&] { EXPECT_EQ(put(service_, key_of(1500), "changed"), 0x4048000BU); });
   EXPECT_EQ(lab::journal_unexpected(nullptr), 1U);
   expect_lost();
+}
+
+// ---- Every read, and any memory ----------------------------------------------------------------
+
+syserr_t with_handle(const std::function<syserr_t(pss_service_t)> &act) {
+  syserr_t status = 1;
+  const pss_service_t service = pss_open(k_uri, &status);
+  if (service == 0) {
+    return status;
+  }
+  status = act(service);
+  const syserr_t closed = pss_close(service);
+  return status == 0 ? closed : status;
+}
+
+constexpr char k_other_uri[] = "nonvolatile:/mnt/pss/store-other";
+
+const struct {
+  const char *name;
+  std::function<syserr_t()> call;
+} each_call[] = {
+    {"open", [] { return with_handle([](pss_service_t) { return syserr_t(0); }); }},
+    {"count",
+     [] {
+       uint64_t records = 0;
+       return lab::store_count(k_uri, &records);
+     }},
+    {"inspect",
+     [] {
+       lab::store_info info;
+       return lab::store_inspect(k_uri, &info);
+     }},
+    {"snapshot",
+     [] {
+       return with_handle(
+           [](pss_service_t service) { return pss_snapshot(service, 0, k_other_uri); });
+     }},
+    {"dump",
+     [] {
+       return with_handle(
+           [](pss_service_t service) { return pss2_kernel2file(service, "/bootflash/flat", 0); });
+     }},
+    {"load",
+     [] {
+       return with_handle(
+           [](pss_service_t service) { return pss2_file2kernel("/bootflash/good", service, 0); });
+     }},
+    {"create", [] { return lab::store_create(k_other_uri, lab::default_store_params); }},
+};
+
+class whatever_fails : public lab_test {
+protected:
+  void SetUp() override {
+    lab_test::SetUp();
+    wrap_files();
+    make(k_uri, records_);
+    ASSERT_EQ(with_handle([](pss_service_t service) {
+                return pss2_kernel2file(service, "/bootflash/good", 0);
+              }),
+              0U);
+  }
+
+  // Undisturbed, a call does what it did not do before; the store has its records all the time.
+  void expect_told(const std::function<void(long)> &fail, const std::function<bool()> &relieve,
+                   syserr_t told, long last, long by) {
+    size_t failures = 0;
+    for (const auto &[name, call] : each_call) {
+      for (long at = 0; at < last; at += by) {
+        fail(at);
+        const syserr_t status = call();
+        const bool failed = relieve();
+        failures += status == 0 ? 0 : 1;
+        ASSERT_TRUE(status == 0 || (failed && status == told))
+            << name << " " << at << std::hex << " " << status;
+        ASSERT_EQ(read(k_uri), records_) << name << " " << at;
+        pss_destroy(k_other_uri);
+      }
+      ASSERT_EQ(call(), 0U) << name;
+      pss_destroy(k_other_uri);
+    }
+    EXPECT_GT(failures, 50U);
+  }
+
+  const contents records_ = numbered(40, 500);
+};
+
+TEST_F(whatever_fails, of_its_reads_a_call_tells_and_changes_nothing) {
+  expect_told([](long at) { reads_left = at; },
+              [] {
+                const bool failed = reads_left < 0;
+                reads_left = -1;
+                return failed;
+              },
+              0x4048000BU, 40, 1);
+}
+
+TEST_F(whatever_fails, of_the_engines_memory_a_call_tells_and_changes_nothing) {
+  expect_told([](long spare) { sqlite3_hard_heap_limit64(sqlite3_memory_used() + spare + 1); },
+              [] {
+                sqlite3_hard_heap_limit64(0);
+                return true;
+              },
+              0x4048000CU, 200'000, 2'000);
 }
 
 // ---- Memory that gives out ---------------------------------------------------------------------

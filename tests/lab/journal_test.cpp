@@ -299,6 +299,31 @@ TEST_F(journal, writes_any_uri_as_json) {
 )");
 }
 
+// Bytes that look like a letter's and are none are written one by one.
+TEST_F(journal, writes_no_letters_that_are_none) {
+  const struct {
+    const char *bytes;
+    const char *written;
+  } rows[] = {{"\xe2\x82\xac", "€"},
+              {"\xf0\x9f\x98\x80", "😀"},
+              {"\xed\x9f\xbf", "\xed\x9f\xbf"},
+              {"\xc0\xaf", R"(\u00c0\u00af)"},
+              {"\xe0\x80\xaf", R"(\u00e0\u0080\u00af)"},
+              {"\xed\xa0\x80", R"(\u00ed\u00a0\u0080)"},
+              {"\xf0\x8f\xbf\xbf", R"(\u00f0\u008f\u00bf\u00bf)"},
+              {"\xf4\x90\x80\x80", R"(\u00f4\u0090\u0080\u0080)"},
+              {"\xf5\x80\x80\x80", R"(\u00f5\u0080\u0080\u0080)"},
+              {"\xf4\x8f\xbf\xbf", "\xf4\x8f\xbf\xbf"},
+              {"\xe2\x82", R"(\u00e2\u0082)"}};
+  for (const auto &row : rows) {
+    start();
+    pss_destroy((std::string("volatile:/") + row.bytes).c_str());
+    EXPECT_NE(stop().find(std::string(R"("uri":"volatile:/)") + row.written + "\""),
+              std::string::npos)
+        << row.written;
+  }
+}
+
 TEST_F(journal, that_cannot_be_written_counts_as_failed) {
   const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
   ASSERT_GE(full, 0);

@@ -531,7 +531,8 @@ syserr_t store_db::check_limits(size_t key_size, size_t value_size) const {
              : SYSERR_PSS_TOO_LARGE;
 }
 
-syserr_t store_db::check_integrity() {
+// A page for which the engine had no memory is damage to it, too.
+syserr_t store_db::ask_integrity(bool *good) {
   statement checking;
   if (!checking.prepare(db_, "PRAGMA integrity_check(1)")) {
     return status_of(db_);
@@ -541,8 +542,24 @@ syserr_t store_db::check_integrity() {
     return status_of(db_);
   }
   const unsigned char *const text = sqlite3_column_text(checking.raw(), 0);
-  const bool good = text != nullptr && std::strcmp(reinterpret_cast<const char *>(text), "ok") == 0;
-  return good ? SYSERR_SUCCESS : SYSERR_PSS_DAMAGED;
+  const std::string_view said = text == nullptr ? "" : reinterpret_cast<const char *>(text);
+  *good = said == "ok";
+  return said.ends_with("error code=7") ? SYSERR_PSS_NO_ROOM : SYSERR_SUCCESS; // SQLITE_NOMEM
+}
+
+// Nor is a page that could not be read damage: nobody is to remove a store for it.
+syserr_t store_db::check_integrity() {
+  bool good = false;
+  syserr_t status = ask_integrity(&good);
+  if (status != SYSERR_SUCCESS || good) {
+    return status;
+  }
+  status = ask_integrity(&good);
+  if (status == SYSERR_SUCCESS && !good) {
+    status = read_file([](const char *, size_t) { return true; });
+    return status == SYSERR_SUCCESS ? SYSERR_PSS_DAMAGED : status;
+  }
+  return SYSERR_PSS_IO;
 }
 
 syserr_t store_db::check_all(uint64_t *records) {
@@ -621,6 +638,12 @@ syserr_t store_db::copy_file_to(int target) {
   if (sqlite3_txn_state(db_, "main") != SQLITE_TXN_READ) {
     return SYSERR_PSS_IO; // another process could change the file meanwhile
   }
+  return read_file(
+      [target](const char *bytes, size_t size) { return write_all(target, bytes, size); });
+}
+
+// All of it, piece by piece; `take` may end that by false and errno.
+syserr_t store_db::read_file(const std::function<bool(const char *bytes, size_t size)> &take) {
   // Through the engine's own descriptor: closing another one would drop this process's locks.
   sqlite3_file *file = nullptr;
   sqlite3_int64 size = 0;
@@ -634,7 +657,7 @@ syserr_t store_db::copy_file_to(int target) {
     if (file->pMethods->xRead(file, piece.data(), static_cast<int>(length), at) != SQLITE_OK) {
       return SYSERR_PSS_IO;
     }
-    if (!write_all(target, piece.data(), static_cast<size_t>(length))) {
+    if (!take(piece.data(), static_cast<size_t>(length))) {
       return status_of_errno(errno);
     }
     at += length;

@@ -10,6 +10,7 @@
 
 #include <compare>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -183,7 +184,9 @@ private:
   syserr_t visit_with(const std::string_view *low, const visitor &each, bool *ended);
   syserr_t connect(const std::string &file, int flags, const char *pragmas);
   syserr_t check_schema();
+  syserr_t ask_integrity(bool *good);
   syserr_t check_integrity();
+  syserr_t read_file(const std::function<bool(const char *bytes, size_t size)> &take);
   syserr_t prepare_all();
 
   sqlite3 *db_ = nullptr;

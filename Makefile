@@ -63,6 +63,6 @@ install: build
 
 clean:
 	rm -rf build build-debug build-sanitized build-x86-32 build-valgrind build-fuzz build-coverage \
-	  build-mutants
+	  build-coverage-short build-mutants
 
 .PHONY: help demo test build bench valgrind widths faults fuzz coverage mutants crashes lint install clean

@@ -5,7 +5,7 @@
 #   scripts/packages.sh list SET       prints it
 #
 # Sets: demo (build and run), test (demo and the test programs); fuzz, coverage, mutants and valgrind
-# (test, and what the scripts of that name use); ci (all of these but coverage, and the other checks).
+# (test, and what the scripts of that name use); ci (all of these, and the other checks).
 set -eu
 
 demo='g++ make cmake ninja-build pkg-config libsqlite3-dev libzmq3-dev libxxhash-dev
@@ -17,7 +17,7 @@ fuzz="$test $for_fuzz"
 coverage="$test gcovr"
 mutants="$test $for_mutants"
 valgrind="$test valgrind"
-ci="$test $for_fuzz $for_mutants valgrind git g++-multilib googletest clang-format clang-tidy cppcheck"
+ci="$test $for_fuzz $for_mutants gcovr valgrind git g++-multilib googletest clang-format clang-tidy cppcheck"
 
 usage() {
   echo "usage: scripts/packages.sh install|list demo|test|ci|fuzz|coverage|mutants|valgrind" >&2

@@ -4,7 +4,7 @@
 #
 #   scripts/valgrind.sh [SEED]   the order of a former run; by default one by the clock
 #
-# PROGRAMS names some of the tests; BUILD is a build that is there, in place of one made in build-valgrind;
+# PROGRAMS names some of the test programs, TESTS some of their tests (as --gtest_filter); BUILD is a build that is there, in place of one made in build-valgrind;
 # DATAMORPH_FAULTS and DATAMORPH_WIDTHS_SEEDS are how much of tests/fault and tests/widths is run.
 # Exit status 1 when an invalid access, an unset value or a lost block is found, or a test fails.
 set -eu
@@ -40,7 +40,7 @@ name=\$(basename "\$1")
 began=\$(date +%s)
 status=0
 $(echo "$checked" | tr '\n' ' ') "$build/tests/\$1" --gtest_shuffle --gtest_random_seed=$seed \
-  --gtest_filter="-$left_out" \
+  --gtest_filter="${TESTS:-*}-$left_out" \
   >"$logs/\$name" 2>&1 || status=\$?
 passed=\$(grep -o 'PASSED  . [0-9]* tests*' "$logs/\$name" | grep -o '[0-9]* tests*')
 errors=\$(grep -c '^==[0-9]*== [A-Z]' "$logs/\$name")

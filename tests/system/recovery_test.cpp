@@ -52,7 +52,7 @@ TEST_F(recovery, a_copy_of_the_same_generation_is_removed) {
 }
 
 // Stopped just before its step or just after it: the other state is needed by nobody.
-TEST_F(recovery, a_state_that_a_reboot_left_is_removed) {
+TEST_F(recovery, a_state_of_the_same_generation_is_removed) {
   create("sw");
   ASSERT_EQ(run({"convert", "sw", "--to", "4.2(1)"}).status, 0);
   copy("sw/current", "sw/next");
@@ -60,7 +60,7 @@ TEST_F(recovery, a_state_that_a_reboot_left_is_removed) {
   const files before = state("sw");
 
   EXPECT_EQ(run({"lab", "show", "sw"}).err,
-            "datamorph: 'sw': removed a state that a stopped reboot had left; the switch is wholly "
+            "datamorph: 'sw': removed a state that a stopped command had left; the switch is wholly "
             "as it was before it or after it\n");
 
   EXPECT_EQ(state("sw"), before);

@@ -43,8 +43,13 @@ void check_list(const std::string &what, int error, bool leave_out_closed) {
 
 void in_switch(const switch_dir &target, std::function<void(const jail::channel &)> body,
                std::function<void(const nlohmann::json &)> take) {
+  in_state(target, target.current(), std::move(body), std::move(take));
+}
+
+void in_state(const switch_dir &target, int state, std::function<void(const jail::channel &)> body,
+              std::function<void(const nlohmann::json &)> take) {
   jail::request request;
-  request.root = target.current();
+  request.root = state;
   request.body = std::move(body);
   request.on_message = std::move(take);
   jail::outcome outcome;

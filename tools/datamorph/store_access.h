@@ -15,6 +15,9 @@
 void in_switch(
     const switch_dir &target, std::function<void(const jail::channel &)> body,
     std::function<void(const nlohmann::json &)> take = [](const nlohmann::json &) {});
+// The same in another state of the switch, such as a copy; `state` is its folder.
+void in_state(const switch_dir &target, int state, std::function<void(const jail::channel &)> body,
+              std::function<void(const nlohmann::json &)> take);
 
 // Throws a failure that names the store: 3 for what is in the switch (no such store, damaged), 1
 // for what failed on the way (no room, an input or output error).

@@ -16,6 +16,7 @@
 #include "lab/lab.h"
 #include "progress.h"
 #include "statuses.h"
+#include "stop_signal.h"
 #include "store_access.h"
 #include "switch_dir.h"
 #include "text.h"
@@ -152,20 +153,12 @@ void fill_store(const jail::channel &channel, const store_description &wanted, b
   store.close();
 }
 
-// A store that was made for records that could not be written is not left behind.
 void import_store(const jail::channel &channel, const store_description &wanted, bool merge) {
   const syserr_t created = lab::store_create(wanted.uri, wanted.params);
   if (created != SYSERR_PSS_EXISTS) {
     check_store(created, wanted.uri);
   }
-  try {
-    fill_store(channel, wanted, merge);
-  } catch (const failure &) {
-    if (created == SYSERR_SUCCESS) {
-      pss_destroy(wanted.uri.c_str());
-    }
-    throw;
-  }
+  fill_store(channel, wanted, merge);
 }
 
 size_t records_of(const std::vector<store_description> &stores) {
@@ -176,36 +169,42 @@ size_t records_of(const std::vector<store_description> &stores) {
   return records;
 }
 
-// Each store is replaced by itself, so what ends an import midway leaves some of them replaced.
-void import_stores(const switch_dir &target, const std::vector<store_description> &stores,
-                   bool merge) {
-  bool begun = false;
-  progress shown;
-  const auto take = [&](const nlohmann::json &message) {
-    if (message.contains("begun")) {
-      begun = true;
-      shown.begin("importing", records_of(stores), "records");
+// Into a copy of the state, which takes its place in one step: all stores are replaced, or none.
+void import_stores(switch_dir *target, const std::vector<store_description> &stores, bool merge) {
+  in_switch(*target, [&](const jail::channel &) {
+    for (const store_description &store : stores) {
+      check_fit(store, merge);
     }
-    shown.advance(message.value("stored", size_t(0)));
-  };
+  });
+  target->check_exchange();
+  target->check_room();
+  unique_fd next = target->make_next();
+  progress shown;
+  shown.begin("importing", records_of(stores), "records");
+  in_state(
+      *target, next.get(),
+      [&](const jail::channel &channel) {
+        for (const store_description &store : stores) {
+          import_store(channel, store, merge);
+        }
+      },
+      [&](const nlohmann::json &message) { shown.advance(message["stored"].get<size_t>()); });
+  stop_signal::check();
+  target->replace(std::move(next));
+}
+
+void import_all_or_none(switch_dir *target, const std::vector<store_description> &stores,
+                        bool merge) {
   try {
-    in_switch(
-        target,
-        [&](const jail::channel &channel) {
-          for (const store_description &store : stores) {
-            check_fit(store, merge);
-          }
-          channel.send({{"begun", true}});
-          for (const store_description &store : stores) {
-            import_store(channel, store, merge);
-          }
-        },
-        take);
+    import_stores(target, stores, merge);
   } catch (const failure &error) {
-    throw begun ? failure(error.status(), error.what(),
-                          "some of its stores may have been replaced: import again")
-                : failure(error.status(), error.message() + "; none of its stores was replaced",
-                          error.next_action());
+    const std::string left = target->drop_next();
+    const std::string place = in_quotes(target->path());
+    const bool placed = error.message().starts_with(place);
+    throw failure(error.status(),
+                  (placed ? "" : place + ": ") + error.message() +
+                      "; none of its stores was replaced" + (left.empty() ? "" : "; " + left),
+                  error.next_action());
   }
 }
 
@@ -306,8 +305,9 @@ int store_import(const common_options &common, const store_options &options) {
   }
   std::erase_if(stores,
                 [&](const store_description &store) { return !is_wanted(options, store.uri); });
-  const switch_dir target(options.dir, switch_dir::access::write);
-  import_stores(target, stores, options.merge);
+  const stop_signal::guard guard;
+  switch_dir target(options.dir, switch_dir::access::write);
+  import_all_or_none(&target, stores, options.merge);
   const size_t records = records_of(stores);
   if (common.format == output::format::json) {
     output::json({{"switch", options.dir}, {"stores", stores.size()}, {"records", records}});

@@ -385,7 +385,7 @@ std::string switch_dir::recover_next() {
   }
   put_away_or_say(next_name);
   return next == current
-             ? "removed a state that a stopped reboot had left; the switch is wholly as it was "
+             ? "removed a state that a stopped command had left; the switch is wholly as it was "
                "before it or after it"
              : "removed the copy of a command that was stopped; the switch is as it was before it";
 }

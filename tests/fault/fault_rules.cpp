@@ -60,6 +60,10 @@ bool none(const fault &happens) {
 bool too_many_bytes(const fault &happens) {
   return *happens.number > SYSMGR_TAG_TABLE_MAX;
 }
+// A table that is as large as its room is one, where that much was saved.
+bool no_table(const fault &happens) {
+  return *happens.number < TLV_ARRAY_HEADER_SIZE || too_many_bytes(happens);
+}
 
 // As a number that stands first, and as one that is asked whether it is zero.
 bool no_number(const fault &happens) {
@@ -193,7 +197,7 @@ const rule k_giving[] = {
     {k_any, "mts_payload_get", k_any, k_any, all_bits, k_refused, k_anything},
     // The startup tag table: none of these is one.
     {k_any, "pss_fetch", k_saved_table, k_any, always, k_damaged, k_anything},
-    {k_any, "tlv_array_size_get", k_any, k_fetched, always, k_damaged, k_anything},
+    {k_any, "tlv_array_size_get", k_any, k_fetched, no_table, k_damaged, k_anything},
     {k_any, "tlv_array_size_get", k_any, k_added_to, always, k_as_ever, nullptr, 0, k_some_table},
     {k_any, "sysmgr_srv_tag_info_table_prepare", k_any, k_any, always, k_no_table, k_anything},
     {k_any, "sysmgr_srv_tag_info_add", k_any, k_any, always, k_as_ever, nullptr, 0, k_old_table},

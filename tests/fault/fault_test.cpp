@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <set>
 
 #include "fault/busy_switch.h"
@@ -363,6 +362,19 @@ protected:
     }
   }
 
+  // A deletion that is pending, which is made before the cursor's next step, is made all the same.
+  static bool is_forbidden(const rule &its, const lines_t &calls, size_t hit, size_t write) {
+    if (its.no_more == nullptr || !tells(calls[write], forbidden_by(its, calls, hit).c_str())) {
+      return false;
+    }
+    const auto begin = calls.begin() + static_cast<std::ptrdiff_t>(hit) + 1;
+    const auto end = calls.begin() + static_cast<std::ptrdiff_t>(write);
+    const bool pending = std::none_of(begin, end, [](const std::string &call) {
+      return function_of(call) == "pss2_move2location";
+    });
+    return its.spared == 0 || !pending;
+  }
+
   // Whether a write of the undisturbed run stands after the single failure of the call at `hit`.
   static bool is_still_due(const undisturbed_run &of, const fault &happens, size_t hit,
                            size_t write) {
@@ -371,8 +383,7 @@ protected:
     const rule &its = rule_for(row.name, happens, of.calls, hit);
     if (&row == &later) {
       return its.status == k_as_ever && !is_lost(row.name, happens, of.calls, hit, write) &&
-             (its.no_more == nullptr ||
-              !tells(of.calls[write], forbidden_by(its, of.calls, hit).c_str()));
+             !is_forbidden(its, of.calls, hit, write);
     }
     const bool stopped =
         its.status != k_as_ever && its.status != 0 && (!of.what->is_each || row.uuid == later.uuid);

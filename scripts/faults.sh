@@ -2,7 +2,7 @@
 # Every platform call and every allocation of every routine of the library fails, and every answer is
 # spoilt. Prints how many cases there are, how many were run, and of how many routines. Nothing is
 # drawn: one of N is every N-th in their order, so that there is no seed.
-#   scripts/faults.sh [all|N]   all of them (half an hour of computing), or one of N
+#   scripts/faults.sh [all|N]   all of them (twenty minutes of computing), or one of N
 set -eu
 cd "$(dirname "$0")/.."
 scripts/packages.sh install test >&2

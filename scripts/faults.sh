@@ -1,7 +1,8 @@
 #!/bin/sh
 # Every platform call and every allocation of every routine of the library fails, and every answer is
-# spoilt. Prints how many cases there are and how many were run.
-#   scripts/faults.sh [all|N]   all of them (which takes a quarter of an hour), or one of N
+# spoilt. Prints how many cases there are, how many were run, and of how many routines. Nothing is
+# drawn: one of N is every N-th in their order, so that there is no seed.
+#   scripts/faults.sh [all|N]   all of them (twenty minutes of computing), or one of N
 set -eu
 cd "$(dirname "$0")/.."
 scripts/packages.sh install test >&2

@@ -1,6 +1,8 @@
 #include "fault/busy_switch.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "libdatamorph_private.h"
 #include "support/library_state.h"
@@ -73,6 +75,17 @@ void put_databases(platform_double &platform) {
                                   {std::string("/cfg/other") + '\0', std::string(12, 'd')}}));
 }
 
+// What datamorph_get_version takes.
+char *image() {
+  static char path[] = "/images/to";
+  return path;
+}
+constexpr int k_version_room = 255;
+char *version_room() {
+  static char room[k_version_room] = {};
+  return room;
+}
+
 uint8 *no_tag() {
   static uint8 tag[1] = {};
   return tag;
@@ -119,6 +132,23 @@ syserr_t run_each(const open_stores &, const releases &change) {
   return last;
 }
 
+template <const auto &table> std::vector<table_row> rows_of() {
+  std::vector<table_row> rows;
+  for (const auto *row = table; row->uuid != SRVUUID_NONE; ++row) {
+    rows.push_back({static_cast<uuid_t>(row->uuid), row->fn});
+  }
+  return rows;
+}
+
+// As they come when the services are gone through by their numbers.
+template <const auto &table> std::vector<table_row> rows_by_service() {
+  std::vector<table_row> rows = rows_of<table>();
+  std::stable_sort(rows.begin(), rows.end(), [](const table_row &one, const table_row &other) {
+    return one.uuid < other.uuid;
+  });
+  return rows;
+}
+
 template <auto asks> syserr_t ask(const open_stores &, const releases &) {
   return asks("/cfg/bin") ? 1 : 0;
 }
@@ -136,6 +166,7 @@ void set_busy_environment() {
 void make_busy_switch(const releases &change) {
   platform_double &platform = double_platform();
   platform.reset();
+  platform.watch_tlvs();
   forget_process();
   g_service_runs.clear();
   platform.add_queue(k_queue);
@@ -174,12 +205,14 @@ open_stores open_for_steps() {
   return open;
 }
 
-#define EACH(name, is_in_table)                                                                    \
-  { #name, run_each < name, is_in_table>, false, true }
-#define ALL(name)                                                                                  \
-  { #name, run_all < name>, false, true }
+#define EACH(name, is_in_table, table)                                                             \
+  { #name, run_each < name, is_in_table>, nullptr, rows_by_service < table>, true }
+#define ALL(name, table)                                                                           \
+  { #name, run_all < name>, nullptr, rows_of < table> }
 #define CONVERTER(name)                                                                            \
-  { #name, convert < name> }
+  { #name, convert < name>, name }
+#define ASK(name)                                                                                  \
+  { #name, ask < name>, nullptr, nullptr, false, false, false }
 #define STEP(call)                                                                                 \
   {                                                                                                \
 #call,                                                                                          \
@@ -188,16 +221,17 @@ open_stores open_for_steps() {
      static_cast<void>(change);                                                                    \
      return static_cast<syserr_t>(call);                                                                                \
    },                                                                                              \
-   true  \
+   nullptr, nullptr, false, true, std::strstr(#call, "change.") != nullptr  \
   }
 
 const std::vector<routine> k_routines = {
     // The entry points.
-    EACH(datamorph_gsync, is_uuid_in_convert_gsync_table),
-    EACH(datamorph_startup, is_uuid_in_convert_startup_table),
-    EACH(datamorph_running_fs_upg, is_uuid_in_convert_running_fs_upg_table),
-    ALL(datamorph_startup_all),
-    ALL(datamorph_running_fs_upg_all),
+    EACH(datamorph_gsync, is_uuid_in_convert_gsync_table, data_morph_gsync_table),
+    EACH(datamorph_startup, is_uuid_in_convert_startup_table, data_morph_startup_table),
+    EACH(datamorph_running_fs_upg, is_uuid_in_convert_running_fs_upg_table,
+         data_morph_running_fs_upg_table),
+    ALL(datamorph_startup_all, data_morph_startup_table),
+    ALL(datamorph_running_fs_upg_all, data_morph_running_fs_upg_table),
     // The converters, in tables or not.
     CONVERTER(psshlpr_data_morph_gsync),
     CONVERTER(sksd_data_morph_running_fs_upg),
@@ -215,6 +249,7 @@ const std::vector<routine> k_routines = {
     CONVERTER(kps_data_morph_startup),
     CONVERTER(psec_data_morph_startup),
     CONVERTER(svi_data_morph_psshlpr_upg),
+    CONVERTER(foo_data_morph_psshlpr_upg),
     CONVERTER(pixm_data_morph_gsync),
     CONVERTER(ethpm_data_morph_gsync),
     CONVERTER(ethpm_data_morph_startup),
@@ -224,9 +259,10 @@ const std::vector<routine> k_routines = {
     CONVERTER(vrrp_eng_data_morph_startup_for_downgrade),
     CONVERTER(epp_in_npv_mode_data_morph_running_fs_upg),
     // What they are made of.
-    {"was_dot1x_running", ask<was_dot1x_running>},
-    {"was_psec_running", ask<was_psec_running>},
-    {"was_kps_running", ask<was_kps_running>},
+    ASK(was_dot1x_running),
+    ASK(was_psec_running),
+    ASK(was_kps_running),
+    STEP(datamorph_get_version(image(), version_room(), k_version_room)),
     STEP(was_running_compulsory_conditional("/cfg/bin", SRVUUID_KPS, change.from)),
     STEP(datamorph_destroy_volatile_pss(const_cast<char *>("/cfg"),
                                         const_cast<char *>("plugin_debug"))),
@@ -257,3 +293,15 @@ const std::vector<routine> k_routines = {
     STEP(vrrp_eng_copy_and_convert_rc_pss_recs_for_upgrade(open.temp, open.eng)),
     STEP(vrrp_eng_delete_pss_records_for_downgrade(open.eng)),
 };
+
+const routine *routine_of(convert_gsync_fn converter) {
+  const auto found =
+      std::find_if(k_routines.begin(), k_routines.end(), [converter](const routine &one) {
+        return one.converter != nullptr && one.converter == converter;
+      });
+  return found == k_routines.end() ? nullptr : &*found;
+}
+
+syserr_t run_row(const table_row &row, const releases &change) {
+  return row.converter("/cfg", "system", change.to, change.from);
+}

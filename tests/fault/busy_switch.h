@@ -21,12 +21,22 @@ struct releases {
   const char *from;
 };
 
+// A row of a dispatch table.
+struct table_row {
+  uuid_t uuid;
+  convert_gsync_fn converter;
+};
+
 struct routine {
   const char *name;
   // Runs it on the busy switch; its status or answer, or 0 where it gives none.
   syserr_t (*run)(const open_stores &open, const releases &change);
-  bool takes_stores = false; // it works on open ones, and leaves them open
-  bool has_rows = false;     // runs several routines, of which a later one sees what one left
+  convert_gsync_fn converter = nullptr; // itself, where it may stand in a table
+  // Of an entry point: what it runs, in this order. A later row sees what an earlier one left.
+  std::vector<table_row> (*rows)() = nullptr;
+  bool is_each = false;        // it is called for each service, one after the other
+  bool takes_stores = false;   // it works on open ones, and leaves them open
+  bool takes_a_release = true; // else one pair of releases is as good as any other
 };
 
 // What an entry point did for one service.
@@ -42,6 +52,10 @@ const std::vector<service_run> &service_runs();
 
 // Every exported routine that calls the platform.
 extern const std::vector<routine> k_routines;
+// The routine that is this converter; null for one that calls nothing of the platform.
+const routine *routine_of(convert_gsync_fn converter);
+// What a row gives on the switch as it is.
+syserr_t run_row(const table_row &row, const releases &change);
 
 // Releases on both sides of every boundary that a routine knows.
 inline constexpr const char *k_releases[] = {"3.3(1)", "4.0(4)", "4.1(1)", "4.1(2)", "4.1(3)",

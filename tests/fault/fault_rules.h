@@ -4,9 +4,11 @@
 #ifndef TESTS_FAULT_FAULT_RULES_H
 #define TESTS_FAULT_FAULT_RULES_H
 
+#include <cerrno>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fault/busy_switch.h"
@@ -16,14 +18,20 @@ using lines_t = std::vector<std::string>;
 // What happens to a call.
 struct fault {
   bool gives_data = false; // else it fails
-  syserr_t status = 0;
-  std::optional<std::string> data; // nothing: no datum, though the status is 0
-  bool forever = false;            // and to all later calls; of this function, where they give data
+  syserr_t status = 0;     // with this, where the function gives a status
+  int error = EIO;         // with this errno, where it is one of messages
+  bool forever = false;    // and all later calls; of this function, where they give data
+  // What is given though the status is 0: these bytes, or no datum.
+  std::optional<std::string> data = std::nullopt;
+  bool without_bytes = false;                     // a datum that has a size and is nowhere
+  std::optional<syserr_t> handles = std::nullopt; // each handle's own status
+  std::optional<uint32> number = std::nullopt;    // of a function that gives one
 };
 
 // What a rule has for a status.
 constexpr int64_t k_as_ever = -1; // the routine goes on; what it gives when all goes well
 constexpr int64_t k_its_own = -2; // that of the call
+constexpr int64_t k_errno = -3;   // 0x801E0000 with the errno
 
 // What may not be written any more, or may be though it is not when all goes well.
 extern const char k_anything[];
@@ -35,7 +43,8 @@ struct rule {
   const char *routines; // how their names begin, between blanks; "": any
   const char *function; // how its name begins
   const char *text;     // what the call tells somewhere
-  const char *step;     // what the last step of the cursor tells, this call among them
+  const char *step;     // what the last step of the cursor tells, this call among them; of a TLV
+                        // call, what the call tells that gave the array
   bool (*when)(const fault &happens);
   int64_t status;                // with any but k_as_ever the routine ends
   const char *no_more = nullptr; // what is not written after it, but `spared` times
@@ -47,6 +56,14 @@ struct rule {
 // The first rule for a call; there is one for each.
 const rule &rule_for(const std::string &routine_name, const fault &happens, const lines_t &calls,
                      size_t at);
+
+// Whether a routine that goes on after this failure writes this no more, since the failed call was
+// part of it. Both are numbers of calls of the run in which all goes well.
+bool is_lost(const std::string &routine_name, const fault &happens, const lines_t &calls, size_t at,
+             size_t write);
+// Whether a later row's write depends on what this one left.
+bool depends_on_row(const std::string &routine_name, const std::string &write);
+std::string losses_without_use();
 
 // Whether a row of an entry point writes this when another row has left something else to it.
 bool comes_of_another_row(const std::string &routine_name, const std::string &write);
@@ -64,6 +81,11 @@ struct allocation_rule {
 const allocation_rule &allocation_rule_for(const std::string &routine_name, unsigned nth);
 
 std::string function_of(const std::string &call);
+bool is_one_of(const std::string &name, std::string_view beginnings);
+// The call itself; for one that looks into a TLV array, the one that gave the array.
+const std::string &subject_of(const lines_t &calls, size_t at);
+// What a rule forbids after this call: what a write must not tell.
+std::string forbidden_by(const rule &its, const lines_t &calls, size_t at);
 bool is_write(const std::string &call);
 // "pss_store("nonvolatile:/x"" of a call that writes to an open store.
 std::string function_and_store(const std::string &call);

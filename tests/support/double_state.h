@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/tlv_array.h"
 #include "support/platform_double.h"
 
 // Bytes that are handed out for a limited time. They have a block of exactly their size, which is
@@ -38,6 +39,7 @@ private:
 
 struct scripted_answer {
   syserr_t status = 0;              // errno for the mts_ functions
+  int error = 0;                    // that errno, where any function is answered
   std::optional<std::string> bytes; // of the result
   std::optional<uint32> missing;    // size of a result whose bytes are nowhere
   std::optional<syserr_t> handles;  // of pss2_move2location
@@ -139,6 +141,14 @@ std::string data(const void *bytes, size_t size);
 std::string datum(const pss_datum_t *datum);
 std::string location(pss_location_t location);
 } // namespace log_text
+
+// The TLV array functions themselves: what the double reads of its own is no call of anybody's.
+extern "C" {
+uint32 pure_tlv_array_size_get(const tlv_array_t *array, uint32 version);
+uint32 pure_tlv_array_get_num_tlvs(const tlv_array_t *array, uint32 version);
+syserr_t pure_tlv_array_get_next_tlv(const tlv_array_t *array, uint16 *type, uint16 *length,
+                                     uint8 **value, uint32 version, uint32 *cursor);
+}
 
 // Reading a flat file: SYSERR_PSS_NO_STORE, SYSERR_PSS_DAMAGED or success.
 syserr_t read_flat_file(const std::string &file, platform_double::records_t *records);

@@ -43,7 +43,7 @@ void put_table(vdc_id_t vdc, const std::string &content) {
 }
 
 syserr_t items_of(const tlv_array_t *table, items_t *items) {
-  const uint32 size = tlv_array_size_get(table, k_version);
+  const uint32 size = pure_tlv_array_size_get(table, k_version);
   if (size < TLV_ARRAY_HEADER_SIZE || size > SYSMGR_TAG_TABLE_MAX) {
     return SYSERR_TLV_DAMAGED;
   }
@@ -52,8 +52,8 @@ syserr_t items_of(const tlv_array_t *table, items_t *items) {
   uint8 *value = nullptr;
   uint32 cursor = 0;
   syserr_t status = SYSERR_SUCCESS;
-  while ((status = tlv_array_get_next_tlv(table, &type, &length, &value, k_version, &cursor)) ==
-         SYSERR_SUCCESS) {
+  while ((status = pure_tlv_array_get_next_tlv(table, &type, &length, &value, k_version,
+                                               &cursor)) == SYSERR_SUCCESS) {
     items->emplace_back(type, std::string(reinterpret_cast<char *>(value), length));
   }
   return status == SYSERR_TLV_END ? SYSERR_SUCCESS : status;

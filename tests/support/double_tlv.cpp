@@ -4,13 +4,6 @@
 
 #include "support/double_state.h"
 
-extern "C" {
-uint32 pure_tlv_array_size_get(const tlv_array_t *array, uint32 version);
-uint32 pure_tlv_array_get_num_tlvs(const tlv_array_t *array, uint32 version);
-syserr_t pure_tlv_array_get_next_tlv(const tlv_array_t *array, uint16 *type, uint16 *length,
-                                     uint8 **value, uint32 version, uint32 *cursor);
-}
-
 namespace {
 
 std::optional<scripted_answer> enter_tlv(const char *function, const tlv_array_t *array,

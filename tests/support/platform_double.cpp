@@ -1,7 +1,6 @@
 // The double's log and scripts, and what it hands out.
 #include "support/platform_double.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,9 +22,10 @@ void add_script(std::list<script> &scripts, const std::string &function, unsigne
   scripts.push_back(std::move(made));
 }
 
-scripted_answer with_status(syserr_t status) {
+scripted_answer with_status(syserr_t status, int error = 0) {
   scripted_answer made;
   made.status = status;
+  made.error = error;
   return made;
 }
 
@@ -196,7 +196,7 @@ platform_double::state::enter(const char *function, const std::vector<std::strin
     } else if (!answer) {
       answer = it->answer;
       if (it->function.empty() && is_mts(function)) {
-        answer->status = EIO;
+        answer->status = static_cast<syserr_t>(answer->error);
       }
     }
     it = it->forever ? std::next(it) : scripts.erase(it);
@@ -244,12 +244,12 @@ void platform_double::fail_from(const std::string &function, syserr_t status, un
   add_script(state_->scripts, function, nth, true, with_status(status));
 }
 
-void platform_double::fail_any(unsigned nth, syserr_t status) {
-  fail("", status, nth);
+void platform_double::fail_any(unsigned nth, syserr_t status, int error) {
+  add_script(state_->scripts, "", nth, false, with_status(status, error));
 }
 
-void platform_double::fail_any_from(unsigned nth, syserr_t status) {
-  fail_from("", status, nth);
+void platform_double::fail_any_from(unsigned nth, syserr_t status, int error) {
+  add_script(state_->scripts, "", nth, true, with_status(status, error));
 }
 
 unsigned platform_double::scripted() const {
@@ -267,6 +267,11 @@ void platform_double::answer_from(const std::string &function, const std::string
 
 void platform_double::answer_without_bytes(const std::string &function, uint32 size, unsigned nth) {
   add_script(state_->scripts, function, nth, false, with_missing(size));
+}
+
+void platform_double::answer_without_bytes_from(const std::string &function, uint32 size,
+                                                unsigned nth) {
+  add_script(state_->scripts, function, nth, true, with_missing(size));
 }
 
 void platform_double::answer_null(const std::string &function, unsigned nth) {

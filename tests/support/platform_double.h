@@ -7,6 +7,7 @@
 #ifndef TESTS_SUPPORT_PLATFORM_DOUBLE_H
 #define TESTS_SUPPORT_PLATFORM_DOUBLE_H
 
+#include <cerrno>
 #include <functional>
 #include <map>
 #include <memory>
@@ -74,10 +75,10 @@ public:
   void fail(const std::string &function, syserr_t status, unsigned nth = 1);
   // That call and all later ones.
   void fail_from(const std::string &function, syserr_t status, unsigned nth = 1);
-  // The n-th call of any function (mts_ functions: EIO), from now on.
-  void fail_any(unsigned nth, syserr_t status);
+  // The n-th call of any function, from now on; `error` is the errno of the mts_ functions.
+  void fail_any(unsigned nth, syserr_t status, int error = EIO);
   // That one and all later calls of any function.
-  void fail_any_from(unsigned nth, syserr_t status);
+  void fail_any_from(unsigned nth, syserr_t status, int error = EIO);
   // How many scripted answers have been given since reset(): a loop over `fail_any(n)` ends when
   // this stays 0.
   unsigned scripted() const;
@@ -88,6 +89,7 @@ public:
   void answer_from(const std::string &function, const std::string &bytes, unsigned nth = 1);
   // Status 0 and a datum of that size with a null pointer, from the functions that give a datum.
   void answer_without_bytes(const std::string &function, uint32 size, unsigned nth = 1);
+  void answer_without_bytes_from(const std::string &function, uint32 size, unsigned nth = 1);
   // Status 0 and nothing: a null result, or a write that is reported as done but is not.
   void answer_null(const std::string &function, unsigned nth = 1);
   void answer_null_from(const std::string &function, unsigned nth = 1);

@@ -150,6 +150,20 @@ TEST_F(tlv_double_test, tlv_calls_answer_what_their_scripts_say) {
   EXPECT_EQ(platform.scripted(), 4U);
 }
 
+TEST_F(tlv_double_test, what_the_double_reads_itself_is_no_call) {
+  platform.watch_tlvs();
+  platform.fail_from("tlv_array_size_get", 0x7FFFFFFF);
+  platform.fail_from("tlv_array_get_next_tlv", 0x40490002);
+  uint8 tag[] = {0};
+
+  EXPECT_EQ(sysmgr_srv_tag_info_table_prepare(0, 1), 0U);
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_KPS, tag, 1), 0U);
+  EXPECT_EQ(sysmgr_srv_tag_info_add(SRVUUID_DOT1X, tag, 1), 0U);
+
+  EXPECT_EQ(platform.scripted(), 0U);
+  EXPECT_EQ(platform.calls().size(), 3U);
+}
+
 TEST_F(tlv_double_test, tlv_calls_count_among_all_once_they_are_watched) {
   platform.fail_any(1, 0x4048000B);
   EXPECT_EQ(tlv_array_size_get(array, 1), 19U);
@@ -207,6 +221,34 @@ TEST_F(double_test, the_nth_call_of_any_function_fails) {
   errno = 0;
   EXPECT_EQ(mts_sap_destroy(7, 1), -1);
   EXPECT_EQ(errno, EIO);
+  platform.fail_any(2, 0x4048000B, ENOENT);
+  EXPECT_EQ(pss_create("volatile:/b"), 0U);
+  EXPECT_EQ(mts_sap_destroy(7, 1), -1);
+  EXPECT_EQ(errno, ENOENT);
+  platform.fail_any_from(1, 0x4048000B, EBADF);
+  EXPECT_EQ(pss_create("volatile:/c"), 0x4048000BU);
+  EXPECT_EQ(mts_sap_destroy(7, 1), -1);
+  EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(double_test, data_without_bytes_is_given_from_a_call_on) {
+  platform.set_store("volatile:/a", {{"k", "value"}});
+  syserr_t status = 0;
+  const pss_service_t service = pss_open("volatile:/a", &status);
+  const pss_datum_t key = datum("k");
+  platform.answer_without_bytes_from("pss_fetch", 3, 2);
+
+  const pss_datum_t *answer = pss_fetch(service, &key, &status);
+  ASSERT_NE(answer, nullptr);
+  EXPECT_NE(answer->ptr, nullptr);
+  for (int i = 0; i < 2; ++i) {
+    answer = pss_fetch(service, &key, &status);
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer->ptr, nullptr);
+    EXPECT_EQ(answer->siz, 3U);
+    EXPECT_EQ(status, 0U);
+  }
+  EXPECT_EQ(pss_close(service), 0U);
 }
 
 TEST_F(double_test, calls_are_answered_with_bytes_and_with_nothing) {

@@ -28,6 +28,8 @@ struct failing {
   const char *name;
   int error;
   kinds which;
+  answer_kind how = answer_kind::fail;
+  answer given() const { return {how, error}; }
 };
 
 // A verb that changes the switch.
@@ -36,6 +38,7 @@ struct deed {
   words arguments;
   // What leads up to it; the switch as it is described when there is nothing.
   std::vector<words> before;
+  const char *described = "switch.json"; // the switch's description; null for the shipped one
 };
 
 extern const deed conversion;
@@ -43,6 +46,9 @@ extern const deed second_conversion; // there is a previous state already
 extern const deed roll_back;
 extern const deed import;
 extern const deed creation;
+// Every service, up and down: what the small switch has nothing for is done there.
+extern const deed whole_change;
+extern const deed removals;
 
 class crash_test : public command_test {
 protected:

@@ -132,7 +132,7 @@ void power_loss::lose_power_during(const deed &what) {
     try_state(what, record, {record.calls(), how});
   }
   if (!HasFailure()) {
-    std::printf("power loss: %s: %zu distinct states of %zu calls, %zu of recoveries, %zu of them "
+    std::printf("power loss: %s: %zu distinct states of %zu calls, %zu of recoveries, %zu of both "
                 "with the verb ended, all hold (seed %u)\n",
                 what.name, states_.size(), record.calls(), recovery_.size(), finished_.size(),
                 wanted_seed());

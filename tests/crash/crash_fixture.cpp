@@ -97,6 +97,10 @@ std::vector<size_t> some_of(size_t count, int wanted, std::mt19937_64 *random) {
   return all;
 }
 
+bool is_piece_of_trace(const file_call &call) {
+  return call.kind == call_kind::write && call.path.ends_with("/trace.log");
+}
+
 const deed conversion = {"convert", convert_words, {}};
 const deed second_conversion = {"second convert",
                                 {"convert", "disk/sw", "--to", "4.1(5)", "--from", "4.2(1)",

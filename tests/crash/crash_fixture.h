@@ -22,6 +22,10 @@ bool long_form();
 // All of so many points, or as many of them as are wanted, in any order.
 std::vector<size_t> some_of(size_t count, int wanted, std::mt19937_64 *random);
 
+// The trace comes in pieces as it happens, and in how many is another thing in each run: they are
+// no points.
+bool is_piece_of_trace(const file_call &call);
+
 // What calls fail with, and which do.
 using kinds = std::set<call_kind>;
 struct failing {

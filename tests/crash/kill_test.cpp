@@ -12,31 +12,31 @@ namespace {
 
 constexpr int short_form = 3; // points per deed
 constexpr int few = 1;        // where it is a long one
-constexpr size_t pieces = 40; // of a trace, at most
 
 // Kills at a call, counted from 0, of those that `counts` says yes to.
 class killer {
 public:
-  killer(size_t at, answer_kind how, bool (*counts)(call_kind))
+  killer(size_t at, answer_kind how, bool (*counts)(const file_call &))
       : at_(at), how_(how), counts_(counts) {}
   answer operator()(const file_call &call) {
-    const bool now = counts_(call.kind) && seen_++ == at_;
+    const bool now = counts_(call) && seen_++ == at_;
     return {now ? how_ : answer_kind::go_on, 0};
   }
 
 private:
   size_t at_;
   answer_kind how_;
-  bool (*counts_)(call_kind);
+  bool (*counts_)(const file_call &);
   size_t seen_ = 0;
 };
 
-bool changes_files(call_kind kind) {
-  return kind != call_kind::read_folder && kind != call_kind::platform;
+bool changes_files(const file_call &call) {
+  return call.kind != call_kind::read_folder && call.kind != call_kind::platform &&
+         !is_piece_of_trace(call);
 }
 
-bool calls_platform(call_kind kind) {
-  return kind == call_kind::platform;
+bool calls_platform(const file_call &call) {
+  return call.kind == call_kind::platform;
 }
 
 class kills : public crash_test {
@@ -48,16 +48,17 @@ protected:
   }
   bool kill_recovery(const deed &what, std::string *where);
 
-  size_t count_calls(const words &arguments, bool (*counts)(call_kind), int other_status = 0) {
+  size_t count_calls(const words &arguments, bool (*counts)(const file_call &),
+                     int other_status = 0) {
     size_t seen = 0;
     const result done = watched(arguments, [&](const file_call &call) {
-      seen += counts(call.kind) ? 1 : 0;
+      seen += counts(call) ? 1 : 0;
       return answer();
     });
     EXPECT_TRUE(done.status == 0 || done.status == other_status) << done.err;
     return seen;
   }
-  size_t count_deed(const deed &what, bool (*counts)(call_kind)) {
+  size_t count_deed(const deed &what, bool (*counts)(const file_call &)) {
     restore(before_);
     return count_calls(what.arguments, counts);
   }
@@ -93,9 +94,7 @@ void kills::kill_during(const deed &what) {
     std::string where = std::string(what.name) + " killed at call " + std::to_string(at);
     restore(before_);
     const result killed = watched(what.arguments, killer(at, answer_kind::kill_all, changes_files));
-    // The trace comes in pieces as it happens: a run may have a few calls less than the counted
-    // one.
-    const bool ended = killed.status == 0 && at + pieces >= calls;
+    const bool ended = killed.status == 0;
     ASSERT_TRUE(ended || killed.status == 1000 + SIGKILL) << where;
     missed += ended ? 1 : 0;
     in_recovery += !ended && kill_recovery(what, &where) ? 1 : 0;

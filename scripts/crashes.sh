@@ -1,7 +1,7 @@
 #!/bin/sh
 # The command line killed, out of power, on full and failing disks, at up to COUNT points of each
-# kind, chosen by SEED. Prints a line per kind, and how many distinct states a lost power left in all:
-# with a COUNT of 2500 and more, fewer than 10,000 are a failure.
+# kind, chosen by SEED. Prints a line per kind and the totals; what a lost power left are distinct
+# states, of the verbs alone: with a COUNT of 2500 and more, fewer than 10,000 are a failure.
 #   scripts/crashes.sh [COUNT [SEED]]
 set -eu
 cd "$(dirname "$0")/.."
@@ -15,11 +15,27 @@ status=0
 DATAMORPH_CRASH_COUNT=$count DATAMORPH_CRASH_SEED=$seed build/tests/crash/crash_test >"$log" || status=$?
 grep -E '^(power loss|kills|failing disk|failing reads): ' "$log" || true
 if [ "$status" -ne 0 ]; then
-  grep -v '^state: ' "$log"
+  grep -v '^state' "$log"
   exit "$status"
 fi
+# total KIND BEFORE BEHIND: the sum of the numbers between these words in the lines of a kind.
+total() {
+  sed -nE "s/^$1: .*$2 ([0-9]+) $3.*/\\1/p" "$log" | awk '{ sum += $1 } END { print sum + 0 }'
+}
+# points KIND WHAT: how many of how many were taken.
+points() {
+  echo "$(total "$1" at "of [0-9]+ $2") of $(total "$1" 'at [0-9]+ of' "$2")"
+}
 states=$(grep '^state: ' "$log" | sort -u | wc -l)
-echo "power loss: $states distinct states in all, all hold (seed $seed)"
+cat <<END
+all hold (count $count, seed $seed):
+power loss: $states distinct states of verbs, $(total 'power loss' 'calls,' 'of recoveries') of recoveries;
+  $(total 'power loss' 'recoveries,' 'of both') of both with the verb ended
+kills: $(points kills 'calls'), $(total kills 'calls,' 'recoveries') with the recovery killed as well
+kills: $(points kills 'platform calls') at platform calls
+failing disk: $(points 'failing disk' 'points'), $(total 'failing disk' 'points,' 'without effect') without effect
+failing reads: $(points 'failing reads' 'points')
+END
 [ "$count" -ge 2500 ] && wanted=10000 || wanted=1
 if [ "$states" -lt "$wanted" ]; then
   echo "power loss: at least $wanted states are wanted"

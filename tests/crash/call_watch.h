@@ -50,7 +50,13 @@ struct file_call {
   pid_t process = 0;
 };
 
-enum class answer_kind : uint8_t { go_on, fail, kill_process, kill_all };
+enum class answer_kind : uint8_t {
+  go_on,
+  fail,
+  halve, // a write does half of what it was asked; anything else goes on
+  kill_process,
+  kill_all
+};
 
 struct answer {
   answer_kind kind = answer_kind::go_on;
@@ -84,6 +90,7 @@ private:
   bool take_descriptor_call(const raw_call &raw, call_kind kind, int fd, file_call *call) const;
   bool take_path_call(const raw_call &raw, file_call *call) const;
   void reply(uint64_t id, const answer &what) const;
+  bool reply_halved(uint64_t id, const raw_call &raw, const std::string &data, uint64_t at) const;
 
   std::string folder_;
   scope scope_;

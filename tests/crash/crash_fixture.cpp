@@ -23,9 +23,20 @@ const std::set<std::string> described_stores = {"volatile:/cfg/0/epp_debug",
                                                 "nonvolatile:/cfg/startup/bin/sysmgr_config",
                                                 "nonvolatile:/cfg/startup/bin/vrrp-cfg_config_sav"};
 
-nlohmann::json description() {
+nlohmann::json shipped() {
   std::ifstream file(examples + "/datacenter-switch.json");
-  nlohmann::json all = nlohmann::json::parse(file);
+  return nlohmann::json::parse(file);
+}
+
+// The shipped switch, and it is in NPV mode, which one service asks for.
+nlohmann::json npv() {
+  nlohmann::json all = shipped();
+  all["files"].push_back({{"path", "/tmp/fc_nport_mux"}, {"text", ""}});
+  return all;
+}
+
+nlohmann::json description() {
+  nlohmann::json all = shipped();
   nlohmann::json stores = nlohmann::json::array();
   for (const nlohmann::json &store : all["stores"]) {
     if (described_stores.count(store["uri"].get<std::string>()) == 1) {
@@ -60,9 +71,9 @@ int number_in(const char *variable, int other) {
   return text == nullptr ? other : std::atoi(text);
 }
 
-const words convert_words = {"convert",   "disk/sw",  "--to",      "4.2(1)",
-                             "--service", "KPS",      "--service", "VRRP_MGR",
-                             "--service", "VRRP_ENG", "--service", "TEST_ETHPM"};
+const words convert_words = {"convert",   "disk/sw",    "--to",      "4.2(1)",    "--service",
+                             "KPS",       "--service",  "VRRP_MGR",  "--service", "VRRP_ENG",
+                             "--service", "TEST_ETHPM", "--service", "PSS_HELPER"};
 
 } // namespace
 
@@ -86,6 +97,10 @@ std::vector<size_t> some_of(size_t count, int wanted, std::mt19937_64 *random) {
   return all;
 }
 
+bool is_piece_of_trace(const file_call &call) {
+  return call.kind == call_kind::write && call.path.ends_with("/trace.log");
+}
+
 const deed conversion = {"convert", convert_words, {}};
 const deed second_conversion = {"second convert",
                                 {"convert", "disk/sw", "--to", "4.1(5)", "--from", "4.2(1)",
@@ -95,10 +110,17 @@ const deed second_conversion = {"second convert",
 const deed roll_back = {"rollback", {"rollback", "disk/sw", "--yes"}, {convert_words}};
 const deed import = {"import", {"store", "import", "disk/sw", "--file", "stores.json"}, {}};
 const deed creation = {"create", {"lab", "create", "disk/sw", "--from", "switch.json"}, {}};
+const deed whole_change = {
+    "convert all services", {"convert", "disk/sw", "--to", "4.2(1)"}, {}, nullptr};
+const deed removals = {"convert all services down",
+                       {"convert", "disk/sw", "--to", "3.3(1)", "--accept-losses", "--yes"},
+                       {{"convert", "disk/sw", "--to", "5.0(2)"}},
+                       "npv.json"};
 
 void crash_test::SetUp() {
   command_test::SetUp();
   write("switch.json", description().dump());
+  write("npv.json", npv().dump());
   write("stores.json", other_stores().dump());
   fs::create_directory(path("scratch"));
   set("TMPDIR", path("scratch"));
@@ -108,7 +130,7 @@ void crash_test::make_disk(const deed &what) {
   fs::remove_all(path("disk"));
   fs::create_directory(path("disk"));
   if (&what != &creation) {
-    create("disk/sw", {"--from", "switch.json"});
+    create("disk/sw", what.described == nullptr ? words() : words{"--from", what.described});
   }
   for (const words &arguments : what.before) {
     const result done = run(arguments);

@@ -22,12 +22,18 @@ bool long_form();
 // All of so many points, or as many of them as are wanted, in any order.
 std::vector<size_t> some_of(size_t count, int wanted, std::mt19937_64 *random);
 
+// The trace comes in pieces as it happens, and in how many is another thing in each run: they are
+// no points.
+bool is_piece_of_trace(const file_call &call);
+
 // What calls fail with, and which do.
 using kinds = std::set<call_kind>;
 struct failing {
   const char *name;
   int error;
   kinds which;
+  answer_kind how = answer_kind::fail;
+  answer given() const { return {how, error}; }
 };
 
 // A verb that changes the switch.
@@ -36,6 +42,7 @@ struct deed {
   words arguments;
   // What leads up to it; the switch as it is described when there is nothing.
   std::vector<words> before;
+  const char *described = "switch.json"; // the switch's description; null for the shipped one
 };
 
 extern const deed conversion;
@@ -43,6 +50,9 @@ extern const deed second_conversion; // there is a previous state already
 extern const deed roll_back;
 extern const deed import;
 extern const deed creation;
+// Every service, up and down: what the small switch has nothing for is done there.
+extern const deed whole_change;
+extern const deed removals;
 
 class crash_test : public command_test {
 protected:

@@ -29,109 +29,164 @@ const kinds changing = {call_kind::resize, call_kind::exchange, call_kind::remov
 const kinds opening = {call_kind::open, call_kind::read_folder};
 // Calls that are made again when a signal interrupts them; the others tell of it, as of any
 // failure.
-const kinds tried_again = {call_kind::open, call_kind::write, call_kind::resize};
+const kinds tried_again = {call_kind::open, call_kind::write,     call_kind::resize,
+                           call_kind::sync, call_kind::sync_data, call_kind::sync_all};
 
 kinds joined(kinds a, const kinds &b) {
   a.insert(b.begin(), b.end());
   return a;
 }
 
-const failing full = {"ENOSPC", ENOSPC, joined(making, syncing)};
+const failing full = {"ENOSPC", ENOSPC,
+                      joined(joined(making, syncing), {call_kind::resize, call_kind::exchange})};
 const failing broken = {"EIO", EIO, joined(joined(making, changing), syncing)};
 const failing read_only = {"EROFS", EROFS, joined(making, changing)};
 const failing no_descriptors = {"EMFILE", EMFILE, opening};
 const failing interrupted = {"EINTR", EINTR, joined(joined(making, changing), syncing)};
+const failing halved = {"half of a write", 0, {call_kind::write}, answer_kind::halve};
 
 bool is_log(const std::string &path) {
   return path.find("mnt/pss/data_morph.") != std::string::npos ||
          path.find("tmp/datamorphcheck") != std::string::npos;
 }
 
-// Whom an interruption may keep from its work.
+// Whom an interruption may keep from its work, at which calls.
 const struct {
+  kinds which;
   const char *message;
   const char *reason;
 } interruptions[] = {
-    {"cannot copy the switch's state: cp: ", "cp is another program, which does not open again"},
+    {{call_kind::open},
+     "cannot copy the switch's state: cp: ",
+     "cp is another program, which does not open again"},
+    {syncing, "0x4048000b (input or output error in a store)",
+     "SQLite does not sync again; the store stays as it was, and the verb tells of it"},
 };
 
-bool may_be_interrupted(const std::string &messages) {
+bool may_be_interrupted(call_kind kind, const std::string &messages) {
   return std::any_of(std::begin(interruptions), std::end(interruptions), [&](const auto &one) {
-    return messages.find(one.message) != std::string::npos;
+    return one.which.count(kind) == 1 && messages.find(one.message) != std::string::npos;
   });
+}
+
+// Failures below next/, once, that nobody needs to notice.
+const struct {
+  call_kind kind;
+  fs::file_type type;
+  const char *reason;
+} unnoticed[] = {
+    {call_kind::sync_data, fs::file_type::directory,
+     "SQLite does not look at what became of the sync of a new journal's folder; all of next/ is "
+     "synced once more before it is put in place"},
+};
+
+bool may_be_unnoticed(call_kind kind, fs::file_type type) {
+  return std::any_of(std::begin(unnoticed), std::end(unnoticed),
+                     [&](const auto &one) { return one.kind == kind && one.type == type; });
 }
 
 class failing_disk : public crash_test {
 protected:
-  // Fails at each of the calls in turn, and from each of them on.
-  void fail_during(const deed &what, const failing &how);
-
-  result fail_at(const deed &what, const failing &how, size_t at, bool for_ever) {
-    size_t seen = 0;
-    first_.reset();
-    return watched(what.arguments, [&](const file_call &call) {
-      const bool counts = how.which.count(call.kind) == 1;
-      const size_t number = seen;
-      seen += counts ? 1 : 0;
-      const bool now = counts && (number == at || (for_ever && number > at));
-      if (now && !first_) {
-        first_ = {call.kind, call.path};
-      }
-      return now ? answer{answer_kind::fail, how.error} : answer();
-    });
-  }
-
-  std::string first_text() const {
-    return first_ ? std::string(name_of(first_->kind)) + " '" + first_->path + "'" : "none";
-  }
-
-  std::mt19937_64 random_{wanted_seed()};
   struct place {
     call_kind kind;
     std::string path;
   };
+
+  // Fails at each of the calls in turn, and from each of them on.
+  void fail_during(const deed &what, const failing &how);
+  size_t count_calls(const deed &what, const failing &how);
+  result fail_at(const deed &what, const failing &how, size_t at, bool for_ever);
+  void expect_answer(const deed &what, const failing &how, bool for_ever, const result &ended);
+  bool spoils_copy(bool for_ever) const;
+
+  std::mt19937_64 random_{wanted_seed()};
   std::optional<place> first_; // call that failed
 };
+
+size_t failing_disk::count_calls(const deed &what, const failing &how) {
+  restore(before_);
+  size_t calls = 0;
+  const result ended = watched(what.arguments, [&](const file_call &call) {
+    calls += is_piece_of_trace(call) ? 0 : how.which.count(call.kind);
+    return answer();
+  });
+  EXPECT_EQ(ended.status, 0) << ended.err;
+  return calls;
+}
+
+result failing_disk::fail_at(const deed &what, const failing &how, size_t at, bool for_ever) {
+  size_t seen = 0;
+  first_.reset();
+  restore(before_);
+  return watched(what.arguments, [&](const file_call &call) {
+    const bool fails = how.which.count(call.kind) == 1;
+    const bool reached = fails && !is_piece_of_trace(call) && seen++ == at;
+    const bool now = reached || (fails && for_ever && first_);
+    if (reached) {
+      first_ = {call.kind, call.path};
+    }
+    return now ? how.given() : answer();
+  });
+}
+
+// A write of which the converted state may lack something, be it the platform's or this program's.
+bool failing_disk::spoils_copy(bool for_ever) const {
+  constexpr std::string_view copy = "sw/next/";
+  const kinds writing = joined(syncing, {call_kind::write, call_kind::resize, call_kind::move});
+  if (!first_ || writing.count(first_->kind) == 0 || !first_->path.starts_with(copy) ||
+      is_log(first_->path)) {
+    return false;
+  }
+  const fs::path place = path("disk/sw/current/" + first_->path.substr(copy.size()));
+  return for_ever || !may_be_unnoticed(first_->kind, fs::symlink_status(place).type());
+}
+
+void failing_disk::expect_answer(const deed &what, const failing &how, bool for_ever,
+                                 const result &ended) {
+  EXPECT_TRUE(ended.status == 0 || ended.status == 1 || ended.status == 3);
+  EXPECT_TRUE(ended.status == 0 || ended.err.find("datamorph: ") != std::string::npos);
+  put_aside_ = ended.err;
+  EXPECT_TRUE(expect_whole(what, ended.status == 0));
+  const bool may_go_on = how.error == EINTR || how.how == answer_kind::halve;
+  if (spoils_copy(for_ever) && !(may_go_on && ended.status == 0)) {
+    EXPECT_NE(ended.status, 0) << "converted, although a write failed";
+    EXPECT_EQ(differences(settled(disk(), false), settled(before_, false)), "")
+        << "in place, although a write failed";
+  }
+  expect_done_again(what);
+  if (may_go_on && first_ && (how.error == 0 || tried_again.count(first_->kind) == 1)) {
+    EXPECT_TRUE(ended.status == 0 || may_be_interrupted(first_->kind, ended.err));
+  }
+}
 
 void failing_disk::fail_during(const deed &what, const failing &how) {
   record_deed(what);
   logs_count_ = false;
-  restore(before_);
-  size_t calls = 0;
-  watched(what.arguments, [&](const file_call &call) {
-    calls += how.which.count(call.kind);
-    return answer();
-  });
+  const size_t calls = count_calls(what, how);
+  ASSERT_GT(calls, 0U);
   // A signal comes once: who is interrupted for ever tries for ever.
   const size_t all = how.error == EINTR ? calls : 2 * calls;
   const std::vector<size_t> points = some_of(all, wanted_count(short_form), &random_);
   size_t without_effect = 0;
   size_t missed = 0; // the run had fewer calls than the counted one
   for (const size_t point : points) {
-    restore(before_);
     const bool for_ever = point >= calls;
     const result ended = fail_at(what, how, point % calls, for_ever);
-    const std::string where = std::string(what.name) + ": " + how.name + " at call " +
-                              std::to_string(point % calls) + " of " + std::to_string(calls) +
-                              (for_ever ? " and on: " : ": ") + first_text() + ": status " +
-                              std::to_string(ended.status) + "\n" + ended.err;
-    EXPECT_TRUE(ended.status == 0 || ended.status == 1 || ended.status == 3) << where;
-    EXPECT_TRUE(ended.status == 0 || ended.err.find("datamorph: ") != std::string::npos) << where;
+    SCOPED_TRACE(
+        std::string(what.name) + ": " + how.name + " at call " + std::to_string(point % calls) +
+        " of " + std::to_string(calls) + (for_ever ? " and on: " : ": ") +
+        (first_ ? std::string(name_of(first_->kind)) + " '" + first_->path + "'" : "none") +
+        ": status " + std::to_string(ended.status) + "\n" + ended.err);
     missed += first_ ? 0 : 1;
-    put_aside_ = ended.err;
-    EXPECT_TRUE(expect_whole(what, ended.status == 0)) << where;
-    without_effect += ended.status == 0 ? 1 : 0;
-    expect_done_again(what);
-    if (how.error == EINTR && first_ && tried_again.count(first_->kind) == 1) {
-      EXPECT_TRUE(ended.status == 0 || may_be_interrupted(ended.err)) << where;
-    }
+    without_effect += first_ && ended.status == 0 ? 1 : 0;
+    expect_answer(what, how, for_ever, ended);
     if (HasFailure()) {
       return;
     }
   }
+  EXPECT_LE(missed, 1 + points.size() / 10);
   std::printf("failing disk: %s: %s at %zu of %zu points, %zu without effect, all hold (seed %u)\n",
-              what.name, how.name, points.size() - missed, all, without_effect - missed,
-              wanted_seed());
+              what.name, how.name, points.size() - missed, all, without_effect, wanted_seed());
 }
 
 struct work {
@@ -156,22 +211,31 @@ const work works[] = {
     {"read_only_conversion", &conversion, &read_only},
     {"scarce_conversion", &conversion, &no_descriptors},
     {"interrupted_conversion", &conversion, &interrupted},
+    {"halved_conversion", &conversion, &halved},
+    {"full_second_conversion", &second_conversion, &full},
     {"broken_second_conversion", &second_conversion, &broken},
+    {"read_only_second_conversion", &second_conversion, &read_only},
+    {"scarce_second_conversion", &second_conversion, &no_descriptors},
+    {"interrupted_second_conversion", &second_conversion, &interrupted},
+    {"halved_second_conversion", &second_conversion, &halved},
     {"full_rollback", &roll_back, &full},
     {"broken_rollback", &roll_back, &broken},
     {"read_only_rollback", &roll_back, &read_only},
     {"scarce_rollback", &roll_back, &no_descriptors},
     {"interrupted_rollback", &roll_back, &interrupted},
+    {"halved_rollback", &roll_back, &halved},
     {"full_import", &import, &full},
     {"broken_import", &import, &broken},
     {"read_only_import", &import, &read_only},
     {"scarce_import", &import, &no_descriptors},
     {"interrupted_import", &import, &interrupted},
+    {"halved_import", &import, &halved},
     {"full_creation", &creation, &full},
     {"broken_creation", &creation, &broken},
     {"read_only_creation", &creation, &read_only},
     {"scarce_creation", &creation, &no_descriptors},
     {"interrupted_creation", &creation, &interrupted},
+    {"halved_creation", &creation, &halved},
 };
 
 INSTANTIATE_TEST_SUITE_P(disk, each_failure, testing::ValuesIn(works),
@@ -195,7 +259,7 @@ TEST_F(failing_disk, that_does_not_list_a_folder_has_no_switch_made_in_it) {
   EXPECT_EQ(differences(disk().listing(), before.listing()), "");
 }
 
-// ---- The log's folder alone --------------------------------------------------------------------
+// ---- The logs and the trace alone --------------------------------------------------------------
 
 class failing_log : public failing_disk {};
 
@@ -206,10 +270,11 @@ TEST_F(failing_log, changes_no_result) {
     restore(before_);
     size_t failed = 0;
     const result ended = watched(conversion.arguments, [&](const file_call &call) {
-      const bool now = is_log(call.path) && call.path.find("next/") != std::string::npos &&
-                       call.kind != call_kind::remove && how.which.count(call.kind) == 1;
+      const bool log = (is_log(call.path) && call.path.find("next/") != std::string::npos) ||
+                       (how.error != EINTR && is_piece_of_trace(call)); // it tries for ever
+      const bool now = log && call.kind != call_kind::remove && how.which.count(call.kind) == 1;
       failed += now ? 1 : 0;
-      return now ? answer{answer_kind::fail, how.error} : answer();
+      return now ? how.given() : answer();
     });
     EXPECT_EQ(ended.status, 0) << how.name << ended.err;
     EXPECT_GT(failed, 20U) << how.name;
@@ -309,5 +374,74 @@ TEST_F(tiny_disk, is_no_scratch_folder_for_a_rehearsal) {
   EXPECT_NE(ended.err.find("no room for a copy of its state: "), std::string::npos) << ended.err;
   EXPECT_TRUE(fs::is_empty(path("small")));
 }
+
+// ---- Full in the midst -------------------------------------------------------------------------
+
+// There is room when it is asked for; then somebody else takes all of it.
+struct filling {
+  const char *name;
+  bool (*now)(const file_call &call);
+  int status;
+  const char *message;
+};
+
+bool below_next(const file_call &call) {
+  return call.path.starts_with("sw/next/");
+}
+
+const filling fillings[] = {
+    {"while_the_state_is_copied",
+     [](const file_call &call) { return call.kind == call_kind::write && below_next(call); }, 3,
+     "the disk became full while its state was copied: "},
+    {"when_a_store_is_written",
+     [](const file_call &call) {
+       return call.kind == call_kind::open && below_next(call) && call.path.ends_with("-journal");
+     },
+     1, "a write in the switch failed: "},
+    {"when_the_copy_is_whole",
+     [](const file_call &call) {
+       return call.kind == call_kind::open && below_next(call) && !is_log(call.path) &&
+              call.path.find("switch.json") != std::string::npos &&
+              call.path != "sw/next/switch.json";
+     },
+     1, "No space left on device"},
+};
+
+void PrintTo(const filling &one, std::ostream *out) {
+  *out << one.name;
+}
+
+class filling_disk : public crash_test, public testing::WithParamInterface<filling> {};
+
+TEST_P(filling_disk, has_no_conversion) {
+  record_deed(conversion);
+  fs::remove_all(path("disk"));
+  switch_root::mount_small(path("disk"), "4m");
+  before_.write(path("disk/.made"));
+  fs::rename(path("disk/.made/sw"), path("disk/sw"));
+  bool filled = false;
+
+  const result ended = watched(conversion.arguments, [&](const file_call &call) {
+    if (!filled && GetParam().now(call)) {
+      filled = true;
+      std::ofstream file(path("disk/filler"));
+      while (file << std::string(4096, 'f') << std::flush) {
+      }
+    }
+    return answer();
+  });
+
+  EXPECT_TRUE(filled);
+  EXPECT_EQ(ended.status, GetParam().status);
+  EXPECT_NE(ended.err.find(GetParam().message), std::string::npos) << ended.err;
+  fs::remove(path("disk/filler"));
+  logs_count_ = false;
+  EXPECT_TRUE(expect_whole(conversion, false));
+  EXPECT_EQ(differences(settled(disk(), false), settled(before_, false)), "");
+  expect_done_again(conversion);
+}
+
+INSTANTIATE_TEST_SUITE_P(disk, filling_disk, testing::ValuesIn(fillings),
+                         [](const auto &one) { return std::string(one.param.name); });
 
 } // namespace

@@ -18,35 +18,53 @@ struct moment {
   survival how;
 };
 
+// What has no chance in it.
+constexpr survival plain[] = {survival::nothing, survival::everything, survival::names,
+                              survival::contents};
+
 class power_loss : public crash_test {
 protected:
   void lose_power_during(const deed &what);
 
 private:
+  using digests = std::set<std::string>;
+
   void try_state(const deed &what, const disk_record &record, const moment &at);
   void lose_power_in_recovery(const deed &what, const disk_tree &tree, bool finished);
-  bool is_new(const disk_tree &tree);
+  void expect_change(const deed &what, bool finished);
+  bool is_untried(const disk_tree &tree, bool finished, digests *tried);
 
   std::mt19937_64 random_{wanted_seed()};
-  std::set<std::string> states_;
+  digests states_; // of the verb
+  digests
+      recovery_; // of its recoveries: they hold their times, so that two may differ in those alone
+  digests finished_; // of both, when the verb had ended
   int tried_ = 0;
 };
 
-// Each new one is told, so that those of several programs can be counted once.
-bool power_loss::is_new(const disk_tree &tree) {
-  const auto [state, added] = states_.insert(tree.digest());
+// Each new one is told, so that those of several programs can be counted once. The same state is
+// looked at once more when the verb had ended: what it did must be there then.
+bool power_loss::is_untried(const disk_tree &tree, bool finished, digests *tried) {
+  const auto [state, added] = tried->insert(tree.digest());
   if (added && long_form()) {
-    std::printf("state: %s\n", state->c_str());
+    std::printf("%s: %s\n", tried == &states_ ? "state" : "state of a recovery", state->c_str());
   }
-  return added;
+  return (finished && finished_.insert(*state).second) || added;
 }
 
-// Each moment with all that has no chance in it, in any order.
+// The state of after or, unless the verb had ended, of before.
+void power_loss::expect_change(const deed &what, bool finished) {
+  EXPECT_TRUE(expect_whole(what, finished));
+  if (finished && &what != &import && &what != &creation) {
+    expect_told();
+  }
+}
+
+// Each moment with each of them, in any order.
 std::vector<moment> plain_moments(size_t calls, std::mt19937_64 *random) {
   std::vector<moment> all;
   for (size_t at = 0; at <= calls; ++at) {
-    for (const survival how :
-         {survival::nothing, survival::everything, survival::names, survival::contents}) {
+    for (const survival how : plain) {
       all.push_back({at, how});
     }
   }
@@ -60,28 +78,31 @@ void power_loss::lose_power_in_recovery(const deed &what, const disk_tree &tree,
   for (int at = 0; at < per_recovery && !HasFailure(); ++at) {
     const size_t calls = random_() % (recovery.record.calls() + 1);
     const disk_tree left = recovery.record.after_power_loss(calls, survival::some, &random_);
-    if (is_new(left)) {
+    if (is_untried(left, finished, &recovery_)) {
+      SCOPED_TRACE("after " + std::to_string(calls) + " calls of the recovery");
       restore(left);
-      EXPECT_TRUE(expect_whole(what, finished)) << "after " << calls << " calls of the recovery";
+      expect_change(what, finished);
     }
   }
 }
 
 void power_loss::try_state(const deed &what, const disk_record &record, const moment &at) {
   const disk_tree tree = record.after_power_loss(at.calls, at.how, &random_);
-  if (!is_new(tree)) {
+  const bool finished = at.calls == record.calls();
+  if (!is_untried(tree, finished, &states_)) {
     return;
   }
-  const bool finished = at.calls == record.calls();
+  SCOPED_TRACE(std::string(what.name) + ": the power went after " + std::to_string(at.calls) +
+               " of " + std::to_string(record.calls()) + " calls, survival " +
+               std::to_string(static_cast<int>(at.how)) + ", seed " +
+               std::to_string(wanted_seed()));
   restore(tree);
-  EXPECT_TRUE(expect_whole(what, finished))
-      << what.name << ": seed " << wanted_seed() << ", the power went after " << at.calls << " of "
-      << record.calls() << " calls, survival " << static_cast<int>(at.how);
-  if (finished && &what != &import && &what != &creation) {
-    expect_told();
-  }
-  if (++tried_ % recovered_every == 0 && &what != &creation && !HasFailure()) {
+  expect_change(what, finished);
+  const bool some = ++tried_ % recovered_every == 0;
+  if ((some || long_form()) && !HasFailure()) {
     expect_done_again(what);
+  }
+  if (some && &what != &creation && !HasFailure()) {
     lose_power_in_recovery(what, tree, finished);
   }
 }
@@ -92,13 +113,13 @@ void power_loss::lose_power_during(const deed &what) {
   ASSERT_EQ(record.strange(), std::vector<std::string>());
   ASSERT_EQ(differences(record.now().listing(), after_.listing()), "") << "calls are missing";
   const int wanted = wanted_count(short_form);
-  std::vector<moment> plain = plain_moments(record.calls(), &random_);
+  std::vector<moment> moments = plain_moments(record.calls(), &random_);
   int in_vain = 0; // a verb of few calls leaves few states
   for (int at = 0; in_vain < 1000 && static_cast<int>(states_.size()) < wanted; ++at) {
     const size_t known = states_.size();
-    if (at % 2 == 0 && !plain.empty()) {
-      try_state(what, record, plain.back());
-      plain.pop_back();
+    if (at % 2 == 0 && !moments.empty()) {
+      try_state(what, record, moments.back());
+      moments.pop_back();
     } else {
       try_state(what, record, {random_() % (record.calls() + 1), survival::some});
     }
@@ -107,9 +128,15 @@ void power_loss::lose_power_during(const deed &what) {
     }
     in_vain = states_.size() == known ? in_vain + 1 : 0;
   }
-  try_state(what, record, {record.calls(), survival::nothing});
-  std::printf("power loss: %s: %zu distinct states of %zu calls, all hold (seed %u)\n", what.name,
-              states_.size(), record.calls(), wanted_seed());
+  for (const survival how : plain) {
+    try_state(what, record, {record.calls(), how});
+  }
+  if (!HasFailure()) {
+    std::printf("power loss: %s: %zu distinct states of %zu calls, %zu of recoveries, %zu of both "
+                "with the verb ended, all hold (seed %u)\n",
+                what.name, states_.size(), record.calls(), recovery_.size(), finished_.size(),
+                wanted_seed());
+  }
 }
 
 TEST_F(power_loss, of_a_conversion) {

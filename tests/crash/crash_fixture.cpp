@@ -137,7 +137,6 @@ void crash_test::make_disk(const deed &what) {
     ASSERT_EQ(done.status, 0) << done.err;
   }
   before_ = disk();
-  stores_before_ = &what == &import ? stores() : nlohmann::json();
 }
 
 void crash_test::restore(const disk_tree &tree) const {
@@ -169,7 +168,6 @@ crash_test::recorded crash_test::record_deed(const deed &what) {
   recorded done = record(what.arguments);
   EXPECT_EQ(done.ended.status, 0) << done.ended.err;
   after_ = disk();
-  stores_after_ = &what == &import ? stores() : nlohmann::json();
   return done;
 }
 
@@ -210,16 +208,6 @@ std::string crash_test::differences(const listing &a, const listing &b) {
   return found;
 }
 
-nlohmann::json crash_test::stores() {
-  const result exported = run({"store", "export", "disk/sw"});
-  EXPECT_EQ(exported.status, 0) << exported.err;
-  nlohmann::json found = nlohmann::json::object();
-  for (const nlohmann::json &store : exported.json()["stores"]) {
-    found[store["uri"].get<std::string>()] = store;
-  }
-  return found;
-}
-
 result crash_test::recover(const deed &what) {
   return &what == &creation ? run(what.arguments)
                             : run({"lab", "show", "disk/sw", "--format", "json"});
@@ -242,9 +230,7 @@ bool crash_test::expect_whole(const deed &what, bool finished) {
                        put_aside_.find("; it is now " + top + "/") != std::string::npos;
     EXPECT_TRUE(known) << name << " is left";
   }
-  const bool whole =
-      &what == &import ? expect_whole_stores(finished) : expect_whole_state(now, finished);
-  return whole && !HasFailure();
+  return expect_whole_state(now, finished) && !HasFailure();
 }
 
 // The state, and what stands beside it to go back to.
@@ -276,22 +262,6 @@ void crash_test::expect_told() {
   EXPECT_EQ(record.is_object() ? record.value("result", "") : "none", "done") << last;
 }
 
-// Each store is replaced by itself.
-bool crash_test::expect_whole_stores(bool finished) {
-  const nlohmann::json now = stores();
-  for (const auto &[uri, store] : now.items()) {
-    EXPECT_TRUE(store == stores_after_.value(uri, nlohmann::json()) ||
-                (!finished && store == stores_before_.value(uri, nlohmann::json())) ||
-                (!stores_before_.contains(uri) && store["records"].empty()))
-        << uri << " is neither as before nor as after";
-  }
-  for (const auto &[uri, store] : stores_before_.items()) {
-    EXPECT_TRUE(now.contains(uri)) << uri << " is gone";
-  }
-  EXPECT_TRUE(!finished || now == stores_after_) << "what was done is gone";
-  return !HasFailure();
-}
-
 bool crash_test::expect_whole_creation(const result &again, bool finished) {
   const bool stands = again.status == 3;
   EXPECT_TRUE(stands || (again.status == 0 && !finished)) << again.status << again.err;
@@ -305,14 +275,10 @@ bool crash_test::expect_whole_creation(const result &again, bool finished) {
 
 void crash_test::expect_done_again(const deed &what) {
   const listing here = settled(disk(), logs_count_);
-  if (&what == &creation || (&what != &import && here == settled(after_, logs_count_))) {
+  if (&what == &creation || here == settled(after_, logs_count_)) {
     return; // it stands
   }
   const result again = run(what.arguments);
   EXPECT_EQ(again.status, 0) << again.err;
-  if (&what == &import) {
-    EXPECT_EQ(stores(), stores_after_);
-  } else {
-    EXPECT_EQ(differences(settled(disk(), logs_count_), settled(after_, logs_count_)), "");
-  }
+  EXPECT_EQ(differences(settled(disk(), logs_count_), settled(after_, logs_count_)), "");
 }

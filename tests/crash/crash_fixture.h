@@ -100,12 +100,7 @@ protected:
 private:
   result recover(const deed &what);
   bool expect_whole_state(const disk_tree &now, bool finished);
-  bool expect_whole_stores(bool finished);
   bool expect_whole_creation(const result &again, bool finished);
-  nlohmann::json stores();
-
-  nlohmann::json stores_before_;
-  nlohmann::json stores_after_;
 };
 
 #endif

@@ -197,6 +197,48 @@ TEST_F(failing_read, before_a_write_with_the_journal_on_loses_nothing_unnoticed)
   expect_lost();
 }
 
+// A converter may take no answer for no record: the run is not to be kept.
+TEST_F(failing_read, is_a_line_of_the_journal) {
+  lab::journal_start(-1);
+  std::string first;
+  EXPECT_EQ(lab::journal_unexpected(&first), 0U);
+  const std::string key = key_of(1500);
+  const pss_datum_t key_datum = datum(key);
+  syserr_t status = 0;
+  fail_during([&] { pss_fetch(service_, &key_datum, &status); });
+  EXPECT_EQ(status, 0x4048000BU);
+  EXPECT_EQ(lab::journal_unexpected(&first), 1U);
+  EXPECT_NE(first.find(R"("call":"pss_fetch","uri":"nonvolatile:/mnt/pss/store")"),
+            std::string::npos)
+      << first;
+}
+
+TEST_F(failing_read, at_an_open_is_a_line_of_the_journal) {
+  ASSERT_EQ(pss_close(service_), 0U);
+  lab::journal_start(-1);
+  fail_during([] {
+    syserr_t status = 0;
+    EXPECT_EQ(pss_open(k_uri, &status), 0U);
+    EXPECT_EQ(status, 0x4048000BU);
+  });
+  std::string first;
+  EXPECT_EQ(lab::journal_unexpected(&first), 1U);
+  EXPECT_NE(first.find(R"("call":"pss_open","uri":"nonvolatile:/mnt/pss/store")"),
+            std::string::npos)
+      << first;
+}
+
+TEST_F(failing_read, of_a_step_is_a_line_of_the_journal) {
+  ASSERT_EQ(pss_close(service_), 0U);
+  syserr_t status = 0;
+  pss2_service_t handle = pss2_open(k_uri, PSS2_MODE_READ, SRVUUID_NONE, 0, 0, &status);
+  ASSERT_NE(handle, 0U);
+  lab::journal_start(-1);
+  fail_during([&] { EXPECT_EQ(pss2_move2location(&handle, 1, PSS_LAST_KEY, &status), 0U); });
+  EXPECT_EQ(status, 0x4048000BU);
+  EXPECT_EQ(lab::journal_unexpected(nullptr), 1U);
+}
+
 // ---- Every read, and any memory ----------------------------------------------------------------
 
 syserr_t with_handle(const std::function<syserr_t(pss_service_t)> &act) {

@@ -34,6 +34,18 @@ void report(syserr_t status, syserr_t *out) {
   }
 }
 
+// A call that reads, and that the machine failed: who goes on by its answer knows nothing of the
+// store, so it has a line in the journal as a write has that failed.
+void note_failed_read(const char *call, const std::string &uri, syserr_t status) noexcept {
+  if (status == SYSERR_PSS_IO || status == SYSERR_PSS_NO_ROOM) {
+    journal_entry entry;
+    entry.call = call;
+    entry.uri = uri;
+    entry.status = status;
+    journal_write(entry);
+  }
+}
+
 bool is_datum(const pss_datum_t *datum) {
   return datum != nullptr && (datum->ptr != nullptr || datum->siz == 0);
 }
@@ -68,6 +80,8 @@ uint32 open_store(const char *call, const char *uri, bool writable, bool create,
     entry.uri = uri;
     entry.status = status;
     journal_write(entry);
+  } else {
+    note_failed_read(call, uri == nullptr ? "" : uri, status);
   }
   report(status, out);
   return number;
@@ -152,14 +166,23 @@ syserr_t delete_record(const char *call, uint32 number, const pss_datum_t *key,
   });
 }
 
+constexpr const char *slot_names[] = {"pss_fetch",    "pss_move2key", "pss_move2location",
+                                      "pss_getvalue", "pss2_fetch",   "pss2_getkey",
+                                      "pss2_getvalue"};
+static_assert(std::size(slot_names) == static_cast<size_t>(slot::count));
+
 // A call that returns data: `act` fills the function's slot of the handle.
 template <typename body>
 pss_datum_t *answer(uint32 number, slot which, syserr_t *out, const body &act) noexcept {
   pss_datum_t *datum = nullptr;
+  std::string uri;
   const syserr_t status = guarded([&] {
     store_handle *const handle = handle_find(number);
     if (handle == nullptr) {
       return SYSERR_PSS_BAD_HANDLE;
+    }
+    if (journal_on()) {
+      uri = handle->uri();
     }
     store_handle::answer &place = handle->slot_of(which);
     const syserr_t done = act(*handle, &place);
@@ -169,6 +192,7 @@ pss_datum_t *answer(uint32 number, slot which, syserr_t *out, const body &act) n
     }
     return done;
   });
+  note_failed_read(slot_names[static_cast<size_t>(which)], uri, status);
   report(status, out);
   return datum;
 }
@@ -491,10 +515,16 @@ syserr_t pss2_move2location(pss2_service_t *services, uint32 count, pss_location
   }
   const int to = static_cast<int>(location);
   for (uint32 i = 0; i < count; ++i) {
+    std::string uri;
     errlist[i] = lab::guarded([&] {
       store_handle *const handle = lab::handle_find(services[i]);
-      return handle == nullptr ? SYSERR_PSS_BAD_HANDLE : handle->move(to);
+      if (handle == nullptr) {
+        return SYSERR_PSS_BAD_HANDLE;
+      }
+      uri = handle->uri();
+      return handle->move(to);
     });
+    lab::note_failed_read(__func__, uri, errlist[i]);
   }
   return to >= PSS_NULL_KEY && to <= PSS_PREVIOUS_KEY ? SYSERR_SUCCESS : SYSERR_PSS_BAD_ARGUMENT;
 }

@@ -284,6 +284,25 @@ TEST_F(tag_table_test, a_fetch_without_bytes_is_no_table) {
   EXPECT_EQ(table({}), saved());
 }
 
+TEST_F(tag_table_test, less_than_a_header_is_no_table_and_not_looked_into) {
+  platform.set_store(k_store, {{key(), bytes("08 00 00 00 01 00 01")}});
+  platform.watch_tlvs();
+  add(1);
+  EXPECT_EQ(0x40480009u, status);
+  EXPECT_EQ(lines_t(), platform.calls("tlv_array_size_get"));
+}
+
+TEST_F(tag_table_test, the_tlv_calls_of_an_addition) {
+  platform.set_store(k_store, {{key(), table({k_other})}});
+  platform.watch_tlvs();
+  add(1);
+  const lines_t calls = platform.calls("tlv_array_size_get");
+  ASSERT_EQ(2u, calls.size()); // of the saved table, and of what is to be saved
+  for (const std::string &call : calls) {
+    EXPECT_NE(std::string::npos, call.find(", 1)")) << call;
+  }
+}
+
 TEST_F(tag_table_test, a_failed_addition_is_returned) {
   platform.set_store(k_store, {{key(), table({k_other})}});
   platform.fail("sysmgr_srv_tag_info_add", 0x401E0077);

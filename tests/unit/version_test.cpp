@@ -199,6 +199,8 @@ TEST_F(version_test, leading_number) {
   EXPECT_EQ(3, datamorph_leading_number("3", 16));
   EXPECT_EQ(12, datamorph_leading_number("123", 2));
   EXPECT_EQ(0, datamorph_leading_number("123", 0));
+  EXPECT_EQ(4, datamorph_leading_number("4:", 16)); // what comes behind 9 and before 0 is no digit
+  EXPECT_EQ(4, datamorph_leading_number("4/", 16));
   EXPECT_EQ(INT_MAX, datamorph_leading_number("2147483647", 16));
   EXPECT_EQ(INT_MAX, datamorph_leading_number("2147483648", 16));
   EXPECT_EQ(INT_MAX, datamorph_leading_number("18446744073709551619", 64));

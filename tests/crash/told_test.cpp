@@ -186,6 +186,8 @@ protected:
     const result ended = watched(verb, decide, scope_of(one.kind));
     EXPECT_GE(seen, one.nth == each ? 1U : one.nth);
     EXPECT_EQ(ended.status, one.status);
+    EXPECT_EQ((ended.err + ended.out).find("Bad file descriptor"), std::string::npos)
+        << ended.err << ended.out;
     EXPECT_NE((ended.err + ended.out).find(one.message), std::string::npos)
         << ended.err << ended.out;
   }

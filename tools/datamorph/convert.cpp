@@ -123,6 +123,9 @@ void version_change::fail(const std::string &trouble) {
 }
 
 void version_change::take_journal() {
+  if (!journal_.is_open()) {
+    return; // it ended before there was one: nothing was converted
+  }
   try {
     conversion_.take_journal(journal_.get());
   } catch (const failure &error) {

@@ -70,6 +70,25 @@ TEST_F(memory_test, port_managers) {
                    {{"pss2_store", 3}, {"pss2_delete", 4}});
 }
 
+TEST_F(memory_test, port_managers_that_get_none) {
+  const std::function<void()> conversions[] = {
+      [] { ethpm_data_morph_gsync("/cfg", "system", "4.2(1)", "4.1(5)"); },
+      [] { pixm_data_morph_gsync("/cfg", "system", "4.1(1)", "4.2(3)"); }};
+  for (const auto &convert : conversions) {
+    unsigned refused = 0;
+    for (unsigned nth = 1; nth <= 3; ++nth) {
+      expect_none_left([this] { fill_port_managers(); },
+                       [&] {
+                         scarce_malloc::refuse_nth(nth);
+                         convert();
+                         refused += scarce_malloc::relieve() ? 1 : 0;
+                       },
+                       {});
+    }
+    EXPECT_LE(1U, refused);
+  }
+}
+
 TEST_F(memory_test, vrrp) {
   expect_none_left([this] { fill_vrrp(k_mgr, old_vr); },
                    [] {

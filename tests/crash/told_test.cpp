@@ -53,8 +53,8 @@ const row conversions[] = {
     {"look", call_kind::examine, "sw/next", 1, EIO, 1, left::before,
      SWITCH "cannot examine 'next': Input/output error"},
     {"state", call_kind::read, "sw/current/switch.json", 1, EIO, 3, left::before,
-     SWITCH "cannot read 'switch.json': Input/output error; mend disk/sw/current/switch.json, or "
-            "bring it back from disk/sw/previous/switch.json"},
+     SWITCH "cannot read 'switch.json': Input/output error; mend disk/sw/current/switch.json; "
+            "disk/sw/previous/switch.json has its members as they were before the last conversion"},
     {"list_of_runs_later", call_kind::list, "sw/runs", 3, EIO, 1, left::before,
      "cannot read the folder runs/: Input/output error"},
     {"images", call_kind::list, "sw/current/images", 1, EIO, 1, left::before,

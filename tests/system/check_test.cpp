@@ -349,7 +349,7 @@ TEST_F(check_verb, switch_json) {
   const nlohmann::json told = check(3);
   EXPECT_EQ(told["findings"], parsed(R"j([{"level": "error", "check": "switch",
       "text": "switch.json: vdcs holds something else than a number from 1 to 16; VDCs, tag tables and what depends on them were not looked at",
-      "remedy": "mend sw/current/switch.json, or bring it back from sw/previous/switch.json"}])j"));
+      "remedy": "mend sw/current/switch.json; sw/previous/switch.json has its members as they were before the last conversion"}])j"));
   EXPECT_EQ(told["summary"]["stores"], 39);
   EXPECT_EQ(told["from"], "");
   follow("cp sw/previous/switch.json sw/current/switch.json");

@@ -24,6 +24,9 @@ protected:
 constexpr char removed_copy[] =
     "datamorph: 'sw': removed the copy of a command that was stopped; the switch is as it was "
     "before it\n";
+constexpr char removed_state[] =
+    "datamorph: 'sw': removed a state that a stopped command had left; the switch is wholly as it "
+    "was before it or after it\n";
 constexpr char completed[] =
     "datamorph: 'sw': completed a conversion that was stopped after its last step; the state "
     "before it is in previous/\n";
@@ -36,7 +39,7 @@ TEST_F(recovery, a_copy_that_was_not_finished_is_removed) {
   const result shown = run({"lab", "show", "sw"});
 
   EXPECT_EQ(shown.status, 0);
-  EXPECT_EQ(shown.err, removed_copy);
+  EXPECT_EQ(shown.err, removed_state);
   EXPECT_EQ(state("sw"), before);
   expect_tidy("sw");
 }
@@ -59,9 +62,7 @@ TEST_F(recovery, a_state_of_the_same_generation_is_removed) {
   fs::remove(path("sw/next/tmp/session.txt"));
   const files before = state("sw");
 
-  EXPECT_EQ(run({"lab", "show", "sw"}).err,
-            "datamorph: 'sw': removed a state that a stopped command had left; the switch is wholly "
-            "as it was before it or after it\n");
+  EXPECT_EQ(run({"lab", "show", "sw"}).err, removed_state);
 
   EXPECT_EQ(state("sw"), before);
   EXPECT_EQ(release_in("sw/previous"), "4.1(5)");
@@ -124,12 +125,22 @@ TEST_F(recovery, a_whole_state_that_cannot_be_read_is_not_removed) {
   EXPECT_EQ(state("sw"), before);
 }
 
+TEST_F(recovery, a_folder_in_the_place_of_the_mark_goes) {
+  create("sw");
+  write("sw/.copy/file", "");
+
+  EXPECT_EQ(run({"lab", "show", "sw"}).err,
+            "datamorph: 'sw': removed what a stopped command had left\n");
+  expect_tidy("sw");
+  EXPECT_FALSE(exists("sw/.copy"));
+}
+
 TEST_F(recovery, the_rest_of_a_state_that_was_being_removed_goes) {
   create("sw");
   copy("sw/current", "sw/next");
   fs::remove(path("sw/next/switch.json"));
 
-  EXPECT_EQ(run({"lab", "show", "sw"}).err, removed_copy);
+  EXPECT_EQ(run({"lab", "show", "sw"}).err, removed_state);
   expect_tidy("sw");
 }
 

@@ -112,8 +112,8 @@ TEST_F(refusals, members_of_switch_json) {
   fs::create_directory(path("sw/previous"));
   write("sw/previous/switch.json", whole.dump());
   expect_refused({"store", "list", "sw"},
-                 "'sw': switch.json is no JSON object; mend sw/current/switch.json, or bring it "
-                 "back from sw/previous/switch.json");
+                 "'sw': switch.json is no JSON object; mend sw/current/switch.json; "
+                 "sw/previous/switch.json has its members as they were before the last conversion");
 }
 
 // ---- Where a switch is to be -------------------------------------------------------------------

@@ -7,6 +7,8 @@
 #include <thread>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -149,6 +151,21 @@ TEST_F(store_transfer, an_import_that_fails_midway_replaces_none) {
       << imported.err;
   EXPECT_EQ(state("sw"), before);
   expect_tidy("sw");
+}
+
+// Whoever imports as root takes nobody's switch away.
+TEST_F(store_transfer, an_import_keeps_the_owner_of_the_description) {
+  const std::string file = path("sw/current/switch.json");
+  ASSERT_EQ(chown(file.c_str(), 65534, 65533), 0);
+  ASSERT_EQ(chmod(file.c_str(), 0664), 0);
+
+  EXPECT_EQ(run({"store", "import", "sw"}, document(store(vlan, ""))).status, 0);
+
+  struct stat about = {};
+  ASSERT_EQ(stat(file.c_str(), &about), 0);
+  EXPECT_EQ(about.st_uid, 65534U);
+  EXPECT_EQ(about.st_gid, 65533U);
+  EXPECT_EQ(about.st_mode & 07777, 0664U);
 }
 
 TEST_F(store_transfer, an_import_that_is_refused_says_that_nothing_was_replaced) {

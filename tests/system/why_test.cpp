@@ -158,7 +158,8 @@ TEST_F(why, what_nothing_touched_is_said_so) {
   EXPECT_EQ(
       table({"sw", vlans, "0001"}),
       "nothing touched the record '0001' of the store 'nonvolatile:/cfg/0/vlan_cfg': it stands in "
-      "no journal of 1 run\nthe record '0001' of the store 'nonvolatile:/cfg/0/vlan_cfg' is there "
+      "no journal of 1 run; what was edited by hand or imported stands in none\nthe record '0001' "
+      "of the store 'nonvolatile:/cfg/0/vlan_cfg' is there "
       "now, with "
       "34 bytes\n");
   EXPECT_EQ(told(ask({"sw", vlans, ""})), words{});

@@ -32,7 +32,7 @@ constexpr char top_footer[] =
     "Exit status:\n"
     "  0   done, or nothing to change\n"
     "  1   a conversion or the program failed; the switch is as it was, unless the message says\n"
-    "      that a conversion's output could not be written or that an import ended midway\n"
+    "      that a conversion's output could not be written\n"
     "  2   compare: the releases differ; diff: the states do\n"
     "  3   refused; the switch was not touched (no switch, unknown release, damaged store, no "
     "room,\n"
@@ -41,9 +41,7 @@ constexpr char top_footer[] =
     "      be lost, nothing to roll back to, nobody to ask); check: something was found\n"
     "  5   the switch is in use by another command\n"
     "  64  wrong usage (unknown verb, option, service or moment)\n"
-    "  128 and the signal's number: stopped by a signal; the switch is as it was, or an import "
-    "ended\n"
-    "      midway\n"
+    "  128 and the signal's number: stopped by a signal; the switch is as it was\n"
     "Data goes to standard output, messages and trace to standard error.\n"
     "Completions: 'datamorph completion bash' and 'datamorph completion zsh' write them.\n"
     "Example:\n"
@@ -371,12 +369,12 @@ private:
         ->type_name("FILE");
     CLI::App *in = store_verb(store, "import", "Load stores from such a document",
                               "datamorph store import /tmp/switch --file stores.json\n\n"
-                              "Each store is replaced as a whole, in one step of its own; stores "
-                              "that are missing are made.\n"
+                              "The stores are replaced in a copy of the switch's state, which "
+                              "takes its place in one\n"
+                              "step: all of them, or none. Stores that are missing are made.\n"
                               "A store that stands keeps its parameters: a document that names "
                               "others is refused\n"
-                              "unless it is merged. When an import is stopped or fails, some of "
-                              "its stores may have\nbeen replaced: import again.",
+                              "unless it is merged.",
                               store_import);
     in->add_option("URI", store_.uris, "Which of the document's stores (default: all)");
     in->add_option("--file", store_.file, "Where from (default: standard input)")

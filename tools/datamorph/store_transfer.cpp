@@ -181,6 +181,7 @@ void import_stores(switch_dir *target, const std::vector<store_description> &sto
   unique_fd next = target->make_next();
   progress shown;
   shown.begin("importing", records_of(stores), "records");
+  shown.advance(0);
   in_state(
       *target, next.get(),
       [&](const jail::channel &channel) {

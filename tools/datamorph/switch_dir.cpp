@@ -384,10 +384,11 @@ std::string switch_dir::recover_next() {
            "previous/";
   }
   put_away_or_say(next_name);
-  return next == current
-             ? "removed a state that a stopped command had left; the switch is wholly as it was "
-               "before it or after it"
-             : "removed the copy of a command that was stopped; the switch is as it was before it";
+  const bool is_before = is_copy || (next && *next > *current);
+  return is_before
+             ? "removed the copy of a command that was stopped; the switch is as it was before it"
+             : "removed a state that a stopped command had left; the switch is wholly as it was "
+               "before it or after it";
 }
 
 // Tidying up never keeps a command from its work: what cannot be removed, as another user's files
@@ -441,7 +442,9 @@ std::string switch_dir::state_remedy() const {
   const std::string mend = "mend " + shell_word(path_ + "/current/switch.json");
   const std::string other = path_ + "/previous/switch.json";
   return ::access(other.c_str(), F_OK) != 0 ? mend
-                                            : mend + ", or bring it back from " + shell_word(other);
+                                            : mend + "; " + shell_word(other) +
+                                                  " has its members as they were before the last "
+                                                  "conversion";
 }
 
 void switch_dir::check_exchange() const {
@@ -505,7 +508,7 @@ std::string switch_dir::drop_next() const {
 void switch_dir::drop_mark() const {
   const int folder = folder_.get();
   if (!tree::exists(folder, next_name) && TEMP_FAILURE_RETRY(fsync(folder)) == 0) {
-    unlinkat(folder, copy_name, 0);
+    put_away_or_say(copy_name);
   }
 }
 
@@ -560,9 +563,15 @@ void switch_dir::commit(unique_fd next, const switch_state &state) {
 void switch_dir::replace(unique_fd next) {
   exchange(std::move(next), switch_state(state_));
   try {
-    sync_folder(folder_.get());
-    put_away_or_say(next_name);
-    sync_folder(folder_.get());
+    const int folder = folder_.get();
+    sync_folder(folder);
+    // Under the other name first: a next/ without its switch.json tells nobody what it was.
+    put_away_or_say(discard_name);
+    if (renameat(folder, next_name, folder, discard_name) != 0) {
+      throw failure(exit_failed, "cannot put next/ aside: " + error_text(errno));
+    }
+    put_away_or_say(discard_name);
+    sync_folder(folder);
   } catch (const failure &error) {
     output::message(in_quotes(path_) + ": the state is replaced, but tidying up failed (" +
                     error.what() + ")");

@@ -233,6 +233,21 @@ bool write_content(int file, const std::string &content) {
   return true;
 }
 
+// A file that takes another one's place has its owner and mode, as far as this user may give them.
+void keep_owner(int folder, const std::string &name, int file) {
+  struct stat old = {};
+  struct stat made = {};
+  if (fstatat(folder, name.c_str(), &old, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(old.st_mode) ||
+      fstat(file, &made) != 0) {
+    return;
+  }
+  const bool own = (old.st_uid == made.st_uid && old.st_gid == made.st_gid) ||
+                   fchown(file, old.st_uid, old.st_gid) == 0;
+  if (own && (old.st_mode & 07777) != (made.st_mode & 07777)) {
+    fchmod(file, old.st_mode & 07777);
+  }
+}
+
 } // namespace
 
 namespace tree {
@@ -347,6 +362,7 @@ void replace_file(int folder, const std::string &name, const std::string &conten
   if (!file.is_open()) {
     failed("create", beside, errno);
   }
+  keep_owner(folder, name, file.get());
   if (!write_content(file.get(), content) || TEMP_FAILURE_RETRY(fsync(file.get())) != 0 ||
       renameat(folder, beside.c_str(), folder, name.c_str()) != 0) {
     const int error = errno;

@@ -386,7 +386,8 @@ public:
     if (found.touches == 0) {
       output::text("nothing touched " + found.what + ": " +
                    (found.runs == 0 ? "the switch has no runs yet"
-                                    : "it stands in no journal of " + counted(found.runs, "run")) +
+                                    : "it stands in no journal of " + counted(found.runs, "run") +
+                                          "; what was edited by hand or imported stands in none") +
                    "\n");
     }
     if (more_ > 0) {

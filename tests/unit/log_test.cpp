@@ -317,6 +317,11 @@ TEST_F(log_test, a_log_that_cannot_be_used_is_closed) {
     EXPECT_EQ(row.left, switch_root::read_file(k_log)) << row.call;
     EXPECT_EQ(before, open_descriptors()) << row.call;
   }
+  captured_stderr([] {
+    g_fails = "fdopen";
+    EXPECT_FALSE(takes_descriptor_0([] { DATAMORPH_TRACE("a\n"); }));
+    g_fails.clear();
+  });
 }
 
 TEST_F(log_test, without_descriptors_the_line_reaches_standard_error) {

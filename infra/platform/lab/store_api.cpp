@@ -181,14 +181,13 @@ pss_datum_t *answer(uint32 number, slot which, syserr_t *out, const body &act) n
     if (handle == nullptr) {
       return SYSERR_PSS_BAD_HANDLE;
     }
-    if (journal_on()) {
-      uri = handle->uri();
-    }
     store_handle::answer &place = handle->slot_of(which);
     const syserr_t done = act(*handle, &place);
     if (done == SYSERR_SUCCESS) {
       place.datum = {place.bytes.data(), static_cast<uint32>(place.bytes.size())};
       datum = &place.datum;
+    } else {
+      uri = handle->uri(); // no copy of it for each record that is read
     }
     return done;
   });
@@ -521,8 +520,11 @@ syserr_t pss2_move2location(pss2_service_t *services, uint32 count, pss_location
       if (handle == nullptr) {
         return SYSERR_PSS_BAD_HANDLE;
       }
-      uri = handle->uri();
-      return handle->move(to);
+      const syserr_t moved = handle->move(to);
+      if (moved != SYSERR_SUCCESS) {
+        uri = handle->uri();
+      }
+      return moved;
     });
     lab::note_failed_read(__func__, uri, errlist[i]);
   }

@@ -175,7 +175,7 @@ disk_record::place disk_record::find(const std::string &path) const {
 }
 
 void disk_record::add(operation one) {
-  if (apply(one, &now_)) {
+  if (apply(one, false, &now_)) {
     waiting_.push_back(operations_.size());
     operations_.push_back(std::move(one));
   }
@@ -348,7 +348,7 @@ void disk_record::synced(int node, bool contents_only) {
 }
 
 // False when it cannot be done, because what it builds on is not there.
-bool disk_record::apply(const operation &one, disk_tree *tree) {
+bool disk_record::apply(const operation &one, bool on_disk, disk_tree *tree) {
   disk_node &node = tree->nodes_[static_cast<size_t>(one.node)];
   switch (one.kind) {
   case operation::kind_t::bytes:
@@ -369,10 +369,10 @@ bool disk_record::apply(const operation &one, disk_tree *tree) {
     if ((found == entries.end() ? 0 : found->second) != entry.was) {
       return false;
     }
-    // A folder that loses its name is empty.
+    // A folder that loses its name is empty; when that is on disk, so is what it held before.
     const bool keeps_one = std::any_of(one.entries.begin(), one.entries.end(),
                                        [&](const entry_change &at) { return at.is == entry.was; });
-    if (!keeps_one && !tree->nodes_[static_cast<size_t>(entry.was)].entries.empty()) {
+    if (!keeps_one && !on_disk && !tree->nodes_[static_cast<size_t>(entry.was)].entries.empty()) {
       return false;
     }
   }
@@ -388,7 +388,7 @@ bool disk_record::apply(const operation &one, disk_tree *tree) {
 
 void disk_record::apply_torn(const operation &one, disk_tree *tree, std::mt19937_64 *random) {
   if (one.kind != operation::kind_t::bytes) {
-    apply(one, tree);
+    apply(one, false, tree);
     return;
   }
   const uint64_t end = one.at + one.bytes.size();
@@ -398,7 +398,7 @@ void disk_record::apply_torn(const operation &one, disk_tree *tree, std::mt19937
     if (((*random)() & 1) != 0) {
       piece.at = at;
       piece.bytes = one.bytes.substr(at - one.at, next - at);
-      apply(piece, tree);
+      apply(piece, false, tree);
     }
     at = next;
   }
@@ -410,15 +410,16 @@ disk_tree disk_record::after_power_loss(size_t calls, survival how, std::mt19937
   for (size_t at = 0; at < end; ++at) {
     const operation &one = operations_[at];
     const bool names = one.kind == operation::kind_t::entries;
-    if (one.synced_at <= calls || how == survival::everything ||
-        (how == survival::names && names) || (how == survival::contents && !names)) {
-      apply(one, &tree);
+    const bool on_disk = one.synced_at <= calls;
+    if (on_disk || how == survival::everything || (how == survival::names && names) ||
+        (how == survival::contents && !names)) {
+      apply(one, on_disk, &tree);
     } else if (how == survival::some) {
       switch ((*random)() % 3) {
       case 0:
         break;
       case 1:
-        apply(one, &tree);
+        apply(one, false, &tree);
         break;
       default:
         apply_torn(one, &tree, random);

@@ -93,7 +93,7 @@ private:
   void take_move(const file_call &call);
   void take_remove(const file_call &call, bool folder);
   void synced(int node, bool contents_only);
-  static bool apply(const operation &one, disk_tree *tree);
+  static bool apply(const operation &one, bool on_disk, disk_tree *tree);
   static void apply_torn(const operation &one, disk_tree *tree, std::mt19937_64 *random);
   void add(operation one);
 

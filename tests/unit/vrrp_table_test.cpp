@@ -272,6 +272,14 @@ TEST_F(vrrp_table_test, absent_is_the_end_but_not_for_a_value) {
   }
 }
 
+// Only the values of groups and addresses must hold their key fields.
+TEST_F(vrrp_table_test, short_values_of_another_key_type) {
+  platform.set_store(k_store, {{bytes("04 00 00 00"), "a"}, {bytes("04 00 00 01"), ""}});
+  EXPECT_EQ("a" + std::string(399, '\0'), get(k_both[0], 4, 200));
+  EXPECT_EQ(0, result);
+  EXPECT_EQ(2, count);
+}
+
 TEST_F(vrrp_table_test, a_cursor_that_stands_still_ends_the_walk) {
   const records_t records = {{bytes("01 02"), std::string(9, 'a')}};
   for (const char *key : {"01 02", "01 01", "01", "00"}) { // the same key again, or one before

@@ -111,9 +111,15 @@ TEST_F(refusals, members_of_switch_json) {
   write("sw/current/switch.json", "[]");
   fs::create_directory(path("sw/previous"));
   write("sw/previous/switch.json", whole.dump());
-  expect_refused({"store", "list", "sw"},
-                 "'sw': switch.json is no JSON object; mend sw/current/switch.json; "
-                 "sw/previous/switch.json has its members as they were before the last conversion");
+  const std::string remedy =
+      "mend sw/current/switch.json; "
+      "sw/previous/switch.json has its members as they were before the last conversion";
+  for (const words &verb : std::vector<words>{
+           {"store", "list", "sw"}, {"rehearse", "sw", "--to", "4.2(3)"}, {"matrix", "sw"}}) {
+    expect_refused(verb, "'sw': switch.json is no JSON object; " + remedy);
+  }
+  fs::remove(path("sw/current/switch.json"));
+  expect_refused({"store", "list", "sw"}, "'sw': current/switch.json is missing; " + remedy);
 }
 
 // ---- Where a switch is to be -------------------------------------------------------------------
@@ -186,6 +192,9 @@ TEST_F(refusals_to_others, a_folder_that_is_closed) {
   fs::create_directory(path("mine/empty"));
   fs::permissions(path("mine/empty"), fs::perms::none);
   fs::permissions(path("mine/sw"), fs::perms::owner_read);
+  expect_refused({"store", "list", "mine/sw"},
+                 "'mine/sw': cannot open the switch's directory: Permission denied; run as the "
+                 "user that it belongs to");
   fs::permissions(path("mine"), fs::perms::owner_read | fs::perms::owner_exec |
                                     fs::perms::others_read | fs::perms::others_exec |
                                     fs::perms::group_read | fs::perms::group_exec);

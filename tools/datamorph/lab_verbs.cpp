@@ -390,7 +390,7 @@ int lab_create(const common_options &common, const std::string &dir, const std::
   } catch (const failure &error) {
     const bool full = error.status() == exit_failed && is_full(shop.folder());
     throw full
-        ? failure(error.status(), in_quotes(dir) + ": " + error.what(),
+        ? failure(error.status(), in_quotes(dir) + ": " + error.message(),
                   "its file system is full: make room there")
         : failure(error.status(), in_quotes(dir) + ": " + error.message(), error.next_action());
   }

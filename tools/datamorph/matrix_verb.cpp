@@ -108,7 +108,7 @@ std::vector<std::string> chosen(const std::vector<std::string> &wanted,
 int show_matrix(const common_options &common, const matrix_options &options) {
   const switch_dir owner(options.work.dir, switch_dir::access::look);
   if (!owner.state_trouble().empty()) {
-    throw failure(exit_refused, owner.state_trouble());
+    throw failure(exit_refused, owner.state_trouble(), owner.state_remedy());
   }
   owner.tell_unfinished();
   const scratch_folder scratch(options.work.dir);

@@ -17,12 +17,12 @@
 namespace {
 
 const char *advice(bool no_room) {
-  return no_room ? "; make room there" : "";
+  return no_room ? "make room there" : "";
 }
 
 [[noreturn]] void failed(const std::string &what, int error) {
-  throw failure(exit_failed, "cannot make " + what + ": " + error_text(error) +
-                                 advice(error == ENOSPC || error == EDQUOT));
+  throw failure(exit_failed, "cannot make " + what + ": " + error_text(error),
+                advice(error == ENOSPC || error == EDQUOT));
 }
 
 void make_folders(const std::string &path) {
@@ -57,8 +57,9 @@ void write_file(const std::string &path, const std::string &content, mode_t mode
 
 void check(syserr_t status, const std::string &uri) {
   if (status != SYSERR_SUCCESS) {
-    throw failure(exit_failed, "cannot make the store " + in_quotes(uri) + ": " +
-                                   status_text(status) + advice(status == SYSERR_PSS_NO_ROOM));
+    throw failure(exit_failed,
+                  "cannot make the store " + in_quotes(uri) + ": " + status_text(status),
+                  advice(status == SYSERR_PSS_NO_ROOM));
   }
 }
 

@@ -622,7 +622,7 @@ int rehearse_run::complain_of_others() const {
 
 int rehearse_run::run() {
   if (!switch_.state_trouble().empty()) {
-    throw failure(exit_refused, switch_.state_trouble());
+    throw failure(exit_refused, switch_.state_trouble(), switch_.state_remedy());
   }
   switch_.tell_unfinished();
   before_ = scratch_.copy(switch_.current(), "before");

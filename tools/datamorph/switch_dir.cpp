@@ -38,6 +38,7 @@ constexpr char copy_name[] = ".copy";
 constexpr char probe_a[] = ".probe-a";
 constexpr char probe_b[] = ".probe-b";
 constexpr char runs_advice[] = "make room, or move what stands there out of the way";
+constexpr char k_as_owner[] = "run as the user that it belongs to";
 constexpr size_t largest_switch_file = 1 << 20;
 
 // A command that was killed leaves its lock when the last process of it is gone, and a reading
@@ -159,8 +160,9 @@ void switch_dir::open_folder() {
   // is free when the last of them is gone.
   folder_.reset(open(path_.c_str(), O_RDONLY | O_DIRECTORY));
   if (!folder_.is_open()) {
-    throw failure(exit_refused, "cannot open the switch's directory: " + error_text(errno),
-                  "build a switch with 'datamorph lab create DIR'");
+    const int error = errno;
+    throw failure(exit_refused, "cannot open the switch's directory: " + error_text(error),
+                  error == EACCES ? k_as_owner : "build a switch with 'datamorph lab create DIR'");
   }
   struct stat about = {};
   const std::string file = std::string(current_name) + "/" + switch_file;
@@ -168,8 +170,13 @@ void switch_dir::open_folder() {
     return;
   }
   if (errno == EACCES) {
-    throw failure(exit_refused, "no right to read the switch",
-                  "run as the user that it belongs to");
+    throw failure(exit_refused, "no right to read the switch", k_as_owner);
+  }
+  if (errno != ENOENT && errno != ENOTDIR) {
+    throw failure(exit_refused, "cannot look for " + file + ": " + error_text(errno));
+  }
+  if (tree::exists(folder_.get(), std::string(previous_name) + "/" + switch_file)) {
+    throw failure(exit_refused, file + " is missing", state_remedy());
   }
   throw failure(exit_refused, "not a lab switch (no " + file + ")",
                 "build one with 'datamorph lab create DIR'");

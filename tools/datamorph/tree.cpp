@@ -346,7 +346,8 @@ void copy(int folder, const std::string &from, const std::string &to, const std:
                       std::to_string(copy_wants(folder, from) >> 10) + " KiB are wanted",
                   advice);
   }
-  throw failure(exit_failed,
+  const bool no_right = errors.find(error_text(EACCES)) != std::string::npos;
+  throw failure(no_right ? exit_refused : exit_failed,
                 "cannot copy the switch's state: " +
                     (first.empty() ? "cp ended with " + std::to_string(status) : first));
 }

@@ -147,9 +147,11 @@ void workshop::open_beside() {
     if (mkdirat(parent_.get(), building_.c_str(), 0755) == 0) {
       return true;
     }
-    if (errno != EEXIST) {
-      throw failure(exit_refused, in_quotes(dir_) + ": cannot write beside it: " +
-                                      error_text(errno) + "; run as a user who may");
+    const int error = errno;
+    if (error != EEXIST) {
+      throw failure(exit_refused,
+                    in_quotes(dir_) + ": cannot write beside it: " + error_text(error),
+                    error == EACCES ? "run as a user who may" : "name another place");
     }
     return false;
   };

@@ -125,6 +125,9 @@ parts parts_of_text(const std::string &text) {
       continue;
     }
     line = std::regex_replace(settled_text(line), blanks, " ");
+    if (line.ends_with(",")) {
+      line.pop_back(); // a document that ends there has none
+    }
     const bool is_trouble = troubles_in(line) > 0;
     found.push_back({line, is_trouble});
     for (size_t at = head; is_trouble && at < std::min(head + 2, found.size()); ++at) {
@@ -144,11 +147,14 @@ std::string made_up(const std::string &text, const std::string &whole) {
   auto from = known.begin();
   std::string found;
   for (const part &one : parts_of(text)) {
+    if (one.is_trouble) {
+      continue; // its headings may be those of what comes later in the whole
+    }
     const auto same =
         std::find_if(from, known.end(), [&](const part &other) { return other.text == one.text; });
     if (same != known.end()) {
       from = std::next(same);
-    } else if (!one.is_trouble) {
+    } else {
       found += one.text + "\n";
     }
   }
@@ -209,8 +215,10 @@ void failing_look::fail_at(const look &what, const failing &how, size_t at, bool
       troubles_in(ended.out) == troubles_in(undisturbed_.out)) {
     EXPECT_EQ(settled_text(ended.out), settled_text(undisturbed_.out)) << where;
   }
-  // What is left out of one side is a difference.
-  if (!may_leave_out || what.status != 2) {
+  // What is left out of one side is a difference, and of the stores a file like others.
+  // What lies below a folder that cannot be read, which is told, is there on the other side only.
+  const bool closed_folder = ended.out.find("the folder cannot be read") != std::string::npos;
+  if (!may_leave_out && !closed_folder) {
     EXPECT_EQ(made_up(ended.out, undisturbed_.out), "") << where << ended.out;
   }
   EXPECT_EQ(disk().digest("sw"), before_.digest("sw")) << where;

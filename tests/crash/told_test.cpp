@@ -124,6 +124,8 @@ const row rehearsals[] = {
      "datamorph: 'disk/sw': cannot make a folder for the copy in "},
     {"file", call_kind::open, "scratch/*", 1, EIO, 1, left::before,
      "datamorph: 'disk/sw': cannot copy the switch's state: cp: cannot create regular file "},
+    {"file_without_right", call_kind::open, "scratch/*", 1, EACCES, 3, left::before,
+     "datamorph: 'disk/sw': cannot copy the switch's state: cp: cannot create regular file "},
     {"file_without_room", call_kind::open, "scratch/*", 1, ENOSPC, 3, left::before,
      "datamorph: 'disk/sw': the disk became full while its state was copied: "},
     {"page", call_kind::write, "page.html*", 1, EIO, 1, left::before,

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -20,6 +21,8 @@ sqlite3_io_methods methods;
 bool next_read_fails = false; // once
 long writes_left = -1;        // before one that fails, once; below 0: none does
 long reads_left = -1;         // the same
+int failed_read =
+    SQLITE_IOERR_READ; // what is said of it; the engine's own files say the other of EIO
 
 struct wrapped_file {
   sqlite3_file base;
@@ -60,10 +63,10 @@ void wrap_files() {
   methods.xRead = [](sqlite3_file *file, void *bytes, int size, sqlite3_int64 at) {
     if (next_read_fails && reinterpret_cast<wrapped_file *>(file)->of_store) {
       next_read_fails = false;
-      return SQLITE_IOERR_READ;
+      return failed_read;
     }
     if (reinterpret_cast<wrapped_file *>(file)->of_store && reads_left >= 0 && reads_left-- == 0) {
-      return SQLITE_IOERR_READ;
+      return failed_read;
     }
     return real_of(file)->pMethods->xRead(real_of(file), bytes, size, at);
   };
@@ -80,7 +83,13 @@ void wrap_files() {
   FORWARD(xLock, (sqlite3_file * file, int lock), real_of(file), lock);
   FORWARD(xUnlock, (sqlite3_file * file, int lock), real_of(file), lock);
   FORWARD(xCheckReservedLock, (sqlite3_file * file, int *out), real_of(file), out);
-  FORWARD(xFileControl, (sqlite3_file * file, int what, void *out), real_of(file), what, out);
+  methods.xFileControl = [](sqlite3_file *file, int what, void *out) {
+    if (what == SQLITE_FCNTL_LAST_ERRNO && failed_read == SQLITE_IOERR_CORRUPTFS) {
+      *static_cast<int *>(out) = EIO;
+      return SQLITE_OK;
+    }
+    return real_of(file)->pMethods->xFileControl(real_of(file), what, out);
+  };
   FORWARD(xSectorSize, (sqlite3_file * file), real_of(file));
   FORWARD(xDeviceCharacteristics, (sqlite3_file * file), real_of(file));
   ASSERT_EQ(sqlite3_vfs_register(&wrapping, 1), SQLITE_OK);
@@ -324,13 +333,20 @@ protected:
 };
 
 TEST_F(whatever_fails, of_its_reads_a_call_tells_and_changes_nothing) {
-  expect_told([](long at) { reads_left = at; },
-              [] {
-                const bool failed = reads_left < 0;
-                reads_left = -1;
-                return failed;
-              },
-              0x4048000BU, 40, 1);
+  for (const int result : {SQLITE_IOERR_READ, SQLITE_IOERR_CORRUPTFS}) {
+    expect_told(
+        [result](long at) {
+          reads_left = at;
+          failed_read = result;
+        },
+        [] {
+          const bool failed = reads_left < 0;
+          reads_left = -1;
+          failed_read = SQLITE_IOERR_READ;
+          return failed;
+        },
+        0x4048000BU, 40, 1);
+  }
 }
 
 TEST_F(whatever_fails, of_the_engines_memory_a_call_tells_and_changes_nothing) {

@@ -198,7 +198,8 @@ void tell_file(const teller &tell, const std::string &path) {
     tell_regular_file(tell, path, {{"mode", mode}}, about.st_size);
     return;
   }
-  nlohmann::json facts = {{"type", "special file"}, {"mode", mode}};
+  const char *const type = S_ISDIR(about.st_mode) ? "folder" : "special file";
+  nlohmann::json facts = {{"type", type}, {"mode", mode}};
   if (S_ISLNK(about.st_mode)) {
     std::error_code error;
     facts = {{"type", "link"},

@@ -187,6 +187,18 @@ bool is_open_here(const file_id &id) {
 
 // ---- Statements --------------------------------------------------------------------------------
 
+namespace {
+
+// The engine takes a page that the disk does not give for a damaged one; its file knows the error
+// of the last call that failed. Nobody is to remove a store for that.
+bool page_was_unreadable(sqlite3 *db) {
+  int error = 0;
+  sqlite3_file_control(db, nullptr, SQLITE_FCNTL_LAST_ERRNO, &error);
+  return error == EIO || error == ENXIO || error == ERANGE;
+}
+
+} // namespace
+
 syserr_t status_of(sqlite3 *db) {
   const int code = sqlite3_extended_errcode(db);
   if (code == SQLITE_READONLY_DBMOVED) {
@@ -209,8 +221,9 @@ syserr_t status_of(sqlite3 *db) {
   case SQLITE_AUTH:
   case SQLITE_READONLY:
     return SYSERR_PSS_NO_ACCESS;
-  case SQLITE_ERROR:
   case SQLITE_CORRUPT:
+    return page_was_unreadable(db) ? SYSERR_PSS_IO : SYSERR_PSS_DAMAGED;
+  case SQLITE_ERROR:
   case SQLITE_NOTADB:
     return SYSERR_PSS_DAMAGED;
   case SQLITE_CANTOPEN:

@@ -35,7 +35,7 @@ constexpr uint32 k_request_size = 40;
 constexpr uint32 k_this_supervisor = 0xFE000000;
 constexpr uint32 k_wake = 0;         // an opcode that nobody answers
 constexpr int k_quiet_looks = 20;    // a millisecond apart
-constexpr time_t k_longest_rest = 1; // seconds of the processor
+constexpr double k_longest_rest = 1; // seconds of the processor
 
 struct tag_request {
   uint32 uuid = 0;
@@ -108,10 +108,10 @@ bool serve_one(const desk &at, const mts_recv_options_t &options) {
 }
 
 // By this thread.
-time_t seconds_run() {
+double seconds_run() {
   timespec run = {};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &run);
-  return run.tv_sec;
+  return static_cast<double>(run.tv_sec) + 1e-9 * static_cast<double>(run.tv_nsec);
 }
 
 // What was sent before the end may still be on its way through the message threads: it is waited
@@ -119,8 +119,8 @@ time_t seconds_run() {
 // Of those who never end, so much is served that a busy machine leaves nothing out that was sent.
 void serve_the_rest(const desk &at) {
   const mts_recv_options_t at_once = {1, 1, 0, 0, 0, 0, 0};
-  const time_t end = seconds_run() + k_longest_rest;
-  for (int looks = 0; looks < k_quiet_looks && seconds_run() <= end; ++looks) {
+  const double end = seconds_run() + k_longest_rest;
+  for (int looks = 0; looks < k_quiet_looks && seconds_run() < end; ++looks) {
     if (serve_one(at, at_once)) {
       looks = 0;
     } else {
